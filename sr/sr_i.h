@@ -1,0 +1,359 @@
+/*
+ * sr_i.h - the registry library's internal records and routines.
+ *
+ * One header for every internal record (tree, lock, mount point, table, row
+ * index, change entries, record buffer pool, hashed key index, application
+ * metadata) so that every source file sees one definition of each.  Field
+ * names and order follow the records as the file format, the dumps and the
+ * rest of the library expect them.
+ *
+ * Nothing here is exported from libqx_sr.so; the unit tests reach it through
+ * the static archive.
+ */
+#ifndef SR_I_H
+#define SR_I_H
+
+#include <pthread.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/uio.h>
+
+#include "qx_cu.h"
+#include "qx_pmsg.h"
+#include "qx_sr.h"
+#include "qx_tr.h"
+
+/* ===========================================================================
+ * Foundation: error reporting, tracing, the reader/writer lock, trees.
+ */
+
+/* Where a failure was detected: one per source file. */
+struct sr_i_source_t {
+    const char *file;    /* path below the source root without extension, e.g. "sr/sr_i_paths" */
+    const char *version; /* the file's version identification string */
+};
+
+/* Declares a source file's identification; every sr/ file opens with it. */
+#define SR_SOURCE_FILE(path, version) \
+    [[maybe_unused]] static constexpr sr_i_source_t sr_i_this_source{path, version}
+
+/*
+ * The one error-reporting helper.  Records `code` for the calling thread with
+ * its message and substitution values, then writes the error trace record
+ * when error tracing is on, and returns `code` so callers can `return` it.
+ *   10: p_text = the system call's name, value = errno
+ *   11: p_text = the library function's name, value = what it returned
+ *   12, 15: neither (the function, line, file and version are added here)
+ *   102: p_text = the offending path (NULL gives "<NULL POINTER>")
+ *   109: p_text = the offending text
+ *   any other code: neither.
+ */
+qx_int32_t sr_i_set_error(const sr_i_source_t &source, const char *p_function, int line,
+                          qx_int32_t code, const char *p_text = nullptr, int value = 0);
+
+/* The message number of a result code (its position in the message table),
+ * or 0 for a value that is not a result code. */
+qx_uint32_t sr_i_message_index(qx_int32_t code);
+
+#define SR_ERROR(code) sr_i_set_error(sr_i_this_source, __func__, __LINE__, (code))
+#define SR_ERROR_SYSCALL(name, err) \
+    sr_i_set_error(sr_i_this_source, __func__, __LINE__, 10, (name), (err))
+#define SR_ERROR_LIBCALL(name, rc) \
+    sr_i_set_error(sr_i_this_source, __func__, __LINE__, 11, (name), (int)(rc))
+#define SR_ERROR_TEXT(code, text) \
+    sr_i_set_error(sr_i_this_source, __func__, __LINE__, (code), (text))
+
+/* Writes "function(%s) errno(%d) line(%d) sccsid(%s)\n" into
+ * "reginfo_pid.<pid>" in the working directory, replacing any earlier capture
+ * of this process.  Used when a sync fails. */
+void sr_i_capture_errno(const char *p_function_name, int the_errno, int line_number,
+                        const char *p_sccsid);
+
+/* Trace state of the component "_SRA". */
+#define SR_TRACE_COMPONENT "_SRA"
+#define SR_TRACE_API 0
+#define SR_TRACE_ERRORS 1
+#define SR_TRACE_WHEREVER 2
+extern qx_uint8_t Sr_Trace_Level_Of_Detail[3];
+extern qx_uint32_t Sr_Library_Registered_For_Trace;
+extern const tr_category_description_t Sr_Trace_Categories[3];
+
+/* Development records: unconditional, "DV|" + tag + "|%.3d" + the fields. */
+#define SR_DV_TRACE(fmt, ...) \
+    tr_record_fmt_string_1(SR_TRACE_COMPONENT, TR_CATEGORY_ALWAYS, fmt, __VA_ARGS__)
+
+/* The reader/writer lock of every tree and table. */
+typedef struct sr_i_read_write_lock_struct_t {
+    pthread_mutex_t lock;
+    pthread_cond_t read_condition;
+    pthread_cond_t write_condition;
+    qx_int32_t lock_count;      /* readers holding it; -1 for a writer; 0 free */
+    qx_int32_t waiting_readers;
+    qx_int32_t waiting_writers; /* writers that have come (never decremented on success) */
+} sr_i_read_write_lock_t;
+
+void sr_i_rw_open(sr_i_read_write_lock_t *p_rwlock);
+void sr_i_rw_close(sr_i_read_write_lock_t *p_rwlock);
+qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock);
+qx_int32_t sr_i_rw_unlock_read(sr_i_read_write_lock_t *p_rwlock);
+qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock);
+qx_int32_t sr_i_rw_unlock_write(sr_i_read_write_lock_t *p_rwlock);
+
+/* One open tree; the tree handle points to it. */
+typedef struct sr_i_tree_struct {
+    void *p_tables;         /* ordered set of named tables (sr_i_table_compare) */
+    void *p_unnamed_tables; /* ordered set of unnamed tables, by address */
+    void *p_mount_points;   /* ordered set of sr_i_mount_point_t by p_name */
+    cu_iconv_t *p_to_table_string_conversion_handle;
+    cu_iconv_t *p_from_table_string_conversion_handle;
+    sr_i_read_write_lock_t lock;
+    qx_char_ptr_t *p_list; /* work area of sr_list_tables_1 */
+    qx_char_ptr_t p_list_prefix;
+    qx_uint32_t total_list_entries;
+    qx_uint32_t max_list_entries;
+    qx_int32_t list_rc;
+} sr_i_tree_t;
+
+/* One mount point of a tree. */
+typedef struct sr_i_mount_point_struct_t {
+    qx_char_ptr_t p_name;            /* registry path with "/" appended */
+    qx_char_ptr_t p_filesystem_path; /* the directory, as passed */
+    qx_uint32_t block_size;          /* always 512 */
+} sr_i_mount_point_t;
+
+/* Process-wide state. */
+extern pthread_mutex_t ForkMutex;
+extern pthread_mutex_t Registry_Trees_Mutex;
+extern void *P_Registry_Trees;
+
+/* Ordered-set comparators (tsearch family: key first, stored record second). */
+int sr_i_table_compare(const void *p_key, const void *p_stored);
+int sr_i_string_to_table_compare(const void *p_key, const void *p_stored);
+int sr_i_mount_point_compare(const void *p_key, const void *p_stored);
+int sr_i_string_to_mount_point_compare(const void *p_key, const void *p_stored);
+int sr_i_string_to_mount_point_delete_compare(const void *p_key, const void *p_stored);
+int sr_i_pointer_compare(const void *p_key, const void *p_stored);
+
+qx_int32_t sr_i_get_string_conversion_handles(cu_iconv_t **p_to_table_string_conversion_handle,
+                                              cu_iconv_t **p_from_table_string_conversion_handle);
+qx_int32_t sr_i_close_tree(sr_i_tree_t *p_tree);
+
+/* ===========================================================================
+ * Table engine records.
+ */
+
+/* Record header of the pool and of the table file: 12 bytes, host order. */
+#define SR_I_RECORD_HEADER_LENGTH 12
+#define SR_I_RECORD_TYPE_FREE 0
+#define SR_I_RECORD_TYPE_METADATA 1
+#define SR_I_RECORD_TYPE_ROW 2
+
+typedef struct sr_i_record_buffer_struct_t sr_i_record_buffer_t;
+
+typedef struct sr_i_record_buffer_pool_struct_t {
+    qx_uint32_t total_bytes; /* all buffers, buffer headers included */
+    qx_uint32_t used_bytes;  /* total_bytes minus the data bytes of free records */
+    char *p_free_chain;      /* first free record (header address), address order */
+    sr_i_record_buffer_t *p_first_record_buffer;
+    sr_i_record_buffer_t *p_last_record_buffer;
+} sr_i_record_buffer_pool_t;
+
+typedef struct sr_i_record_buffer_pool_duplication_map_struct_t {
+    qx_uint32_t total; /* number of source buffers */
+    char **p_begin;    /* first data byte of each source buffer */
+    char **p_end;      /* end of each source buffer */
+    qx_int64_t *p_offset; /* distance from a source address to its copy */
+} sr_i_record_buffer_pool_duplication_map_t;
+
+typedef struct sr_hash_table_element_struct_t {
+    qx_uint32_t row_index; /* the row's fixed index */
+    char *p_key_value;     /* the key inside the row record */
+    struct sr_hash_table_element_struct_t *p_next;
+} sr_hash_table_element_t;
+
+typedef struct sr_hash_table_struct_t {
+    qx_uint32_t total_hash_buckets;
+    sr_hash_function_t *p_hash_function;
+    sr_hash_keys_compare_function_t *p_compare_function;
+    sr_hash_table_element_t **p_elements;
+} sr_hash_table_t;
+
+typedef struct sr_i_application_metadata_index_element_struct_t {
+    qx_uint32_t type;
+    qx_binary_t *p_applied;   /* current version; NULL when deleted pending commit */
+    qx_binary_t *p_committed; /* last committed version; NULL when added since */
+} sr_i_application_metadata_index_element_t;
+
+typedef struct sr_i_application_metadata_struct_t {
+    qx_uint32_t max_elements;
+    qx_uint32_t total_elements;
+    sr_i_application_metadata_index_element_t *p_index; /* sorted by type */
+} sr_i_application_metadata_t;
+
+struct sr_i_change_entry_struct_t;
+
+/* One fixed-index slot. */
+typedef struct sr_i_index_entry_struct_t {
+    char *p_applied;   /* working version's record data, NULL when deleted or free */
+    char *p_committed; /* committed record data, NULL when added since */
+    qx_uint32_t file_offset;
+    qx_uint32_t applied_file_offset;
+    void *p_pending_change; /* sr_i_change_entry_t, or the free-chain link */
+    qx_uint32_t hash_index;
+    sr_hash_table_element_t *p_hash_table_element;
+    qx_uint32_t packed_index;
+} sr_i_index_entry_t;
+
+typedef struct sr_i_change_entry_struct_t {
+    qx_uint32_t deletion; /* 1 deletion, 0 addition or update */
+    sr_i_index_entry_t *p_index_entry;
+    struct sr_i_change_entry_struct_t *p_next;
+    struct sr_i_change_entry_struct_t *p_prev;
+} sr_i_change_entry_t;
+
+/* Gather writes of apply: at most this many records per writev. */
+#define SR_I_IO_VECTOR_SIZE 16
+
+/* One open table, shared by every open of it through one tree. */
+typedef struct sr_i_table_struct {
+    qx_char_ptr_t p_name;
+    qx_uint32_t references;
+    char *p_metadata_record_data;
+    sr_column_t *p_columns;
+    qx_uint32_t total_columns;
+    qx_uint32_t total_variable_length_columns;
+    qx_uint32_t maximum_rows;
+    qx_uint32_t total_applied_rows;
+    qx_uint32_t total_committed_rows;
+    sr_i_index_entry_t *p_rows_fixed_index;
+    qx_uint32_t *p_rows_packed_index;
+    sr_i_change_entry_t *p_rows_change_list;
+    sr_i_change_entry_t *p_rows_change_list_tail;
+    sr_i_change_entry_t *p_delete_rows_change_list;
+    sr_i_change_entry_t *p_delete_rows_change_list_tail;
+    qx_uint32_t implicitly_controlled;
+    qx_uint32_t uncommitted_updates_visible;
+    qx_uint64_t change_counter;
+    qx_uint64_t applied_change_counter;
+    sr_i_tree_t *p_tree;
+    struct sr_i_table_struct *p_next;
+    qx_uint32_t mode;
+    qx_uint32_t block_size;
+    qx_uint32_t ready_for_commit; /* 0 nothing, 1 appended, 2 rewrite file written */
+    qx_uint32_t applied_deletions;
+    qx_int32_t file_fd;
+    qx_int32_t rewrite_file_fd;
+    char *p_file_path; /* file name followed by ".rewrite" in one buffer */
+    qx_uint32_t file_path_length;
+    qx_uint32_t commit_record_offset;
+    qx_uint32_t applied_commit_record_offset;
+    qx_uint32_t commit_record_length;
+    qx_uint32_t applied_commit_record_length;
+    qx_uint32_t file_length;
+    qx_uint32_t rewrite_file_length;
+    qx_char_ptr_t p_persistent_table_registry_path;
+    sr_hash_table_t *p_rows_hash_table;
+    sr_i_index_entry_t *p_rows_free_chain;
+    sr_i_application_metadata_t *p_application_metadata;
+    qx_array_t *p_packed_rows_array;
+    sr_i_read_write_lock_t lock;
+    sr_i_record_buffer_pool_t record_buffer_pool;
+    struct iovec io_vector[SR_I_IO_VECTOR_SIZE];
+} sr_i_table_t;
+
+/* ===========================================================================
+ * The call frame of the exported operations.
+ */
+
+/* Which lock an exported operation takes around its work. */
+enum class sr_i_lock_kind { none, table_read, table_write, tree_read, tree_write };
+
+struct sr_i_frame_t {
+    const char *p_function;  /* the exported operation, for error reports */
+    qx_uint32_t entry_id;    /* odd; the exit id is entry_id + 1 */
+    bool api_mutex;          /* state-changing: hold ForkMutex */
+    sr_i_lock_kind lock;     /* lock taken on the handle's object */
+    bool write_mode;         /* refuse a table without mode & 2 (206) */
+    bool implicit;           /* apply and commit an implicitly controlled table */
+};
+
+/* Applies and commits an implicitly controlled table after an update, or
+ * aborts it when apply fails; returns apply's or commit's result.  Provided
+ * by the transaction layer. */
+qx_int32_t sr_i_implicit_apply_commit(sr_i_table_t *p_table);
+
+/* Frame pieces used by sr_i_api_call below. */
+void sr_i_trace_entry(qx_uint32_t entry_id);
+qx_int32_t sr_i_trace_exit(qx_uint32_t entry_id, qx_int32_t result);
+void sr_i_fork_mutex_lock();
+void sr_i_fork_mutex_unlock();
+
+/*
+ * The frame every exported operation runs in: trace entry, ForkMutex for
+ * state-changing operations, the handle check (100), the tree's or table's
+ * lock, the write-mode check (206), the work, the implicit apply/commit/abort,
+ * release in reverse order, error clearing on success, trace exit.
+ *
+ * `Object` is sr_i_table_t or sr_i_tree_t; `work` is called with the object
+ * and returns a result code.  `source` is the calling sr_x_ file's
+ * sr_i_this_source, so that 100 and 206 are reported against it.  Pointer arguments are checked by the caller
+ * inside `work` (they come after the handle check, as 101).
+ */
+template <typename Object, typename Work>
+qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame, void *handle,
+                         Work &&work) {
+    sr_i_trace_entry(frame.entry_id);
+    if (frame.api_mutex) sr_i_fork_mutex_lock();
+    qx_int32_t rc = 0;
+    Object *p_object = static_cast<Object *>(handle);
+    if (p_object == nullptr) {
+        rc = sr_i_set_error(source, frame.p_function, __LINE__, 100);
+    } else {
+        sr_i_read_write_lock_t *p_lock = &p_object->lock;
+        bool write_lock = frame.lock == sr_i_lock_kind::table_write ||
+                          frame.lock == sr_i_lock_kind::tree_write;
+        bool locked = false;
+        if (frame.lock != sr_i_lock_kind::none) {
+            rc = write_lock ? sr_i_rw_lock_write(p_lock) : sr_i_rw_lock_read(p_lock);
+            locked = rc == 0;
+        }
+        if (rc == 0) {
+            if constexpr (requires { p_object->mode; }) {
+                if (frame.write_mode && (p_object->mode & SR_MODE_WRITE) == 0) {
+                    rc = sr_i_set_error(source, frame.p_function, __LINE__, 206);
+                }
+            }
+            if (rc == 0) rc = work(p_object);
+            if constexpr (requires { p_object->implicitly_controlled; }) {
+                if (rc == 0 && frame.implicit && p_object->implicitly_controlled) {
+                    rc = sr_i_implicit_apply_commit(p_object);
+                }
+            }
+        }
+        if (locked) {
+            qx_int32_t unlock_rc =
+                write_lock ? sr_i_rw_unlock_write(p_lock) : sr_i_rw_unlock_read(p_lock);
+            if (rc == 0) rc = unlock_rc;
+        }
+    }
+    if (frame.api_mutex) sr_i_fork_mutex_unlock();
+    if (rc == 0) cu_set_no_error_1();
+    return sr_i_trace_exit(frame.entry_id, rc);
+}
+
+/* ===========================================================================
+ * Engine routines: record buffer pool, hashed key index, table record,
+ * application metadata.  (Declared by their owners below.)
+ */
+
+/* --- record buffer pool (sr_i_record_buffer_pool.cpp) --- */
+
+/* --- hashed key index (sr_i_hash_table.cpp) --- */
+
+/* --- table record (sr_i_table.cpp) --- */
+
+/* --- application metadata (sr_i_application_metadata.cpp) --- */
+
+#endif /* SR_I_H */
