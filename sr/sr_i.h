@@ -140,6 +140,10 @@ qx_int32_t sr_i_get_string_conversion_handles(cu_iconv_t **p_to_table_string_con
                                               cu_iconv_t **p_from_table_string_conversion_handle);
 qx_int32_t sr_i_close_tree(sr_i_tree_t *p_tree);
 
+/* The library's once-only set-up (fork handlers, trace registration); run by
+ * every tree open. */
+void sr_i_library_once();
+
 /* ===========================================================================
  * Table engine records.
  */

@@ -12,10 +12,17 @@ int main() {
         std::printf("%d \"", i);
         for (const char *p = cu_mesgtbl_qx_sr_set[i]; *p != '\0'; ++p) {
             switch (*p) {
-                case '\n': std::fputs("\\n", stdout); break;
-                case '\\': std::fputs("\\\\", stdout); break;
-                case '"': std::fputs("\\\"", stdout); break;
-                default: std::putchar(*p);
+                case '\n':
+                    std::fputs("\\n", stdout);
+                    break;
+                case '\\':
+                    std::fputs("\\\\", stdout);
+                    break;
+                case '"':
+                    std::fputs("\\\"", stdout);
+                    break;
+                default:
+                    std::putchar(*p);
             }
         }
         std::puts("\"");

@@ -1,11 +1,22 @@
 // qxsr: the registry's command-line shell.
+//
+//   qxsr help | version | demo
+//   qxsr [-m REGISTRY_PATH=DIRECTORY]... [COMMAND [ARG...]]
+//   qxsr [-m ...] -f SCRIPT            (one command per line, # comments)
+//   qxsr [-m ...]                      (interactive: commands from standard input)
+//
+// Every command runs against one tree opened at start-up; -m mounts local
+// trees before the first command.  A failing call prints the library's own
+// formatted message.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "qxsr_shell.h"
+
 int main(int argc, char **argv) {
-    if (argc < 2 || std::strcmp(argv[1], "help") == 0) {
-        std::puts("usage: qxsr help | version");
-        return 0;
-    }
-    return 0;
+    return qxsr::run_main(argc, argv);
 }

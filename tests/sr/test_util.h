@@ -1,0 +1,64 @@
+// Helpers shared by the registry's tests.
+#ifndef QX_TESTS_SR_TEST_UTIL_H
+#define QX_TESTS_SR_TEST_UTIL_H
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "qx_cu.h"
+
+namespace qxtest {
+
+// The calling thread's error record as (code, formatted message).
+struct LastError {
+    int code = 0;
+    std::string message;
+};
+
+inline LastError last_error() {
+    LastError result;
+    cu_error_t *p_error = nullptr;
+    char *p_message = nullptr;
+    if (cu_get_error_1(&p_error) == 0 && p_error != nullptr) {
+        result.code = p_error->cu_error_id;
+        if (result.code != 0 && cu_get_errmsg_1(p_error, &p_message) == 0 && p_message) {
+            result.message = p_message;
+        }
+    }
+    cu_rel_errmsg_1(p_message);
+    cu_rel_error_1(p_error);
+    return result;
+}
+
+// A fresh directory under TMPDIR, removed with its contents at scope end.
+class TempDir {
+  public:
+    TempDir() {
+        const char *base = getenv("TMPDIR");
+        std::string templ = std::string(base != nullptr ? base : "/tmp") + "/qxsr-test-XXXXXX";
+        char *made = mkdtemp(templ.data());
+        if (made != nullptr) path_ = made;
+    }
+    ~TempDir() {
+        if (!path_.empty()) {
+            std::string command = "rm -rf '" + path_ + "'";
+            if (system(command.c_str()) != 0) {
+                // Nothing useful to do: the directory is under TMPDIR.
+            }
+        }
+    }
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &path() const { return path_; }
+    std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+}  // namespace qxtest
+
+#endif  // QX_TESTS_SR_TEST_UTIL_H

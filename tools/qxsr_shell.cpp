@@ -1,0 +1,206 @@
+// The shell's driver: option parsing, the tree, the command loop.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "qxsr_shell.h"
+
+namespace qxsr {
+
+namespace {
+
+constexpr int kMaxWords = 256;
+
+using Family = const Command *(*)(int *);
+constexpr Family kFamilies[] = {base_commands};
+
+const Command *find_command(const char *name) {
+    for (Family family : kFamilies) {
+        int count = 0;
+        const Command *commands = family(&count);
+        for (int i = 0; i < count; ++i) {
+            if (std::strcmp(commands[i].name, name) == 0) return &commands[i];
+        }
+    }
+    return nullptr;
+}
+
+int run_help(Shell &shell, int, char **) {
+    std::fputs(
+        "qxsr - the registry's command-line shell\n\n"
+        "usage: qxsr [-m REGISTRY_PATH=DIRECTORY]... [COMMAND [ARG...]]\n"
+        "       qxsr [-m ...] -f SCRIPT      run one command per line\n"
+        "       qxsr [-m ...]                read commands from standard input\n\n"
+        "commands:\n",
+        shell.out);
+    for (Family family : kFamilies) {
+        int count = 0;
+        const Command *commands = family(&count);
+        for (int i = 0; i < count; ++i) {
+            std::fprintf(shell.out, "  %-40s %s\n", commands[i].usage, commands[i].summary);
+        }
+    }
+    return 0;
+}
+
+int run_version(Shell &shell, int, char **) {
+    std::fprintf(shell.out, "qxsr %s\n", QXSR_VERSION);
+    return 0;
+}
+
+int run_lines(Shell &shell, FILE *in) {
+    char line[8192];
+    int failures = 0;
+    if (shell.interactive) std::fputs("qxsr> ", shell.out);
+    while (std::fgets(line, sizeof line, in) != nullptr) {
+        char *words[kMaxWords];
+        int count = split_words(line, words, kMaxWords);
+        if (count < 0) {
+            std::fputs("qxsr: unterminated quote\n", shell.err);
+            ++failures;
+        } else if (count > 0 && words[0][0] != '#') {
+            if (std::strcmp(words[0], "quit") == 0 || std::strcmp(words[0], "exit") == 0) break;
+            if (run_command(shell, count, words) != 0) ++failures;
+        }
+        if (shell.interactive) std::fputs("qxsr> ", shell.out);
+    }
+    return failures == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int report_failure(Shell &shell, const char *what, int rc) {
+    cu_error_t *p_error = nullptr;
+    char *p_message = nullptr;
+    if (cu_get_error_1(&p_error) == 0 && p_error != nullptr && p_error->cu_error_id != 0 &&
+        cu_get_errmsg_1(p_error, &p_message) == 0 && p_message != nullptr) {
+        std::fprintf(shell.err, "qxsr: %s: %s", what, p_message);
+        size_t length = std::strlen(p_message);
+        if (length == 0 || p_message[length - 1] != '\n') std::fputc('\n', shell.err);
+    } else {
+        std::fprintf(shell.err, "qxsr: %s: failed with result %d\n", what, rc);
+    }
+    cu_rel_errmsg_1(p_message);
+    cu_rel_error_1(p_error);
+    return rc;
+}
+
+int split_words(char *line, char **words, int max_words) {
+    int count = 0;
+    char *in = line;
+    while (*in != '\0') {
+        while (*in == ' ' || *in == '\t' || *in == '\n' || *in == '\r') ++in;
+        if (*in == '\0') break;
+        if (count == max_words) return count;
+        char *out = in;
+        words[count++] = out;
+        char quote = 0;
+        while (*in != '\0') {
+            char c = *in;
+            if (quote != 0) {
+                if (c == quote) {
+                    quote = 0;
+                    ++in;
+                    continue;
+                }
+            } else if (c == '"' || c == '\'') {
+                quote = c;
+                ++in;
+                continue;
+            } else if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+                break;
+            }
+            if (c == '\\' && in[1] != '\0' && quote != '\'') {
+                ++in;
+                c = *in == 'n' ? '\n' : (*in == 't' ? '\t' : *in);
+            }
+            *out++ = c;
+            ++in;
+        }
+        if (quote != 0) return -1;
+        if (*in != '\0') ++in;
+        *out = '\0';
+    }
+    return count;
+}
+
+int run_command(Shell &shell, int argc, char **argv) {
+    if (std::strcmp(argv[0], "help") == 0) return run_help(shell, argc, argv);
+    if (std::strcmp(argv[0], "version") == 0) return run_version(shell, argc, argv);
+    const Command *command = find_command(argv[0]);
+    if (command == nullptr) {
+        std::fprintf(shell.err, "qxsr: unknown command '%s' (try 'qxsr help')\n", argv[0]);
+        return 2;
+    }
+    return command->run(shell, argc, argv);
+}
+
+int run_main(int argc, char **argv) {
+    Shell shell;
+    const char *script = nullptr;
+    int first = 1;
+    // Options come first; the rest is one command.
+    struct Mount {
+        char *registry_path;
+        char *directory;
+    } mounts[32];
+    int total_mounts = 0;
+    while (first < argc && argv[first][0] == '-') {
+        if (std::strcmp(argv[first], "-f") == 0 && first + 1 < argc) {
+            script = argv[first + 1];
+            first += 2;
+        } else if (std::strcmp(argv[first], "-m") == 0 && first + 1 < argc && total_mounts < 32) {
+            char *eq = std::strchr(argv[first + 1], '=');
+            if (eq == nullptr) {
+                std::fputs("qxsr: -m wants REGISTRY_PATH=DIRECTORY\n", stderr);
+                return 2;
+            }
+            *eq = '\0';
+            mounts[total_mounts++] = {argv[first + 1], eq + 1};
+            first += 2;
+        } else if (std::strcmp(argv[first], "--help") == 0 || std::strcmp(argv[first], "-h") == 0) {
+            return run_help(shell, 0, nullptr);
+        } else {
+            std::fprintf(stderr, "qxsr: unknown option '%s' (try 'qxsr help')\n", argv[first]);
+            return 2;
+        }
+    }
+    if (first < argc &&
+        (std::strcmp(argv[first], "help") == 0 || std::strcmp(argv[first], "version") == 0)) {
+        return run_command(shell, argc - first, argv + first);
+    }
+    int rc = sr_open_tree_1(&shell.tree, 0, 0);
+    if (rc != 0) return report_failure(shell, "sr_open_tree_1", rc) != 0 ? 1 : 0;
+    int status = 0;
+    for (int i = 0; i < total_mounts && status == 0; ++i) {
+        rc = sr_mount_local_tree_1(shell.tree, mounts[i].registry_path, mounts[i].directory, 1);
+        if (rc != 0) {
+            report_failure(shell, "mount", rc);
+            status = 1;
+        }
+    }
+    if (status == 0) {
+        if (first < argc) {
+            status = run_command(shell, argc - first, argv + first) == 0 ? 0 : 1;
+        } else if (script != nullptr) {
+            FILE *in = std::fopen(script, "r");
+            if (in == nullptr) {
+                std::fprintf(stderr, "qxsr: cannot open %s: %s\n", script, std::strerror(errno));
+                status = 2;
+            } else {
+                status = run_lines(shell, in);
+                std::fclose(in);
+            }
+        } else {
+            shell.interactive = isatty(STDIN_FILENO) != 0;
+            status = run_lines(shell, stdin);
+        }
+    }
+    sr_close_tree_1(shell.tree);
+    return status;
+}
+
+}  // namespace qxsr
