@@ -1,0 +1,124 @@
+// Helpers shared by the trace library's tests: a scratch directory, the
+// environment the library reads at registration, and reading records back.
+#ifndef TESTS_TR_TR_TEST_UTIL_H
+#define TESTS_TR_TR_TEST_UTIL_H
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "qx_tr.h"
+#include "tr_i.h"
+
+namespace tr_test {
+
+inline const tr_category_description_t kCategories[3] = {
+    {0, "API", 0, 0},
+    {1, "Errors", 0, 0},
+    {2, "Wherever", 0, 0},
+};
+
+// Each test starts from a process that has registered nothing, with a
+// private directory and no trace configuration in its environment.
+class TraceFixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        tr_i_reset_for_testing();
+        unsetenv("QX_TRACE_LEVELS");
+        unsetenv("QX_TRACE_FILE");
+        char tmpl[] = "/tmp/qx_tr_test.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        trace_file_ = dir_ + "/trace.log";
+    }
+    void TearDown() override {
+        tr_i_reset_for_testing();
+        unsetenv("QX_TRACE_LEVELS");
+        unsetenv("QX_TRACE_FILE");
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+
+    // Registers `component` with the three usual categories under the given
+    // configuration (nullptr leaves a variable unset).
+    int Register(const char *component, const char *levels, const char *file,
+                 qx_uint8_t *p_levels) {
+        if (levels != nullptr)
+            setenv("QX_TRACE_LEVELS", levels, 1);
+        else
+            unsetenv("QX_TRACE_LEVELS");
+        if (file != nullptr)
+            setenv("QX_TRACE_FILE", file, 1);
+        else
+            unsetenv("QX_TRACE_FILE");
+        return tr_register_component_1(component, p_levels, kCategories, 3);
+    }
+
+    std::string dir_;
+    std::string trace_file_;
+};
+
+inline bool FileExists(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+inline std::string ReadAll(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The file's lines, without their newlines; a final fragment without a
+// newline is returned as a line of its own so that tests can see it.
+inline std::vector<std::string> ReadLines(const std::string &path) {
+    std::string all = ReadAll(path);
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < all.size()) {
+        size_t end = all.find('\n', start);
+        if (end == std::string::npos) {
+            lines.push_back(all.substr(start) + "<no newline>");
+            break;
+        }
+        lines.push_back(all.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// time pid tid component content
+inline const std::regex &RecordPattern() {
+    static const std::regex pattern(
+        R"(^(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.(\d{6})Z (\d+) (\d+) (\S+) (.*)$)");
+    return pattern;
+}
+
+struct Record {
+    std::string time;
+    long pid = 0;
+    long tid = 0;
+    std::string component;
+    std::string content;
+};
+
+inline bool ParseRecord(const std::string &line, Record *p_record) {
+    std::smatch m;
+    if (!std::regex_match(line, m, RecordPattern())) return false;
+    p_record->time = line.substr(0, 27);
+    p_record->pid = std::stol(m[8]);
+    p_record->tid = std::stol(m[9]);
+    p_record->component = m[10];
+    p_record->content = m[11];
+    return true;
+}
+
+}  // namespace tr_test
+
+#endif  // TESTS_TR_TR_TEST_UTIL_H
