@@ -9,6 +9,10 @@
  *
  * (The byte forms of every type are described in pmsg/README.md.)
  *
+ * Every form begins 8-aligned relative to the indirect area and occupies a
+ * multiple of 8 bytes there, so that a client value read in place is aligned
+ * for its type whenever the area itself is 8-aligned.
+ *
  * Compiles as C11 and as C++20.
  */
 #ifndef QX_PMSG_H
@@ -50,18 +54,45 @@ typedef union qx_pmsg_value_union {
 #define QX_PMSG_E_CORRUPT 7   /* malformed protocol bytes */
 #define QX_PMSG_E_TOO_LARGE 8 /* a value whose protocol form exceeds 32-bit sizes */
 
+/* Flags of qx_pmsg_build_conv_packed_client_value_1 (the build of protocol
+ * forms takes 0).
+ *
+ * 0: the library owns pointer values.  A value whose client layout is its
+ *    protocol layout (text that needs no conversion, binary, resource handle,
+ *    SBS, arrays of scalars, structured data of scalars) points straight into
+ *    the protocol bytes when the address is aligned for its type; any other
+ *    value is built once, cached under the slot's address and returned again
+ *    by every read of the unchanged slot.  The caller never frees it; it stays
+ *    valid until the slot's bytes change or the caller releases the slot's
+ *    address range with qx_pmsg_release_client_values_1.
+ * QX_PMSG_CLIENT_MALLOC: the caller owns the value: the top-level object is one
+ *    malloc'd block, released with a single free().  Nested objects that can
+ *    be read in place (see above) still point into the protocol bytes, so the
+ *    value is valid while both the block and the protocol bytes are.
+ * QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP: as MALLOC, but every nested
+ *    object is copied into the block too: the value outlives the protocol
+ *    bytes.  QX_PMSG_CLIENT_DEEP alone is refused with QX_PMSG_E_INVAL.
+ * Scalars are always copied into *p_result; the flags do not apply to them. */
+#define QX_PMSG_CLIENT_MALLOC 0x1u
+#define QX_PMSG_CLIENT_DEEP 0x2u
+
 /* Bytes of indirect data that building `value` of `type` needs (0 for
- * scalars), text converted through p_handle when given. */
-int qx_pmsg_size_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
-                                       qx_data_type_t type, const qx_value_t *p_value,
-                                       qx_uint32_t *p_size);
+ * scalars), text converted through p_handle when given.  The size is exact
+ * when the running offset is a multiple of 8, which it always is when every
+ * value of the area was built by this library starting from offset 0. */
+int qx_pmsg_size_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags, qx_data_type_t type,
+                                       const qx_value_t *p_value, qx_uint32_t *p_size);
 
 /*
  * Builds the protocol form of a caller's value: the 8-byte slot at p_slot and,
  * for pointer types, the value's bytes in p_indirect_area starting at
  * *p_running_offset, which advances past them.  `room` is the size of the
- * indirect area.  Returns QX_PMSG_E_ROOM exactly when room is too small, and
- * then leaves the slot, the area and the running offset unchanged.
+ * indirect area.  The form starts at the running offset rounded up to a
+ * multiple of 8; padding is written as zero bytes.  Returns QX_PMSG_E_ROOM
+ * exactly when room is too small, and then leaves the slot, the area and the
+ * running offset unchanged; on any other failure the slot and the running
+ * offset are unchanged too.  A NULL pointer as a pointer type's value is
+ * refused with QX_PMSG_E_INVAL (callers substitute the empty value).
  */
 int qx_pmsg_build_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
                                         qx_data_type_t type, const qx_value_t *p_value,
@@ -69,9 +100,12 @@ int qx_pmsg_build_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
                                         qx_uint32_t *p_running_offset);
 
 /*
- * Makes a caller's value from a slot.  `limit` is the size of the indirect
- * area, or -1 for no bound.  See pmsg/README.md for who owns the memory that
- * pointer values designate.
+ * Makes a caller's value from a slot, converting text through p_handle (a
+ * from-table handle) when one is given.  `limit` is the size of the indirect
+ * area, or -1 for no bound; otherwise every anchor, nested ones included,
+ * must lie within limit bytes.  Who owns the memory pointer values designate
+ * is chosen by `flags` (above).  Malformed or out-of-bounds bytes give a
+ * non-zero result and leave *p_result unchanged.
  */
 int qx_pmsg_build_conv_packed_client_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
                                              qx_data_type_t type, qx_value_t *p_result,
@@ -82,9 +116,24 @@ int qx_pmsg_build_conv_packed_client_value_1(cu_iconv_t *p_handle, qx_uint32_t f
  * its writer's byte order needs converting here: *p_required 1 or 0. */
 int qx_pmsg_cnv_required_1(const void *p_buffer, qx_uint32_t *p_required);
 
-/* Converts a slot of `type` and everything it anchors to the other byte order,
- * in place. */
+/* Converts a slot of `type` and everything it anchors, written in the other
+ * byte order, to this machine's byte order, in place.  The bytes are checked
+ * before any is changed: on failure nothing is converted. */
 int qx_pmsg_convert_pmsg_value_1(void *p_slot, qx_data_type_t type, void *p_indirect_base);
+
+/* As qx_pmsg_convert_pmsg_value_1, with every anchor bounded by the `limit`
+ * bytes of the indirect area (-1: no bound). */
+int qx_pmsg_convert_pmsg_value_bounded_1(void *p_slot, qx_data_type_t type, void *p_indirect_base,
+                                         qx_int64_t limit);
+
+/*
+ * Releases every library-owned client value built from a slot whose address
+ * lies in [p_begin, p_begin + length): call it before the memory holding those
+ * slots (a row record, a table's records, a buffer) is freed or reused.
+ * (NULL, SIZE_MAX) releases them all.  Values built from the range must not be
+ * in use by any thread.  Always returns 0.
+ */
+int qx_pmsg_release_client_values_1(const void *p_begin, size_t length);
 
 #pragma GCC visibility pop
 
