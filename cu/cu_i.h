@@ -78,6 +78,12 @@ cu_error_arg_type_t arg_type_for(const Spec &spec);
  */
 int format_message(const char *text, const cu_error_arg_t *args, uint32_t count, char **pp_out);
 
+/* The data directory searched for installed catalogues after NLSPATH
+ * ("<dir>/qx/nls/<locale>/<name>", then "<dir>/qx/nls/C/<name>").  It is the
+ * build's install location; tests point it at a scratch tree before any
+ * thread formats a message. */
+extern const char *g_install_datadir;
+
 }  // namespace cu_i
 
 #endif /* CU_I_H */

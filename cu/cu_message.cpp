@@ -26,6 +26,9 @@
 #endif
 
 namespace cu_i {
+
+const char *g_install_datadir = QX_INSTALL_DATADIR;
+
 namespace {
 
 /* Reads up to kMaxFieldWidth in decimal; *p_too_big is set past that. */
@@ -464,14 +467,14 @@ bool find_catalogue_text(const char *name, int set, int number, CatalogueText *p
     const char *locale_name = nl_langinfo(_NL_LOCALE_NAME(LC_MESSAGES));
     if (locale_name != nullptr && *locale_name != '\0' && strcmp(locale_name, "C") != 0 &&
         strcmp(locale_name, "POSIX") != 0 && strchr(locale_name, '/') == nullptr) {
-        int n =
-            snprintf(path, sizeof(path), "%s/qx/nls/%s/%s", QX_INSTALL_DATADIR, locale_name, name);
+        int n = snprintf(path, sizeof(path), "%s/qx/nls/%s/%s", cu_i::g_install_datadir,
+                         locale_name, name);
         if (n > 0 && static_cast<size_t>(n) < sizeof(path) &&
             p_found->try_open(path, set, number)) {
             return true;
         }
     }
-    int n = snprintf(path, sizeof(path), "%s/qx/nls/C/%s", QX_INSTALL_DATADIR, name);
+    int n = snprintf(path, sizeof(path), "%s/qx/nls/C/%s", cu_i::g_install_datadir, name);
     return n > 0 && static_cast<size_t>(n) < sizeof(path) && p_found->try_open(path, set, number);
 }
 
