@@ -354,10 +354,262 @@ qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame,
 
 /* --- record buffer pool (sr_i_record_buffer_pool.cpp) --- */
 
+/*
+ * One heap block of a pool.  The records' bookkeeping counts a buffer header
+ * of 8 bytes (block = capacity + 20 with the first record header), which is
+ * what total_bytes holds; the real header below is larger because 64-bit
+ * addresses do not fit the 32-bit link word of a record header.  So each
+ * buffer keeps its own part of the free chain: a free record's link word holds
+ * the block offset (8 + distance from the buffer's data) of the next free
+ * record in the same buffer, 0 after the last, and the buffer header knows
+ * its first and last free record.  The first buffer of a pool also keeps the
+ * directory of all buffers by address, through which the chain passes from
+ * one buffer to the next in ascending address order and an address finds its
+ * buffer.  Records are walked from sr_i_rb_buffer_data() by length to
+ * sr_i_rb_buffer_end().
+ */
+struct sr_i_record_buffer_struct_t {
+    sr_i_record_buffer_t *p_next; /* next buffer in order of creation */
+    qx_uint32_t total_bytes;      /* block size as counted: 8 + the records */
+    qx_uint32_t first_free;       /* block offset of the first free record, 0 none */
+    qx_uint32_t last_free;        /* block offset of the last free record, 0 none */
+    qx_uint32_t total_directory;  /* first buffer only: entries in p_directory */
+    qx_uint32_t max_directory;    /* first buffer only: room in p_directory */
+    qx_uint32_t reserved;
+    sr_i_record_buffer_t **p_directory; /* first buffer only: buffers by address */
+};
+
+/* Accounted size of a buffer header. */
+#define SR_I_RECORD_BUFFER_HEADER_LENGTH 8
+
+static inline char *sr_i_rb_buffer_data(sr_i_record_buffer_t *p_buffer) {
+    return reinterpret_cast<char *>(p_buffer) + sizeof(sr_i_record_buffer_t);
+}
+static inline char *sr_i_rb_buffer_end(sr_i_record_buffer_t *p_buffer) {
+    return sr_i_rb_buffer_data(p_buffer) + p_buffer->total_bytes -
+           SR_I_RECORD_BUFFER_HEADER_LENGTH;
+}
+
+/* Record header fields, read and written in place at any alignment.
+ * p_header is the record's header address (its data address - 12). */
+static inline qx_uint32_t sr_i_record_length(const char *p_header) {
+    qx_uint32_t v;
+    memcpy(&v, p_header, 4);
+    return v;
+}
+static inline void sr_i_set_record_length(char *p_header, qx_uint32_t length) {
+    memcpy(p_header, &length, 4);
+}
+static inline qx_uint32_t sr_i_record_link(const char *p_header) {
+    qx_uint32_t v;
+    memcpy(&v, p_header + 4, 4);
+    return v;
+}
+static inline void sr_i_set_record_link(char *p_header, qx_uint32_t link) {
+    memcpy(p_header + 4, &link, 4);
+}
+static inline qx_int32_t sr_i_record_type(const char *p_header) {
+    qx_int32_t v;
+    memcpy(&v, p_header + 8, 4);
+    return v;
+}
+static inline void sr_i_set_record_type(char *p_header, qx_int32_t type) {
+    memcpy(p_header + 8, &type, 4);
+}
+
+/* total_pages 0: an empty pool.  Otherwise one buffer of total_pages system
+ * pages holding one free record.  12 when it cannot be allocated. */
+qx_int32_t sr_i_rb_initialize_record_buffer_pool(qx_uint32_t total_pages,
+                                                 sr_i_record_buffer_pool_t *p_record_buffer_pool);
+/* Frees every buffer and zeroes the pool; 0. */
+qx_int32_t sr_i_rb_uninitialize_record_buffer_pool(sr_i_record_buffer_pool_t *p_record_buffer_pool);
+/* First fit: a free record with at least data_length data bytes, adding a
+ * buffer when none fits.  Reports its data address, its predecessor on the
+ * free chain (header address, NULL at the head) and its data capacity.  The
+ * record is not taken; the caller may write its data before taking it. */
+qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
+                                        qx_uint32_t data_length, char **p_data,
+                                        char **p_previous_free_record,
+                                        qx_uint32_t *actual_data_length);
+/* Takes the free record found by sr_i_rb_find_suitable_record for
+ * data_length bytes of type record_type (split, or whole with up to 13 bytes
+ * of slack).  15 when data_length does not fit or p_data is no free record. */
+qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, char *p_data,
+                                   char *p_previous_free_record, qx_uint32_t data_length,
+                                   qx_int32_t record_type);
+/* Find and take in one step; *p_record_data receives the data address. */
+qx_int32_t sr_i_reserve_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, qx_uint32_t length,
+                               qx_int32_t type, char **p_record_data);
+/* Frees the record whose data address is p_data, merging it with free
+ * neighbours; 0 (15 when p_data lies in no buffer of the pool). */
+qx_int32_t sr_i_rb_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, char *p_data);
+/* Links the record with header p_new_free_record (its length set, type 0)
+ * into the free chain with merging; returns the data bytes that became free
+ * and reports the free record now preceding it (NULL when it is the head).
+ * used_bytes is the caller's to adjust. */
+qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
+                                       char *p_new_free_record,
+                                       char **p_previous_free_record_returned);
+/* Copies p_from into one buffer in p_to (which must be empty) and returns a
+ * map from addresses in p_from to their copies; free it with
+ * sr_i_rb_free_duplication_map.  12 on memory, with nothing left allocated. */
+qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
+    sr_i_record_buffer_pool_t *p_from, sr_i_record_buffer_pool_t *p_to,
+    sr_i_record_buffer_pool_duplication_map_t **p_duplication_map);
+/* The copy of an address of the source pool; NULL for an address outside it. */
+char *sr_i_rb_map_duplicated_address(const sr_i_record_buffer_pool_duplication_map_t *p_duplication_map,
+                                     const char *p_from);
+qx_int32_t sr_i_rb_free_duplication_map(sr_i_record_buffer_pool_duplication_map_t *p_duplication_map);
+
 /* --- hashed key index (sr_i_hash_table.cpp) --- */
+
+/* Buckets of the default index. */
+#define SR_I_DEFAULT_HASH_BUCKETS 16384
+
+/* The default hash: the word at byte 16 of the key (a resource handle's
+ * fourth identifier word), low 14 bits. */
+qx_uint32_t sr_i_default_hash(const void *p_key_value);
+
+/* A new, empty index.  A NULL hash function selects the defaults whatever
+ * else is passed (16,384 buckets, sr_i_default_hash, cu_rsrc_hndl_cmp_1).
+ * 12 on memory; 101 for a hash function without a compare function. */
+qx_int32_t sr_i_hash_table_open(qx_uint32_t total_hash_buckets, sr_hash_function_t *p_hash_function,
+                                sr_hash_keys_compare_function_t *p_compare_function,
+                                sr_hash_table_t **p_hash_table);
+/* Frees the elements, the buckets and the index; NULL accepted; 0. */
+qx_int32_t sr_i_hash_table_close(sr_hash_table_t *p_hash_table);
+/* Adds a key that lies inside a row record (it is not copied).  For an
+ * SR_PRIMARY_KEY qualifier an equal key already present gives 108, unreported,
+ * with the existing element (and its bucket) stored in the outputs. */
+qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
+                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                               sr_hash_table_element_t **p_p_hash_table_element,
+                               sr_qualifier_t qualifier);
+/* Removes the most recently added element with an equal key; 202 if none. */
+qx_int32_t sr_i_hash_table_remove(sr_hash_table_t *p_hash_table, const void *p_key_value);
+/* Removes that very element from bucket hash_index; 202 if it is not there. */
+qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint32_t hash_index,
+                                          sr_hash_table_element_t *p_hash_table_element);
+/* The row of the most recently added equal key and the address of its
+ * element's p_key_value field; 202 if none. */
+qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
+                                     qx_uint32_t *row_index, char ***p_p_p_key_value);
+/* Bucket lengths and totals on standard output. */
+void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table);
 
 /* --- table record (sr_i_table.cpp) --- */
 
+/* Row record fields, read and written in place at any alignment (with
+ * sr_i_load_u32 and the other loads above).  A row record's data starts with the 4-byte replaces_offset word; column i's 8-byte
+ * slot lies at 4 + 8 * i; the indirect data area follows the last slot. */
+static inline qx_int32_t sr_i_load_i32(const void *p) {
+    qx_int32_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+static inline void sr_i_store_i32(void *p, qx_int32_t v) {
+    memcpy(p, &v, sizeof v);
+}
+static inline char *sr_i_row_slot(char *p_record_data, qx_uint32_t column) {
+    return p_record_data + 4 + 8 * static_cast<size_t>(column);
+}
+static inline qx_value_t sr_i_load_slot(const char *p_record_data, qx_uint32_t column) {
+    qx_value_t v;
+    memcpy(&v, p_record_data + 4 + 8 * static_cast<size_t>(column), sizeof v);
+    return v;
+}
+static inline void sr_i_store_slot(char *p_record_data, qx_uint32_t column, const qx_value_t &v) {
+    memcpy(p_record_data + 4 + 8 * static_cast<size_t>(column), &v, sizeof v);
+}
+static inline char *sr_i_row_indirect_area(char *p_record_data, qx_uint32_t total_columns) {
+    return p_record_data + 4 + 8 * static_cast<size_t>(total_columns);
+}
+
+/* True for the types kept by (offset, length) anchor in a row's slot. */
+bool sr_i_is_pointer_type(qx_data_type_t type);
+/* Address of a row's key as the hashed key index sees it: column 0's slot
+ * for a fixed-size key, column 0's indirect data for a pointer-type key. */
+char *sr_i_row_key_value(const sr_i_table_t *p_table, char *p_record_data);
+
+/* Both row indexes for maximum_rows slots (10 for 0), all on the free chain. */
+qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_rows);
+/* Adds total_new_rows slots (the index doubles when given maximum_rows); the
+ * new slots become the whole free chain, which must be empty. */
+qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows);
+/* Zeroes a slot and chains it in ascending order. */
+void sr_i_rows_free_chain_insert(sr_i_table_t *p_table, sr_i_index_entry_t *p_new_entry);
+/* The lowest free slot, unlinked and all zero; NULL when none is free. */
+sr_i_index_entry_t *sr_i_rows_free_chain_remove(sr_i_table_t *p_table);
+/* After a load: the packed index and the hashed key index from the fixed one. */
+qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table);
+/* Moves the last packed row into the removed row's packed slot, frees the
+ * removed row's slot and counts one live row less. */
+void sr_i_remove_row_from_packed_index(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry);
+/* Frees every change entry of both lists and empties them. */
+void sr_i_free_change_lists(sr_i_table_t *p_table);
+/* The data file's name / the ".rewrite" name, from the one path buffer. */
+char *sr_i_set_data_path(sr_i_table_t *p_table);
+char *sr_i_set_rewrite_path(sr_i_table_t *p_table);
+/* *block_id = offset / block_size; whether the record ends in that block. */
+qx_uint32_t sr_i_record_contained_in_block(sr_i_table_t *p_table, qx_uint32_t offset,
+                                           qx_uint32_t length, qx_uint32_t *block_id);
+/* The state of a slot from its two record pointers. */
+sr_row_state_t sr_i_get_row_state_for_fixed_index(sr_i_table_t *p_table,
+                                                  qx_uint32_t fixed_row_index);
+
 /* --- application metadata (sr_i_application_metadata.cpp) --- */
+
+/* Every call returns 0 or a result code it has reported (12, 101, 108, 202,
+ * 204).  Blocks are qx_binary_t-shaped (length word, then the bytes). */
+qx_int32_t sr_i_allocate_application_metadata_buffer(
+    qx_uint32_t max_elements, sr_i_application_metadata_t **p_application_metadata);
+qx_int32_t sr_i_free_application_metadata(sr_i_application_metadata_t *p_application_metadata);
+qx_int32_t sr_i_add_application_metadata_element(sr_i_application_metadata_t *p_application_metadata,
+                                                 qx_uint32_t type, qx_uint32_t length,
+                                                 qx_char_ptr_t p_data);
+qx_int32_t sr_i_delete_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type);
+qx_int32_t sr_i_set_application_metadata_element(sr_i_application_metadata_t *p_application_metadata,
+                                                 qx_uint32_t type, qx_uint32_t length,
+                                                 qx_char_ptr_t p_data);
+/* Set, or add when the type is absent. */
+qx_int32_t sr_i_set_application_metadata(sr_i_application_metadata_t *p_application_metadata,
+                                         qx_uint32_t type, qx_uint32_t length,
+                                         qx_char_ptr_t p_data);
+/* array_count triples (qx_uint32_t type, qx_uint32_t length, char *data). */
+qx_int32_t sr_i_set_application_metadata_v(sr_i_application_metadata_t *p_application_metadata,
+                                           qx_uint32_t array_count, va_list ap);
+/* A malloc'd copy of the bytes (the caller frees it). */
+qx_int32_t sr_i_get_application_metadata_element(sr_i_application_metadata_t *p_application_metadata,
+                                                 qx_uint32_t type,
+                                                 qx_uint32_t uncommitted_updates_visible,
+                                                 qx_uint32_t *p_length, qx_char_ptr_t *p_p_data);
+qx_int32_t sr_i_get_application_metadata(sr_i_application_metadata_t *p_application_metadata,
+                                         qx_uint32_t uncommitted_updates_visible, qx_uint32_t type,
+                                         qx_uint32_t *p_length, qx_char_ptr_t *p_p_data);
+/* A malloc'd copy of the whole block as a qx_binary_t (the caller frees it). */
+qx_int32_t sr_i_get_application_metadata_element_binary(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type,
+    qx_uint32_t uncommitted_updates_visible, qx_binary_t **p_p_application_data);
+qx_int32_t sr_i_commit_application_metadata_buffer_updates(
+    sr_i_application_metadata_t *p_application_metadata);
+qx_int32_t sr_i_abort_application_metadata_buffer_updates(
+    sr_i_application_metadata_t *p_application_metadata);
+qx_int32_t sr_i_duplicate_application_metadata_buffer(
+    sr_i_application_metadata_t *p_from_application_metadata,
+    sr_i_application_metadata_t **p_p_to_application_metadata);
+
+/* --- allocation seam (sr_i_alloc.cpp) --- */
+
+/* Every registry allocation goes through these; the memory is released with
+ * free().  A zero-byte request still returns a distinct pointer. */
+void *sr_i_malloc(size_t size);
+void *sr_i_calloc(size_t count, size_t size);
+void *sr_i_realloc(void *p_memory, size_t size);
+/* Test hook: let the next successful_allocations allocations through and make
+ * the one after them fail, once; a negative value disarms the hook. */
+void sr_i_alloc_fail_after(qx_int64_t successful_allocations);
+/* Non-zero while an armed failure has not happened yet. */
+int sr_i_alloc_failure_pending();
 
 #endif /* SR_I_H */

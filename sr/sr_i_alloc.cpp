@@ -1,0 +1,53 @@
+// The registry's one door to the heap.  Every allocation the registry makes
+// goes through sr_i_malloc, sr_i_calloc or sr_i_realloc, so that a test can
+// make exactly one of them fail and then check that the operation reported
+// 12 and left its structure as it was.  Memory from here is ordinary malloc
+// memory: it is released with free(), by the registry and by its callers.
+#include <atomic>
+#include <cstdlib>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_alloc", "1.1");
+
+namespace {
+
+// Allocations still to let through before the armed failure; negative when
+// nothing is armed.  Relaxed ordering is enough: the hook is a test device and
+// tests that use it drive the registry from one thread.
+std::atomic<qx_int64_t> Alloc_Countdown{-1};
+
+// True when this call is the one that must fail.
+bool alloc_should_fail() {
+    if (Alloc_Countdown.load(std::memory_order_relaxed) < 0) return false;
+    return Alloc_Countdown.fetch_sub(1, std::memory_order_relaxed) == 0;
+}
+
+}  // namespace
+
+void *sr_i_malloc(size_t size) {
+    if (alloc_should_fail()) return nullptr;
+    // A zero-byte request still yields a pointer so that NULL means only
+    // "no memory" to every caller.
+    return std::malloc(size != 0 ? size : 1);
+}
+
+void *sr_i_calloc(size_t count, size_t size) {
+    if (alloc_should_fail()) return nullptr;
+    if (count == 0 || size == 0) return std::calloc(1, 1);
+    return std::calloc(count, size);
+}
+
+void *sr_i_realloc(void *p_memory, size_t size) {
+    if (alloc_should_fail()) return nullptr;
+    return std::realloc(p_memory, size != 0 ? size : 1);
+}
+
+void sr_i_alloc_fail_after(qx_int64_t successful_allocations) {
+    Alloc_Countdown.store(successful_allocations < 0 ? -1 : successful_allocations,
+                          std::memory_order_relaxed);
+}
+
+int sr_i_alloc_failure_pending() {
+    return Alloc_Countdown.load(std::memory_order_relaxed) >= 0;
+}

@@ -1,0 +1,283 @@
+// A table's application metadata: typed blocks of bytes that applications
+// attach to a table, staged and made durable with the rows' apply, commit
+// and abort.  The store is an array of elements sorted by type; each element
+// points at its applied (working) block and its committed block, which are
+// one and the same allocation while the element is unchanged since the last
+// commit.  A block is freed only when neither pointer of its element still
+// refers to it.
+#include <cstdlib>
+#include <cstring>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_application_metadata", "1.1");
+
+namespace {
+
+using element_t = sr_i_application_metadata_index_element_t;
+using store_t = sr_i_application_metadata_t;
+
+// A new block: the length word, then the bytes.  NULL when out of memory.
+qx_binary_t *new_block(qx_uint32_t length, const char *p_data) {
+    auto *p_block = static_cast<qx_binary_t *>(sr_i_malloc(QX_BINARY_SIZE(length)));
+    if (p_block == nullptr) return nullptr;
+    p_block->length = length;
+    if (length != 0) memcpy(p_block->data, p_data, length);
+    return p_block;
+}
+
+// The element of `type`, or NULL.  The walk stops at the first larger type.
+element_t *find_element(store_t *p_store, qx_uint32_t type) {
+    for (qx_uint32_t i = 0; i < p_store->total_elements; ++i) {
+        element_t *p = &p_store->p_index[i];
+        if (p->type == type) return p;
+        if (p->type > type) break;
+    }
+    return nullptr;
+}
+
+// Removes element i, closing the gap.
+void remove_element(store_t *p_store, qx_uint32_t i) {
+    memmove(&p_store->p_index[i], &p_store->p_index[i + 1],
+            sizeof(element_t) * (p_store->total_elements - i - 1));
+    --p_store->total_elements;
+    memset(&p_store->p_index[p_store->total_elements], 0, sizeof(element_t));
+}
+
+// The block a reader sees, or the code why there is none (reported).
+qx_int32_t visible_block(store_t *p_store, qx_uint32_t type,
+                         qx_uint32_t uncommitted_updates_visible, qx_binary_t **p_p_block,
+                         const char *p_function, int line) {
+    element_t *p = find_element(p_store, type);
+    if (p == nullptr) return sr_i_set_error(sr_i_this_source, p_function, line, 202);
+    if (uncommitted_updates_visible != 0) {
+        // Deleted pending commit.
+        if (p->p_applied == nullptr) return sr_i_set_error(sr_i_this_source, p_function, line, 204);
+        *p_p_block = p->p_applied;
+    } else {
+        // Added since the last commit: it does not exist yet.
+        if (p->p_committed == nullptr) {
+            return sr_i_set_error(sr_i_this_source, p_function, line, 202);
+        }
+        *p_p_block = p->p_committed;
+    }
+    return 0;
+}
+
+}  // namespace
+
+qx_int32_t sr_i_allocate_application_metadata_buffer(
+    qx_uint32_t max_elements, sr_i_application_metadata_t **p_application_metadata) {
+    if (p_application_metadata == nullptr) return SR_ERROR(101);
+    auto *p_store = static_cast<store_t *>(sr_i_calloc(1, sizeof(store_t)));
+    if (p_store == nullptr) return SR_ERROR(12);
+    if (max_elements != 0) {
+        p_store->p_index = static_cast<element_t *>(sr_i_calloc(max_elements, sizeof(element_t)));
+        if (p_store->p_index == nullptr) {
+            free(p_store);
+            return SR_ERROR(12);
+        }
+    }
+    p_store->max_elements = max_elements;
+    *p_application_metadata = p_store;
+    return 0;
+}
+
+qx_int32_t sr_i_free_application_metadata(sr_i_application_metadata_t *p_application_metadata) {
+    if (p_application_metadata == nullptr) return 0;
+    for (qx_uint32_t i = 0; i < p_application_metadata->total_elements; ++i) {
+        element_t *p = &p_application_metadata->p_index[i];
+        if (p->p_committed != p->p_applied) free(p->p_committed);
+        free(p->p_applied);
+    }
+    free(p_application_metadata->p_index);
+    free(p_application_metadata);
+    return 0;
+}
+
+qx_int32_t sr_i_add_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type, qx_uint32_t length,
+    qx_char_ptr_t p_data) {
+    store_t *p_store = p_application_metadata;
+    if (p_store == nullptr || (p_data == nullptr && length != 0)) return SR_ERROR(101);
+    // The position after the last element with a smaller type.
+    qx_uint32_t position = 0;
+    for (; position < p_store->total_elements; ++position) {
+        qx_uint32_t t = p_store->p_index[position].type;
+        if (t == type) return SR_ERROR(108);
+        if (t > type) break;
+    }
+    qx_binary_t *p_block = new_block(length, p_data);
+    if (p_block == nullptr) return SR_ERROR(12);
+    if (p_store->total_elements == p_store->max_elements) {
+        qx_uint32_t new_max = p_store->max_elements != 0 ? p_store->max_elements * 2 : 1;
+        void *p_new = sr_i_realloc(p_store->p_index, sizeof(element_t) * new_max);
+        if (p_new == nullptr) {
+            free(p_block);
+            return SR_ERROR(12);
+        }
+        p_store->p_index = static_cast<element_t *>(p_new);
+        memset(&p_store->p_index[p_store->max_elements], 0,
+               sizeof(element_t) * (new_max - p_store->max_elements));
+        p_store->max_elements = new_max;
+    }
+    memmove(&p_store->p_index[position + 1], &p_store->p_index[position],
+            sizeof(element_t) * (p_store->total_elements - position));
+    p_store->p_index[position] = element_t{type, p_block, nullptr};
+    ++p_store->total_elements;
+    return 0;
+}
+
+qx_int32_t sr_i_delete_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type) {
+    if (p_application_metadata == nullptr) return SR_ERROR(101);
+    element_t *p = find_element(p_application_metadata, type);
+    if (p == nullptr) return SR_ERROR(202);
+    if (p->p_applied == nullptr) return 0;
+    // The element stays until commit, which removes it.
+    if (p->p_applied != p->p_committed) free(p->p_applied);
+    p->p_applied = nullptr;
+    return 0;
+}
+
+qx_int32_t sr_i_set_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type, qx_uint32_t length,
+    qx_char_ptr_t p_data) {
+    if (p_application_metadata == nullptr || (p_data == nullptr && length != 0)) {
+        return SR_ERROR(101);
+    }
+    element_t *p = find_element(p_application_metadata, type);
+    if (p == nullptr) return SR_ERROR(202);
+    qx_binary_t *p_block = new_block(length, p_data);
+    if (p_block == nullptr) return SR_ERROR(12);
+    if (p->p_applied != nullptr && p->p_applied != p->p_committed) free(p->p_applied);
+    p->p_applied = p_block;  // also brings back an element deleted pending commit
+    return 0;
+}
+
+qx_int32_t sr_i_set_application_metadata(sr_i_application_metadata_t *p_application_metadata,
+                                         qx_uint32_t type, qx_uint32_t length,
+                                         qx_char_ptr_t p_data) {
+    if (p_application_metadata == nullptr) return SR_ERROR(101);
+    if (find_element(p_application_metadata, type) == nullptr) {
+        return sr_i_add_application_metadata_element(p_application_metadata, type, length, p_data);
+    }
+    return sr_i_set_application_metadata_element(p_application_metadata, type, length, p_data);
+}
+
+qx_int32_t sr_i_set_application_metadata_v(sr_i_application_metadata_t *p_application_metadata,
+                                           qx_uint32_t array_count, va_list ap) {
+    va_list args;
+    va_copy(args, ap);
+    qx_int32_t rc = 0;
+    for (qx_uint32_t i = 0; i < array_count && rc == 0; ++i) {
+        qx_uint32_t type = va_arg(args, qx_uint32_t);
+        qx_uint32_t length = va_arg(args, qx_uint32_t);
+        qx_char_ptr_t p_data = va_arg(args, qx_char_ptr_t);
+        rc = sr_i_set_application_metadata(p_application_metadata, type, length, p_data);
+    }
+    va_end(args);
+    return rc;
+}
+
+qx_int32_t sr_i_get_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type,
+    qx_uint32_t uncommitted_updates_visible, qx_uint32_t *p_length, qx_char_ptr_t *p_p_data) {
+    if (p_application_metadata == nullptr || p_length == nullptr || p_p_data == nullptr) {
+        return SR_ERROR(101);
+    }
+    qx_binary_t *p_block = nullptr;
+    qx_int32_t rc = visible_block(p_application_metadata, type, uncommitted_updates_visible,
+                                  &p_block, __func__, __LINE__);
+    if (rc != 0) return rc;
+    auto *p_copy = static_cast<char *>(sr_i_malloc(p_block->length));
+    if (p_copy == nullptr) return SR_ERROR(12);
+    if (p_block->length != 0) memcpy(p_copy, p_block->data, p_block->length);
+    *p_length = p_block->length;
+    *p_p_data = p_copy;
+    return 0;
+}
+
+qx_int32_t sr_i_get_application_metadata(sr_i_application_metadata_t *p_application_metadata,
+                                         qx_uint32_t uncommitted_updates_visible, qx_uint32_t type,
+                                         qx_uint32_t *p_length, qx_char_ptr_t *p_p_data) {
+    return sr_i_get_application_metadata_element(p_application_metadata, type,
+                                                 uncommitted_updates_visible, p_length, p_p_data);
+}
+
+qx_int32_t sr_i_get_application_metadata_element_binary(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type,
+    qx_uint32_t uncommitted_updates_visible, qx_binary_t **p_p_application_data) {
+    if (p_application_metadata == nullptr || p_p_application_data == nullptr) {
+        return SR_ERROR(101);
+    }
+    qx_binary_t *p_block = nullptr;
+    qx_int32_t rc = visible_block(p_application_metadata, type, uncommitted_updates_visible,
+                                  &p_block, __func__, __LINE__);
+    if (rc != 0) return rc;
+    qx_binary_t *p_copy = new_block(p_block->length, reinterpret_cast<char *>(p_block->data));
+    if (p_copy == nullptr) return SR_ERROR(12);
+    *p_p_application_data = p_copy;
+    return 0;
+}
+
+qx_int32_t sr_i_commit_application_metadata_buffer_updates(
+    sr_i_application_metadata_t *p_application_metadata) {
+    store_t *p_store = p_application_metadata;
+    if (p_store == nullptr) return 0;
+    for (qx_uint32_t i = 0; i < p_store->total_elements;) {
+        element_t *p = &p_store->p_index[i];
+        if (p->p_committed != nullptr && p->p_committed != p->p_applied) free(p->p_committed);
+        if (p->p_applied == nullptr) {
+            remove_element(p_store, i);  // look at the same position again
+            continue;
+        }
+        p->p_committed = p->p_applied;
+        ++i;
+    }
+    return 0;
+}
+
+qx_int32_t sr_i_abort_application_metadata_buffer_updates(
+    sr_i_application_metadata_t *p_application_metadata) {
+    store_t *p_store = p_application_metadata;
+    if (p_store == nullptr) return 0;
+    for (qx_uint32_t i = 0; i < p_store->total_elements;) {
+        element_t *p = &p_store->p_index[i];
+        if (p->p_applied != nullptr && p->p_applied != p->p_committed) free(p->p_applied);
+        if (p->p_committed == nullptr) {
+            remove_element(p_store, i);
+            continue;
+        }
+        p->p_applied = p->p_committed;
+        ++i;
+    }
+    return 0;
+}
+
+qx_int32_t sr_i_duplicate_application_metadata_buffer(
+    sr_i_application_metadata_t *p_from_application_metadata,
+    sr_i_application_metadata_t **p_p_to_application_metadata) {
+    if (p_from_application_metadata == nullptr || p_p_to_application_metadata == nullptr) {
+        return SR_ERROR(101);
+    }
+    store_t *p_copy = nullptr;
+    qx_int32_t rc = sr_i_allocate_application_metadata_buffer(
+        p_from_application_metadata->max_elements, &p_copy);
+    if (rc != 0) return rc;
+    // A table is copied only when it has nothing pending, so the committed
+    // blocks are the whole state; an element without one does not exist yet.
+    for (qx_uint32_t i = 0; i < p_from_application_metadata->total_elements; ++i) {
+        const element_t *p = &p_from_application_metadata->p_index[i];
+        if (p->p_committed == nullptr) continue;
+        rc = sr_i_add_application_metadata_element(p_copy, p->type, p->p_committed->length,
+                                                   reinterpret_cast<char *>(p->p_committed->data));
+        if (rc != 0) {
+            sr_i_free_application_metadata(p_copy);
+            return rc;
+        }
+    }
+    sr_i_commit_application_metadata_buffer_updates(p_copy);
+    *p_p_to_application_metadata = p_copy;
+    return 0;
+}

@@ -1,0 +1,202 @@
+// The hashed key index over a table's key column (column 0).  Buckets of
+// singly linked elements; an element holds the row's fixed index and the
+// address of the key inside the row record, never a copy of the key.  New
+// elements go to the head of their bucket, so among equal keys (a key column
+// that does not check uniqueness) the one added last is found first.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_hash_table", "1.1");
+
+namespace {
+
+// The word of a resource handle that varies most between handles.
+constexpr size_t kDefaultHashWordOffset = 16;
+constexpr qx_uint32_t kDefaultHashMask = 0x3FFF;
+
+}  // namespace
+
+qx_uint32_t sr_i_default_hash(const void *p_key_value) {
+    qx_uint32_t word;
+    memcpy(&word, static_cast<const char *>(p_key_value) + kDefaultHashWordOffset, sizeof word);
+    return word & kDefaultHashMask;
+}
+
+namespace {
+
+// The bucket of a key.  A caller's hash function is trusted to stay below
+// the bucket count (that is its contract, and the value is used as it
+// stands); a value outside is caught here rather than followed into memory
+// that is not the bucket array, and reported as an internal inconsistency.
+qx_int32_t bucket_of(const sr_hash_table_t *p_hash_table, const void *p_key_value,
+                     qx_uint32_t *p_bucket, const char *p_function, int line) {
+    qx_uint32_t bucket = p_hash_table->p_hash_function != nullptr
+                             ? p_hash_table->p_hash_function(p_key_value)
+                             : sr_i_default_hash(p_key_value);
+    if (bucket >= p_hash_table->total_hash_buckets) {
+        return sr_i_set_error(sr_i_this_source, p_function, line, 15);
+    }
+    *p_bucket = bucket;
+    return 0;
+}
+
+qx_int32_t keys_compare(const sr_hash_table_t *p_hash_table, const void *p_key1,
+                        const void *p_key2) {
+    return p_hash_table->p_compare_function(p_key1, p_key2);
+}
+
+}  // namespace
+
+qx_int32_t sr_i_hash_table_open(qx_uint32_t total_hash_buckets, sr_hash_function_t *p_hash_function,
+                                sr_hash_keys_compare_function_t *p_compare_function,
+                                sr_hash_table_t **p_hash_table) {
+    if (p_hash_table == nullptr) return SR_ERROR(101);
+    if (p_hash_function == nullptr) {
+        // The defaults go together: resource-handle keys, 16,384 buckets.
+        total_hash_buckets = SR_I_DEFAULT_HASH_BUCKETS;
+        p_compare_function = cu_rsrc_hndl_cmp_1;
+    } else if (p_compare_function == nullptr) {
+        return SR_ERROR(101);
+    }
+    auto *p_table = static_cast<sr_hash_table_t *>(sr_i_malloc(sizeof(sr_hash_table_t)));
+    if (p_table == nullptr) return SR_ERROR(12);
+    auto *p_elements = static_cast<sr_hash_table_element_t **>(
+        sr_i_calloc(total_hash_buckets, sizeof(sr_hash_table_element_t *)));
+    if (p_elements == nullptr) {
+        free(p_table);
+        return SR_ERROR(12);
+    }
+    p_table->total_hash_buckets = total_hash_buckets;
+    p_table->p_hash_function = p_hash_function;  // NULL: the default hash
+    p_table->p_compare_function = p_compare_function;
+    p_table->p_elements = p_elements;
+    *p_hash_table = p_table;
+    return 0;
+}
+
+qx_int32_t sr_i_hash_table_close(sr_hash_table_t *p_hash_table) {
+    if (p_hash_table == nullptr) return 0;
+    for (qx_uint32_t b = 0; b < p_hash_table->total_hash_buckets; ++b) {
+        for (sr_hash_table_element_t *p = p_hash_table->p_elements[b]; p != nullptr;) {
+            sr_hash_table_element_t *p_next = p->p_next;
+            free(p);
+            p = p_next;
+        }
+    }
+    free(p_hash_table->p_elements);
+    free(p_hash_table);
+    return 0;
+}
+
+qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
+                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                               sr_hash_table_element_t **p_p_hash_table_element,
+                               sr_qualifier_t qualifier) {
+    if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
+        p_p_hash_table_element == nullptr) {
+        return SR_ERROR(101);
+    }
+    qx_uint32_t bucket = 0;
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    if (rc != 0) return rc;
+    auto *p_element =
+        static_cast<sr_hash_table_element_t *>(sr_i_malloc(sizeof(sr_hash_table_element_t)));
+    if (p_element == nullptr) return SR_ERROR(12);
+
+    sr_hash_table_element_t **p_head = &p_hash_table->p_elements[bucket];
+    if (*p_head != nullptr && (qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+        for (sr_hash_table_element_t *p = *p_head; p != nullptr; p = p->p_next) {
+            if (keys_compare(p_hash_table, p_key_value, p->p_key_value) == 0) {
+                // Not reported: the caller decides whether the existing row
+                // makes this a duplicate (it may be deleted and revivable).
+                free(p_element);
+                *p_hash_index = bucket;
+                *p_p_hash_table_element = p;
+                return 108;
+            }
+        }
+    }
+    p_element->row_index = row_index;
+    p_element->p_key_value = p_key_value;
+    p_element->p_next = *p_head;
+    *p_head = p_element;
+    *p_hash_index = bucket;
+    *p_p_hash_table_element = p_element;
+    return 0;
+}
+
+qx_int32_t sr_i_hash_table_remove(sr_hash_table_t *p_hash_table, const void *p_key_value) {
+    if (p_hash_table == nullptr || p_key_value == nullptr) return SR_ERROR(101);
+    qx_uint32_t bucket = 0;
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    if (rc != 0) return rc;
+    for (sr_hash_table_element_t **pp = &p_hash_table->p_elements[bucket]; *pp != nullptr;
+         pp = &(*pp)->p_next) {
+        if (keys_compare(p_hash_table, p_key_value, (*pp)->p_key_value) == 0) {
+            sr_hash_table_element_t *p_found = *pp;
+            *pp = p_found->p_next;
+            free(p_found);
+            return 0;
+        }
+    }
+    return SR_ERROR(202);
+}
+
+qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint32_t hash_index,
+                                          sr_hash_table_element_t *p_hash_table_element) {
+    if (p_hash_table == nullptr || p_hash_table_element == nullptr) return SR_ERROR(101);
+    if (hash_index >= p_hash_table->total_hash_buckets) return SR_ERROR(202);
+    for (sr_hash_table_element_t **pp = &p_hash_table->p_elements[hash_index]; *pp != nullptr;
+         pp = &(*pp)->p_next) {
+        if (*pp == p_hash_table_element) {
+            *pp = p_hash_table_element->p_next;
+            free(p_hash_table_element);
+            return 0;
+        }
+    }
+    return SR_ERROR(202);
+}
+
+qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
+                                     qx_uint32_t *row_index, char ***p_p_p_key_value) {
+    if (p_hash_table == nullptr || p_key_value == nullptr || row_index == nullptr) {
+        return SR_ERROR(101);
+    }
+    qx_uint32_t bucket = 0;
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    if (rc != 0) return rc;
+    for (sr_hash_table_element_t *p = p_hash_table->p_elements[bucket]; p != nullptr;
+         p = p->p_next) {
+        if (keys_compare(p_hash_table, p_key_value, p->p_key_value) == 0) {
+            *row_index = p->row_index;
+            if (p_p_p_key_value != nullptr) *p_p_p_key_value = &p->p_key_value;
+            return 0;
+        }
+    }
+    return SR_ERROR(202);
+}
+
+void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table) {
+    if (p_hash_table == nullptr) return;
+    qx_uint32_t max_bucket_count = 0;
+    qx_uint32_t unused_buckets = 0;
+    for (qx_uint32_t b = 0; b < p_hash_table->total_hash_buckets; ++b) {
+        qx_uint32_t count = 0;
+        for (sr_hash_table_element_t *p = p_hash_table->p_elements[b]; p != nullptr;
+             p = p->p_next) {
+            ++count;
+        }
+        if (count == 0) {
+            ++unused_buckets;
+            continue;
+        }
+        printf("%u %u\n", b, count);
+        if (count > max_bucket_count) max_bucket_count = count;
+    }
+    printf("total hash buckets : %u\n", p_hash_table->total_hash_buckets);
+    printf("max_bucket_count   : %u\n", max_bucket_count);
+    printf("unused buckets     : %u\n", unused_buckets);
+}

@@ -1,0 +1,210 @@
+// The table record's row index: the fixed index that gives every row a slot
+// number for life, its free chain, growth by doubling, the dense packed index
+// of live rows, the row-state rule, and the small path and block helpers of a
+// table record.  Everything here runs under the table's write lock, taken by
+// the exported call; nothing locks by itself.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_table", "1.1");
+
+namespace {
+
+// Slots of an index established with 0.
+constexpr qx_uint32_t kDefaultRows = 10;
+
+// Chains slots [first, first + count) into one ascending free chain, all
+// zero apart from their links, and makes it the table's whole chain.
+void chain_new_slots(sr_i_table_t *p_table, qx_uint32_t first, qx_uint32_t count) {
+    sr_i_index_entry_t *p_slots = p_table->p_rows_fixed_index + first;
+    memset(static_cast<void *>(p_slots), 0, sizeof(sr_i_index_entry_t) * count);
+    for (qx_uint32_t i = 0; i + 1 < count; ++i) p_slots[i].p_pending_change = &p_slots[i + 1];
+    p_table->p_rows_free_chain = count != 0 ? p_slots : nullptr;
+}
+
+// Re-aims every change entry of a list at the same slot of a moved index.
+void rebase_change_list(sr_i_change_entry_t *p_list, uintptr_t old_base,
+                        sr_i_index_entry_t *p_new_base) {
+    for (sr_i_change_entry_t *p = p_list; p != nullptr; p = p->p_next) {
+        // The old index is gone: only its address is used, as a number.
+        uintptr_t old_address = reinterpret_cast<uintptr_t>(p->p_index_entry);
+        size_t slot = (old_address - old_base) / sizeof(sr_i_index_entry_t);
+        p->p_index_entry = p_new_base + slot;
+    }
+}
+
+}  // namespace
+
+bool sr_i_is_pointer_type(qx_data_type_t type) {
+    if (type < 0 || type >= QX_NUMBER_OF_DATA_TYPES) return false;
+    return (cu_dtc_table_1[type].dtc_flags & CU_DTC_POINTER) != 0;
+}
+
+char *sr_i_row_key_value(const sr_i_table_t *p_table, char *p_record_data) {
+    if (!sr_i_is_pointer_type(p_table->p_columns[0].type)) return sr_i_row_slot(p_record_data, 0);
+    qx_uint32_t offset = sr_i_load_u32(sr_i_row_slot(p_record_data, 0));
+    return sr_i_row_indirect_area(p_record_data, p_table->total_columns) + offset;
+}
+
+qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_rows) {
+    if (maximum_rows == 0) maximum_rows = kDefaultRows;
+    auto *p_packed = static_cast<qx_uint32_t *>(sr_i_calloc(maximum_rows, sizeof(qx_uint32_t)));
+    if (p_packed == nullptr) return SR_ERROR(12);
+    auto *p_fixed = static_cast<sr_i_index_entry_t *>(
+        sr_i_malloc(sizeof(sr_i_index_entry_t) * static_cast<size_t>(maximum_rows)));
+    if (p_fixed == nullptr) {
+        free(p_packed);
+        return SR_ERROR(12);
+    }
+    p_table->p_rows_packed_index = p_packed;
+    p_table->p_rows_fixed_index = p_fixed;
+    p_table->maximum_rows = maximum_rows;
+    chain_new_slots(p_table, 0, maximum_rows);
+    return 0;
+}
+
+qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows) {
+    // Growing by nothing would hand the caller an empty chain again.
+    if (total_new_rows == 0) total_new_rows = kDefaultRows;
+    qx_uint64_t wanted = static_cast<qx_uint64_t>(p_table->maximum_rows) + total_new_rows;
+    if (wanted > UINT32_MAX) return SR_ERROR(12);
+    qx_uint32_t n = static_cast<qx_uint32_t>(wanted);
+
+    // The packed index first: if the fixed index then cannot grow, the table
+    // keeps working with a packed index that is merely larger than needed.
+    void *p_packed = sr_i_realloc(p_table->p_rows_packed_index, sizeof(qx_uint32_t) * n);
+    if (p_packed == nullptr) return SR_ERROR(12);
+    p_table->p_rows_packed_index = static_cast<qx_uint32_t *>(p_packed);
+
+    uintptr_t old_base = reinterpret_cast<uintptr_t>(p_table->p_rows_fixed_index);
+    void *p_fixed = sr_i_realloc(p_table->p_rows_fixed_index, sizeof(sr_i_index_entry_t) * n);
+    if (p_fixed == nullptr) return SR_ERROR(12);
+    p_table->p_rows_fixed_index = static_cast<sr_i_index_entry_t *>(p_fixed);
+
+    qx_uint32_t first_new = p_table->maximum_rows;
+    memset(p_table->p_rows_packed_index + first_new, 0, sizeof(qx_uint32_t) * (n - first_new));
+    p_table->maximum_rows = n;
+    // Growing happens only when the chain is empty, so the new slots are
+    // the whole chain.
+    chain_new_slots(p_table, first_new, n - first_new);
+
+    // Pending changes point at slots; hash elements hold slot numbers and
+    // need nothing.
+    if (reinterpret_cast<uintptr_t>(p_fixed) != old_base && old_base != 0) {
+        rebase_change_list(p_table->p_rows_change_list, old_base, p_table->p_rows_fixed_index);
+        rebase_change_list(p_table->p_delete_rows_change_list, old_base,
+                           p_table->p_rows_fixed_index);
+    }
+    return 0;
+}
+
+void sr_i_rows_free_chain_insert(sr_i_table_t *p_table, sr_i_index_entry_t *p_new_entry) {
+    // Slots are one array, so address order is fixed-index order.
+    sr_i_index_entry_t *p_previous = nullptr;
+    sr_i_index_entry_t *p_next = p_table->p_rows_free_chain;
+    while (p_next != nullptr && p_next < p_new_entry) {
+        p_previous = p_next;
+        p_next = static_cast<sr_i_index_entry_t *>(p_next->p_pending_change);
+    }
+    if (p_next == p_new_entry) return;  // already free: keep its link
+    memset(static_cast<void *>(p_new_entry), 0, sizeof *p_new_entry);
+    p_new_entry->p_pending_change = p_next;
+    if (p_previous == nullptr) {
+        p_table->p_rows_free_chain = p_new_entry;
+    } else {
+        p_previous->p_pending_change = p_new_entry;
+    }
+}
+
+sr_i_index_entry_t *sr_i_rows_free_chain_remove(sr_i_table_t *p_table) {
+    sr_i_index_entry_t *p_entry = p_table->p_rows_free_chain;
+    if (p_entry == nullptr) return nullptr;
+    p_table->p_rows_free_chain = static_cast<sr_i_index_entry_t *>(p_entry->p_pending_change);
+    p_entry->p_pending_change = nullptr;
+    return p_entry;
+}
+
+qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
+    qx_uint32_t seen = 0;
+    qx_uint32_t key_qualifier = p_table->total_columns != 0 ? p_table->p_columns[0].qualifier : 0;
+    for (qx_uint32_t f = 0; f < p_table->maximum_rows && seen < p_table->total_committed_rows;
+         ++f) {
+        sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[f];
+        if (p_entry->p_committed == nullptr) continue;
+        p_table->p_rows_packed_index[seen] = f;
+        p_entry->packed_index = seen;
+        ++seen;
+        if (p_table->p_rows_hash_table != nullptr) {
+            qx_int32_t rc = sr_i_hash_table_add(
+                p_table->p_rows_hash_table, sr_i_row_key_value(p_table, p_entry->p_committed), f,
+                &p_entry->hash_index, &p_entry->p_hash_table_element, key_qualifier);
+            if (rc != 0) return rc;
+        }
+    }
+    return 0;
+}
+
+void sr_i_remove_row_from_packed_index(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry) {
+    qx_uint32_t freed_position = p_index_entry->packed_index;
+    if (p_table->total_applied_rows != 0) {
+        qx_uint32_t last_fixed = p_table->p_rows_packed_index[p_table->total_applied_rows - 1];
+        p_table->p_rows_packed_index[freed_position] = last_fixed;
+        p_table->p_rows_fixed_index[last_fixed].packed_index = freed_position;
+        --p_table->total_applied_rows;
+    }
+    sr_i_rows_free_chain_insert(p_table, p_index_entry);
+}
+
+void sr_i_free_change_lists(sr_i_table_t *p_table) {
+    for (sr_i_change_entry_t *p_list :
+         {p_table->p_rows_change_list, p_table->p_delete_rows_change_list}) {
+        while (p_list != nullptr) {
+            sr_i_change_entry_t *p_next = p_list->p_next;
+            free(p_list);
+            p_list = p_next;
+        }
+    }
+    p_table->p_rows_change_list = nullptr;
+    p_table->p_rows_change_list_tail = nullptr;
+    p_table->p_delete_rows_change_list = nullptr;
+    p_table->p_delete_rows_change_list_tail = nullptr;
+}
+
+// One buffer holds "<file>.rewrite"; the byte after the file name is either
+// the NUL that ends the data name or the '.' that starts the suffix.
+char *sr_i_set_data_path(sr_i_table_t *p_table) {
+    p_table->p_file_path[p_table->file_path_length] = '\0';
+    return p_table->p_file_path;
+}
+
+char *sr_i_set_rewrite_path(sr_i_table_t *p_table) {
+    p_table->p_file_path[p_table->file_path_length] = '.';
+    return p_table->p_file_path;
+}
+
+qx_uint32_t sr_i_record_contained_in_block(sr_i_table_t *p_table, qx_uint32_t offset,
+                                           qx_uint32_t length, qx_uint32_t *block_id) {
+    // A transient table has no blocks: every record is within "its" block.
+    if (p_table->block_size == 0) {
+        *block_id = 0;
+        return 1;
+    }
+    *block_id = offset / p_table->block_size;
+    qx_uint64_t end = static_cast<qx_uint64_t>(offset) + length;
+    return end / p_table->block_size == *block_id ? 1 : 0;
+}
+
+sr_row_state_t sr_i_get_row_state_for_fixed_index(sr_i_table_t *p_table,
+                                                  qx_uint32_t fixed_row_index) {
+    if (fixed_row_index >= p_table->maximum_rows) return SR_ROW_STATE_NO_ROW;
+    const sr_i_index_entry_t &entry = p_table->p_rows_fixed_index[fixed_row_index];
+    if (entry.p_applied == nullptr) {
+        return entry.p_committed == nullptr ? SR_ROW_STATE_NO_ROW : SR_ROW_STATE_DELETED;
+    }
+    if (entry.p_committed == nullptr) return SR_ROW_STATE_ADDED;
+    return entry.p_applied == entry.p_committed ? SR_ROW_STATE_COMMITTED : SR_ROW_STATE_UPDATED;
+}
