@@ -299,6 +299,28 @@ TEST(PassThroughTest, CLocaleWithFlagPassesBytesThrough) {
     EXPECT_EQ("caf\xC3\xA9", out);
 }
 
+TEST(StatefulCodesetTest, ShiftStateIsClosedAtTheEndOfEveryConversion) {
+    cu_locale_info_t info = info_for("ISO-2022-JP");
+    Handle from;
+    if (cu_iconv_open_1(&info, CU_ICONV_FROM_TABLE, &from.h) != CU_OK) {
+        GTEST_SKIP() << "the C library has no ISO-2022-JP converter";
+    }
+    // Two kanji: the text shifts into JIS X 0208 and must shift back to
+    // ASCII before it ends, or the next text would be misread.
+    const std::string kanji = "\xE6\x97\xA5\xE6\x9C\xAC";
+    const std::string want = "\x1B$BF|K\\\x1B(B";
+    for (int round = 0; round < 2; ++round) {
+        std::string out;
+        ASSERT_EQ(CU_OK, str(from.h, kanji, &out));
+        EXPECT_EQ(want, out);
+        ASSERT_EQ(CU_OK, buf(from.h, kanji, &out));
+        EXPECT_EQ(want, out);
+    }
+    size_t needed = 0;
+    EXPECT_EQ(CU_E_ROOM, cu_iconv_buf_1(from.h, kanji.data(), kanji.size(), nullptr, 0, &needed));
+    EXPECT_EQ(want.size(), needed);
+}
+
 TEST(IconvArgumentTest, BadArgumentsAreRejected) {
     cu_locale_info_t info = info_for("ISO-8859-1");
     cu_iconv_t *h = reinterpret_cast<cu_iconv_t *>(&info);
