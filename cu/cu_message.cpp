@@ -314,8 +314,20 @@ void format_one(TextBuffer *p_out, const Spec &s, const cu_error_arg_t *args, ui
         }
     }
 
-    char flags[sizeof(s.flags) + 1];
-    memcpy(flags, s.flags, sizeof(s.flags));
+    /* Keep only the flags (and precision) the C library defines for this
+     * conversion: '#' on d/i/u/s/c, '0' on s/c and a precision on c are
+     * undefined, and the format handed to snprintf must never be. */
+    const char *allowed = "-+ #0";
+    if (s.conv_class == kConvString || s.conv_class == kConvChar) {
+        allowed = "-";
+    } else if (s.conv == 'd' || s.conv == 'i' || s.conv == 'u') {
+        allowed = "-+ 0";
+    }
+    char flags[sizeof(s.flags) + 1] = {};
+    size_t flag_count = 0;
+    for (const char *f = s.flags; *f != '\0'; ++f) {
+        if (strchr(allowed, *f) != nullptr) flags[flag_count++] = *f;
+    }
     int width = s.width;
     int precision = s.precision;
     if (usable && width == kFromValue) {
@@ -323,12 +335,13 @@ void format_one(TextBuffer *p_out, const Spec &s, const cu_error_arg_t *args, ui
         if (!is_integer(w)) {
             usable = false;
         } else {
+            /* A negative width means '-' and its magnitude, as in printf. */
             long long v = signed_value(w, kLenNone);
-            if (v < 0) {
+            usable = v >= -kMaxFieldWidth && v <= kMaxFieldWidth;
+            if (usable && v < 0) {
                 if (strchr(flags, '-') == nullptr) strcat(flags, "-");
                 v = -v;
             }
-            usable = v <= kMaxFieldWidth;
             width = static_cast<int>(usable ? v : 0);
         }
     }
@@ -346,6 +359,7 @@ void format_one(TextBuffer *p_out, const Spec &s, const cu_error_arg_t *args, ui
         p_out->append("?", 1);
         return;
     }
+    if (s.conv_class == kConvChar) precision = kNotGiven;
 
     char fmt[48];
     int n = 0;
@@ -365,10 +379,12 @@ void format_one(TextBuffer *p_out, const Spec &s, const cu_error_arg_t *args, ui
     }
 
     switch (s.conv_class) {
-        case kConvString:
-            p_out->append_formatted(fmt,
-                                    static_cast<const char *>(a->cu_arg_value.cu_arg_char_str));
+        case kConvString: {
+            /* Recorded text is never NULL, but a record may be built by hand. */
+            const char *text = a->cu_arg_value.cu_arg_char_str;
+            p_out->append_formatted(fmt, text != nullptr ? text : "(null)");
             break;
+        }
         case kConvSigned:
             p_out->append_formatted(fmt, signed_value(a, s.length));
             break;

@@ -305,6 +305,23 @@ TEST_F(MismatchedTextTest, ValuesArrayMissingIsTreatedAsNone) {
 
 TEST_F(MismatchedTextTest, HugeWidthIsNotHonoured) {
     EXPECT_EQ("%999999999d", format("%999999999d"));
+    // A width taken from a value is bounded the same way, in both signs.
+    args_[0].cu_arg_type = CU_ERROR_ARG_INT64;
+    args_[0].cu_arg_value.cu_arg_int64 = INT64_MIN;
+    EXPECT_EQ("[?]", format("[%2$*1$s]"));
+    args_[0].cu_arg_value.cu_arg_int64 = 1000000;
+    EXPECT_EQ("[?]", format("[%2$*1$s]"));
+}
+
+TEST_F(MismatchedTextTest, FlagsTheConversionDoesNotDefineAreDropped) {
+    EXPECT_EQ("[text ]", format("[%2$#0-5s]"));
+    EXPECT_EQ("[-1]", format("[%1$#d]"));
+    EXPECT_EQ("[0xffffffff]", format("[%1$#x]"));
+}
+
+TEST_F(MismatchedTextTest, HandBuiltNullTextPrintsNullMarker) {
+    args_[1].cu_arg_value.cu_arg_char_str = nullptr;
+    EXPECT_EQ("[(null)]", format("[%2$s]"));
 }
 
 // --- threads --------------------------------------------------------------
