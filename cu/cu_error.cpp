@@ -135,28 +135,30 @@ cu_error_t *fill_record(void *block, qx_int32_t error_id, const char *ffdc, cons
 uint32_t value_types(const char *text, cu_error_arg_type_t types[CU_ERROR_MAX_ARGS]) {
     for (int i = 0; i < CU_ERROR_MAX_ARGS; ++i) types[i] = CU_ERROR_ARG_NONE;
     if (text == nullptr) return 0;
-    cu_i::SpecCursor cursor;
+    cu_i::ConversionCursor cursor;
     const char *p = text;
     while ((p = strchr(p, '%')) != nullptr) {
         if (p[1] == '%') {
             p += 2;
             continue;
         }
-        cu_i::Spec spec;
-        const char *after = cu_i::parse_spec(p + 1, &cursor, &spec);
+        cu_i::Conversion conversion;
+        const char *after = cu_i::parse_conversion(p + 1, &cursor, &conversion);
         if (after == nullptr) {
             ++p;
             continue;
         }
-        if (types[spec.position - 1] == CU_ERROR_ARG_NONE) {
-            types[spec.position - 1] = cu_i::arg_type_for(spec);
+        if (types[conversion.position - 1] == CU_ERROR_ARG_NONE) {
+            types[conversion.position - 1] = cu_i::arg_type_for(conversion);
         }
         /* A '*' width or precision takes an int. */
-        if (spec.width_position != 0 && types[spec.width_position - 1] == CU_ERROR_ARG_NONE) {
-            types[spec.width_position - 1] = CU_ERROR_ARG_INT32;
+        if (conversion.width_position != 0 &&
+            types[conversion.width_position - 1] == CU_ERROR_ARG_NONE) {
+            types[conversion.width_position - 1] = CU_ERROR_ARG_INT32;
         }
-        if (spec.prec_position != 0 && types[spec.prec_position - 1] == CU_ERROR_ARG_NONE) {
-            types[spec.prec_position - 1] = CU_ERROR_ARG_INT32;
+        if (conversion.prec_position != 0 &&
+            types[conversion.prec_position - 1] == CU_ERROR_ARG_NONE) {
+            types[conversion.prec_position - 1] = CU_ERROR_ARG_INT32;
         }
         p = after;
     }

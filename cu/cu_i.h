@@ -5,7 +5,7 @@
  * conversions: cu_set_error_1 must know how many values a text takes and of
  * which types before it can pull them off a va_list, and the formatter must
  * read the very same grammar when it substitutes them later (possibly into a
- * catalogue text that orders them differently).  Both use cu_i_parse_spec.
+ * catalogue text that orders them differently).  Both use cu_i_parse_conversion.
  */
 #ifndef CU_I_H
 #define CU_I_H
@@ -42,7 +42,7 @@ constexpr int kFromValue = -2;
 constexpr int kMaxFieldWidth = 4096;
 
 /* One parsed conversion.  Positions are 1-based; 0 means "not used". */
-struct Spec {
+struct Conversion {
     uint32_t position;       /* the value converted */
     uint32_t width_position; /* the value giving '*' width, or 0 */
     uint32_t prec_position;  /* the value giving '*' precision, or 0 */
@@ -56,20 +56,20 @@ struct Spec {
 
 /* Non-positional conversions take the next value in order; the counter is
  * shared across a text so that "%s and %d" means values 1 and 2. */
-struct SpecCursor {
+struct ConversionCursor {
     uint32_t next_sequential = 1;
 };
 
 /*
  * Parses the conversion that starts at p (which points just past a '%' that
  * is not part of "%%").  Returns the first character after it and fills
- * *p_spec, or returns nullptr when the text there is not a conversion this
+ * *p_conv, or returns nullptr when the text there is not a conversion this
  * library substitutes (the caller then prints it as plain text).
  */
-const char *parse_spec(const char *p, SpecCursor *p_cursor, Spec *p_spec);
+const char *parse_conversion(const char *p, ConversionCursor *p_cursor, Conversion *p_conv);
 
 /* The record type a conversion class stores. */
-cu_error_arg_type_t arg_type_for(const Spec &spec);
+cu_error_arg_type_t arg_type_for(const Conversion &conversion);
 
 /*
  * Formats text with the typed values args[0..count-1] (value n at index

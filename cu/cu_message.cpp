@@ -59,8 +59,8 @@ const char *read_star_position(const char *p, uint32_t *p_position, bool *p_bad)
 
 }  // namespace
 
-const char *parse_spec(const char *p, SpecCursor *p_cursor, Spec *p_spec) {
-    Spec s{};
+const char *parse_conversion(const char *p, ConversionCursor *p_cursor, Conversion *p_conv) {
+    Conversion s{};
     s.width = kNotGiven;
     s.precision = kNotGiven;
     bool bad = false;
@@ -176,18 +176,18 @@ const char *parse_spec(const char *p, SpecCursor *p_cursor, Spec *p_spec) {
         return nullptr;
     }
     p_cursor->next_sequential = next;
-    *p_spec = s;
+    *p_conv = s;
     return p;
 }
 
-cu_error_arg_type_t arg_type_for(const Spec &spec) {
-    switch (spec.conv_class) {
+cu_error_arg_type_t arg_type_for(const Conversion &conversion) {
+    switch (conversion.conv_class) {
         case kConvString:
             return CU_ERROR_ARG_CHAR_STR;
         case kConvSigned:
-            return spec.length == kLenLong ? CU_ERROR_ARG_INT64 : CU_ERROR_ARG_INT32;
+            return conversion.length == kLenLong ? CU_ERROR_ARG_INT64 : CU_ERROR_ARG_INT32;
         case kConvUnsigned:
-            return spec.length == kLenLong ? CU_ERROR_ARG_UINT64 : CU_ERROR_ARG_UINT32;
+            return conversion.length == kLenLong ? CU_ERROR_ARG_UINT64 : CU_ERROR_ARG_UINT32;
         case kConvChar:
             return CU_ERROR_ARG_INT32;
         case kConvFloat:
@@ -297,7 +297,8 @@ unsigned long long unsigned_value(const cu_error_arg_t *a, LengthMod length) {
 
 /* Substitutes one conversion, or "?" when its values are missing or of
  * another kind. */
-void format_one(TextBuffer *p_out, const Spec &s, const cu_error_arg_t *args, uint32_t count) {
+void format_one(TextBuffer *p_out, const Conversion &s, const cu_error_arg_t *args,
+                uint32_t count) {
     const cu_error_arg_t *a = arg_at(args, count, s.position);
     bool usable = a != nullptr;
     if (usable) {
@@ -407,7 +408,7 @@ void format_one(TextBuffer *p_out, const Spec &s, const cu_error_arg_t *args, ui
 int format_message(const char *text, const cu_error_arg_t *args, uint32_t count, char **pp_out) {
     TextBuffer out;
     out.append("", 0); /* an empty text still yields "" */
-    SpecCursor cursor;
+    ConversionCursor cursor;
     const char *p = text != nullptr ? text : "";
     while (*p != '\0') {
         const char *percent = strchr(p, '%');
@@ -421,15 +422,15 @@ int format_message(const char *text, const cu_error_arg_t *args, uint32_t count,
             p = percent + 2;
             continue;
         }
-        Spec spec;
-        const char *after = parse_spec(percent + 1, &cursor, &spec);
+        Conversion conversion;
+        const char *after = parse_conversion(percent + 1, &cursor, &conversion);
         if (after == nullptr) {
             /* Not a conversion we substitute: keep the '%' as text. */
             out.append("%", 1);
             p = percent + 1;
             continue;
         }
-        format_one(&out, spec, args, count);
+        format_one(&out, conversion, args, count);
         p = after;
     }
     if (out.failed) {
