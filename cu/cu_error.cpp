@@ -134,34 +134,17 @@ cu_error_t *fill_record(void *block, qx_int32_t error_id, const char *ffdc, cons
  */
 uint32_t value_types(const char *text, cu_error_arg_type_t types[CU_ERROR_MAX_ARGS]) {
     for (int i = 0; i < CU_ERROR_MAX_ARGS; ++i) types[i] = CU_ERROR_ARG_NONE;
-    if (text == nullptr) return 0;
-    cu_i::ConversionCursor cursor;
-    const char *p = text;
-    while ((p = strchr(p, '%')) != nullptr) {
-        if (p[1] == '%') {
-            p += 2;
-            continue;
-        }
-        cu_i::Conversion conversion;
-        const char *after = cu_i::parse_conversion(p + 1, &cursor, &conversion);
-        if (after == nullptr) {
-            ++p;
-            continue;
-        }
-        if (types[conversion.position - 1] == CU_ERROR_ARG_NONE) {
-            types[conversion.position - 1] = cu_i::arg_type_for(conversion);
-        }
-        /* A '*' width or precision takes an int. */
-        if (conversion.width_position != 0 &&
-            types[conversion.width_position - 1] == CU_ERROR_ARG_NONE) {
-            types[conversion.width_position - 1] = CU_ERROR_ARG_INT32;
-        }
-        if (conversion.prec_position != 0 &&
-            types[conversion.prec_position - 1] == CU_ERROR_ARG_NONE) {
-            types[conversion.prec_position - 1] = CU_ERROR_ARG_INT32;
-        }
-        p = after;
-    }
+    /* A '*' width or precision takes an int. */
+    auto note = [types](uint32_t position, cu_error_arg_type_t type) {
+        if (position != 0 && types[position - 1] == CU_ERROR_ARG_NONE) types[position - 1] = type;
+    };
+    cu_i::walk_text(
+        text, [](const char *, size_t) {},
+        [&note](const cu_i::Conversion &conversion) {
+            note(conversion.position, cu_i::arg_type_for(conversion));
+            note(conversion.width_position, CU_ERROR_ARG_INT32);
+            note(conversion.prec_position, CU_ERROR_ARG_INT32);
+        });
     uint32_t count = 0;
     while (count < CU_ERROR_MAX_ARGS && types[count] != CU_ERROR_ARG_NONE) ++count;
     return count;

@@ -12,6 +12,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "qx_cu.h"
 
@@ -67,6 +68,41 @@ struct ConversionCursor {
  * library substitutes (the caller then prints it as plain text).
  */
 const char *parse_conversion(const char *p, ConversionCursor *p_cursor, Conversion *p_conv);
+
+/*
+ * Walks text once, in order: on_text(p, n) for each run of literal text
+ * ("%%" arrives as "%", a '%' that starts no conversion as itself) and
+ * on_conversion(c) for each conversion.  The value types of a record and
+ * its formatted message come from the same walk, so they cannot disagree
+ * about which '%' is which.
+ */
+template <typename OnText, typename OnConversion>
+void walk_text(const char *text, OnText &&on_text, OnConversion &&on_conversion) {
+    ConversionCursor cursor;
+    const char *p = text != nullptr ? text : "";
+    while (*p != '\0') {
+        const char *percent = strchr(p, '%');
+        if (percent == nullptr) {
+            on_text(p, strlen(p));
+            return;
+        }
+        if (percent != p) on_text(p, static_cast<size_t>(percent - p));
+        if (percent[1] == '%') {
+            on_text(percent, 1);
+            p = percent + 2;
+            continue;
+        }
+        Conversion conversion;
+        const char *after = parse_conversion(percent + 1, &cursor, &conversion);
+        if (after == nullptr) {
+            on_text(percent, 1);
+            p = percent + 1;
+            continue;
+        }
+        on_conversion(static_cast<const Conversion &>(conversion));
+        p = after;
+    }
+}
 
 /* The record type a conversion class stores. */
 cu_error_arg_type_t arg_type_for(const Conversion &conversion);

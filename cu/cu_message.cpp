@@ -408,31 +408,9 @@ void format_one(TextBuffer *p_out, const Conversion &s, const cu_error_arg_t *ar
 int format_message(const char *text, const cu_error_arg_t *args, uint32_t count, char **pp_out) {
     TextBuffer out;
     out.append("", 0); /* an empty text still yields "" */
-    ConversionCursor cursor;
-    const char *p = text != nullptr ? text : "";
-    while (*p != '\0') {
-        const char *percent = strchr(p, '%');
-        if (percent == nullptr) {
-            out.append(p, strlen(p));
-            break;
-        }
-        out.append(p, static_cast<size_t>(percent - p));
-        if (percent[1] == '%') {
-            out.append("%", 1);
-            p = percent + 2;
-            continue;
-        }
-        Conversion conversion;
-        const char *after = parse_conversion(percent + 1, &cursor, &conversion);
-        if (after == nullptr) {
-            /* Not a conversion we substitute: keep the '%' as text. */
-            out.append("%", 1);
-            p = percent + 1;
-            continue;
-        }
-        format_one(&out, conversion, args, count);
-        p = after;
-    }
+    walk_text(
+        text, [&out](const char *literal, size_t n) { out.append(literal, n); },
+        [&](const Conversion &conversion) { format_one(&out, conversion, args, count); });
     if (out.failed) {
         free(out.data);
         return CU_E_NOMEM;
