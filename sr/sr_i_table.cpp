@@ -46,7 +46,8 @@ bool sr_i_is_pointer_type(qx_data_type_t type) {
 
 char *sr_i_row_key_value(const sr_i_table_t *p_table, char *p_record_data) {
     if (!sr_i_is_pointer_type(p_table->p_columns[0].type)) return sr_i_row_slot(p_record_data, 0);
-    qx_uint32_t offset = sr_i_load_u32(sr_i_row_slot(p_record_data, 0));
+    qx_uint32_t offset;
+    memcpy(&offset, sr_i_row_slot(p_record_data, 0), sizeof offset);
     return sr_i_row_indirect_area(p_record_data, p_table->total_columns) + offset;
 }
 

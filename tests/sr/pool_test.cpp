@@ -1,0 +1,628 @@
+// The record buffer pool: buffer sizing, the split/whole rule, merging on
+// free, the address-ordered free chain across buffers, duplication, the file
+// image case, and what every allocation failure leaves behind.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "sr/test_util.h"
+#include "sr_i.h"
+
+using qxtest::last_error;
+
+namespace {
+
+constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
+
+uintptr_t addr(const void *p) {
+    return reinterpret_cast<uintptr_t>(p);
+}
+
+char *record_at(sr_i_record_buffer_t *p_buffer, qx_uint32_t block_offset) {
+    return sr_i_rb_buffer_data(p_buffer) + block_offset - SR_I_RECORD_BUFFER_HEADER_LENGTH;
+}
+
+// The free chain as the pool walks it: buffer by buffer in address order,
+// each buffer's own part by its links.
+std::vector<char *> free_chain(const sr_i_record_buffer_pool_t &pool) {
+    std::vector<char *> chain;
+    sr_i_record_buffer_t *p_owner = pool.p_first_record_buffer;
+    if (p_owner == nullptr) return chain;
+    for (qx_uint32_t i = 0; i < p_owner->total_directory; ++i) {
+        sr_i_record_buffer_t *p_buffer = p_owner->p_directory[i];
+        for (qx_uint32_t offset = p_buffer->first_free; offset != 0;) {
+            char *p_record = record_at(p_buffer, offset);
+            chain.push_back(p_record);
+            offset = offset == p_buffer->last_free ? 0 : sr_i_record_link(p_record);
+        }
+    }
+    return chain;
+}
+
+std::vector<sr_i_record_buffer_t *> buffers(const sr_i_record_buffer_pool_t &pool) {
+    std::vector<sr_i_record_buffer_t *> result;
+    for (sr_i_record_buffer_t *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) {
+        result.push_back(p);
+    }
+    return result;
+}
+
+// Everything the pool promises about itself.  adjacent_free_allowed: a
+// duplicated pool may hold free records that touch across a former border.
+::testing::AssertionResult pool_is_consistent(const sr_i_record_buffer_pool_t &pool,
+                                              bool adjacent_free_allowed = false) {
+    std::vector<sr_i_record_buffer_t *> all = buffers(pool);
+    if (all.empty()) {
+        if (pool.total_bytes != 0 || pool.used_bytes != 0 || pool.p_free_chain != nullptr ||
+            pool.p_last_record_buffer != nullptr) {
+            return ::testing::AssertionFailure() << "an empty pool with non-zero fields";
+        }
+        return ::testing::AssertionSuccess();
+    }
+    if (pool.p_last_record_buffer != all.back()) {
+        return ::testing::AssertionFailure() << "last buffer is not the end of the chain";
+    }
+    sr_i_record_buffer_t *p_owner = all.front();
+    if (p_owner->total_directory != all.size()) {
+        return ::testing::AssertionFailure() << "directory holds " << p_owner->total_directory
+                                             << " of " << all.size() << " buffers";
+    }
+    std::set<sr_i_record_buffer_t *> in_chain(all.begin(), all.end());
+    for (qx_uint32_t i = 0; i < p_owner->total_directory; ++i) {
+        if (in_chain.count(p_owner->p_directory[i]) == 0) {
+            return ::testing::AssertionFailure() << "directory entry " << i << " is no buffer";
+        }
+        if (i > 0 && addr(p_owner->p_directory[i - 1]) >= addr(p_owner->p_directory[i])) {
+            return ::testing::AssertionFailure() << "directory out of address order at " << i;
+        }
+    }
+    qx_uint64_t total = 0;
+    std::set<char *> free_by_type;
+    for (sr_i_record_buffer_t *p_buffer : all) {
+        total += p_buffer->total_bytes;
+        char *p = sr_i_rb_buffer_data(p_buffer);
+        char *p_end = sr_i_rb_buffer_end(p_buffer);
+        while (p < p_end) {
+            qx_uint32_t length = sr_i_record_length(p);
+            if (length < kHeader) return ::testing::AssertionFailure() << "record shorter than 12";
+            if (sr_i_record_type(p) == SR_I_RECORD_TYPE_FREE) free_by_type.insert(p);
+            p += length;
+        }
+        if (p != p_end) return ::testing::AssertionFailure() << "records overrun their buffer";
+    }
+    if (total != pool.total_bytes) {
+        return ::testing::AssertionFailure()
+               << "total_bytes " << pool.total_bytes << " but buffers hold " << total;
+    }
+    std::vector<char *> chain = free_chain(pool);
+    qx_uint64_t free_data = 0;
+    for (size_t i = 0; i < chain.size(); ++i) {
+        if (i > 0 && addr(chain[i - 1]) >= addr(chain[i])) {
+            return ::testing::AssertionFailure() << "chain out of address order at " << i;
+        }
+        if (sr_i_record_type(chain[i]) != SR_I_RECORD_TYPE_FREE) {
+            return ::testing::AssertionFailure() << "allocated record on the chain";
+        }
+        if (!adjacent_free_allowed && i > 0 &&
+            chain[i - 1] + sr_i_record_length(chain[i - 1]) == chain[i]) {
+            return ::testing::AssertionFailure() << "two adjacent free records at " << i;
+        }
+        free_data += sr_i_record_length(chain[i]) - kHeader;
+    }
+    if (std::set<char *>(chain.begin(), chain.end()) != free_by_type) {
+        return ::testing::AssertionFailure() << "free records and chain differ";
+    }
+    char *p_head = chain.empty() ? nullptr : chain.front();
+    if (pool.p_free_chain != p_head) return ::testing::AssertionFailure() << "wrong chain head";
+    if (pool.used_bytes != pool.total_bytes - free_data) {
+        return ::testing::AssertionFailure()
+               << "used_bytes " << pool.used_bytes << " expected " << pool.total_bytes - free_data;
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// Everything observable about a pool, to compare before and after a failure.
+struct PoolSnapshot {
+    qx_uint32_t total_bytes, used_bytes;
+    char *p_free_chain;
+    std::vector<sr_i_record_buffer_t *> buffers;
+    std::vector<std::pair<char *, qx_uint32_t>> chain;
+    bool operator==(const PoolSnapshot &) const = default;
+};
+
+PoolSnapshot snapshot(const sr_i_record_buffer_pool_t &pool) {
+    PoolSnapshot s{pool.total_bytes, pool.used_bytes, pool.p_free_chain, buffers(pool), {}};
+    for (char *p : free_chain(pool)) s.chain.emplace_back(p, sr_i_record_length(p));
+    return s;
+}
+
+class PoolTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(0, sr_i_rb_initialize_record_buffer_pool(0, &pool_)); }
+    void TearDown() override {
+        sr_i_alloc_fail_after(-1);
+        sr_i_rb_uninitialize_record_buffer_pool(&pool_);
+    }
+    char *reserve(qx_uint32_t length, qx_int32_t type = SR_I_RECORD_TYPE_ROW) {
+        char *p_data = nullptr;
+        EXPECT_EQ(0, sr_i_reserve_record(&pool_, length, type, &p_data));
+        return p_data;
+    }
+    sr_i_record_buffer_pool_t pool_{};
+};
+
+TEST_F(PoolTest, EmptyPoolHasNoBuffers) {
+    EXPECT_EQ(0u, pool_.total_bytes);
+    EXPECT_EQ(0u, pool_.used_bytes);
+    EXPECT_EQ(nullptr, pool_.p_free_chain);
+    EXPECT_EQ(nullptr, pool_.p_first_record_buffer);
+    EXPECT_EQ(nullptr, pool_.p_last_record_buffer);
+}
+
+TEST_F(PoolTest, InitialisedPoolIsOneFreeRecordOverAllPages) {
+    sr_i_rb_uninitialize_record_buffer_pool(&pool_);
+    ASSERT_EQ(0, sr_i_rb_initialize_record_buffer_pool(2, &pool_));
+    qx_uint32_t size = 2 * static_cast<qx_uint32_t>(sysconf(_SC_PAGESIZE));
+    EXPECT_EQ(size, pool_.total_bytes);
+    EXPECT_EQ(20u, pool_.used_bytes);
+    ASSERT_NE(nullptr, pool_.p_free_chain);
+    EXPECT_EQ(size - 8, sr_i_record_length(pool_.p_free_chain));
+    EXPECT_EQ(0u, sr_i_record_link(pool_.p_free_chain));
+    EXPECT_EQ(0, sr_i_record_type(pool_.p_free_chain));
+    EXPECT_EQ(size, pool_.p_first_record_buffer->total_bytes);
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, FirstRequestMakesBufferHundredTimesLarger) {
+    char *p_data = nullptr;
+    char *p_previous = nullptr;
+    qx_uint32_t actual = 0;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, 100, &p_data, &p_previous, &actual));
+    EXPECT_EQ(10000u, actual);
+    EXPECT_EQ(nullptr, p_previous);
+    EXPECT_EQ(10020u, pool_.total_bytes);
+    EXPECT_EQ(20u, pool_.used_bytes);
+    // Finding does not take: a second look finds the same room.
+    char *p_again = nullptr;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, 100, &p_again, &p_previous, &actual));
+    EXPECT_EQ(p_data, p_again);
+    EXPECT_EQ(10020u, pool_.total_bytes);
+
+    ASSERT_EQ(0, sr_i_rb_allocate_record(&pool_, p_data, p_previous, 100, SR_I_RECORD_TYPE_ROW));
+    EXPECT_EQ(132u, pool_.used_bytes);
+    char *p_header = p_data - kHeader;
+    EXPECT_EQ(112u, sr_i_record_length(p_header));
+    EXPECT_EQ(SR_I_RECORD_TYPE_ROW, sr_i_record_type(p_header));
+    // The rest of the buffer is the one free record, right behind it.
+    EXPECT_EQ(p_header + 112, pool_.p_free_chain);
+    EXPECT_EQ(10012u - 112u, sr_i_record_length(pool_.p_free_chain));
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, RequestsAbove65535BytesGetAnExactBlock) {
+    char *p_big = reserve(65536);
+    EXPECT_EQ(65556u, pool_.total_bytes);
+    EXPECT_EQ(65548u, sr_i_record_length(p_big - kHeader));
+    EXPECT_EQ(nullptr, pool_.p_free_chain);  // taken whole, nothing left over
+    EXPECT_EQ(65556u, pool_.used_bytes);
+
+    reserve(65535);  // the largest request that is still multiplied
+    EXPECT_EQ(65556u + 65535u * 100u + 20u, pool_.total_bytes);
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+// Makes free records of the given lengths, in ascending address order, each
+// fenced by an allocated record behind it so that none can merge; returns
+// their headers.  All are reserved before any is freed, so that no fence
+// lands in an earlier free record.
+std::vector<char *> fenced_free_records(sr_i_record_buffer_pool_t *p_pool,
+                                        std::vector<qx_uint32_t> lengths) {
+    std::vector<char *> records;
+    for (qx_uint32_t length : lengths) {
+        char *p_data = nullptr;
+        EXPECT_EQ(0, sr_i_reserve_record(p_pool, length - kHeader, SR_I_RECORD_TYPE_ROW, &p_data));
+        char *p_fence = nullptr;
+        EXPECT_EQ(0, sr_i_reserve_record(p_pool, 40, SR_I_RECORD_TYPE_ROW, &p_fence));
+        records.push_back(p_data - kHeader);
+    }
+    for (char *p_record : records) EXPECT_EQ(0, sr_i_rb_free_record(p_pool, p_record + kHeader));
+    return records;
+}
+
+char *fenced_free_record(sr_i_record_buffer_pool_t *p_pool, qx_uint32_t length) {
+    return fenced_free_records(p_pool, {length})[0];
+}
+
+TEST_F(PoolTest, LeftoverOfThirteenBytesIsTakenAsSlack) {
+    char *p_free = fenced_free_record(&pool_, 125);
+    ASSERT_EQ(p_free, pool_.p_free_chain);
+    qx_uint32_t used = pool_.used_bytes;
+    char *p_data = reserve(100);
+    EXPECT_EQ(p_free + kHeader, p_data);
+    EXPECT_EQ(125u, sr_i_record_length(p_free));  // keeps its 13 bytes of slack
+    EXPECT_EQ(used + 113u, pool_.used_bytes);
+    EXPECT_NE(p_free, pool_.p_free_chain);
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, LeftoverOfFourteenBytesIsSplitOff) {
+    char *p_free = fenced_free_record(&pool_, 126);
+    qx_uint32_t used = pool_.used_bytes;
+    char *p_data = reserve(100);
+    EXPECT_EQ(p_free + kHeader, p_data);
+    EXPECT_EQ(112u, sr_i_record_length(p_free));
+    char *p_split = p_free + 112;
+    EXPECT_EQ(p_split, pool_.p_free_chain);
+    EXPECT_EQ(14u, sr_i_record_length(p_split));
+    EXPECT_EQ(0, sr_i_record_type(p_split));
+    EXPECT_EQ(used + 112u, pool_.used_bytes);
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, FreeingFirstThirdSecondMergesThreeRecordsIntoOne) {
+    char *p_a = reserve(100);
+    char *p_b = reserve(200);
+    char *p_c = reserve(300);
+    reserve(50);  // keeps the three away from the buffer's free tail
+    ASSERT_EQ(p_a + 112, p_b);
+    ASSERT_EQ(p_b + 212, p_c);
+    qx_uint32_t used = pool_.used_bytes;
+
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_a));
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_c));
+    EXPECT_EQ(used - 400u, pool_.used_bytes);
+    EXPECT_TRUE(pool_is_consistent(pool_));
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_b));
+
+    EXPECT_EQ(used - (100u + 200u + 300u + 24u), pool_.used_bytes);
+    char *p_merged = p_a - kHeader;
+    EXPECT_EQ(p_merged, pool_.p_free_chain);
+    EXPECT_EQ(112u + 212u + 312u, sr_i_record_length(p_merged));
+    EXPECT_EQ(2u, free_chain(pool_).size());  // the merged record and the tail
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, FreedRecordMergesWithTheFreeTailBehindIt) {
+    reserve(100);
+    char *p_last = reserve(100);
+    qx_uint32_t tail_length = sr_i_record_length(pool_.p_free_chain);
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_last));
+    EXPECT_EQ(p_last - kHeader, pool_.p_free_chain);
+    EXPECT_EQ(112u + tail_length, sr_i_record_length(pool_.p_free_chain));
+    EXPECT_EQ(1u, free_chain(pool_).size());
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, FirstFitTakesTheLowestRecordThatIsLargeEnough) {
+    std::vector<char *> records = fenced_free_records(&pool_, {60, 300, 400});
+    char *p_small = records[0];
+    char *p_large = records[1];
+    char *p_larger = records[2];
+    ASSERT_LT(addr(p_small), addr(p_large));
+    ASSERT_LT(addr(p_large), addr(p_larger));
+    char *p_data = nullptr;
+    char *p_previous = nullptr;
+    qx_uint32_t actual = 0;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, 200, &p_data, &p_previous, &actual));
+    EXPECT_EQ(p_large + kHeader, p_data);
+    EXPECT_EQ(p_small, p_previous);
+    EXPECT_EQ(288u, actual);
+}
+
+TEST_F(PoolTest, ChainRunsInAddressOrderAcrossBuffers) {
+    // Three buffers, each with free room, whatever order malloc placed them in.
+    char *p_first = reserve(100);
+    reserve(9000);
+    char *p_second = reserve(70000);
+    char *p_third = reserve(70000);
+    ASSERT_EQ(3u, buffers(pool_).size());
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_second));
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_third));
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_first));
+    std::vector<char *> chain = free_chain(pool_);
+    EXPECT_TRUE(std::is_sorted(chain.begin(), chain.end(),
+                               [](char *a, char *b) { return addr(a) < addr(b); }));
+    EXPECT_TRUE(pool_is_consistent(pool_));
+    // The reported predecessor of the found room is its chain predecessor.
+    char *p_data = nullptr;
+    char *p_previous = nullptr;
+    qx_uint32_t actual = 0;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, 60000, &p_data, &p_previous, &actual));
+    auto it = std::find(chain.begin(), chain.end(), p_data - kHeader);
+    ASSERT_NE(chain.end(), it);
+    EXPECT_EQ(it == chain.begin() ? nullptr : *(it - 1), p_previous);
+}
+
+TEST_F(PoolTest, AllocatingMoreThanTheRecordHoldsIsAnInternalError) {
+    char *p_data = nullptr;
+    char *p_previous = nullptr;
+    qx_uint32_t actual = 0;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, 100, &p_data, &p_previous, &actual));
+    PoolSnapshot before = snapshot(pool_);
+    EXPECT_EQ(15, sr_i_rb_allocate_record(&pool_, p_data, p_previous, actual + 1, 2));
+    EXPECT_EQ(15, last_error().code);
+    EXPECT_NE(std::string::npos, last_error().message.find("sr_i_rb_allocate_record"));
+    EXPECT_EQ(before, snapshot(pool_));
+}
+
+TEST_F(PoolTest, AddressesOutsideThePoolAreRefused) {
+    reserve(100);
+    char outside[64] = {};
+    PoolSnapshot before = snapshot(pool_);
+    EXPECT_EQ(15, sr_i_rb_free_record(&pool_, outside + kHeader));
+    EXPECT_EQ(15, sr_i_rb_allocate_record(&pool_, outside + kHeader, nullptr, 4, 2));
+    EXPECT_EQ(before, snapshot(pool_));
+}
+
+TEST_F(PoolTest, AllocatedRecordThatIsNotOnTheChainCannotBeTakenAgain) {
+    char *p_data = reserve(100);
+    PoolSnapshot before = snapshot(pool_);
+    EXPECT_EQ(15, sr_i_rb_allocate_record(&pool_, p_data, nullptr, 50, 2));
+    EXPECT_EQ(before, snapshot(pool_));
+}
+
+TEST_F(PoolTest, FreeingAFreeRecordAgainChangesNothing) {
+    char *p_a = reserve(100);
+    reserve(100);
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_a));
+    PoolSnapshot before = snapshot(pool_);
+    EXPECT_EQ(0, sr_i_rb_free_record(&pool_, p_a));
+    EXPECT_EQ(before, snapshot(pool_));
+}
+
+TEST_F(PoolTest, StaleCallerPredecessorIsNotTrusted) {
+    std::vector<char *> records = fenced_free_records(&pool_, {200, 200});
+    char *p_a = records[0];
+    char *p_b = records[1];
+    char *p_data = nullptr;
+    char *p_previous = nullptr;
+    qx_uint32_t actual = 0;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, 150, &p_data, &p_previous, &actual));
+    ASSERT_EQ(p_a + kHeader, p_data);
+    // Take p_b, passing a predecessor that is no longer right (p_a's own
+    // predecessor, NULL): the pool finds the real one.
+    ASSERT_EQ(0, sr_i_rb_allocate_record(&pool_, p_b + kHeader, nullptr, 188, 2));
+    EXPECT_TRUE(pool_is_consistent(pool_));
+    EXPECT_EQ(p_a, pool_.p_free_chain);
+}
+
+TEST_F(PoolTest, ZeroLengthRecordsAreRecords) {
+    char *p_empty = reserve(0);
+    EXPECT_EQ(100u * 0u + 20u, pool_.total_bytes);  // a buffer with no capacity
+    EXPECT_EQ(12u, sr_i_record_length(p_empty - kHeader));
+    char *p_also = reserve(0);
+    EXPECT_NE(p_empty, p_also);
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_empty));
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+// A table's file is read straight into room found in an empty pool, over the
+// room's own header, and that room is then taken as one record.  The link
+// word the file brings along must never become part of the chain.
+TEST_F(PoolTest, LinkWordFromAFileImageNeverReachesTheChain) {
+    constexpr qx_uint32_t kImage = 300;  // bytes "read"
+    char *p_data = nullptr;
+    char *p_previous = nullptr;
+    qx_uint32_t actual = 0;
+    ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, kImage + 500 - kHeader, &p_data, &p_previous,
+                                              &actual));
+    char *p_room = p_data - kHeader;
+    qx_uint32_t room_length = sr_i_record_length(p_room);
+    // The image: a metadata record of 100 bytes whose link word points (as a
+    // block offset of this very buffer) at a free record of the image, then
+    // that free record of 100 bytes, then a row record of 100 bytes.
+    std::vector<char> image(kImage);
+    char *p_image = image.data();
+    sr_i_set_record_length(p_image, 100);
+    sr_i_set_record_link(p_image, 8 + 100);
+    sr_i_set_record_type(p_image, SR_I_RECORD_TYPE_METADATA);
+    sr_i_set_record_length(p_image + 100, 100);
+    sr_i_set_record_link(p_image + 100, 8 + 200);
+    sr_i_set_record_type(p_image + 100, SR_I_RECORD_TYPE_FREE);
+    sr_i_set_record_length(p_image + 200, 100);
+    sr_i_set_record_link(p_image + 200, 12345);
+    sr_i_set_record_type(p_image + 200, SR_I_RECORD_TYPE_ROW);
+    memcpy(p_room, p_image, kImage);
+
+    qx_uint32_t saved_length = sr_i_record_length(p_room);
+    sr_i_set_record_length(p_room, room_length);
+    ASSERT_EQ(0, sr_i_rb_allocate_record(&pool_, p_data, p_previous, kImage - kHeader,
+                                         SR_I_RECORD_TYPE_METADATA));
+    sr_i_set_record_length(p_room, saved_length);
+
+    // Only the unused tail is free; the image's free record is not yet.
+    std::vector<char *> chain = free_chain(pool_);
+    ASSERT_EQ(1u, chain.size());
+    EXPECT_EQ(p_room + kImage, chain[0]);
+    // Freeing the image's free record, as the loader does, chains it properly.
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_room + 100 + kHeader));
+    chain = free_chain(pool_);
+    ASSERT_EQ(2u, chain.size());
+    EXPECT_EQ(p_room + 100, chain[0]);
+    EXPECT_EQ(p_room + kImage, chain[1]);
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, DuplicatingThreeBuffersYieldsOneBufferSixteenBytesSmaller) {
+    char *p_row = reserve(100);
+    memcpy(p_row, "first buffer", 13);
+    char *p_big = reserve(70000);
+    memcpy(p_big, "second buffer", 14);
+    char *p_bigger = reserve(80000);
+    memcpy(p_bigger, "third buffer", 13);
+    char *p_gap = reserve(50);
+    reserve(50);
+    ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_gap));
+    ASSERT_EQ(3u, buffers(pool_).size());
+
+    sr_i_record_buffer_pool_t copy{};
+    sr_i_record_buffer_pool_duplication_map_t *p_map = nullptr;
+    ASSERT_EQ(0, sr_i_rb_duplicate_record_buffer_pool(&pool_, &copy, &p_map));
+    EXPECT_EQ(pool_.total_bytes - 16, copy.total_bytes);
+    EXPECT_EQ(pool_.used_bytes - 16, copy.used_bytes);
+    ASSERT_EQ(1u, buffers(copy).size());
+    EXPECT_EQ(copy.total_bytes, copy.p_first_record_buffer->total_bytes);
+    EXPECT_EQ(3u, p_map->total);
+
+    EXPECT_STREQ("first buffer", sr_i_rb_map_duplicated_address(p_map, p_row));
+    EXPECT_STREQ("second buffer", sr_i_rb_map_duplicated_address(p_map, p_big));
+    EXPECT_STREQ("third buffer", sr_i_rb_map_duplicated_address(p_map, p_bigger));
+    EXPECT_EQ(nullptr, sr_i_rb_map_duplicated_address(p_map, nullptr));
+    char outside = 0;
+    EXPECT_EQ(nullptr, sr_i_rb_map_duplicated_address(p_map, &outside));
+
+    // Every free record of the source is free in the copy, in the same order.
+    std::vector<char *> source_chain = free_chain(pool_);
+    std::vector<char *> copy_chain = free_chain(copy);
+    ASSERT_EQ(source_chain.size(), copy_chain.size());
+    std::set<char *> mapped;
+    for (char *p : source_chain) mapped.insert(sr_i_rb_map_duplicated_address(p_map, p));
+    EXPECT_EQ(mapped, std::set<char *>(copy_chain.begin(), copy_chain.end()));
+    EXPECT_TRUE(pool_is_consistent(copy, true));
+
+    // The copy is a working pool of its own.
+    char *p_new = nullptr;
+    ASSERT_EQ(0, sr_i_reserve_record(&copy, 30, 2, &p_new));
+    ASSERT_EQ(0, sr_i_rb_free_record(&copy, sr_i_rb_map_duplicated_address(p_map, p_row)));
+    EXPECT_TRUE(pool_is_consistent(copy, true));
+    EXPECT_TRUE(pool_is_consistent(pool_));
+
+    sr_i_rb_free_duplication_map(p_map);
+    sr_i_rb_uninitialize_record_buffer_pool(&copy);
+}
+
+TEST_F(PoolTest, DuplicatingAnEmptyPoolYieldsAnEmptyPool) {
+    sr_i_record_buffer_pool_t copy{};
+    sr_i_record_buffer_pool_duplication_map_t *p_map = nullptr;
+    ASSERT_EQ(0, sr_i_rb_duplicate_record_buffer_pool(&pool_, &copy, &p_map));
+    EXPECT_EQ(0u, p_map->total);
+    EXPECT_TRUE(pool_is_consistent(copy));
+    EXPECT_EQ(nullptr, copy.p_first_record_buffer);
+    sr_i_rb_free_duplication_map(p_map);
+}
+
+// Random reserve/free against a model of what each record holds.
+TEST_F(PoolTest, RandomReservesAndFreesKeepEveryPromise) {
+    std::mt19937 random(12345);
+    std::vector<std::pair<char *, std::string>> live;
+    for (int step = 0; step < 4000; ++step) {
+        bool do_free = !live.empty() && random() % 100 < 45;
+        if (do_free) {
+            size_t i = random() % live.size();
+            ASSERT_EQ(0, memcmp(live[i].first, live[i].second.data(), live[i].second.size()));
+            ASSERT_EQ(0, sr_i_rb_free_record(&pool_, live[i].first));
+            live[i] = live.back();
+            live.pop_back();
+        } else {
+            qx_uint32_t length = random() % 3 == 0 ? random() % 2000 : random() % 120;
+            if (random() % 200 == 0) length = 66000 + random() % 5000;
+            char *p_data = reserve(length);
+            ASSERT_NE(nullptr, p_data);
+            std::string content(length, static_cast<char>('a' + step % 26));
+            memcpy(p_data, content.data(), length);
+            live.emplace_back(p_data, content);
+        }
+        if (step % 97 == 0) {
+            ASSERT_TRUE(pool_is_consistent(pool_)) << "step " << step;
+        }
+    }
+    for (auto &[p_data, content] : live) {
+        ASSERT_EQ(0, memcmp(p_data, content.data(), content.size()));
+        ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_data));
+    }
+    ASSERT_TRUE(pool_is_consistent(pool_));
+    // Everything freed: each buffer is one free record again.
+    EXPECT_EQ(buffers(pool_).size(), free_chain(pool_).size());
+    EXPECT_EQ(20u * buffers(pool_).size(), pool_.used_bytes);
+}
+
+// Runs `attempt` with the n-th allocation failing, n = 0, 1, ... until it
+// runs without meeting the failure; `on_failure` checks each failed run.
+template <typename Attempt, typename OnFailure>
+int fail_each_allocation(Attempt attempt, OnFailure on_failure) {
+    int failures = 0;
+    for (qx_int64_t n = 0; n < 1000; ++n) {
+        sr_i_alloc_fail_after(n);
+        qx_int32_t rc = attempt();
+        bool failed = !sr_i_alloc_failure_pending();
+        sr_i_alloc_fail_after(-1);
+        if (!failed) {
+            EXPECT_EQ(0, rc) << "with no failure injected";
+            return failures;
+        }
+        ++failures;
+        on_failure(rc);
+    }
+    ADD_FAILURE() << "never succeeded";
+    return failures;
+}
+
+TEST_F(PoolTest, EveryAllocationFailureReturns12AndLeavesThePoolAsItWas) {
+    // A new buffer in an empty pool (buffer and directory), then in a pool
+    // whose directory must grow.
+    for (int round = 0; round < 12; ++round) {
+        PoolSnapshot before = snapshot(pool_);
+        char *p_data = nullptr;
+        int failures = fail_each_allocation(
+            [&] { return sr_i_reserve_record(&pool_, 70000 + round, 2, &p_data); },
+            [&](qx_int32_t rc) {
+                EXPECT_EQ(12, rc);
+                EXPECT_EQ(12, last_error().code);
+                EXPECT_EQ(before, snapshot(pool_));
+                EXPECT_TRUE(pool_is_consistent(pool_));
+            });
+        EXPECT_GE(failures, 1);
+    }
+    EXPECT_EQ(12u, buffers(pool_).size());
+    EXPECT_TRUE(pool_is_consistent(pool_));
+}
+
+TEST_F(PoolTest, InitialisationFailureLeavesAnEmptyPool) {
+    sr_i_rb_uninitialize_record_buffer_pool(&pool_);
+    int failures =
+        fail_each_allocation([&] { return sr_i_rb_initialize_record_buffer_pool(1, &pool_); },
+                             [&](qx_int32_t rc) {
+                                 EXPECT_EQ(12, rc);
+                                 EXPECT_TRUE(pool_is_consistent(pool_));
+                                 EXPECT_EQ(nullptr, pool_.p_first_record_buffer);
+                             });
+    EXPECT_EQ(2, failures);
+}
+
+TEST_F(PoolTest, DuplicationFailureFreesEverythingItMade) {
+    reserve(100);
+    reserve(70000);
+    PoolSnapshot before = snapshot(pool_);
+    sr_i_record_buffer_pool_t copy{};
+    sr_i_record_buffer_pool_duplication_map_t *p_map = nullptr;
+    int failures = fail_each_allocation(
+        [&] {
+            memset(&copy, 0, sizeof copy);
+            p_map = nullptr;
+            return sr_i_rb_duplicate_record_buffer_pool(&pool_, &copy, &p_map);
+        },
+        [&](qx_int32_t rc) {
+            EXPECT_EQ(12, rc);
+            EXPECT_EQ(nullptr, p_map);
+            EXPECT_EQ(nullptr, copy.p_first_record_buffer);
+            EXPECT_EQ(before, snapshot(pool_));
+        });
+    EXPECT_EQ(6, failures);  // map, three arrays, buffer, directory
+    sr_i_rb_free_duplication_map(p_map);
+    sr_i_rb_uninitialize_record_buffer_pool(&copy);
+}
+
+TEST_F(PoolTest, PoolsBeyondFourGigabytesAreRefused) {
+    char *p_data = nullptr;
+    EXPECT_EQ(12, sr_i_reserve_record(&pool_, UINT32_MAX - 10, 2, &p_data));
+    EXPECT_TRUE(pool_is_consistent(pool_));
+    EXPECT_EQ(nullptr, pool_.p_first_record_buffer);
+}
+
+}  // namespace
