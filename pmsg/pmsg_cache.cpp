@@ -225,10 +225,23 @@ size_t cache_entry_count() {
     return g_entry_count.load(std::memory_order_relaxed);
 }
 
+/* Four independent lanes of multiply-xorshift over 32-byte blocks: the lanes'
+ * multiplications overlap in the pipeline, which is what makes a cache hit
+ * cheap next to building the value again. */
 uint64_t fingerprint(const void *p, size_t n) {
     constexpr uint64_t kMultiplier = 0xff51afd7ed558ccdull;
     const uint8_t *p_byte = static_cast<const uint8_t *>(p);
-    uint64_t h = 0x9E3779B97F4A7C15ull ^ n;
+    uint64_t lanes[4] = {0x9E3779B97F4A7C15ull ^ n, 0xC2B2AE3D27D4EB4Full, 0x165667B19E3779F9ull,
+                         0x27D4EB2F165667C5ull};
+    while (n >= 32) {
+        for (int i = 0; i < 4; i++) {
+            uint64_t h = (lanes[i] ^ load64(p_byte + 8 * i)) * kMultiplier;
+            lanes[i] = h ^ (h >> 32);
+        }
+        p_byte += 32;
+        n -= 32;
+    }
+    uint64_t h = lanes[0] ^ (lanes[1] * 3) ^ (lanes[2] * 5) ^ (lanes[3] * 7);
     while (n >= 8) {
         h = (h ^ load64(p_byte)) * kMultiplier;
         h ^= h >> 32;
