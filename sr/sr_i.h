@@ -348,6 +348,127 @@ qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame,
 }
 
 /* ===========================================================================
+ * Table file, create, open, close.
+ */
+
+/* Record types that exist only in the table file (the pool knows 0, 1, 2). */
+#define SR_I_RECORD_TYPE_DELETION 3
+#define SR_I_RECORD_TYPE_COMMIT (-1)
+
+/* Length of a commit record without application metadata. */
+#define SR_I_COMMIT_RECORD_LENGTH 24
+
+/* Returned by do_open_table when it made a new table record, which then owns
+ * the hashed key index passed in; its callers turn it into 0. */
+#define SR_I_NEW_TABLE_RECORD 999999
+
+/* Alignment-safe loads and stores: records, slots and column entries lie at
+ * any alignment in a file image, a pool or a packed buffer. */
+inline qx_uint32_t sr_i_load_u32(const void *p) {
+    qx_uint32_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void sr_i_store_u32(void *p, qx_uint32_t v) {
+    memcpy(p, &v, sizeof v);
+}
+inline qx_uint64_t sr_i_load_u64(const void *p) {
+    qx_uint64_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void sr_i_store_u64(void *p, qx_uint64_t v) {
+    memcpy(p, &v, sizeof v);
+}
+/* A copy of p_text in memory from sr_i_malloc, or NULL. */
+char *sr_i_strdup(const char *p_text);
+
+/* Places a table's metadata record so that its column array (data + 16) is
+ * 8-aligned: p_columns is used as an sr_column_t array in place. */
+qx_int32_t sr_i_reserve_metadata_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
+                                        qx_uint32_t data_length, char **p_record_data);
+
+/* A copy of a column definition that lies in a metadata record. */
+inline sr_column_t sr_i_load_column(const sr_column_t *p_column) {
+    sr_column_t column;
+    memcpy(&column, p_column, sizeof column);
+    return column;
+}
+
+/* Allocates and fills a commit record for `change_counter` and the applied (or
+ * else committed) application metadata; the caller frees it with free(). */
+qx_int32_t sr_i_create_commit_record(sr_i_application_metadata_t *p_application_metadata,
+                                     qx_uint64_t change_counter,
+                                     qx_uint32_t *p_commit_record_length,
+                                     char **p_p_commit_record);
+
+/* Reads the commit record whose header is at p_commit_record (any alignment):
+ * its change counter, and its application metadata added to and committed in
+ * the store.  The record's own length bounds every field (14 when it lies). */
+qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
+                                   sr_i_application_metadata_t *p_application_metadata,
+                                   qx_uint64_t *p_change_counter);
+
+/* Reads the table file p_file_name into a new table record (one read, one
+ * pass).  p_name is the registry path (may be NULL).  The record owns
+ * p_rows_hash_table from the start: on failure it has been closed. */
+qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
+                                      const char *p_file_name, qx_uint32_t mode,
+                                      qx_uint32_t block_size, sr_hash_table_t *p_rows_hash_table,
+                                      sr_i_table_t **p_table);
+
+/* Data file descriptors of the process.  A lockf lock belongs to the process
+ * and dies with the first close of ANY descriptor of its file, so every data
+ * file descriptor is registered here and closed only through
+ * sr_i_close_data_file, which keeps it open while another descriptor of the
+ * same file still holds the writer's lock. */
+qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock);
+void sr_i_close_data_file(qx_int32_t fd);
+
+/* Creating tables.  sr_x_create_table consumes p_rows_hash_table whatever the
+ * outcome; the workers own it from their first step. */
+qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
+                             sr_column_t *p_columns, qx_uint32_t array_count, qx_int32_t mode,
+                             sr_hash_table_t *p_rows_hash_table, qx_array_t *p_packed_rows_array,
+                             sr_opaque_handle_t *p_result_table_handle);
+qx_int32_t sr_i_create_null_table(sr_i_table_t **p_table);
+qx_int32_t sr_i_create_transient_table_common(sr_i_tree_t *p_tree, const char *p_name,
+                                              sr_column_t *p_columns, qx_uint32_t total_columns,
+                                              qx_uint32_t mode, sr_hash_table_t *p_rows_hash_table,
+                                              sr_i_table_t **p_table);
+qx_int32_t sr_i_create_transient_table(sr_i_tree_t *p_tree, const char *p_name,
+                                       sr_column_t *p_columns, qx_uint32_t total_columns,
+                                       qx_uint32_t mode, sr_hash_table_t *p_rows_hash_table,
+                                       sr_i_table_t **p_table);
+qx_int32_t sr_i_create_read_only_transient_table_from_packed_rows(
+    sr_i_tree_t *p_tree, const char *p_name, sr_column_t *p_columns, qx_uint32_t total_columns,
+    sr_hash_table_t *p_rows_hash_table, qx_array_t *p_packed_rows_array, sr_i_table_t **p_table);
+qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
+                                        const char *p_file_name, sr_column_t *p_columns,
+                                        qx_uint32_t total_columns, qx_uint32_t mode,
+                                        qx_uint32_t block_size, sr_hash_table_t *p_rows_hash_table,
+                                        sr_i_table_t **p_table);
+qx_uint32_t sr_i_valid_column_name(const char *column_name);
+qx_int32_t sr_i_pack_variable_length_default_values(sr_column_t *p_columns,
+                                                    qx_uint32_t total_columns,
+                                                    char **p_default_value_indirect_data,
+                                                    qx_uint32_t *default_value_indirect_data_length,
+                                                    qx_uint32_t *total_variable_length_columns_return,
+                                                    cu_iconv_t *p_string_conversion_handle);
+void sr_i_convert_columns_pointers_to_offsets(sr_i_table_t *p_table);
+void sr_i_convert_columns_offsets_to_pointers(sr_i_table_t *p_table);
+void sr_i_swap_columns(sr_column_t *p_column1, sr_column_t *p_column2);
+
+/* Opening and closing.  do_open_table returns SR_I_NEW_TABLE_RECORD when the
+ * new record took p_rows_hash_table, 0 when it handed out a shared record
+ * (the caller still owns the index), and on failure has released it. */
+qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
+                         qx_int32_t mode, sr_hash_table_t *p_rows_hash_table,
+                         sr_opaque_handle_t *p_result_table_handle);
+/* Frees a table record and everything it owns; writes nothing. */
+qx_int32_t sr_i_close_table(sr_i_table_t *p_table);
+
+/* ===========================================================================
  * Engine routines: record buffer pool, hashed key index, table record,
  * application metadata.  (Declared by their owners below.)
  */

@@ -1,0 +1,631 @@
+// The table file: its commit record, the process's register of data file
+// descriptors, and the reader that turns a file into a table record with one
+// read and one pass over the records, in place.
+//
+// A table file is a log of records with the pool's 12-byte header: the
+// metadata record at offset 0, then row, deletion, free and commit records.
+// Only the prefix up to the FIRST commit record is the table; anything after
+// it is an apply that was never committed.  The file is host format (byte
+// order and word size of the writer): the column array is an array of
+// sr_column_t, 40 bytes per column on a 64-bit host, with its name and sd_defn
+// pointers replaced by offsets.
+//
+// The file is untrusted input.  Every length, offset and count is checked in
+// 64-bit arithmetic against the bytes actually read before it is used, every
+// record is read through memcpy accessors (records after an odd-length
+// commit record lie at odd addresses), and any inconsistency is 14.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_table_file", "1.1");
+
+namespace {
+
+constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
+// Metadata record data: byte-order flag, 0, total_columns,
+// total_variable_length_columns, then the column array.
+constexpr qx_uint32_t kMetadataFixed = 16;
+constexpr qx_uint32_t kColumnSize = sizeof(sr_column_t);
+
+inline qx_uint32_t rec_length(const char *p_header) {
+    return sr_i_record_length(p_header);
+}
+inline qx_int32_t rec_type(const char *p_header) {
+    return sr_i_record_type(p_header);
+}
+
+bool is_pointer_type(qx_uint32_t type) {
+    return sr_i_is_pointer_type(static_cast<qx_data_type_t>(type));
+}
+
+// Distance from a record header to its column array: the header, then the
+// metadata record's four words.
+constexpr uintptr_t kHeaderToColumns = SR_I_RECORD_HEADER_LENGTH + 16;
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Commit records.
+
+qx_int32_t sr_i_create_commit_record(sr_i_application_metadata_t *p_application_metadata,
+                                     qx_uint64_t change_counter,
+                                     qx_uint32_t *p_commit_record_length,
+                                     char **p_p_commit_record) {
+    qx_uint64_t length = SR_I_COMMIT_RECORD_LENGTH;
+    qx_uint32_t elements = 0;
+    if (p_application_metadata != nullptr) {
+        for (qx_uint32_t i = 0; i < p_application_metadata->total_elements; ++i) {
+            const auto &element = p_application_metadata->p_index[i];
+            const qx_binary_t *p_block =
+                element.p_applied != nullptr ? element.p_applied : element.p_committed;
+            if (p_block == nullptr) continue;
+            length += 8 + static_cast<qx_uint64_t>(sr_i_load_u32(&p_block->length));
+            ++elements;
+        }
+    }
+    if (elements > 0) length += 4;
+    if (length > UINT32_MAX) return SR_ERROR(12);
+    char *p_record = static_cast<char *>(sr_i_malloc(length));
+    if (p_record == nullptr) return SR_ERROR(12);
+    sr_i_store_u32(p_record, static_cast<qx_uint32_t>(length));
+    sr_i_store_u32(p_record + 4, 0);
+    sr_i_store_u32(p_record + 8, static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT));
+    sr_i_store_u32(p_record + 12, static_cast<qx_uint32_t>(length - 16));
+    sr_i_store_u64(p_record + 16, change_counter);
+    if (elements > 0) {
+        sr_i_store_u32(p_record + 24, elements);
+        char *p = p_record + 28;
+        for (qx_uint32_t i = 0; i < p_application_metadata->total_elements; ++i) {
+            const auto &element = p_application_metadata->p_index[i];
+            const qx_binary_t *p_block =
+                element.p_applied != nullptr ? element.p_applied : element.p_committed;
+            if (p_block == nullptr) continue;
+            qx_uint32_t data_length = sr_i_load_u32(&p_block->length);
+            sr_i_store_u32(p, element.type);
+            sr_i_store_u32(p + 4, data_length);
+            std::memcpy(p + 8, p_block->data, data_length);
+            p += 8 + data_length;
+        }
+    }
+    *p_commit_record_length = static_cast<qx_uint32_t>(length);
+    *p_p_commit_record = p_record;
+    return 0;
+}
+
+qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
+                                   sr_i_application_metadata_t *p_application_metadata,
+                                   qx_uint64_t *p_change_counter) {
+    qx_uint64_t record_length = rec_length(p_commit_record);
+    if (record_length < SR_I_COMMIT_RECORD_LENGTH) return SR_ERROR(14);
+    qx_uint64_t following = sr_i_load_u32(p_commit_record + 12);
+    if (16 + following > record_length || following < 8) return SR_ERROR(14);
+    *p_change_counter = sr_i_load_u64(p_commit_record + 16);
+    if (following < 9) return 0;
+    if (following < 12) return SR_ERROR(14);
+    // Every element is checked against the record before the store is touched,
+    // so a lying count or length leaves the store as it was.
+    const qx_uint64_t end = 16 + following;
+    qx_uint32_t elements = sr_i_load_u32(p_commit_record + 24);
+    qx_uint64_t at = 28;
+    for (qx_uint32_t i = 0; i < elements; ++i) {
+        if (at + 8 > end) return SR_ERROR(14);
+        qx_uint64_t data_length = sr_i_load_u32(p_commit_record + at + 4);
+        if (at + 8 + data_length > end) return SR_ERROR(14);
+        at += 8 + data_length;
+    }
+    at = 28;
+    qx_int32_t rc = 0;
+    for (qx_uint32_t i = 0; i < elements && rc == 0; ++i) {
+        qx_uint32_t type = sr_i_load_u32(p_commit_record + at);
+        qx_uint32_t data_length = sr_i_load_u32(p_commit_record + at + 4);
+        rc = sr_i_add_application_metadata_element(
+            p_application_metadata, type, data_length,
+            const_cast<qx_char_ptr_t>(p_commit_record + at + 8));
+        at += 8 + static_cast<qx_uint64_t>(data_length);
+    }
+    // Two elements of one type cannot come from a commit record this library
+    // wrote: the file is damaged, not the caller's key.
+    if (rc == SR_E_DUPLICATE_KEY) rc = SR_ERROR(14);
+    qx_int32_t commit_rc = sr_i_commit_application_metadata_buffer_updates(p_application_metadata);
+    return rc != 0 ? rc : commit_rc;
+}
+
+// ---------------------------------------------------------------------------
+// Data file descriptors.
+//
+// POSIX record locks belong to the process, not to the descriptor: closing
+// any descriptor of a file drops every lock the process holds on it.  A table
+// opened for write holds its file's lock through its descriptor for as long as
+// it is open; if a reader of the same file in another tree of this process
+// (or the read-only record a read-to-write reload replaces) simply closed its
+// own descriptor, the writer would lose its lock silently and a second
+// process could write the file under it.  Such closes are therefore deferred:
+// the descriptor is parked until the last lock holder of the file closes.
+
+namespace {
+
+struct data_file_t {
+    qx_int32_t fd;
+    dev_t dev;
+    ino_t ino;
+    bool holds_lock;
+    bool parked;
+};
+
+pthread_mutex_t Data_Files_Mutex = PTHREAD_MUTEX_INITIALIZER;
+data_file_t *P_Data_Files = nullptr;
+qx_uint32_t Total_Data_Files = 0;
+qx_uint32_t Max_Data_Files = 0;
+
+void remove_data_file(qx_uint32_t i) {
+    P_Data_Files[i] = P_Data_Files[Total_Data_Files - 1];
+    --Total_Data_Files;
+}
+
+}  // namespace
+
+qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) return SR_ERROR_SYSCALL("fstat", errno);
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_int32_t rc = 0;
+    // A number the process reused after someone closed it behind our back.
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        if (P_Data_Files[i].fd == fd) {
+            remove_data_file(i);
+            break;
+        }
+    }
+    if (Total_Data_Files == Max_Data_Files) {
+        qx_uint32_t new_max = Max_Data_Files == 0 ? 16 : Max_Data_Files * 2;
+        auto *p_new = static_cast<data_file_t *>(
+            sr_i_realloc(P_Data_Files, static_cast<size_t>(new_max) * sizeof(data_file_t)));
+        if (p_new == nullptr) {
+            rc = SR_ERROR(12);
+        } else {
+            P_Data_Files = p_new;
+            Max_Data_Files = new_max;
+        }
+    }
+    if (rc == 0) {
+        P_Data_Files[Total_Data_Files++] = {fd, st.st_dev, st.st_ino, holds_lock != 0, false};
+    }
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return rc;
+}
+
+void sr_i_close_data_file(qx_int32_t fd) {
+    if (fd < 0) return;
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_uint32_t index = Total_Data_Files;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) {
+            index = i;
+            break;
+        }
+    }
+    struct stat st;
+    if (index == Total_Data_Files || fstat(fd, &st) != 0 || st.st_dev != P_Data_Files[index].dev ||
+        st.st_ino != P_Data_Files[index].ino) {
+        // Unknown or stale: nothing of ours depends on it.
+        if (index != Total_Data_Files) remove_data_file(index);
+        pthread_mutex_unlock(&Data_Files_Mutex);
+        close(fd);
+        return;
+    }
+    const dev_t dev = P_Data_Files[index].dev;
+    const ino_t ino = P_Data_Files[index].ino;
+    P_Data_Files[index].holds_lock = false;
+    bool other_holder = false;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        const data_file_t &f = P_Data_Files[i];
+        if (f.dev == dev && f.ino == ino && f.holds_lock && !f.parked) other_holder = true;
+    }
+    if (other_holder) {
+        P_Data_Files[index].parked = true;
+    } else {
+        // No lock of this process left on the file: every parked descriptor
+        // can go with this one.
+        remove_data_file(index);
+        close(fd);
+        for (qx_uint32_t i = 0; i < Total_Data_Files;) {
+            const data_file_t &f = P_Data_Files[i];
+            if (f.dev == dev && f.ino == ino && f.parked) {
+                close(f.fd);
+                remove_data_file(i);
+            } else {
+                ++i;
+            }
+        }
+    }
+    pthread_mutex_unlock(&Data_Files_Mutex);
+}
+
+// ---------------------------------------------------------------------------
+// The reader.
+
+namespace {
+
+// Checks the metadata record (header at p_image, real length meta_length,
+// already within the image) and returns its column counts.
+qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
+                                 qx_uint32_t *p_total_columns,
+                                 qx_uint32_t *p_total_variable_length_columns) {
+    const char *p_data = p_image + kHeader;
+    if (meta_length < kHeader + kMetadataFixed) return SR_ERROR(14);
+    const qx_uint64_t data_length = meta_length - kHeader;
+    qx_uint64_t total_columns = sr_i_load_u32(p_data + 8);
+    qx_uint32_t total_variable = sr_i_load_u32(p_data + 12);
+    if (total_columns == 0) return SR_ERROR(14);
+    const qx_uint64_t area_start = kMetadataFixed + total_columns * kColumnSize;
+    if (area_start > data_length) return SR_ERROR(14);
+    const qx_uint64_t area_length = data_length - area_start;
+    const char *p_area = p_data + area_start;
+    qx_uint32_t counted_variable = 0;
+    for (qx_uint64_t i = 0; i < total_columns; ++i) {
+        sr_column_t column = sr_i_load_column(
+            reinterpret_cast<const sr_column_t *>(p_data + kMetadataFixed + i * kColumnSize));
+        qx_uint32_t type = static_cast<qx_uint32_t>(column.type);
+        if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(14);
+        qx_uint64_t name = reinterpret_cast<uintptr_t>(column.name);
+        if (name >= area_length ||
+            std::memchr(p_area + name, '\0', area_length - name) == nullptr) {
+            return SR_ERROR(14);
+        }
+        if (i == 0) {
+            // Column 0 is the key: the row index and any hashed key index read
+            // it from every row.
+            qx_uint32_t base = column.qualifier & SR_QUALIFIER_BASE_MASK;
+            if (base != SR_PRIMARY_KEY && base != SR_PRIMARY_KEY_NOCHECK) return SR_ERROR(14);
+            if (type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR) return SR_ERROR(14);
+        }
+        qx_uint64_t sd = reinterpret_cast<uintptr_t>(column.sd_defn);
+        if (sd != 0) {
+            if (sd + 4 > area_length) return SR_ERROR(14);
+            qx_uint32_t fields = sr_i_load_u32(p_area + sd);
+            qx_uint64_t at = sd + 4;
+            for (qx_uint32_t f = 0; f < fields; ++f) {
+                if (at + 4 >= area_length) return SR_ERROR(14);
+                const void *p_nul = std::memchr(p_area + at + 4, '\0', area_length - at - 4);
+                if (p_nul == nullptr) return SR_ERROR(14);
+                at = static_cast<qx_uint64_t>(static_cast<const char *>(p_nul) - p_area) + 1;
+            }
+        }
+        if (is_pointer_type(type)) {
+            ++counted_variable;
+            // The default's protocol form must lie inside the area, nested
+            // anchors included: building a deep client value checks them all.
+            qx_pmsg_anchor_t anchor;
+            std::memcpy(&anchor, &column.default_value, sizeof anchor);
+            if (static_cast<qx_uint64_t>(anchor.offset) + anchor.length > area_length) {
+                return SR_ERROR(14);
+            }
+            qx_value_t value;
+            int pmsg_rc = qx_pmsg_build_conv_packed_client_value_1(
+                nullptr, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP, column.type, &value,
+                &column.default_value, p_area, static_cast<qx_int64_t>(area_length));
+            if (pmsg_rc != 0) return SR_ERROR(14);
+            std::free(value.ptr_char);
+        }
+    }
+    if (counted_variable != total_variable) return SR_ERROR(14);
+    *p_total_columns = static_cast<qx_uint32_t>(total_columns);
+    *p_total_variable_length_columns = total_variable;
+    return 0;
+}
+
+// Whether the key of a row record (data at p_data, data_length bytes) lies
+// inside the record, so that a hashed key index can read it.
+bool row_key_is_sound(const char *p_data, qx_uint64_t data_length, qx_uint32_t total_columns,
+                      qx_uint32_t key_type) {
+    if (!is_pointer_type(key_type)) return true;
+    const qx_uint64_t area_start = 4 + 8 * static_cast<qx_uint64_t>(total_columns);
+    const qx_uint64_t area_length = data_length - area_start;
+    qx_uint64_t offset = sr_i_load_u32(p_data + 4);
+    qx_uint64_t length = sr_i_load_u32(p_data + 8);
+    if (offset + length > area_length) return false;
+    if (key_type == QX_CHAR_PTR) {
+        return length > 0 && std::memchr(p_data + area_start + offset, '\0', length) != nullptr;
+    }
+    return length >= sizeof(qx_resource_handle_t);
+}
+
+// Reads the whole file into the pool as one record of type 1 whose length is
+// then set back to the metadata record's own, so that the pool walks the
+// file's records from there.  When the room's start would leave the column
+// array misaligned, the image goes 12 bytes further in and those 12 bytes
+// become a free record of their own.  Returns the image (the metadata
+// record's header), the bytes read and the image's end within its pool record
+// (both counted from the image).
+qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_image,
+                           qx_uint64_t *p_bytes_read, qx_uint64_t *p_image_end) {
+    for (;;) {
+        off64_t end = lseek64(fd, 0, SEEK_END);
+        if (end < 0) return SR_ERROR_SYSCALL("lseek64", errno);
+        if (end < kHeader + 1) return SR_ERROR(14);
+        // Offsets in the file and its records are 32-bit.
+        if (static_cast<qx_uint64_t>(end) > UINT32_MAX - 4 * 4096) return SR_ERROR(14);
+        p_table->file_length = static_cast<qx_uint32_t>(end);
+        if (lseek64(fd, 0, SEEK_SET) < 0) return SR_ERROR_SYSCALL("lseek64", errno);
+        const qx_uint64_t read_guess = static_cast<qx_uint64_t>(end) + 4096;
+
+        sr_i_rb_uninitialize_record_buffer_pool(&p_table->record_buffer_pool);
+        char *p_data = nullptr;
+        char *p_previous = nullptr;
+        qx_uint32_t room = 0;
+        qx_int32_t rc = sr_i_rb_find_suitable_record(&p_table->record_buffer_pool,
+                                                     static_cast<qx_uint32_t>(read_guess), &p_data,
+                                                     &p_previous, &room);
+        if (rc != 0) return rc;
+        char *p_room = p_data - kHeader;
+        const qx_uint32_t pad =
+            (reinterpret_cast<uintptr_t>(p_room) + kHeaderToColumns) % 8 == 0 ? 0 : kHeader;
+        char *p_image = p_room + pad;
+        // The free record's header belongs to the pool: its link word must
+        // survive the read, since the file's own link words mean nothing.
+        char saved_header[kHeader];
+        std::memcpy(saved_header, p_room, kHeader);
+
+        qx_uint64_t bytes_read = 0;
+        for (;;) {
+            ssize_t n = read(fd, p_image + bytes_read, read_guess - bytes_read);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                int err = errno;
+                std::memcpy(p_room, saved_header, kHeader);
+                return SR_ERROR_SYSCALL("read", err);
+            }
+            bytes_read += static_cast<qx_uint64_t>(n);
+            // One read normally returns the whole file; only a read cut short
+            // before the measured end is repeated.
+            if (n == 0 || bytes_read >= read_guess || bytes_read >= static_cast<qx_uint64_t>(end)) {
+                break;
+            }
+        }
+        const qx_uint32_t meta_length = rec_length(p_image);
+        const qx_int32_t meta_type = rec_type(p_image);
+        std::memcpy(p_room, saved_header, kHeader);
+        if (bytes_read == read_guess) continue;  // the file grew meanwhile: again
+        if (bytes_read < kHeader + 1) return SR_ERROR(14);
+        rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_data, p_previous,
+                                     static_cast<qx_uint32_t>(pad + bytes_read - kHeader),
+                                     SR_I_RECORD_TYPE_METADATA);
+        if (rc != 0) return rc;
+        const qx_uint64_t image_end = rec_length(p_room) - pad;
+        if (pad != 0) {
+            sr_i_set_record_length(p_room, kHeader);
+            sr_i_set_record_type(p_image, SR_I_RECORD_TYPE_METADATA);
+            sr_i_set_record_length(p_image, static_cast<qx_uint32_t>(image_end));
+            sr_i_rb_free_record(&p_table->record_buffer_pool, p_room + kHeader);
+        }
+        *p_p_image = p_image;
+        *p_bytes_read = bytes_read;
+        *p_image_end = image_end;
+        // Until the metadata record is known good the image stays one record
+        // of the pool, so that a failure can simply close the table.
+        if (meta_type != SR_I_RECORD_TYPE_METADATA || meta_length > bytes_read) {
+            return SR_ERROR(14);
+        }
+        sr_i_set_record_length(p_image, meta_length);
+        return 0;
+    }
+}
+
+// The single pass over the records after the metadata record.
+qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_read,
+                        qx_uint64_t image_end) {
+    const qx_uint64_t meta_length = rec_length(p_image);
+    const qx_uint32_t total_columns = p_table->total_columns;
+    const qx_uint32_t key_type =
+        static_cast<qx_uint32_t>(sr_i_load_column(p_table->p_columns).type);
+    const qx_uint64_t row_minimum = kHeader + 4 + 8 * static_cast<qx_uint64_t>(total_columns);
+    sr_i_record_buffer_pool_t *p_pool = &p_table->record_buffer_pool;
+    qx_uint64_t current = meta_length;
+    for (;;) {
+        if (current + kHeader > bytes_read) return SR_ERROR(14);  // no commit record
+        char *p_record = p_image + current;
+        const qx_uint64_t length = rec_length(p_record);
+        const qx_int32_t type = rec_type(p_record);
+        // A length below the header would stall or reverse the walk.
+        if (length < kHeader || current + length > bytes_read) return SR_ERROR(14);
+        char *p_data = p_record + kHeader;
+        switch (type) {
+            case SR_I_RECORD_TYPE_FREE:
+                sr_i_rb_free_record(p_pool, p_data);
+                break;
+            case SR_I_RECORD_TYPE_ROW: {
+                if (length < row_minimum ||
+                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type)) {
+                    return SR_ERROR(14);
+                }
+                qx_uint64_t replaces = sr_i_load_u32(p_data);
+                sr_i_index_entry_t *p_entry = nullptr;
+                if (replaces != 0) {
+                    // The superseded record's first word holds its row's fixed
+                    // index; it must name a slot whose current record is the
+                    // one at that very offset.
+                    if (replaces < meta_length || replaces + kHeader + 4 > current) {
+                        return SR_ERROR(14);
+                    }
+                    qx_uint32_t fixed = sr_i_load_u32(p_image + replaces + kHeader);
+                    if (fixed >= p_table->maximum_rows) return SR_ERROR(14);
+                    p_entry = &p_table->p_rows_fixed_index[fixed];
+                    if (p_entry->p_committed == nullptr || p_entry->file_offset != replaces) {
+                        return SR_ERROR(14);
+                    }
+                    sr_i_rb_free_record(p_pool, p_entry->p_committed);
+                } else {
+                    p_entry = sr_i_rows_free_chain_remove(p_table);
+                    if (p_entry == nullptr) return SR_ERROR(14);
+                    ++p_table->total_applied_rows;
+                }
+                p_entry->p_applied = p_data;
+                p_entry->p_committed = p_data;
+                p_entry->file_offset = static_cast<qx_uint32_t>(current);
+                p_entry->applied_file_offset = 0;
+                p_entry->p_pending_change = nullptr;
+                sr_i_store_u32(p_data,
+                               static_cast<qx_uint32_t>(p_entry - p_table->p_rows_fixed_index));
+                break;
+            }
+            case SR_I_RECORD_TYPE_DELETION: {
+                if (length < kHeader + 4) return SR_ERROR(14);
+                const qx_uint64_t count = sr_i_load_u32(p_data);
+                if (kHeader + 4 + 4 * count > length) return SR_ERROR(14);
+                for (qx_uint64_t i = 0; i < count; ++i) {
+                    qx_uint64_t offset = sr_i_load_u32(p_data + 4 + 4 * i);
+                    if (offset < meta_length || offset + kHeader + 4 > current) {
+                        return SR_ERROR(14);
+                    }
+                    qx_uint32_t fixed = sr_i_load_u32(p_image + offset + kHeader);
+                    if (fixed >= p_table->maximum_rows) return SR_ERROR(14);
+                    sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[fixed];
+                    // A row listed twice is free by its second mention.
+                    if (p_entry->p_committed == nullptr || p_entry->file_offset != offset) {
+                        return SR_ERROR(14);
+                    }
+                    sr_i_rb_free_record(p_pool, p_entry->p_committed);
+                    sr_i_rows_free_chain_insert(p_table, p_entry);
+                    --p_table->total_applied_rows;
+                }
+                sr_i_rb_free_record(p_pool, p_data);
+                break;
+            }
+            case SR_I_RECORD_TYPE_COMMIT: {
+                p_table->commit_record_offset = static_cast<qx_uint32_t>(current);
+                p_table->commit_record_length = static_cast<qx_uint32_t>(length);
+                qx_int32_t rc = sr_i_open_commit_record(p_record, p_table->p_application_metadata,
+                                                        &p_table->change_counter);
+                if (rc != 0) return rc;
+                // The commit record and whatever an uncommitted apply left
+                // after it become one free record of the pool.
+                sr_i_store_u32(p_record, static_cast<qx_uint32_t>(image_end - current));
+                sr_i_rb_free_record(p_pool, p_data);
+                return 0;
+            }
+            default:
+                return SR_ERROR(14);
+        }
+        current += length;
+    }
+}
+
+}  // namespace
+
+qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
+                                      const char *p_file_name, qx_uint32_t mode,
+                                      qx_uint32_t block_size, sr_hash_table_t *p_rows_hash_table,
+                                      sr_i_table_t **p_table) {
+    sr_i_table_t *p_new = nullptr;
+    qx_int32_t rc = sr_i_create_null_table(&p_new);
+    if (rc != 0) {
+        sr_i_hash_table_close(p_rows_hash_table);
+        return rc;
+    }
+    p_new->p_rows_hash_table = p_rows_hash_table;
+    p_new->mode = mode;
+    p_new->p_tree = p_tree;
+    p_new->implicitly_controlled = (mode & SR_MODE_EXPLICIT_CONTROL) ? 0 : 1;
+    if (p_file_name == nullptr) {
+        sr_i_close_table(p_new);
+        return SR_ERROR(101);
+    }
+    size_t name_length = std::strlen(p_file_name);
+    p_new->p_name = sr_i_strdup(p_file_name);
+    if (p_name != nullptr) p_new->p_persistent_table_registry_path = sr_i_strdup(p_name);
+    p_new->p_file_path = static_cast<char *>(sr_i_malloc(name_length + 9));
+    if (p_new->p_name == nullptr ||
+        (p_name != nullptr && p_new->p_persistent_table_registry_path == nullptr) ||
+        p_new->p_file_path == nullptr) {
+        sr_i_close_table(p_new);
+        return SR_ERROR(12);
+    }
+    std::memcpy(p_new->p_file_path, p_file_name, name_length);
+    std::memcpy(p_new->p_file_path + name_length, ".rewrite", 9);
+    p_new->file_path_length = static_cast<qx_uint32_t>(name_length);
+    p_new->block_size = block_size;
+
+    const bool writer = (mode & SR_MODE_WRITE) != 0;
+    qx_int32_t fd = sr_i_open_file(sr_i_set_data_path(p_new), writer ? O_RDWR : O_RDONLY, 0644);
+    if (fd < 0) {
+        rc = SR_ERROR_FILE("open", errno, true);
+        sr_i_close_table(p_new);
+        return rc;
+    }
+    rc = sr_i_register_data_file(fd, writer ? 1 : 0);
+    if (rc != 0) {
+        close(fd);
+        sr_i_close_table(p_new);
+        return rc;
+    }
+    p_new->file_fd = fd;
+    // A writer holds the whole file's lock for as long as the table is open; a
+    // second writer in another process waits here.  Readers rely on the
+    // commit protocol instead.
+    while (writer && lockf(fd, F_LOCK, 0) != 0) {
+        if (errno == EINTR) continue;
+        rc = SR_ERROR_SYSCALL("lockf", errno);
+        sr_i_close_table(p_new);
+        return rc;
+    }
+
+    char *p_image = nullptr;
+    qx_uint64_t bytes_read = 0;
+    qx_uint64_t image_end = 0;
+    rc = read_file_image(p_new, fd, &p_image, &bytes_read, &image_end);
+    if (rc == 0) {
+        rc = check_metadata_record(p_image, rec_length(p_image), &p_new->total_columns,
+                                   &p_new->total_variable_length_columns);
+        // Until the walk, the pool must stay walkable for a close: the
+        // image is one record again.
+        if (rc != 0) sr_i_set_record_length(p_image, static_cast<qx_uint32_t>(image_end));
+    }
+    if (rc == 0) {
+        p_new->p_metadata_record_data = p_image + kHeader;
+        p_new->p_columns =
+            reinterpret_cast<sr_column_t *>(p_new->p_metadata_record_data + kMetadataFixed);
+        sr_i_convert_columns_offsets_to_pointers(p_new);
+        // Found, not taken: makes the pool add its next buffer now, so that
+        // the first rows added later come from it.
+        char *p_room = nullptr;
+        char *p_previous = nullptr;
+        qx_uint32_t actual = 0;
+        rc = sr_i_rb_find_suitable_record(
+            &p_new->record_buffer_pool,
+            p_new->total_columns * 800 + p_new->total_variable_length_columns * 10000 + 1600,
+            &p_room, &p_previous, &actual);
+    }
+    if (rc == 0) {
+        // Never below the number of row records the file can hold.
+        const qx_uint64_t meta_length = rec_length(p_image);
+        const qx_uint64_t measured =
+            bytes_read > p_new->file_length ? bytes_read : p_new->file_length;
+        qx_uint64_t maximum_rows =
+            (measured - meta_length) / (8 * static_cast<qx_uint64_t>(p_new->total_columns) + 12);
+        rc = sr_i_establish_rows_index(
+            p_new, maximum_rows == 0 ? 100 : static_cast<qx_uint32_t>(maximum_rows));
+    }
+    if (rc == 0 && p_new->p_rows_hash_table == nullptr &&
+        sr_i_load_column(p_new->p_columns).type == QX_RSRC_HANDLE_PTR) {
+        rc = sr_i_hash_table_open(0, nullptr, nullptr, &p_new->p_rows_hash_table);
+    }
+    if (rc == 0) rc = sr_i_allocate_application_metadata_buffer(1, &p_new->p_application_metadata);
+    if (rc == 0) rc = load_records(p_new, p_image, bytes_read, image_end);
+    if (rc == 0) {
+        p_new->total_committed_rows = p_new->total_applied_rows;
+        rc = sr_i_establish_secondary_row_access(p_new);
+    }
+    if (rc != 0) {
+        sr_i_close_table(p_new);
+        return rc;
+    }
+    *p_table = p_new;
+    return 0;
+}

@@ -1,0 +1,56 @@
+// sr_close_table_1: gives up one open of a table.  A persistent table is
+// freed at its last close; a named transient table stays in its tree, rows
+// and all, until it is deleted; an unnamed table is freed at once.
+#include <search.h>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_close_table", "1.1");
+
+namespace {
+
+// Caller holds the tree's write lock.
+void close_table(sr_i_tree_t *p_tree, sr_i_table_t *p_table) {
+    if (p_table->p_name == nullptr) {
+        tdelete(p_table, &p_tree->p_unnamed_tables, sr_i_pointer_compare);
+        sr_i_close_table(p_table);
+        return;
+    }
+    if (p_table->references > 0) --p_table->references;
+    if (p_table->references != 0) return;
+    // The set may by now hold another record of the same name (this one was
+    // deleted and the table made again), which must stay.
+    void *p_node = tfind(p_table, &p_tree->p_tables, sr_i_table_compare);
+    bool in_set = p_node != nullptr && *static_cast<sr_i_table_t **>(p_node) == p_table;
+    if (p_table->p_file_path != nullptr) {
+        if (in_set) tdelete(p_table, &p_tree->p_tables, sr_i_table_compare);
+        sr_i_close_table(p_table);
+    } else if (!in_set) {
+        sr_i_close_table(p_table);
+    }
+}
+
+}  // namespace
+
+extern "C" qx_int32_t sr_close_table_1(sr_opaque_handle_t table_handle) {
+    // The lock taken is the tree's, reached through the table handle, which
+    // the common frame does not express; the steps are the frame's.
+    constexpr qx_uint32_t kEntry = 13;
+    sr_i_trace_entry(kEntry);
+    auto *p_table = static_cast<sr_i_table_t *>(table_handle);
+    qx_int32_t rc = 0;
+    if (p_table == nullptr) {
+        rc = SR_ERROR(100);
+    } else if (p_table->p_tree == nullptr) {
+        sr_i_close_table(p_table);
+    } else {
+        sr_i_tree_t *p_tree = p_table->p_tree;
+        rc = sr_i_rw_lock_write(&p_tree->lock);
+        if (rc == 0) {
+            close_table(p_tree, p_table);
+            rc = sr_i_rw_unlock_write(&p_tree->lock);
+        }
+    }
+    if (rc == 0) cu_set_no_error_1();
+    return sr_i_trace_exit(kEntry, rc);
+}

@@ -1,0 +1,30 @@
+// sr_open_hashed_key_table_1: opens a table with the caller's hashed key
+// index over its key column.
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_open_hashed_key_table", "1.1");
+
+extern "C" qx_int32_t sr_open_hashed_key_table_1(
+    sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path, qx_int32_t mode,
+    qx_uint32_t total_hash_buckets, sr_hash_function_t *p_hash_function,
+    sr_hash_keys_compare_function_t *p_compare_function,
+    sr_opaque_handle_t *p_result_table_handle) {
+    static constexpr sr_i_frame_t kFrame{"sr_open_hashed_key_table_1", 79,    false,
+                                         sr_i_lock_kind::none,         false, false};
+    return sr_i_api_call<sr_i_tree_t>(
+        sr_i_this_source, kFrame, tree_handle, [&](sr_i_tree_t *p_tree) {
+            if (total_hash_buckets == 0 || p_hash_function == nullptr ||
+                p_compare_function == nullptr) {
+                return SR_ERROR(101);
+            }
+            sr_hash_table_t *p_hash_table = nullptr;
+            qx_int32_t rc = sr_i_hash_table_open(total_hash_buckets, p_hash_function,
+                                                 p_compare_function, &p_hash_table);
+            if (rc != 0) return rc;
+            rc = do_open_table(p_tree, p_registry_path, mode, p_hash_table, p_result_table_handle);
+            // A table already open keeps the index it has; the new one is
+            // not used.
+            if (rc == 0) sr_i_hash_table_close(p_hash_table);
+            return rc == SR_I_NEW_TABLE_RECORD ? 0 : rc;
+        });
+}
