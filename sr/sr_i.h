@@ -469,6 +469,89 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
 qx_int32_t sr_i_close_table(sr_i_table_t *p_table);
 
 /* ===========================================================================
+ * Namespace and files: paths, files, mount points.
+ */
+
+#include <sys/types.h>
+
+/* --- registry paths (sr_i_paths.cpp) --- */
+
+/* Longest registry path accepted, in bytes. */
+#define SR_I_MAX_PATH_LENGTH 255
+/* Bytes beyond the file path that a resolved path buffer always has, so a
+ * suffix such as ".rewrite" can be appended in place. */
+#define SR_I_PATH_SLACK 32
+
+/* 0, or 102 (reported, with the path or "<NULL POINTER>"). */
+qx_int32_t sr_i_check_path_syntax(qx_char_ptr_t p_path);
+/* Maps a registry path through the tree's mount points.  Persistent:
+ * *p_persistent is the mount point's block size and *p_absolute_registry_path
+ * a malloc'd file path (SR_I_PATH_SLACK spare bytes) the caller frees.
+ * Transient: *p_persistent is 0 and *p_absolute_registry_path is p_registry_path
+ * itself.  Caller holds the tree's lock.  0, 102 or 12. */
+qx_int32_t sr_i_resolve_path(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
+                             qx_char_ptr_t *p_absolute_registry_path, qx_uint32_t *p_persistent);
+/* mkdir -p with mode 0755; p_path is cut and restored in place.  0, 10 or 13. */
+qx_int32_t sr_i_create_all_directories_in_path(qx_char_ptr_t p_path);
+
+/* --- mount points (sr_i_paths.cpp) --- */
+
+/* Mount block size handed to the table code through path resolution. */
+#define SR_I_MOUNT_BLOCK_SIZE 512
+
+/* The work of sr_mount_local_tree_1; caller holds ForkMutex and the tree's
+ * write lock.  0, 102, 201, 207, 10, 12 or 13; the tree is unchanged on
+ * failure (directories already created stay). */
+qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
+                                 const char *p_filesystem_path);
+/* The work of sr_unmount_local_tree_1; caller holds the tree's write lock.
+ * 0, 102, 208 or 12. */
+qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path);
+
+/* --- file primitives (sr_i_files.cpp) --- */
+
+/* An interrupted call is retried after SR_I_RETRY_INTERVAL microseconds, at
+ * most SR_I_RETRY_LIMIT times. */
+#define SR_I_RETRY_LIMIT 100
+#define SR_I_RETRY_INTERVAL 10000
+
+/* The system calls under the file primitives.  The defaults are the real
+ * calls; tests swap entries (with no primitive running) to inject EINTR,
+ * short writes and errors, and put sr_i_default_file_ops back afterwards. */
+struct sr_i_file_ops_t {
+    int (*p_open)(const char *p_path, int flags, mode_t mode);
+    ssize_t (*p_write)(int fd, const void *p_buffer, size_t length);
+    ssize_t (*p_writev)(int fd, const struct iovec *p_vector, int count);
+    int (*p_fdatasync)(int fd);
+    int (*p_mkdir)(const char *p_path, mode_t mode);
+    int (*p_usleep)(unsigned int microseconds);
+};
+extern const sr_i_file_ops_t sr_i_default_file_ops;
+extern sr_i_file_ops_t sr_i_file_ops;
+
+/* Reports a failed file system call with the one errno mapping of the file
+ * layer: EACCES 206, ENOSPC 13, ENOENT 200 when the table must exist,
+ * anything else 10 naming the call.  Returns the code. */
+qx_int32_t sr_i_set_file_error(const sr_i_source_t &source, const char *p_function, int line,
+                               const char *p_call, int the_errno, bool table_must_exist);
+#define SR_ERROR_FILE(call, err, must_exist) \
+    sr_i_set_file_error(sr_i_this_source, __func__, __LINE__, (call), (err), (must_exist))
+
+/* open(2) with the EINTR retry; the descriptor, or -1 with errno as open left
+ * it.  Records no error: the caller reports with its own code. */
+qx_int32_t sr_i_open_file(const char *path, int OFlag, mode_t Mode);
+/* Writes the whole buffer, resuming short writes.  0, 10, 13 or 206. */
+qx_int32_t sr_i_write(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write);
+/* Writes the whole vector, resuming short writes across its elements (the
+ * caller's vector is modified).  Every byte written, also before a failure,
+ * is added to *cumulative_bytes_written.  0, 10, 13 or 206. */
+qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
+                       ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written);
+/* fdatasync(2); every failure is first captured in "reginfo_pid.<pid>".
+ * 0, 10, 13 or 206. */
+qx_int32_t sr_i_fdatasync(qx_int32_t fd);
+
+/* ===========================================================================
  * Engine routines: record buffer pool, hashed key index, table record,
  * application metadata.  (Declared by their owners below.)
  */

@@ -1,0 +1,165 @@
+// The file primitives: the one door through which table files are opened,
+// written and synced.
+//
+// Each primitive finishes what a system call left half done (a short write
+// is resumed where it stopped), retries what a signal interrupted (every
+// 10 ms, at most 100 times, then leaving a development record of the retries
+// so slow or noisy disks show up in the trace), and turns failures into
+// result codes with one errno mapping for the whole file layer.  The system
+// calls themselves are reached through sr_i_file_ops, so that tests can make
+// them fail in exactly the way a real disk or signal would.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_files", "1.1");
+
+namespace {
+
+int sr_i_real_open(const char *p_path, int flags, mode_t mode) {
+    return open(p_path, flags, mode);
+}
+
+int sr_i_real_usleep(unsigned int microseconds) {
+    return usleep(static_cast<useconds_t>(microseconds));
+}
+
+// Retries made by one primitive call.  retry() sleeps and says whether the
+// limit still allows another attempt; finish() writes the record of the
+// retries, when there were any, whatever the outcome.
+struct sr_i_retries_t {
+    qx_uint32_t count = 0;
+
+    bool retry() {
+        if (count >= SR_I_RETRY_LIMIT) return false;
+        sr_i_file_ops.p_usleep(SR_I_RETRY_INTERVAL);
+        ++count;
+        return true;
+    }
+
+    void finish(int line) const {
+        if (count == 0) return;
+        int saved_errno = errno;  // sr_i_open_file's caller still reads it
+        SR_DV_TRACE("DV|RET|%.3d|%u|%d", line, count, SR_I_RETRY_LIMIT);
+        errno = saved_errno;
+    }
+};
+
+}  // namespace
+
+const sr_i_file_ops_t sr_i_default_file_ops = {
+    sr_i_real_open, write, writev, fdatasync, mkdir, sr_i_real_usleep,
+};
+sr_i_file_ops_t sr_i_file_ops = sr_i_default_file_ops;
+
+qx_int32_t sr_i_set_file_error(const sr_i_source_t &source, const char *p_function, int line,
+                               const char *p_call, int the_errno, bool table_must_exist) {
+    if (the_errno == EACCES) return sr_i_set_error(source, p_function, line, 206);
+    if (the_errno == ENOSPC) return sr_i_set_error(source, p_function, line, 13);
+    if (the_errno == ENOENT && table_must_exist) {
+        return sr_i_set_error(source, p_function, line, 200);
+    }
+    return sr_i_set_error(source, p_function, line, 10, p_call, the_errno);
+}
+
+qx_int32_t sr_i_open_file(const char *path, int OFlag, mode_t Mode) {
+    sr_i_retries_t retries;
+    int fd;
+    for (;;) {
+        fd = sr_i_file_ops.p_open(path, OFlag, Mode);
+        if (fd >= 0 || errno != EINTR || !retries.retry()) break;
+    }
+    retries.finish(__LINE__);
+    return fd;
+}
+
+qx_int32_t sr_i_write(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write) {
+    const char *p_next = static_cast<const char *>(p_buffer);
+    size_t remaining = total_bytes_to_write;
+    sr_i_retries_t retries;
+    qx_int32_t rc = 0;
+    for (;;) {
+        ssize_t written = sr_i_file_ops.p_write(fd, p_next, remaining);
+        if (written >= 0 && static_cast<size_t>(written) == remaining) break;
+        if (written > 0) {
+            // A short write is progress, not an interruption: no retry counted.
+            p_next += written;
+            remaining -= static_cast<size_t>(written);
+            continue;
+        }
+        int the_errno = written == 0 ? EIO : errno;  // no progress at all: give up
+        if (the_errno == EINTR && retries.retry()) continue;
+        rc = SR_ERROR_FILE("write", the_errno, false);
+        break;
+    }
+    retries.finish(__LINE__);
+    return rc;
+}
+
+qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
+                       ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written) {
+    struct iovec *p_vector = io_vector;
+    qx_uint32_t elements = total_io_vector_elements;
+    ssize_t expected = total_bytes_to_write;
+    sr_i_retries_t retries;
+    qx_int32_t rc = 0;
+    for (;;) {
+        ssize_t written = sr_i_file_ops.p_writev(fd, p_vector, static_cast<int>(elements));
+        if (written == expected) {
+            *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
+            break;
+        }
+        if (written > expected) {
+            // The caller's total undercounts its own vector.
+            *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
+            rc = SR_ERROR(15);
+            break;
+        }
+        if (written > 0) {
+            // Count what reached the file before anything else can fail, so
+            // that an abort knows the file's true length.
+            *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
+            expected -= written;
+            size_t done = static_cast<size_t>(written);
+            while (elements > 0 && done >= p_vector->iov_len) {
+                done -= p_vector->iov_len;
+                ++p_vector;
+                --elements;
+            }
+            if (elements == 0) {
+                // More bytes were expected than the vector holds.
+                rc = SR_ERROR(15);
+                break;
+            }
+            p_vector->iov_base = static_cast<char *>(p_vector->iov_base) + done;
+            p_vector->iov_len -= done;
+            continue;
+        }
+        int the_errno = written == 0 ? EIO : errno;  // no progress at all: give up
+        if (the_errno == EINTR && retries.retry()) continue;
+        rc = SR_ERROR_FILE("writev", the_errno, false);
+        break;
+    }
+    retries.finish(__LINE__);
+    return rc;
+}
+
+qx_int32_t sr_i_fdatasync(qx_int32_t fd) {
+    sr_i_retries_t retries;
+    qx_int32_t rc = 0;
+    for (;;) {
+        if (sr_i_file_ops.p_fdatasync(fd) == 0) break;
+        int the_errno = errno;
+        // Captured before anything else: a failed sync may mean lost data,
+        // and the capture file survives the process for a post-mortem.
+        sr_i_capture_errno("fdatasync", the_errno, __LINE__, sr_i_this_source.version);
+        if (the_errno == EINTR && retries.retry()) continue;
+        rc = SR_ERROR_FILE("fdatasync", the_errno, false);
+        break;
+    }
+    retries.finish(__LINE__);
+    return rc;
+}
