@@ -12,7 +12,7 @@ using pmsg_test::Arena;
 using pmsg_test::Built;
 using pmsg_test::ValueMaker;
 
-TEST(ByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
+TEST(PmsgByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
     uint8_t buffer[40] = {};
     uint32_t one = 1;
     memcpy(buffer + 16, &one, 4);
@@ -33,7 +33,7 @@ TEST(ByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_cnv_required_1(buffer, nullptr));
 }
 
-TEST(ByteOrderTest, EveryTypeConvertedFromTheOtherOrderIsIdenticalToTheOriginal) {
+TEST(PmsgByteOrderTest, EveryTypeConvertedFromTheOtherOrderIsIdenticalToTheOriginal) {
     for (uint32_t seed = 1; seed <= 30; seed++) {
         Arena arena;
         ValueMaker maker(arena, seed);
@@ -59,7 +59,7 @@ TEST(ByteOrderTest, EveryTypeConvertedFromTheOtherOrderIsIdenticalToTheOriginal)
     }
 }
 
-TEST(ByteOrderTest, TheUnboundedCallConvertsTheSameWay) {
+TEST(PmsgByteOrderTest, TheUnboundedCallConvertsTheSameWay) {
     Arena arena;
     ValueMaker maker(arena, 77);
     Built built;
@@ -72,7 +72,7 @@ TEST(ByteOrderTest, TheUnboundedCallConvertsTheSameWay) {
     EXPECT_TRUE(original == built.storage);
 }
 
-TEST(ByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
+TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
     Arena arena;
     qx_array_t *texts = arena.array(3);
     texts->elements[0].ptr_char = arena.text("one");
@@ -99,7 +99,7 @@ TEST(ByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
                                                                      built.p_area, 8));
 }
 
-TEST(ByteOrderTest, BadArgumentsAreRefused) {
+TEST(PmsgByteOrderTest, BadArgumentsAreRefused) {
     uint64_t slot = 0;
     uint64_t area[2] = {};
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_convert_pmsg_value_1(nullptr, QX_INT32, area));

@@ -41,7 +41,7 @@ struct Rows {
     std::vector<qx_value_t> values;
 };
 
-TEST(CacheConcurrencyTest, ReadersOfOneSlotAllGetTheSameValueBuiltOnce) {
+TEST(PmsgCacheConcurrencyTest, ReadersOfOneSlotAllGetTheSameValueBuiltOnce) {
     Rows rows(1);
     std::vector<qx_array_t *> seen(8);
     std::vector<std::thread> threads;
@@ -64,7 +64,7 @@ TEST(CacheConcurrencyTest, ReadersOfOneSlotAllGetTheSameValueBuiltOnce) {
     qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
 }
 
-TEST(CacheConcurrencyTest, ReadersOfManyRowsEachGetTheirOwnRowsValue) {
+TEST(PmsgCacheConcurrencyTest, ReadersOfManyRowsEachGetTheirOwnRowsValue) {
     constexpr int kTables = 4;
     constexpr int kRows = 256;
     std::vector<std::unique_ptr<Rows>> tables;
@@ -92,7 +92,7 @@ TEST(CacheConcurrencyTest, ReadersOfManyRowsEachGetTheirOwnRowsValue) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST(CacheConcurrencyTest, ReleaseOfOneTableRunsBesideReadersOfAnother) {
+TEST(PmsgCacheConcurrencyTest, ReleaseOfOneTableRunsBesideReadersOfAnother) {
     Rows reading(64);
     Rows released(64);
     std::atomic<bool> stop{false};
@@ -115,7 +115,7 @@ TEST(CacheConcurrencyTest, ReleaseOfOneTableRunsBesideReadersOfAnother) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST(CacheConcurrencyTest, AChildForkedWhileThreadsReadCanReadToo) {
+TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadCanReadToo) {
     Rows rows(32);
     std::atomic<bool> stop{false};
     std::vector<std::thread> readers;

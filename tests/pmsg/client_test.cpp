@@ -21,13 +21,13 @@ int read_value(int type, qx_value_t *p_result, const void *p_slot, const void *p
         nullptr, flags, static_cast<qx_data_type_t>(type), p_result, p_slot, p_area, limit);
 }
 
-class ClientValueTest : public ::testing::Test {
+class PmsgClientValueTest : public ::testing::Test {
   protected:
     void TearDown() override { qx_pmsg_release_client_values_1(nullptr, SIZE_MAX); }
     Arena arena;
 };
 
-TEST_F(ClientValueTest, LayoutCompatibleValuesPointStraightIntoTheProtocolBytes) {
+TEST_F(PmsgClientValueTest, LayoutCompatibleValuesPointStraightIntoTheProtocolBytes) {
     ValueMaker maker(arena, 3);
     for (int type :
          {QX_CHAR_PTR, QX_BINARY_PTR, QX_RSRC_HANDLE_PTR, QX_SBS_PTR, QX_INT32_ARRAY,
@@ -42,7 +42,7 @@ TEST_F(ClientValueTest, LayoutCompatibleValuesPointStraightIntoTheProtocolBytes)
     EXPECT_EQ(0u, pmsg_i::cache_entry_count()) << "nothing was built or cached";
 }
 
-TEST_F(ClientValueTest, StructuredDataOfScalarsIsReadInPlaceButWithAStringIsBuilt) {
+TEST_F(PmsgClientValueTest, StructuredDataOfScalarsIsReadInPlaceButWithAStringIsBuilt) {
     qx_structured_data_t *sd = arena.sd(2);
     sd->elements[0].data_type = QX_INT64;
     sd->elements[0].value.val_int64 = 42;
@@ -67,7 +67,7 @@ TEST_F(ClientValueTest, StructuredDataOfScalarsIsReadInPlaceButWithAStringIsBuil
         << "the text inside is still read in place";
 }
 
-TEST_F(ClientValueTest, MisalignedAreaGivesAlignedCopiesWithTheSameContent) {
+TEST_F(PmsgClientValueTest, MisalignedAreaGivesAlignedCopiesWithTheSameContent) {
     ValueMaker maker(arena, 11);
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
         SCOPED_TRACE(type);
@@ -86,7 +86,7 @@ TEST_F(ClientValueTest, MisalignedAreaGivesAlignedCopiesWithTheSameContent) {
     }
 }
 
-TEST_F(ClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemoryDoesNotGrow) {
+TEST_F(PmsgClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemoryDoesNotGrow) {
     /* One row: a slot per type, every value in one area. */
     ValueMaker maker(arena, 5, false);
     std::vector<qx_value_t> values;
@@ -113,7 +113,7 @@ TEST_F(ClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemoryDoes
     EXPECT_EQ(before.uordblks, after.uordblks) << "a million reads allocate nothing";
 }
 
-TEST_F(ClientValueTest, ASlotRewrittenInPlaceNeverYieldsTheStaleValue) {
+TEST_F(PmsgClientValueTest, ASlotRewrittenInPlaceNeverYieldsTheStaleValue) {
     qx_array_t *texts = arena.array(1);
     texts->elements[0].ptr_char = arena.text("first");
     qx_value_t value;
@@ -137,7 +137,7 @@ TEST_F(ClientValueTest, ASlotRewrittenInPlaceNeverYieldsTheStaleValue) {
     EXPECT_EQ(1u, pmsg_i::cache_entry_count()) << "the stale value was dropped, not kept";
 }
 
-TEST_F(ClientValueTest, ReleasingARangeDropsExactlyTheValuesOfSlotsInside) {
+TEST_F(PmsgClientValueTest, ReleasingARangeDropsExactlyTheValuesOfSlotsInside) {
     ValueMaker maker(arena, 21);
     qx_value_t value = maker.make(QX_SD_PTR_ARRAY);
     Built built;
@@ -158,7 +158,7 @@ TEST_F(ClientValueTest, ReleasingARangeDropsExactlyTheValuesOfSlotsInside) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(ClientValueTest, CallerOwnedValuesAreOneFreeableBlock) {
+TEST_F(PmsgClientValueTest, CallerOwnedValuesAreOneFreeableBlock) {
     ValueMaker maker(arena, 8);
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
         SCOPED_TRACE(type);
@@ -174,7 +174,7 @@ TEST_F(ClientValueTest, CallerOwnedValuesAreOneFreeableBlock) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(ClientValueTest, CallerOwnedArrayOfBinariesPointsAtTheBinariesInPlace) {
+TEST_F(PmsgClientValueTest, CallerOwnedArrayOfBinariesPointsAtTheBinariesInPlace) {
     /* How packed rows are unpacked: the array is the caller's, the rows stay
      * in the buffer. */
     qx_array_t *rows = arena.array(2);
@@ -193,7 +193,7 @@ TEST_F(ClientValueTest, CallerOwnedArrayOfBinariesPointsAtTheBinariesInPlace) {
     free(back.ptr_array);
 }
 
-TEST_F(ClientValueTest, DeepCopiesOutliveTheProtocolBytes) {
+TEST_F(PmsgClientValueTest, DeepCopiesOutliveTheProtocolBytes) {
     ValueMaker maker(arena, 13);
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
         SCOPED_TRACE(type);
@@ -211,7 +211,7 @@ TEST_F(ClientValueTest, DeepCopiesOutliveTheProtocolBytes) {
     }
 }
 
-TEST_F(ClientValueTest, BadArgumentsAreRefusedWithoutTouchingTheResult) {
+TEST_F(PmsgClientValueTest, BadArgumentsAreRefusedWithoutTouchingTheResult) {
     qx_pmsg_value_t slot{};
     uint64_t area[2] = {};
     qx_value_t result;
@@ -228,7 +228,7 @@ TEST_F(ClientValueTest, BadArgumentsAreRefusedWithoutTouchingTheResult) {
     EXPECT_EQ(0x1234u, result.val_uint64);
 }
 
-TEST_F(ClientValueTest, AnchorsBeyondTheLimitOrTheirContainerAreOutOfBounds) {
+TEST_F(PmsgClientValueTest, AnchorsBeyondTheLimitOrTheirContainerAreOutOfBounds) {
     uint64_t area[8] = {};
     qx_pmsg_value_t slot;
     slot.anchor.offset = 60;
@@ -253,7 +253,7 @@ TEST_F(ClientValueTest, AnchorsBeyondTheLimitOrTheirContainerAreOutOfBounds) {
     free(result.ptr_array);
 }
 
-TEST_F(ClientValueTest, MalformedFormsAreCorrupt) {
+TEST_F(PmsgClientValueTest, MalformedFormsAreCorrupt) {
     uint64_t area[8] = {};
     uint8_t *p = reinterpret_cast<uint8_t *>(area);
     qx_pmsg_value_t slot;
@@ -290,7 +290,7 @@ TEST_F(ClientValueTest, MalformedFormsAreCorrupt) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(ClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow) {
+TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow) {
     /* Structured data whose only element anchors the structured data itself. */
     uint64_t area[4] = {};
     const uint32_t form[] = {1, 0, QX_SD_PTR, 0, 0, 24};

@@ -14,7 +14,7 @@ namespace {
 using pmsg_test::Arena;
 using pmsg_test::Built;
 
-class CodeSetTest : public ::testing::Test {
+class PmsgCodeSetTest : public ::testing::Test {
   protected:
     void SetUp() override {
         latin1_ = newlocale(LC_ALL_MASK, "en_US.iso88591", nullptr);
@@ -58,7 +58,7 @@ const char kUtf8[] =
     "Gr\xC3\xBC\xC3\x9F"
     "e \xC3\xA0 Z\xC3\xBCrich";
 
-TEST_F(CodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytes) {
+TEST_F(PmsgCodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytes) {
     qx_value_t value;
     value.ptr_char = arena_.text(kLatin1);
     qx_uint32_t size = 0;
@@ -81,7 +81,7 @@ TEST_F(CodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytes) {
     free(back.ptr_char);
 }
 
-TEST_F(CodeSetTest, TextNestedInArraysAndStructuredDataIsConvertedBothWays) {
+TEST_F(PmsgCodeSetTest, TextNestedInArraysAndStructuredDataIsConvertedBothWays) {
     qx_array_t *texts = arena_.array(2);
     texts->elements[0].ptr_char = arena_.text(kLatin1);
     texts->elements[1].ptr_char = arena_.text("plain");
@@ -108,7 +108,7 @@ TEST_F(CodeSetTest, TextNestedInArraysAndStructuredDataIsConvertedBothWays) {
     }
 }
 
-TEST_F(CodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
+TEST_F(PmsgCodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
     /* Table bytes that are not UTF-8 at all, and a character Latin-1 lacks. */
     for (const char *p_stored : {"bad \xFF\xFE utf8", "euro \xE2\x82\xAC"}) {
         SCOPED_TRACE(p_stored);
@@ -128,7 +128,7 @@ TEST_F(CodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(CodeSetTest, AConversionFailureWhileBuildingLeavesTheOffsetAlone) {
+TEST_F(PmsgCodeSetTest, AConversionFailureWhileBuildingLeavesTheOffsetAlone) {
     /* Only the from-table direction can fail for Latin-1 input, so build
      * with it to get text the converter refuses. */
     qx_value_t value;

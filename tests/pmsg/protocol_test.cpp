@@ -24,7 +24,7 @@ int build(int type, const qx_value_t &value, Area &area, qx_pmsg_value_t *p_slot
                                                &value, p_slot, area.bytes(), room, p_running);
 }
 
-TEST(ProtocolFormTest, TextIsItsBytesWithTheNulAndPaddingToEight) {
+TEST(PmsgProtocolFormTest, TextIsItsBytesWithTheNulAndPaddingToEight) {
     Area area;
     memset(area.words, 0xEE, sizeof area.words);
     qx_value_t value;
@@ -40,7 +40,7 @@ TEST(ProtocolFormTest, TextIsItsBytesWithTheNulAndPaddingToEight) {
     EXPECT_EQ(0xEE, area.bytes()[8]) << "nothing beyond the form is touched";
 }
 
-TEST(ProtocolFormTest, BinaryResourceHandleAndSbsKeepTheirClientLayout) {
+TEST(PmsgProtocolFormTest, BinaryResourceHandleAndSbsKeepTheirClientLayout) {
     Arena arena;
     Area area;
     qx_pmsg_value_t slot;
@@ -68,7 +68,7 @@ TEST(ProtocolFormTest, BinaryResourceHandleAndSbsKeepTheirClientLayout) {
     EXPECT_EQ(48u, running);
 }
 
-TEST(ProtocolFormTest, ArrayOfScalarsIsCountPadAndEightByteSlots) {
+TEST(PmsgProtocolFormTest, ArrayOfScalarsIsCountPadAndEightByteSlots) {
     Arena arena;
     Area area;
     qx_array_t *array = arena.array(2);
@@ -88,7 +88,7 @@ TEST(ProtocolFormTest, ArrayOfScalarsIsCountPadAndEightByteSlots) {
     EXPECT_EQ(0u, rd32(area.bytes() + 20));
 }
 
-TEST(ProtocolFormTest, NestedAnchorsCountFromTheStartOfTheirContainer) {
+TEST(PmsgProtocolFormTest, NestedAnchorsCountFromTheStartOfTheirContainer) {
     Arena arena;
     Area area;
     qx_array_t *array = arena.array(2);
@@ -112,7 +112,7 @@ TEST(ProtocolFormTest, NestedAnchorsCountFromTheStartOfTheirContainer) {
     EXPECT_EQ(8u + 48u, running);
 }
 
-TEST(ProtocolFormTest, StructuredDataElementsCarryTheirTypes) {
+TEST(PmsgProtocolFormTest, StructuredDataElementsCarryTheirTypes) {
     Arena arena;
     Area area;
     qx_structured_data_t *sd = arena.sd(2);
@@ -137,7 +137,7 @@ TEST(ProtocolFormTest, StructuredDataElementsCarryTheirTypes) {
     EXPECT_EQ(42u, slot.anchor.length);
 }
 
-TEST(ProtocolFormTest, OffsetNotAMultipleOfEightIsRoundedUpAndThePaddingZeroed) {
+TEST(PmsgProtocolFormTest, OffsetNotAMultipleOfEightIsRoundedUpAndThePaddingZeroed) {
     Area area;
     memset(area.words, 0xEE, sizeof area.words);
     qx_value_t value;
@@ -154,7 +154,7 @@ TEST(ProtocolFormTest, OffsetNotAMultipleOfEightIsRoundedUpAndThePaddingZeroed) 
 
 /* The build's room contract, over many random values of every type: the
  * exact size fits, one byte less is 5 and changes nothing. */
-TEST(ProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingChanged) {
+TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingChanged) {
     for (uint32_t seed = 1; seed <= 60; seed++) {
         Arena arena;
         ValueMaker maker(arena, seed);
@@ -189,7 +189,7 @@ TEST(ProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingChang
     }
 }
 
-TEST(ProtocolRoomTest, ScalarsNeedNoRoomAndLeaveTheOffsetAlone) {
+TEST(PmsgProtocolRoomTest, ScalarsNeedNoRoomAndLeaveTheOffsetAlone) {
     qx_value_t value;
     value.val_int64 = -5;
     qx_uint32_t size = 99;
@@ -203,7 +203,7 @@ TEST(ProtocolRoomTest, ScalarsNeedNoRoomAndLeaveTheOffsetAlone) {
     EXPECT_EQ(-5, slot.val_int64);
 }
 
-TEST(ProtocolRoomTest, AValueBeyondThirtyTwoBitOffsetsIsTooLargeNotRoomTooSmall) {
+TEST(PmsgProtocolRoomTest, AValueBeyondThirtyTwoBitOffsetsIsTooLargeNotRoomTooSmall) {
     /* A binary header that claims 4 GiB: refused from the length alone, so
      * the bytes it claims are never read. */
     qx_binary_t header{0xFFFFFFFFu, {0}};
@@ -219,7 +219,7 @@ TEST(ProtocolRoomTest, AValueBeyondThirtyTwoBitOffsetsIsTooLargeNotRoomTooSmall)
     EXPECT_EQ(0u, running);
 }
 
-TEST(ProtocolBadValueTest, NullArgumentsBadTypesAndBadFlagsEachGetTheirCode) {
+TEST(PmsgProtocolBadValueTest, NullArgumentsBadTypesAndBadFlagsEachGetTheirCode) {
     Area area;
     qx_pmsg_value_t slot;
     qx_uint32_t running = 0;
@@ -260,7 +260,7 @@ TEST(ProtocolBadValueTest, NullArgumentsBadTypesAndBadFlagsEachGetTheirCode) {
               qx_pmsg_size_conv_protocol_value_1(nullptr, 0, QX_CHAR_PTR, &value, nullptr));
 }
 
-TEST(ProtocolBadValueTest, NestedNullsBadElementTypesAndNegativeSbsAreRefused) {
+TEST(PmsgProtocolBadValueTest, NestedNullsBadElementTypesAndNegativeSbsAreRefused) {
     Arena arena;
     Area area;
     qx_pmsg_value_t slot;
@@ -285,7 +285,7 @@ TEST(ProtocolBadValueTest, NestedNullsBadElementTypesAndNegativeSbsAreRefused) {
     EXPECT_EQ(0u, running);
 }
 
-TEST(ProtocolBadValueTest, AStructureThatContainsItselfIsRefusedNotFollowedForever) {
+TEST(PmsgProtocolBadValueTest, AStructureThatContainsItselfIsRefusedNotFollowedForever) {
     Arena arena;
     qx_structured_data_t *sd = arena.sd(1);
     sd->elements[0].data_type = QX_SD_PTR;

@@ -32,7 +32,7 @@ void expect_round_trip(int type, const qx_value_t &original, const Built &built,
         free(back.ptr_char);
 }
 
-TEST(RoundTripTest, RandomValuesOfEveryTypeComeBackExactlyInEveryOwnershipMode) {
+TEST(PmsgRoundTripTest, RandomValuesOfEveryTypeComeBackExactlyInEveryOwnershipMode) {
     for (uint32_t seed = 1; seed <= 40; seed++) {
         Arena arena;
         ValueMaker maker(arena, seed);
@@ -50,7 +50,7 @@ TEST(RoundTripTest, RandomValuesOfEveryTypeComeBackExactlyInEveryOwnershipMode) 
     qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
 }
 
-TEST(RoundTripTest, EmptyValuesOfEveryPointerTypeComeBack) {
+TEST(PmsgRoundTripTest, EmptyValuesOfEveryPointerTypeComeBack) {
     Arena arena;
     qx_value_t empties[QX_NUMBER_OF_DATA_TYPES];
     empties[QX_CHAR_PTR].ptr_char = arena.text("");
@@ -72,7 +72,7 @@ TEST(RoundTripTest, EmptyValuesOfEveryPointerTypeComeBack) {
     }
 }
 
-TEST(RoundTripTest, StructuredDataHoldingArraysOfStringsAndNestedStructuredData) {
+TEST(PmsgRoundTripTest, StructuredDataHoldingArraysOfStringsAndNestedStructuredData) {
     Arena arena;
     qx_array_t *names = arena.array(3);
     names->elements[0].ptr_char = arena.text("alpha");
@@ -103,7 +103,7 @@ TEST(RoundTripTest, StructuredDataHoldingArraysOfStringsAndNestedStructuredData)
     qx_pmsg_release_client_values_1(&built.slot, sizeof built.slot);
 }
 
-TEST(RoundTripTest, ScalarsTravelInTheSlotAndThirtyTwoBitOnesReadZeroAbove) {
+TEST(PmsgRoundTripTest, ScalarsTravelInTheSlotAndThirtyTwoBitOnesReadZeroAbove) {
     qx_value_t value;
     value.val_uint64 = 0xdeadbeef00000000ull | 0x11223344u; /* garbage above a 32-bit value */
     unsigned char slot[8];
@@ -126,7 +126,7 @@ TEST(RoundTripTest, ScalarsTravelInTheSlotAndThirtyTwoBitOnesReadZeroAbove) {
     EXPECT_EQ(-2.5e300, back.val_float64);
 }
 
-TEST(RoundTripTest, ValuesBuiltOneAfterAnotherShareAnAreaAndAllComeBack) {
+TEST(PmsgRoundTripTest, ValuesBuiltOneAfterAnotherShareAnAreaAndAllComeBack) {
     Arena arena;
     ValueMaker maker(arena, 99);
     std::vector<qx_value_t> values;
@@ -160,7 +160,7 @@ TEST(RoundTripTest, ValuesBuiltOneAfterAnotherShareAnAreaAndAllComeBack) {
     qx_pmsg_release_client_values_1(slots.data(), slots.size() * sizeof slots[0]);
 }
 
-TEST(RoundTripTest, FormsAreRelocatableCopiedBytesReadBackAtAnotherAddress) {
+TEST(PmsgRoundTripTest, FormsAreRelocatableCopiedBytesReadBackAtAnotherAddress) {
     Arena arena;
     ValueMaker maker(arena, 7);
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
