@@ -110,7 +110,21 @@ TEST_F(MountTest, DirectoryThatCannotBeMadeFailsAndLeavesTheTreeUnchanged) {
 }
 
 TEST_F(MountTest, TransientTableOfTheSameNameIs201) {
-    GTEST_SKIP() << "needs table creation, which is not available yet";
+    sr_column_t columns[2] = {};
+    columns[0].name = Text("key");
+    columns[0].type = QX_UINT32;
+    columns[0].qualifier = SR_PRIMARY_KEY;
+    columns[1].name = Text("value");
+    columns[1].type = QX_INT32;
+    columns[1].qualifier = SR_STANDARD;
+    sr_opaque_handle_t table = nullptr;
+    ASSERT_EQ(sr_create_table_1(tree_, Text("/t"), columns, 2, 2, &table), 0);
+    EXPECT_EQ(Mount("/t", "d"), 201);
+    EXPECT_EQ(last_error().message, "2605-201 The table already exists.\n");
+    EXPECT_EQ(static_cast<sr_i_tree_t *>(tree_)->p_mount_points, nullptr);
+    // A path below the table's name is no table: that mount is accepted.
+    EXPECT_EQ(Mount("/t/u", "d"), 0);
+    EXPECT_EQ(sr_close_table_1(table), 0);
 }
 
 TEST_F(MountTest, AllocationFailuresAre12AndLeaveNothingBehind) {
