@@ -144,6 +144,15 @@ void maybe_grow(Shard &shard) {
     shard.bucket_count = new_count;
 }
 
+/* A shard left empty gives its bucket array back, so that once every value
+ * is released the library holds no memory at all. */
+void drop_buckets_if_empty(Shard &shard) {
+    if (shard.entry_count != 0) return;
+    free(shard.p_buckets);
+    shard.p_buckets = nullptr;
+    shard.bucket_count = 0;
+}
+
 /* Unlinks every entry of one bucket whose slot lies in [begin, end). */
 void release_bucket(Shard &shard, Entry **pp_link, uintptr_t begin, uintptr_t end,
                     Entry **pp_dead) {
@@ -180,6 +189,7 @@ void *cache_find(const CacheKey &key) {
             }
             pp_link = &p_entry->p_next;
         }
+        if (p_dead != nullptr) drop_buckets_if_empty(shard);
     }
     free_chain(p_dead);
     return p_found;
@@ -272,6 +282,7 @@ int qx_pmsg_release_client_values_1(const void *p_begin, size_t length) {
             ShardLock lock(shard);
             for (size_t i = 0; i < shard.bucket_count; i++)
                 release_bucket(shard, &shard.p_buckets[i], begin, end, &p_dead);
+            drop_buckets_if_empty(shard);
         }
     } else {
         for (uintptr_t granule = first;; granule++) {
@@ -279,8 +290,10 @@ int qx_pmsg_release_client_values_1(const void *p_begin, size_t length) {
             Shard &shard = shard_of(hash);
             {
                 ShardLock lock(shard);
-                if (shard.bucket_count != 0)
+                if (shard.bucket_count != 0) {
                     release_bucket(shard, bucket_of(shard, hash), begin, end, &p_dead);
+                    drop_buckets_if_empty(shard);
+                }
             }
             if (granule == last) break;
         }

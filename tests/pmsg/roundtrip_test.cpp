@@ -69,7 +69,9 @@ TEST(PmsgRoundTripTest, EmptyValuesOfEveryPointerTypeComeBack) {
             << "an empty value takes one 8-byte unit (a handle is always 20 bytes)";
         expect_round_trip(type, empties[type], built, 0);
         expect_round_trip(type, empties[type], built, QX_PMSG_CLIENT_MALLOC);
+        qx_pmsg_release_client_values_1(&built.slot, sizeof built.slot);
     }
+    EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
 TEST(PmsgRoundTripTest, StructuredDataHoldingArraysOfStringsAndNestedStructuredData) {
