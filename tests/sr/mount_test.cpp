@@ -125,6 +125,7 @@ TEST_F(MountTest, TransientTableOfTheSameNameIs201) {
     // A path below the table's name is no table: that mount is accepted.
     EXPECT_EQ(Mount("/t/u", "d"), 0);
     EXPECT_EQ(sr_close_table_1(table), 0);
+    EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
 }
 
 TEST_F(MountTest, AllocationFailuresAre12AndLeaveNothingBehind) {
