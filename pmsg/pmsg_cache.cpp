@@ -20,6 +20,13 @@
  * shards, each with its own mutex, so concurrent readers of different rows
  * rarely meet.  The shard locks are held across fork() so that a child never
  * inherits a lock taken by a thread that does not exist in it.
+ *
+ * Lock order: a caller's own locks (the registry's ForkMutex, its table
+ * locks), then one shard lock; nothing is locked while a shard lock is held.
+ * The fork handlers are installed when the library is loaded, before any
+ * caller installs its own, because prepare handlers run in the reverse order
+ * of installation: ours must run last, after the caller's have taken the
+ * locks under which it calls us.
  */
 #include <pthread.h>
 #include <stdlib.h>
@@ -50,7 +57,6 @@ struct alignas(64) Shard {
 
 Shard g_shards[kShardCount];
 std::atomic<size_t> g_entry_count{0};
-pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
 
 void lock_all_shards() {
     for (Shard &shard : g_shards) pthread_mutex_lock(&shard.mutex);
@@ -58,17 +64,12 @@ void lock_all_shards() {
 void unlock_all_shards() {
     for (size_t i = kShardCount; i-- > 0;) pthread_mutex_unlock(&g_shards[i].mutex);
 }
-void install_fork_handlers() {
+__attribute__((constructor)) void install_fork_handlers() {
     pthread_atfork(lock_all_shards, unlock_all_shards, unlock_all_shards);
 }
 
-/* Locks a shard; the fork handlers are installed before any shard lock is
- * first taken. */
 struct ShardLock {
-    explicit ShardLock(Shard &s) : shard(s) {
-        pthread_once(&g_fork_once, install_fork_handlers);
-        pthread_mutex_lock(&shard.mutex);
-    }
+    explicit ShardLock(Shard &s) : shard(s) { pthread_mutex_lock(&shard.mutex); }
     ~ShardLock() { pthread_mutex_unlock(&shard.mutex); }
     ShardLock(const ShardLock &) = delete;
     ShardLock &operator=(const ShardLock &) = delete;

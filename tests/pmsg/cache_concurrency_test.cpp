@@ -149,4 +149,47 @@ TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadCanReadToo) {
     qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
 }
 
+/* A caller's own fork lock, installed after the library was loaded, as the
+ * registry installs its ForkMutex handlers at its first tree open. */
+pthread_mutex_t g_caller_fork_lock = PTHREAD_MUTEX_INITIALIZER;
+void lock_caller() {
+    pthread_mutex_lock(&g_caller_fork_lock);
+}
+void unlock_caller() {
+    pthread_mutex_unlock(&g_caller_fork_lock);
+}
+
+TEST(PmsgCacheConcurrencyTest, ForkWaitsForACallerThatReleasesValuesUnderItsOwnForkLock) {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_atfork(lock_caller, unlock_caller, unlock_caller); });
+    alarm(60); /* a lock-order deadlock ends the test instead of hanging it */
+    Rows rows(16);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        while (!stop.load()) {
+            pthread_mutex_lock(&g_caller_fork_lock);
+            for (int i = 0; i < 16; i++) rows.read(i);
+            for (const Built &b : rows.built) qx_pmsg_release_client_values_1(&b.slot, 8);
+            pthread_mutex_unlock(&g_caller_fork_lock);
+        }
+    });
+    for (int f = 0; f < 50; f++) {
+        pid_t pid = fork();
+        ASSERT_NE(-1, pid);
+        if (pid == 0) {
+            qx_value_t back;
+            int rc = qx_pmsg_build_conv_packed_client_value_1(
+                nullptr, 0, QX_SD_PTR_ARRAY, &back, &rows.built[0].slot, rows.built[0].p_area, -1);
+            _exit(rc == 0 ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    stop = true;
+    writer.join();
+    alarm(0);
+    qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
+}
+
 }  // namespace
