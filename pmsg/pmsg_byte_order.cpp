@@ -39,12 +39,13 @@ void convert_scalar(Kind kind, uint8_t *p_slot, bool apply) {
 int convert_form(uint32_t type, uint8_t *p, uint32_t length, int depth, bool apply);
 
 /* Converts an anchor inside the form [p, p + length) and the form it
- * designates. */
-int convert_nested(uint32_t type, uint8_t *p, uint32_t length, uint8_t *p_anchor, int depth,
-                   bool apply) {
+ * designates; *p_cursor is where the previous nested form ended. */
+int convert_nested(uint32_t type, uint8_t *p, uint32_t length, uint8_t *p_anchor,
+                   uint64_t *p_cursor, int depth, bool apply) {
     uint32_t offset = take32(p_anchor, apply);
     uint32_t nested_length = take32(p_anchor + 4, apply);
-    if (uint64_t{offset} + nested_length > length) return QX_PMSG_E_BOUNDS;
+    int rc = check_nested(offset, nested_length, length, p_cursor);
+    if (rc != QX_PMSG_OK) return rc;
     return convert_form(type, p + offset, nested_length, depth + 1, apply);
 }
 
@@ -69,7 +70,8 @@ int convert_form(uint32_t type, uint8_t *p, uint32_t length, int depth, bool app
     if (length < kHeaderBytes) return QX_PMSG_E_CORRUPT;
     uint32_t count = take32(p, apply);
     if (kind == kSd) {
-        if (kHeaderBytes + uint64_t{kSdElementBytes} * count > length) return QX_PMSG_E_CORRUPT;
+        uint64_t cursor = kHeaderBytes + uint64_t{kSdElementBytes} * count;
+        if (cursor > length) return QX_PMSG_E_CORRUPT;
         for (uint32_t i = 0; i < count; i++) {
             uint8_t *p_element = p + kHeaderBytes + kSdElementBytes * i;
             uint32_t element_type = take32(p_element, apply);
@@ -79,7 +81,7 @@ int convert_form(uint32_t type, uint8_t *p, uint32_t length, int depth, bool app
                 convert_scalar(element_kind, p_element + 8, apply);
                 continue;
             }
-            int rc = convert_nested(element_type, p, length, p_element + 8, depth, apply);
+            int rc = convert_nested(element_type, p, length, p_element + 8, &cursor, depth, apply);
             if (rc != QX_PMSG_OK) return rc;
         }
         return QX_PMSG_OK;
@@ -94,8 +96,10 @@ int convert_form(uint32_t type, uint8_t *p, uint32_t length, int depth, bool app
         return QX_PMSG_OK;
     }
     if (slots_end > length) return QX_PMSG_E_CORRUPT;
+    uint64_t cursor = slots_end;
     for (uint32_t i = 0; i < count; i++) {
-        int rc = convert_nested(base, p, length, p + kHeaderBytes + kSlotBytes * i, depth, apply);
+        int rc = convert_nested(base, p, length, p + kHeaderBytes + kSlotBytes * i, &cursor, depth,
+                                apply);
         if (rc != QX_PMSG_OK) return rc;
     }
     return QX_PMSG_OK;

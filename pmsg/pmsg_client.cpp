@@ -96,12 +96,14 @@ int sd_all_scalar(const uint8_t *p, bool *p_all_scalar) {
     return QX_PMSG_OK;
 }
 
-/* The nested form an anchor designates inside the form [p, p + length). */
-int nested(const uint8_t *p, uint32_t length, const uint8_t *p_anchor, const uint8_t **pp_nested,
-           uint32_t *p_nested_length) {
+/* The nested form an anchor designates inside the form [p, p + length);
+ * *p_cursor is where the previous nested form ended. */
+int nested(const uint8_t *p, uint32_t length, const uint8_t *p_anchor, uint64_t *p_cursor,
+           const uint8_t **pp_nested, uint32_t *p_nested_length) {
     uint32_t offset = load32(p_anchor);
     uint32_t nested_length = load32(p_anchor + 4);
-    if (uint64_t{offset} + nested_length > length) return QX_PMSG_E_BOUNDS;
+    int rc = check_nested(offset, nested_length, length, p_cursor);
+    if (rc != QX_PMSG_OK) return rc;
     *pp_nested = p + offset;
     *p_nested_length = nested_length;
     return QX_PMSG_OK;
@@ -168,6 +170,7 @@ int sd_client(Reader &r, const uint8_t *p, uint32_t length, bool may_ref, int de
         p_sd->element_count = count;
         p_sd->pad = 0;
     }
+    uint64_t cursor = kHeaderBytes + uint64_t{kSdElementBytes} * count;
     for (uint32_t i = 0; i < count; i++) {
         const uint8_t *p_element = p + kHeaderBytes + kSdElementBytes * i;
         uint32_t element_type = load32(p_element);
@@ -178,7 +181,7 @@ int sd_client(Reader &r, const uint8_t *p, uint32_t length, bool may_ref, int de
         } else {
             const uint8_t *p_nested = nullptr;
             uint32_t nested_length = 0;
-            rc = nested(p, length, p_element + 8, &p_nested, &nested_length);
+            rc = nested(p, length, p_element + 8, &cursor, &p_nested, &nested_length);
             if (rc != QX_PMSG_OK) return rc;
             void *p_value = nullptr;
             rc = client_of(r, element_type, p_nested, nested_length, !r.deep, depth + 1, &p_value);
@@ -204,10 +207,12 @@ int pointer_array_client(Reader &r, uint32_t type, const uint8_t *p, uint32_t le
         p_array->element_count = count;
         p_array->pad = 0;
     }
+    uint64_t cursor = kHeaderBytes + uint64_t{kSlotBytes} * count;
     for (uint32_t i = 0; i < count; i++) {
         const uint8_t *p_nested = nullptr;
         uint32_t nested_length = 0;
-        int rc = nested(p, length, p + kHeaderBytes + kSlotBytes * i, &p_nested, &nested_length);
+        int rc = nested(p, length, p + kHeaderBytes + kSlotBytes * i, &cursor, &p_nested,
+                        &nested_length);
         if (rc != QX_PMSG_OK) return rc;
         void *p_value = nullptr;
         rc = client_of(r, base, p_nested, nested_length, !r.deep, depth + 1, &p_value);

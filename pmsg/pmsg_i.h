@@ -89,6 +89,23 @@ inline void store64(void *p, uint64_t v) {
     memcpy(p, &v, sizeof v);
 }
 
+/*
+ * Checks a nested anchor of a container form of container_length bytes: the
+ * nested form must lie inside the container, after its header and slots and
+ * after the previous nested form (*p_cursor, which advances past it).  Built
+ * forms always satisfy this; requiring it of untrusted bytes means no byte
+ * belongs to two forms, so a walk never revisits shared bytes (no blow-up
+ * through anchors aimed at one another) and a conversion never swaps a word
+ * twice.
+ */
+inline int check_nested(uint32_t offset, uint32_t length, uint32_t container_length,
+                        uint64_t *p_cursor) {
+    if (uint64_t{offset} + length > container_length) return QX_PMSG_E_BOUNDS;
+    if (offset < *p_cursor) return QX_PMSG_E_CORRUPT;
+    *p_cursor = uint64_t{offset} + length;
+    return QX_PMSG_OK;
+}
+
 inline bool aligned(const void *p, uintptr_t alignment) {
     return (reinterpret_cast<uintptr_t>(p) & (alignment - 1)) == 0;
 }

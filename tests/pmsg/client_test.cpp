@@ -290,27 +290,92 @@ TEST_F(PmsgClientValueTest, MalformedFormsAreCorrupt) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
+/* A chain of `depth` structured data values, each holding the next as its
+ * only element; the innermost is empty.  Returns the top-level length. */
+uint32_t sd_chain(std::vector<uint64_t> &area, int depth) {
+    area.assign(3 * static_cast<size_t>(depth) + 1, 0);
+    auto *p = reinterpret_cast<uint8_t *>(area.data());
+    for (int level = 0; level < depth; level++) {
+        uint8_t *p_level = p + 24 * level;
+        const uint32_t words[] = {1, 0,  QX_SD_PTR,
+                                  0, 24, static_cast<uint32_t>(24 * (depth - level - 1) + 8)};
+        memcpy(p_level, words, sizeof words);
+    }
+    return static_cast<uint32_t>(24 * depth + 8);
+}
+
 TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow) {
-    /* Structured data whose only element anchors the structured data itself. */
-    uint64_t area[4] = {};
-    const uint32_t form[] = {1, 0, QX_SD_PTR, 0, 0, 24};
-    memcpy(area, form, sizeof form);
+    std::vector<uint64_t> area;
     qx_pmsg_value_t slot;
     slot.anchor.offset = 0;
-    slot.anchor.length = 24;
     qx_value_t result;
-    EXPECT_EQ(QX_PMSG_E_CORRUPT, read_value(QX_SD_PTR, &result, &slot, area, sizeof area));
+    slot.anchor.length = sd_chain(area, 32);
+    ASSERT_EQ(0, read_value(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    EXPECT_EQ(1u, result.ptr_sd->elements[0].value.ptr_sd->element_count);
 
-    /* The same loop written on a machine of the other byte order. */
-    for (size_t i = 0; i < sizeof form / 4; i++)
-        pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(area) + 4 * i);
-    pmsg_test::swap32_at(&slot.anchor.offset);
-    pmsg_test::swap32_at(&slot.anchor.length);
-    uint64_t before[4];
-    memcpy(before, area, sizeof area);
+    slot.anchor.length = sd_chain(area, 33);
     EXPECT_EQ(QX_PMSG_E_CORRUPT,
-              qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, area, sizeof area));
-    EXPECT_EQ(0, memcmp(before, area, sizeof area)) << "nothing is converted on failure";
+              read_value(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+
+    /* The same chain written on a machine of the other byte order. */
+    for (size_t i = 0; i < area.size() * 2; i++)
+        pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(area.data()) + 4 * i);
+    pmsg_test::swap32_at(&slot.anchor.length);
+    std::vector<uint64_t> before = area;
+    EXPECT_EQ(QX_PMSG_E_CORRUPT,
+              qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, area.data(), -1));
+    EXPECT_TRUE(before == area) << "nothing is converted on failure";
+
+    /* And a caller's value nested as deep is refused when built. */
+    for (int depth : {32, 33}) {
+        qx_structured_data_t *p_inner = arena.sd(0);
+        for (int level = 0; level < depth; level++) {
+            qx_structured_data_t *p_outer = arena.sd(1);
+            p_outer->elements[0].data_type = QX_SD_PTR;
+            p_outer->elements[0].value.ptr_sd = p_inner;
+            p_inner = p_outer;
+        }
+        qx_value_t value;
+        value.ptr_sd = p_inner;
+        qx_uint32_t size = 0;
+        EXPECT_EQ(depth == 32 ? QX_PMSG_OK : QX_PMSG_E_INVAL,
+                  qx_pmsg_size_conv_protocol_value_1(nullptr, 0, QX_SD_PTR, &value, &size));
+        if (depth == 32) {
+            EXPECT_EQ(24u * 32 + 8, size);
+        }
+    }
+}
+
+TEST_F(PmsgClientValueTest, FormsThatShareOrOverlapBytesAreCorrupt) {
+    /* Anchors aimed at one another would let a small area describe a huge
+     * value (each level doubling the work); built forms never overlap. */
+    uint64_t area[8] = {};
+    auto *p = reinterpret_cast<uint8_t *>(area);
+    const uint32_t twice[] = {2, 0, 24, 4, 24, 4};
+    memcpy(p, twice, sizeof twice);
+    memcpy(p + 24, "abc", 4);
+    qx_pmsg_value_t slot;
+    slot.anchor.offset = 0;
+    slot.anchor.length = 28;
+    qx_value_t result;
+    EXPECT_EQ(QX_PMSG_E_CORRUPT, read_value(QX_CHAR_PTR_ARRAY, &result, &slot, area, sizeof area));
+
+    /* A nested form placed over the container's own anchors. */
+    const uint32_t inside[] = {1, 0, 4, 4};
+    memset(area, 0, sizeof area);
+    memcpy(p, inside, sizeof inside);
+    slot.anchor.length = 16;
+    EXPECT_EQ(QX_PMSG_E_CORRUPT, read_value(QX_CHAR_PTR_ARRAY, &result, &slot, area, sizeof area));
+
+    /* Out of order but disjoint is refused too: nested forms follow in order. */
+    const uint32_t swapped[] = {2, 0, 32, 4, 24, 4};
+    memset(area, 0, sizeof area);
+    memcpy(p, swapped, sizeof swapped);
+    memcpy(p + 24, "abc", 4);
+    memcpy(p + 32, "def", 4);
+    slot.anchor.length = 36;
+    EXPECT_EQ(QX_PMSG_E_CORRUPT, read_value(QX_CHAR_PTR_ARRAY, &result, &slot, area, sizeof area));
+    EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
 }  // namespace
