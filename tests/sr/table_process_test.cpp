@@ -1,0 +1,220 @@
+// Tables shared between processes: the writer's file lock (a second writer
+// waits for it, and it survives other opens and closes of the same file in
+// the writer's process), readers that take no lock and see the committed
+// state, and two processes racing to create one table.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sr/table_test_util.h"
+
+using qxtest::Exists;
+using qxtest::FileImage;
+
+namespace {
+
+qx_int64_t NowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<qx_int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// A pipe the child reports on with fixed-size messages.
+struct Channel {
+    int fds[2] = {-1, -1};
+    Channel() { EXPECT_EQ(pipe(fds), 0); }
+    ~Channel() {
+        if (fds[0] >= 0) close(fds[0]);
+        if (fds[1] >= 0) close(fds[1]);
+    }
+    void Send(qx_int64_t value) const {
+        if (write(fds[1], &value, sizeof value) != sizeof value) _exit(90);
+    }
+    // The next value, or -1 when none arrives within timeout_ms.
+    qx_int64_t Receive(int timeout_ms) const {
+        struct pollfd p = {fds[0], POLLIN, 0};
+        if (poll(&p, 1, timeout_ms) != 1) return -1;
+        qx_int64_t value = -1;
+        if (read(fds[0], &value, sizeof value) != sizeof value) return -1;
+        return value;
+    }
+};
+
+int WaitChild(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+class TableProcessConcurrencyTest : public qxtest::TableTest {
+  protected:
+    // In a child: a tree of its own with the same mount.
+    sr_opaque_handle_t ChildTree() {
+        sr_opaque_handle_t tree = nullptr;
+        if (sr_open_tree_1(&tree, 0, 0) != 0) _exit(91);
+        if (sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1) != 0) _exit(92);
+        return tree;
+    }
+
+    // Whether another process holds a lock on the file (asked from a child,
+    // since a process never conflicts with its own locks).
+    bool LockedForOthers(const std::string &path) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int fd = open(path.c_str(), O_RDWR);
+            if (fd < 0) _exit(93);
+            if (lockf(fd, F_TEST, 0) == 0) _exit(0);
+            _exit(errno == EACCES || errno == EAGAIN ? 1 : 94);
+        }
+        int status = WaitChild(pid);
+        EXPECT_TRUE(status == 0 || status == 1) << status;
+        return status == 1;
+    }
+};
+
+TEST_F(TableProcessConcurrencyTest, SecondWriterWaitsInLockfUntilTheFirstCloses) {
+    sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2));
+    ASSERT_NE(p_table, nullptr);
+    Channel ready, done;
+    pid_t pid = fork();
+    if (pid == 0) {
+        sr_opaque_handle_t tree = ChildTree();
+        ready.Send(NowMs());
+        sr_opaque_handle_t table = nullptr;
+        qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), 2, &table);
+        done.Send(rc == 0 ? NowMs() : -rc);
+        _exit(0);
+    }
+    ASSERT_GT(ready.Receive(5000), 0);
+    // The child is blocked in the lock, not failing: nothing comes back.
+    EXPECT_EQ(done.Receive(400), -1);
+    const qx_int64_t closed_at = NowMs();
+    ASSERT_EQ(sr_close_table_1(p_table), 0);
+    qx_int64_t opened_at = done.Receive(5000);
+    EXPECT_GE(opened_at, closed_at);
+    EXPECT_EQ(WaitChild(pid), 0);
+}
+
+TEST_F(TableProcessConcurrencyTest, ReaderInAnotherProcessSeesTheCommittedStateWithoutWaiting) {
+    FileImage image = NewFile("t");
+    image.Row(0, {1, 10});
+    image.Row(0, {2, 20});
+    image.Commit(4);
+    image.Row(0, {3, 30});  // applied, not committed
+    image.Commit(5);
+    qxtest::WriteBytes(File("t"), image.bytes);
+    // This process holds the writer's lock meanwhile.
+    sr_opaque_handle_t writer = nullptr;
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 2, &writer), 0);
+    Channel report;
+    pid_t pid = fork();
+    if (pid == 0) {
+        sr_opaque_handle_t tree = ChildTree();
+        sr_opaque_handle_t table = nullptr;
+        qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), 1, &table);
+        auto *p = static_cast<sr_i_table_t *>(table);
+        report.Send(rc);
+        report.Send(rc == 0 ? p->total_committed_rows : -1);
+        report.Send(rc == 0 ? static_cast<qx_int64_t>(p->change_counter) : -1);
+        _exit(0);
+    }
+    EXPECT_EQ(report.Receive(5000), 0);
+    EXPECT_EQ(report.Receive(5000), 2);
+    EXPECT_EQ(report.Receive(5000), 4);
+    EXPECT_EQ(WaitChild(pid), 0);
+    EXPECT_EQ(sr_close_table_1(writer), 0);
+}
+
+TEST_F(TableProcessConcurrencyTest, TwoProcessesCreatingOneTableOneWinsTheOtherGets201) {
+    for (int round = 0; round < 10; ++round) {
+        const std::string name = "race" + std::to_string(round);
+        Channel go;
+        std::vector<pid_t> children;
+        for (int c = 0; c < 2; ++c) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                sr_opaque_handle_t tree = ChildTree();
+                if (go.Receive(5000) < 0) _exit(95);
+                std::vector<sr_column_t> columns = ScalarColumns(3);
+                sr_opaque_handle_t table = nullptr;
+                qx_int32_t rc =
+                    sr_create_table_1(tree, Text("/m/" + name), columns.data(), 3, 2, &table);
+                _exit(rc == 0 ? 0 : rc == 201 ? 1 : 2);
+            }
+            children.push_back(pid);
+        }
+        go.Send(1);
+        go.Send(1);
+        int a = WaitChild(children[0]);
+        int b = WaitChild(children[1]);
+        EXPECT_EQ(a + b, 1) << "round " << round << ": " << a << " " << b;
+        EXPECT_FALSE(Exists(File(name + ".rewrite"))) << round;
+        // The winner's file is whole.
+        sr_opaque_handle_t table = nullptr;
+        ASSERT_EQ(sr_open_table_1(tree_, Text("/m/" + name), 1, &table), 0) << round;
+        EXPECT_EQ(static_cast<sr_i_table_t *>(table)->total_columns, 3u);
+        EXPECT_EQ(sr_close_table_1(table), 0);
+    }
+}
+
+// A lockf lock dies with the first close of any descriptor of its file in
+// the process; the writer's lock must outlive other opens of the same file.
+TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosingTheFile) {
+    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
+    ASSERT_NE(p_writer, nullptr);
+    ASSERT_TRUE(LockedForOthers(File("t")));
+
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    sr_opaque_handle_t reader = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 1, &reader), 0);
+    ASSERT_EQ(sr_close_table_1(reader), 0);
+    EXPECT_TRUE(LockedForOthers(File("t"))) << "after a reader in another tree closed";
+
+    // A second writer of the same process does not wait for its own lock, and
+    // its close must not take the first writer's lock with it.
+    sr_opaque_handle_t writer2 = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 2, &writer2), 0);
+    ASSERT_EQ(sr_close_table_1(writer2), 0);
+    EXPECT_TRUE(LockedForOthers(File("t"))) << "after a second writer closed";
+    sr_close_tree_1(other);
+    EXPECT_TRUE(LockedForOthers(File("t"))) << "after the other tree closed";
+
+    ASSERT_EQ(sr_close_table_1(p_writer), 0);
+    EXPECT_FALSE(LockedForOthers(File("t"))) << "after the writer closed";
+}
+
+TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesTheReadToWriteReload) {
+    ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
+    EXPECT_FALSE(LockedForOthers(File("t")));
+    sr_opaque_handle_t reader = nullptr;
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 1, &reader), 0);
+    EXPECT_FALSE(LockedForOthers(File("t"))) << "readers take no lock";
+    sr_opaque_handle_t writer = nullptr;
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 2, &writer), 0);
+    ASSERT_EQ(writer, reader);
+    // The reload closed the reader's old descriptor behind the scenes.
+    EXPECT_TRUE(LockedForOthers(File("t"))) << "after the reload";
+    ASSERT_EQ(sr_close_table_1(reader), 0);
+    EXPECT_TRUE(LockedForOthers(File("t"))) << "while one open remains";
+    ASSERT_EQ(sr_close_table_1(writer), 0);
+    EXPECT_FALSE(LockedForOthers(File("t"))) << "after the last close";
+}
+
+TEST_F(TableProcessConcurrencyTest, DescriptorsNotRegisteredAreSimplyClosed) {
+    int fd = open(tmp_.path().c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    sr_i_close_data_file(fd);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    sr_i_close_data_file(-1);
+}
+
+}  // namespace
