@@ -123,6 +123,14 @@ extern "C" void sr_i_mount_point_delete_action(void *p_node) {
     std::free(p_mount);
 }
 
+extern "C" void sr_i_table_delete_action(void *p_node) {
+    sr_i_close_table(static_cast<sr_i_table_t *>(p_node));
+}
+
+extern "C" void sr_i_unnamed_table_delete_action(void *p_node) {
+    sr_i_close_table(static_cast<sr_i_table_t *>(p_node));
+}
+
 }  // namespace
 
 qx_int32_t sr_i_close_tree(sr_i_tree_t *p_tree) {
@@ -136,6 +144,8 @@ qx_int32_t sr_i_close_tree(sr_i_tree_t *p_tree) {
     }
     // Tables still open are closed with their unapplied changes discarded;
     // handles callers still hold become invalid.
+    tdestroy(p_tree->p_tables, sr_i_table_delete_action);
+    tdestroy(p_tree->p_unnamed_tables, sr_i_unnamed_table_delete_action);
     tdestroy(p_tree->p_mount_points, sr_i_mount_point_delete_action);
     sr_i_rw_unlock_write(&p_tree->lock);
     sr_i_rw_close(&p_tree->lock);
