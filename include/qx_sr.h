@@ -276,7 +276,7 @@ qx_int32_t sr_overlay_memory_column_qualifier_1(sr_opaque_handle_t table_handle,
                                                 qx_char_ptr_t p_column_name,
                                                 sr_qualifier_t new_qualifier);
 
-qx_int32_t sr_get_table_metadata_1(sr_opaque_handle_t table_handle, qx_uint32_t all_metadata,
+qx_int32_t sr_get_table_metadata_1(sr_opaque_handle_t table_handle, qx_int32_t all_metadata,
                                    sr_table_metadata_t **p_p_metadata);
 qx_int32_t sr_free_table_metadata_1(sr_table_metadata_t *p_metadata);
 
