@@ -50,10 +50,18 @@ struct sr_i_retries_t {
 
 }  // namespace
 
-const sr_i_file_ops_t sr_i_default_file_ops = {
+namespace {
+
+// Constant-initialised, so the door is set before any static constructor of
+// the process could use it.
+constexpr sr_i_file_ops_t kRealFileOps = {
     sr_i_real_open, write, writev, fdatasync, mkdir, sr_i_real_usleep,
 };
-sr_i_file_ops_t sr_i_file_ops = sr_i_default_file_ops;
+
+}  // namespace
+
+const sr_i_file_ops_t sr_i_default_file_ops = kRealFileOps;
+sr_i_file_ops_t sr_i_file_ops = kRealFileOps;
 
 qx_int32_t sr_i_set_file_error(const sr_i_source_t &source, const char *p_function, int line,
                                const char *p_call, int the_errno, bool table_must_exist) {

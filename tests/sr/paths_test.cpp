@@ -31,7 +31,7 @@ TEST(PathSyntaxTest, LengthMustBeOneTo255Bytes) {
 
 TEST(PathSyntaxTest, RefusesBlanksPunctuationAndEmptyComponents) {
     for (const char *bad : {"/a b", "/a.b", "/a,b", "/a-b", "/a//b", "//", "/a\tb", "/a\nb", "/a/.",
-                            "/a/..", "/./a", "/../a", ".", "/a:b", "/a\\b", "/\xc3\xa9"}) {
+                            "/a/..", "/./a", "/../a", ".", "/a:b", "/a\\b"}) {
         EXPECT_EQ(Check(bad), 102) << bad;
     }
 }
