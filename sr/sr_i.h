@@ -572,6 +572,14 @@ qx_int32_t sr_i_fdatasync(qx_int32_t fd);
  * buffer.  Records are walked from sr_i_rb_buffer_data() by length to
  * sr_i_rb_buffer_end().
  */
+typedef struct sr_i_record_buffer_slot_struct_t {
+    sr_i_record_buffer_t *p_buffer;
+    qx_uint32_t max_free;       /* no free record of the buffer is longer (a bound) */
+    qx_uint32_t group_max_free; /* first slot of each SR_I_RECORD_BUFFER_GROUP slots:
+                                   no max_free of the group is larger */
+} sr_i_record_buffer_slot_t;
+#define SR_I_RECORD_BUFFER_GROUP 64
+
 struct sr_i_record_buffer_struct_t {
     sr_i_record_buffer_t *p_next; /* next buffer in order of creation */
     qx_uint32_t total_bytes;      /* block size as counted: 8 + the records */
@@ -580,7 +588,7 @@ struct sr_i_record_buffer_struct_t {
     qx_uint32_t total_directory;  /* first buffer only: entries in p_directory */
     qx_uint32_t max_directory;    /* first buffer only: room in p_directory */
     qx_uint32_t reserved;
-    sr_i_record_buffer_t **p_directory; /* first buffer only: buffers by address */
+    sr_i_record_buffer_slot_t *p_directory; /* first buffer only: buffers by address */
 };
 
 /* Accounted size of a buffer header. */

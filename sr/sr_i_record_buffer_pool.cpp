@@ -23,6 +23,15 @@
 // record that is the last free one of its buffer never has its link word
 // read: that is what keeps a link read from a file image (the room a file is
 // read into is the only free record of a fresh buffer) out of the chain.
+//
+// First fit walks the chain from its head, and a pool of many buffers holds
+// a small leftover in nearly every one of them.  The directory therefore also
+// keeps, per buffer, a bound on its longest free record (raised when a record
+// is freed into it, lowered to the exact value when a walk finds nothing
+// there), so the walk passes over buffers that cannot serve the request by
+// reading the directory alone; a bound over each group of 64 directory
+// slots lets it pass over whole groups.  The record chosen is the same: the
+// first in address order that is large enough.
 #include <unistd.h>
 
 #include <cstdint>
@@ -68,13 +77,13 @@ inline buffer_t *directory_owner(const sr_i_record_buffer_pool_t *p_pool) {
 qx_int64_t directory_index_of(const sr_i_record_buffer_pool_t *p_pool, const char *p_address) {
     buffer_t *p_owner = directory_owner(p_pool);
     if (p_owner == nullptr || p_address == nullptr) return -1;
-    buffer_t **p_directory = p_owner->p_directory;
+    sr_i_record_buffer_slot_t *p_directory = p_owner->p_directory;
     qx_int64_t low = 0;
     qx_int64_t high = static_cast<qx_int64_t>(p_owner->total_directory) - 1;
     uintptr_t a = addr(p_address);
     while (low <= high) {
         qx_int64_t middle = low + (high - low) / 2;
-        buffer_t *p_buffer = p_directory[middle];
+        buffer_t *p_buffer = p_directory[middle].p_buffer;
         if (a < addr(sr_i_rb_buffer_data(p_buffer))) {
             high = middle - 1;
         } else if (a >= addr(sr_i_rb_buffer_end(p_buffer))) {
@@ -90,11 +99,10 @@ qx_int64_t directory_index_of(const sr_i_record_buffer_pool_t *p_pool, const cha
 // that has one, or NULL: the predecessor on the chain of a buffer's first
 // free record.
 char *last_free_record_before(const sr_i_record_buffer_pool_t *p_pool, qx_int64_t index) {
-    buffer_t **p_directory = directory_owner(p_pool)->p_directory;
+    sr_i_record_buffer_slot_t *p_directory = directory_owner(p_pool)->p_directory;
     for (qx_int64_t i = index - 1; i >= 0; --i) {
-        if (p_directory[i]->last_free != 0) {
-            return record_at(p_directory[i], p_directory[i]->last_free);
-        }
+        buffer_t *p_buffer = p_directory[i].p_buffer;
+        if (p_buffer->last_free != 0) return record_at(p_buffer, p_buffer->last_free);
     }
     return nullptr;
 }
@@ -103,7 +111,7 @@ char *last_free_record_before(const sr_i_record_buffer_pool_t *p_pool, qx_int64_
 char *first_free_record_from(const sr_i_record_buffer_pool_t *p_pool, qx_int64_t index) {
     buffer_t *p_owner = directory_owner(p_pool);
     for (qx_int64_t i = index; i < static_cast<qx_int64_t>(p_owner->total_directory); ++i) {
-        buffer_t *p_buffer = p_owner->p_directory[i];
+        buffer_t *p_buffer = p_owner->p_directory[i].p_buffer;
         if (p_buffer->first_free != 0) return record_at(p_buffer, p_buffer->first_free);
     }
     return nullptr;
@@ -114,23 +122,48 @@ char *first_free_record_from(const sr_i_record_buffer_pool_t *p_pool, qx_int64_t
 qx_int32_t reserve_directory_slot(buffer_t *p_owner) {
     if (p_owner->total_directory < p_owner->max_directory) return 0;
     qx_uint32_t new_max = p_owner->max_directory * 2;
-    void *p_new = sr_i_realloc(p_owner->p_directory, sizeof(buffer_t *) * new_max);
+    void *p_new = sr_i_realloc(p_owner->p_directory, sizeof(sr_i_record_buffer_slot_t) * new_max);
     if (p_new == nullptr) return SR_ERROR(12);
-    p_owner->p_directory = static_cast<buffer_t **>(p_new);
+    p_owner->p_directory = static_cast<sr_i_record_buffer_slot_t *>(p_new);
     p_owner->max_directory = new_max;
     return 0;
 }
 
-// Enters p_buffer into the directory by address (room is reserved); returns
-// its position.
+constexpr qx_int64_t kGroup = SR_I_RECORD_BUFFER_GROUP;
+
+inline sr_i_record_buffer_slot_t *group_of(sr_i_record_buffer_slot_t *p_directory,
+                                           qx_int64_t index) {
+    return &p_directory[index - index % kGroup];
+}
+
+// Raises the bounds of directory slot index to cover a free record of length.
+void raise_bound(buffer_t *p_owner, qx_int64_t index, qx_uint32_t length) {
+    sr_i_record_buffer_slot_t *p_slot = &p_owner->p_directory[index];
+    if (length > p_slot->max_free) p_slot->max_free = length;
+    sr_i_record_buffer_slot_t *p_group = group_of(p_owner->p_directory, index);
+    if (length > p_group->group_max_free) p_group->group_max_free = length;
+}
+
+// Enters p_buffer, holding one free record, into the directory by address
+// (room is reserved); returns its position.
 qx_int64_t directory_insert(buffer_t *p_owner, buffer_t *p_buffer) {
     qx_int64_t position = p_owner->total_directory;
-    while (position > 0 && addr(p_owner->p_directory[position - 1]) > addr(p_buffer)) {
+    while (position > 0 && addr(p_owner->p_directory[position - 1].p_buffer) > addr(p_buffer)) {
         p_owner->p_directory[position] = p_owner->p_directory[position - 1];
         --position;
     }
-    p_owner->p_directory[position] = p_buffer;
+    p_owner->p_directory[position] =
+        sr_i_record_buffer_slot_t{p_buffer, sr_i_record_length(sr_i_rb_buffer_data(p_buffer)), 0};
     ++p_owner->total_directory;
+    // Slots from here on moved up by one: their groups' bounds are redone
+    // (buffers mostly arrive at the end, where this is one group).
+    for (qx_int64_t g = position - position % kGroup; g < p_owner->total_directory; g += kGroup) {
+        qx_uint32_t bound = 0;
+        for (qx_int64_t i = g; i < g + kGroup && i < p_owner->total_directory; ++i) {
+            if (p_owner->p_directory[i].max_free > bound) bound = p_owner->p_directory[i].max_free;
+        }
+        p_owner->p_directory[g].group_max_free = bound;
+    }
     return position;
 }
 
@@ -153,12 +186,12 @@ buffer_t *new_buffer(qx_uint32_t data_bytes) {
 
 // Gives a pool that has no buffer its first one, with a fresh directory.
 qx_int32_t adopt_first_buffer(sr_i_record_buffer_pool_t *p_pool, buffer_t *p_buffer) {
-    void *p_directory = sr_i_malloc(sizeof(buffer_t *) * kInitialDirectory);
+    void *p_directory = sr_i_malloc(sizeof(sr_i_record_buffer_slot_t) * kInitialDirectory);
     if (p_directory == nullptr) return SR_ERROR(12);
-    p_buffer->p_directory = static_cast<buffer_t **>(p_directory);
+    p_buffer->p_directory = static_cast<sr_i_record_buffer_slot_t *>(p_directory);
     p_buffer->max_directory = kInitialDirectory;
-    p_buffer->p_directory[0] = p_buffer;
-    p_buffer->total_directory = 1;
+    p_buffer->total_directory = 0;
+    directory_insert(p_buffer, p_buffer);
     p_pool->p_first_record_buffer = p_buffer;
     p_pool->p_last_record_buffer = p_buffer;
     return 0;
@@ -256,21 +289,50 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
     qx_int64_t index = directory_index_of(p_pool, p_pool->p_free_chain);
     if (index >= 0) {
         buffer_t *p_owner = directory_owner(p_pool);
-        for (; index < static_cast<qx_int64_t>(p_owner->total_directory); ++index) {
-            buffer_t *p_buffer = p_owner->p_directory[index];
-            qx_uint32_t offset = p_buffer->first_free;
-            while (offset != 0) {
-                char *p_record = record_at(p_buffer, offset);
-                qx_uint32_t length = sr_i_record_length(p_record);
-                if (length - kHeader >= data_length) {
-                    *p_data = p_record + kHeader;
-                    *p_previous_free_record = p_previous;
-                    *actual_data_length = length - kHeader;
-                    return 0;
-                }
-                p_previous = p_record;
-                offset = offset == p_buffer->last_free ? 0 : sr_i_record_link(p_record);
+        qx_uint64_t needed = static_cast<qx_uint64_t>(data_length) + kHeader;
+        sr_i_record_buffer_slot_t *p_directory = p_owner->p_directory;
+        const qx_int64_t total = p_owner->total_directory;
+        while (index < total) {
+            qx_int64_t group_start = index - index % kGroup;
+            qx_int64_t group_end = group_start + kGroup < total ? group_start + kGroup : total;
+            if (p_directory[group_start].group_max_free < needed) {
+                index = group_end;
+                continue;
             }
+            bool whole_group = index == group_start;
+            qx_uint32_t group_longest = 0;
+            for (; index < group_end; ++index) {
+                sr_i_record_buffer_slot_t *p_slot = &p_directory[index];
+                if (p_slot->max_free >= needed) {
+                    buffer_t *p_buffer = p_slot->p_buffer;
+                    char *p_in_buffer_previous = nullptr;
+                    qx_uint32_t longest = 0;
+                    for (qx_uint32_t offset = p_buffer->first_free; offset != 0;) {
+                        char *p_record = record_at(p_buffer, offset);
+                        qx_uint32_t length = sr_i_record_length(p_record);
+                        if (length >= needed) {
+                            // The chain predecessor: inside this buffer, or
+                            // the last free record of the buffers passed over.
+                            *p_data = p_record + kHeader;
+                            if (p_in_buffer_previous != nullptr) {
+                                *p_previous_free_record = p_in_buffer_previous;
+                            } else if (p_record == p_pool->p_free_chain) {
+                                *p_previous_free_record = nullptr;
+                            } else {
+                                *p_previous_free_record = last_free_record_before(p_pool, index);
+                            }
+                            *actual_data_length = length - kHeader;
+                            return 0;
+                        }
+                        if (length > longest) longest = length;
+                        p_in_buffer_previous = p_record;
+                        offset = offset == p_buffer->last_free ? 0 : sr_i_record_link(p_record);
+                    }
+                    p_slot->max_free = longest;  // now exact
+                }
+                if (p_slot->max_free > group_longest) group_longest = p_slot->max_free;
+            }
+            if (whole_group) p_directory[group_start].group_max_free = group_longest;
         }
     }
     char *p_record = nullptr;
@@ -290,7 +352,7 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
     char *p_record = p_data - kHeader;
     qx_int64_t index = directory_index_of(p_pool, p_record);
     if (index < 0) return SR_ERROR(15);
-    buffer_t *p_buffer = directory_owner(p_pool)->p_directory[index];
+    buffer_t *p_buffer = directory_owner(p_pool)->p_directory[index].p_buffer;
     qx_uint32_t length = sr_i_record_length(p_record);
     qx_uint32_t offset = block_offset_of(p_buffer, p_record);
     if (length < kHeader || offset + static_cast<qx_uint64_t>(length) > p_buffer->total_bytes ||
@@ -383,7 +445,7 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
     if (p_previous_free_record_returned != nullptr) *p_previous_free_record_returned = nullptr;
     qx_int64_t index = directory_index_of(p_pool, p_record);
     if (index < 0) return 0;
-    buffer_t *p_buffer = directory_owner(p_pool)->p_directory[index];
+    buffer_t *p_buffer = directory_owner(p_pool)->p_directory[index].p_buffer;
     qx_uint32_t offset = block_offset_of(p_buffer, p_record);
 
     // Neighbours on the chain: the last free record below, the first above.
@@ -423,11 +485,13 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
     sr_i_set_record_type(p_record, SR_I_RECORD_TYPE_FREE);
 
     char *p_survivor = p_record;
+    qx_uint32_t survivor_length = length;
     if (previous_offset != 0 &&
         previous_offset + sr_i_record_length(record_at(p_buffer, previous_offset)) == offset) {
         // The preceding free record absorbs this one.
         char *p_prev = record_at(p_buffer, previous_offset);
-        sr_i_set_record_length(p_prev, sr_i_record_length(p_prev) + length);
+        survivor_length = sr_i_record_length(p_prev) + length;
+        sr_i_set_record_length(p_prev, survivor_length);
         sr_i_set_record_link(p_prev, link);
         if (now_last) p_buffer->last_free = previous_offset;
         freed += kHeader;
@@ -443,6 +507,7 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
             p_pool->p_free_chain = p_record;
         }
     }
+    raise_bound(directory_owner(p_pool), index, survivor_length);
 
     if (p_previous_free_record_returned != nullptr) {
         if (p_survivor == p_record && previous_offset != 0) {
@@ -539,6 +604,7 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
     p_copy->first_free = 0;
     p_copy->last_free = 0;
     char *p_copy_previous = nullptr;
+    qx_uint32_t longest = 0;
     for (buffer_t *p_buffer = p_from->p_first_record_buffer; p_buffer != nullptr;
          p_buffer = p_buffer->p_next) {
         for (qx_uint32_t walk = p_buffer->first_free; walk != 0;) {
@@ -551,9 +617,12 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
                 sr_i_set_record_link(p_copy_previous, mapped_offset);
             }
             p_copy_previous = p_mapped;
+            if (sr_i_record_length(p_mapped) > longest) longest = sr_i_record_length(p_mapped);
             walk = walk == p_buffer->last_free ? 0 : sr_i_record_link(p_source);
         }
     }
+    p_copy->p_directory[0].max_free = longest;
+    p_copy->p_directory[0].group_max_free = longest;
     if (p_copy_previous != nullptr) {
         sr_i_set_record_link(p_copy_previous, 0);
         p_copy->last_free = block_offset_of(p_copy, p_copy_previous);

@@ -35,7 +35,7 @@ std::vector<char *> free_chain(const sr_i_record_buffer_pool_t &pool) {
     sr_i_record_buffer_t *p_owner = pool.p_first_record_buffer;
     if (p_owner == nullptr) return chain;
     for (qx_uint32_t i = 0; i < p_owner->total_directory; ++i) {
-        sr_i_record_buffer_t *p_buffer = p_owner->p_directory[i];
+        sr_i_record_buffer_t *p_buffer = p_owner->p_directory[i].p_buffer;
         for (qx_uint32_t offset = p_buffer->first_free; offset != 0;) {
             char *p_record = record_at(p_buffer, offset);
             chain.push_back(p_record);
@@ -75,11 +75,27 @@ std::vector<sr_i_record_buffer_t *> buffers(const sr_i_record_buffer_pool_t &poo
     }
     std::set<sr_i_record_buffer_t *> in_chain(all.begin(), all.end());
     for (qx_uint32_t i = 0; i < p_owner->total_directory; ++i) {
-        if (in_chain.count(p_owner->p_directory[i]) == 0) {
+        const sr_i_record_buffer_slot_t &slot = p_owner->p_directory[i];
+        if (in_chain.count(slot.p_buffer) == 0) {
             return ::testing::AssertionFailure() << "directory entry " << i << " is no buffer";
         }
-        if (i > 0 && addr(p_owner->p_directory[i - 1]) >= addr(p_owner->p_directory[i])) {
+        if (i > 0 && addr(p_owner->p_directory[i - 1].p_buffer) >= addr(slot.p_buffer)) {
             return ::testing::AssertionFailure() << "directory out of address order at " << i;
+        }
+        const sr_i_record_buffer_slot_t &group =
+            p_owner->p_directory[i - i % SR_I_RECORD_BUFFER_GROUP];
+        if (slot.max_free > group.group_max_free) {
+            return ::testing::AssertionFailure() << "group bound below slot " << i;
+        }
+        // First fit passes over a buffer on its bound: it must not lie low.
+        for (char *p = sr_i_rb_buffer_data(slot.p_buffer); p < sr_i_rb_buffer_end(slot.p_buffer);
+             p += std::max<qx_uint32_t>(sr_i_record_length(p), kHeader)) {
+            if (sr_i_record_type(p) == SR_I_RECORD_TYPE_FREE &&
+                sr_i_record_length(p) > slot.max_free) {
+                return ::testing::AssertionFailure()
+                       << "buffer " << i << " bound " << slot.max_free << " below a free record of "
+                       << sr_i_record_length(p);
+            }
         }
     }
     qx_uint64_t total = 0;
@@ -507,11 +523,58 @@ TEST_F(PoolTest, DuplicatingAnEmptyPoolYieldsAnEmptyPool) {
     sr_i_rb_free_duplication_map(p_map);
 }
 
+// The lowest free record of at least `length` data bytes, by the chain.
+char *expected_first_fit(const sr_i_record_buffer_pool_t &pool, qx_uint32_t length) {
+    for (char *p : free_chain(pool)) {
+        if (sr_i_record_length(p) - kHeader >= length) return p + kHeader;
+    }
+    return nullptr;
+}
+
+TEST_F(PoolTest, FirstFitAmongHundredsOfBuffersIsStillTheLowestRecord) {
+    // 300 buffers of exactly one record each, in whatever address order
+    // malloc gives; then holes of different sizes at random places.
+    std::vector<char *> records;
+    for (int i = 0; i < 300; ++i) records.push_back(reserve(66000 + (i % 7) * 100));
+    ASSERT_EQ(300u, buffers(pool_).size());
+    ASSERT_EQ(nullptr, pool_.p_free_chain);
+    std::mt19937 random(99);
+    int fits = 0;
+    for (int round = 0; round < 400; ++round) {
+        size_t i = random() % records.size();
+        if (records[i] != nullptr) {
+            ASSERT_EQ(0, sr_i_rb_free_record(&pool_, records[i]));
+            records[i] = nullptr;
+        }
+        qx_uint32_t length = 60000 + random() % 7000;
+        char *p_expected = expected_first_fit(pool_, length);
+        if (p_expected == nullptr) continue;  // finding would add a buffer
+        ++fits;
+        char *p_data = nullptr;
+        char *p_previous = nullptr;
+        qx_uint32_t actual = 0;
+        ASSERT_EQ(0, sr_i_rb_find_suitable_record(&pool_, length, &p_data, &p_previous, &actual));
+        ASSERT_EQ(p_expected, p_data) << "round " << round;
+        if (random() % 2 == 0) {
+            ASSERT_EQ(0, sr_i_rb_allocate_record(&pool_, p_data, p_previous, length, 2));
+            for (auto &p : records) {
+                if (p == nullptr) {
+                    p = p_data;
+                    break;
+                }
+            }
+        }
+        ASSERT_TRUE(pool_is_consistent(pool_));
+    }
+    EXPECT_GT(fits, 200);
+    EXPECT_EQ(300u, buffers(pool_).size());
+}
+
 // Random reserve/free against a model of what each record holds.
 TEST_F(PoolTest, RandomReservesAndFreesKeepEveryPromise) {
     std::mt19937 random(12345);
     std::vector<std::pair<char *, std::string>> live;
-    for (int step = 0; step < 4000; ++step) {
+    for (int step = 0; step < 6000; ++step) {
         bool do_free = !live.empty() && random() % 100 < 45;
         if (do_free) {
             size_t i = random() % live.size();
@@ -522,7 +585,23 @@ TEST_F(PoolTest, RandomReservesAndFreesKeepEveryPromise) {
         } else {
             qx_uint32_t length = random() % 3 == 0 ? random() % 2000 : random() % 120;
             if (random() % 200 == 0) length = 66000 + random() % 5000;
+            // First fit: the lowest free record that is large enough, and
+            // its predecessor on the chain.
+            std::vector<char *> chain = free_chain(pool_);
+            auto fit = std::find_if(chain.begin(), chain.end(), [&](char *p) {
+                return sr_i_record_length(p) - kHeader >= length;
+            });
+            char *p_found = nullptr;
+            char *p_previous = nullptr;
+            qx_uint32_t actual = 0;
+            ASSERT_EQ(0,
+                      sr_i_rb_find_suitable_record(&pool_, length, &p_found, &p_previous, &actual));
+            if (fit != chain.end()) {
+                ASSERT_EQ(*fit + kHeader, p_found) << "step " << step;
+                ASSERT_EQ(fit == chain.begin() ? nullptr : *(fit - 1), p_previous);
+            }
             char *p_data = reserve(length);
+            ASSERT_EQ(p_found, p_data);
             ASSERT_NE(nullptr, p_data);
             std::string content(length, static_cast<char>('a' + step % 26));
             memcpy(p_data, content.data(), length);
