@@ -15,7 +15,7 @@ namespace {
 constexpr int kMaxWords = 256;
 
 using Family = const Command *(*)(int *);
-constexpr Family kFamilies[] = {base_commands};
+constexpr Family kFamilies[] = {base_commands, table_commands, row_commands};
 
 const Command *find_command(const char *name) {
     for (Family family : kFamilies) {
@@ -86,6 +86,56 @@ int report_failure(Shell &shell, const char *what, int rc) {
     cu_rel_errmsg_1(p_message);
     cu_rel_error_1(p_error);
     return rc;
+}
+
+sr_opaque_handle_t table_for(Shell &shell, const char *path, qx_int32_t mode) {
+    for (const OpenTable &t : shell.tables) {
+        if (t.path == path) return t.handle;
+    }
+    sr_opaque_handle_t handle = nullptr;
+    int rc = sr_open_table_1(shell.tree, const_cast<char *>(path), mode, &handle);
+    if (rc != 0) {
+        report_failure(shell, path, rc);
+        return nullptr;
+    }
+    shell.tables.push_back({path, handle, mode});
+    return handle;
+}
+
+int close_table(Shell &shell, const char *path) {
+    for (size_t i = 0; i < shell.tables.size(); ++i) {
+        if (shell.tables[i].path == path) {
+            int rc = sr_close_table_1(shell.tables[i].handle);
+            shell.tables.erase(shell.tables.begin() + static_cast<long>(i));
+            return rc == 0 ? 0 : report_failure(shell, path, rc);
+        }
+    }
+    std::fprintf(shell.err, "qxsr: %s is not open in this session\n", path);
+    return 1;
+}
+
+void print_table(FILE *out, const std::vector<std::string> &header,
+                 const std::vector<std::vector<std::string>> &rows) {
+    std::vector<size_t> widths(header.size());
+    for (size_t c = 0; c < header.size(); ++c) widths[c] = header[c].size();
+    for (const auto &row : rows) {
+        for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
+            if (row[c].size() > widths[c]) widths[c] = row[c].size();
+        }
+    }
+    auto line = [&](const std::vector<std::string> &cells) {
+        for (size_t c = 0; c < widths.size(); ++c) {
+            const std::string cell = c < cells.size() ? cells[c] : "";
+            std::fprintf(out, c + 1 < widths.size() ? "%-*s  " : "%-*s",
+                         static_cast<int>(c + 1 < widths.size() ? widths[c] : 0), cell.c_str());
+        }
+        std::fputc('\n', out);
+    };
+    line(header);
+    std::vector<std::string> rule;
+    for (size_t w : widths) rule.push_back(std::string(w, '-'));
+    line(rule);
+    for (const auto &row : rows) line(row);
 }
 
 int split_words(char *line, char **words, int max_words) {
@@ -199,6 +249,7 @@ int run_main(int argc, char **argv) {
             status = run_lines(shell, stdin);
         }
     }
+    // Closing the tree closes every table the session left open.
     sr_close_tree_1(shell.tree);
     return status;
 }

@@ -3,17 +3,26 @@
 #define QXSR_SHELL_H
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "qx_cu.h"
 #include "qx_sr.h"
 
 namespace qxsr {
 
+struct OpenTable {
+    std::string path;
+    sr_opaque_handle_t handle;
+    qx_int32_t mode;
+};
+
 struct Shell {
     sr_opaque_handle_t tree = nullptr;
     FILE *out = stdout;
     FILE *err = stderr;
     bool interactive = false;
+    std::vector<OpenTable> tables;  // tables this session opened, by registry path
 };
 
 // A command: argv[0] is the command's name.  Returns 0 on success; a failing
@@ -41,8 +50,20 @@ int split_words(char *line, char **words, int max_words);
 
 int run_main(int argc, char **argv);
 
-// Registers the commands of a family (each family lives in its own file).
+// The open handle of `path`, opening it with `mode` when the session has not
+// (nullptr after reporting a failure).
+sr_opaque_handle_t table_for(Shell &shell, const char *path, qx_int32_t mode);
+// Forgets (and closes) the session's handle of `path`.
+int close_table(Shell &shell, const char *path);
+
+// Prints rows as an aligned table: a header line, a rule and one line a row.
+void print_table(FILE *out, const std::vector<std::string> &header,
+                 const std::vector<std::vector<std::string>> &rows);
+
+// The command families (each lives in its own file).
 const Command *base_commands(int *p_count);
+const Command *table_commands(int *p_count);
+const Command *row_commands(int *p_count);
 
 }  // namespace qxsr
 
