@@ -16,10 +16,12 @@
  * to have changed are freed on the spot (the record they came from is gone).
  *
  * Entries are grouped by 256-byte granule of the slot address, so releasing
- * a record's range visits only the granules it covers, and spread over 64
+ * a record's range visits only the granules it covers, and spread over 32
  * shards, each with its own mutex, so concurrent readers of different rows
  * rarely meet.  The shard locks are held across fork() so that a child never
- * inherits a lock taken by a thread that does not exist in it.
+ * inherits a lock taken by a thread that does not exist in it.  (32 and not
+ * more: the forking thread holds them all at once, on top of its caller's
+ * locks, and ThreadSanitizer tracks at most 64 locks held by one thread.)
  *
  * Lock order: a caller's own locks (the registry's ForkMutex, its table
  * locks), then one shard lock; nothing is locked while a shard lock is held.
@@ -39,7 +41,7 @@ namespace pmsg_i {
 namespace {
 
 constexpr int kGranuleBits = 8;
-constexpr size_t kShardCount = 64;
+constexpr size_t kShardCount = 32;
 constexpr size_t kInitialBuckets = 64;
 
 struct Entry {
