@@ -552,6 +552,53 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
 qx_int32_t sr_i_fdatasync(qx_int32_t fd);
 
 /* ===========================================================================
+ * Transactions: apply, commit, abort and the implicit cycle.  Every routine
+ * runs under ForkMutex and the table's write lock, taken by the exported
+ * call.
+ */
+
+/* Size above which a table file may be rewritten instead of appended to. */
+#define SR_I_REWRITE_MINIMUM_FILE_LENGTH 16384
+
+/* Whether the next apply should write a complete new file: the file is
+ * longer than 16 KiB and less than half of it is live data (32-bit
+ * arithmetic, as the decision has always been made). */
+qx_uint32_t sr_i_rewrite_wanted(const sr_i_table_t *p_table);
+/* Writes the pending changes and a new commit record: appended after the
+ * committed commit record (rewrite 0) or as a complete image in the
+ * ".rewrite" file (rewrite non-zero), then synced.  0 leaves the table
+ * applied (ready_for_commit 1 or 2); 212 when it already is. */
+qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
+                      qx_uint64_t table_change_counter);
+/* Makes the applied state the committed one: one 4-byte write and a sync, or
+ * the rename of the rewrite file; then the in-memory walks.  0 with nothing to
+ * commit; 210 with changes that were never applied. */
+qx_int32_t sr_i_commit(sr_i_table_t *p_table);
+/* Throws pending and applied changes away, on disk and in memory. */
+qx_int32_t sr_i_abort(sr_i_table_t *p_table);
+/* The in-memory halves, over one change list from p_current_change_entry. */
+qx_int32_t sr_i_commit_in_memory(sr_i_table_t *p_table, sr_i_change_entry_t *p_current_change_entry);
+qx_int32_t sr_i_abort_in_memory(sr_i_table_t *p_table, sr_i_change_entry_t *p_current_change_entry);
+
+/*
+ * Test-only pause points on the durable path.  QX_SR_TEST_PAUSE names one
+ * point, read once per process (sr_i_test_pause_reload reads it again, for a
+ * forked child that set it):
+ *   "<point>"                 the process stops itself with SIGSTOP there;
+ *   "<point>@<n>"             only at the n-th time the point is reached;
+ *   "<point>[@<n>],<file>"    instead writes the point's name to <file> and
+ *                             sleeps until it is killed.
+ * Points: "apply-written" (apply's records written, not yet synced),
+ * "implicit-applied" (between apply and commit of an implicit update),
+ * "commit-written" (commit's 4-byte switch written, not yet synced),
+ * "commit-synced" (the switch synced, memory not yet updated),
+ * "rewrite-before-rename" and "rewrite-after-rename" (commit of a rewrite).
+ * Unset, a point costs one load and one branch.
+ */
+void sr_i_test_pause(const char *p_point);
+void sr_i_test_pause_reload();
+
+/* ===========================================================================
  * Engine routines: record buffer pool, hashed key index, table record,
  * application metadata.  (Declared by their owners below.)
  */

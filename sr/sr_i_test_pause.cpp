@@ -1,0 +1,102 @@
+// Test-only pause points on the durable path of apply and commit.
+//
+// Crash tests need a writer to die at an exact step of the protocol: after
+// apply's records reached the file but before they were synced, between apply
+// and commit, between commit's 4-byte switch and its sync, just before and
+// just after the rename of a rewritten file.  The writer names the step in
+// QX_SR_TEST_PAUSE and stops there (SIGSTOP, for a parent that waits with
+// WUNTRACED), or leaves a marker file and sleeps, for a test that only sees
+// the file system; either way the test kills it and looks at what is on disk.
+//
+// The variable is read once per process.  When it is unset, a point is one
+// acquire load and one branch, so the points stay in production builds.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_i_test_pause", "1.1");
+
+namespace {
+
+// 0 not read yet, 1 no point armed, 2 a point armed.
+std::atomic<int> Pause_State{0};
+pthread_mutex_t Pause_Mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// The parsed setting.  Fixed buffers: a pause point must not allocate, it may
+// be reached with the heap in any state a test provokes.
+char Pause_Point[64];
+char Pause_Marker[256];
+unsigned long Pause_Occurrence = 1;
+unsigned long Pause_Seen = 0;
+
+// Caller holds Pause_Mutex.
+void parse_setting() {
+    Pause_Point[0] = '\0';
+    Pause_Marker[0] = '\0';
+    Pause_Occurrence = 1;
+    Pause_Seen = 0;
+    const char *p_value = getenv("QX_SR_TEST_PAUSE");
+    if (p_value == nullptr || *p_value == '\0') {
+        Pause_State.store(1, std::memory_order_release);
+        return;
+    }
+    const char *p_comma = strchr(p_value, ',');
+    size_t point_length =
+        p_comma != nullptr ? static_cast<size_t>(p_comma - p_value) : strlen(p_value);
+    const char *p_at = static_cast<const char *>(memchr(p_value, '@', point_length));
+    size_t name_length = p_at != nullptr ? static_cast<size_t>(p_at - p_value) : point_length;
+    if (name_length >= sizeof Pause_Point) name_length = sizeof Pause_Point - 1;
+    memcpy(Pause_Point, p_value, name_length);
+    Pause_Point[name_length] = '\0';
+    if (p_at != nullptr) {
+        unsigned long n = strtoul(p_at + 1, nullptr, 10);
+        Pause_Occurrence = n == 0 ? 1 : n;
+    }
+    if (p_comma != nullptr) {
+        size_t marker_length = strlen(p_comma + 1);
+        if (marker_length >= sizeof Pause_Marker) marker_length = sizeof Pause_Marker - 1;
+        memcpy(Pause_Marker, p_comma + 1, marker_length);
+        Pause_Marker[marker_length] = '\0';
+    }
+    Pause_State.store(2, std::memory_order_release);
+}
+
+void stop_here(const char *p_point) {
+    if (Pause_Marker[0] == '\0') {
+        raise(SIGSTOP);
+        return;
+    }
+    int fd = open(Pause_Marker, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd >= 0) {
+        ssize_t ignored = write(fd, p_point, strlen(p_point));
+        (void)ignored;
+        close(fd);
+    }
+    // Waits for the test's SIGKILL; a stray signal does not let it go on.
+    for (;;) pause();
+}
+
+}  // namespace
+
+void sr_i_test_pause_reload() {
+    pthread_mutex_lock(&Pause_Mutex);
+    parse_setting();
+    pthread_mutex_unlock(&Pause_Mutex);
+}
+
+void sr_i_test_pause(const char *p_point) {
+    int state = Pause_State.load(std::memory_order_acquire);
+    if (state == 1) return;
+    pthread_mutex_lock(&Pause_Mutex);
+    if (Pause_State.load(std::memory_order_relaxed) == 0) parse_setting();
+    bool stop = Pause_State.load(std::memory_order_relaxed) == 2 &&
+                strcmp(Pause_Point, p_point) == 0 && ++Pause_Seen == Pause_Occurrence;
+    pthread_mutex_unlock(&Pause_Mutex);
+    if (stop) stop_here(p_point);
+}
