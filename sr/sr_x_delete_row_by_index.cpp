@@ -1,0 +1,21 @@
+// sr_delete_row_by_index_1: deletes the row at a packed index (pending until commit).
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_delete_row_by_index", "1.1");
+
+extern "C" qx_int32_t sr_delete_row_by_index_1(sr_opaque_handle_t table_handle,
+                                               qx_uint32_t row_index) {
+    // ForkMutex and the table's write lock for the whole call, including the
+    // apply and commit an implicitly controlled table makes at once.
+    static constexpr sr_i_frame_t kFrame{"sr_delete_row_by_index_1",  29,   true,
+                                         sr_i_lock_kind::table_write, true, true};
+    return sr_i_api_call<sr_i_table_t>(
+        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
+            if (row_index >= p_table->total_applied_rows) return SR_ERROR(203);
+            // Neither a pending apply nor an earlier deletion of the row is
+            // looked at here; sr_i_delete_row refuses the missing record.
+            sr_i_index_entry_t *p_entry =
+                &p_table->p_rows_fixed_index[p_table->p_rows_packed_index[row_index]];
+            return sr_i_delete_row(p_table, p_entry);
+        });
+}

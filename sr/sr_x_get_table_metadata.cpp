@@ -1,0 +1,19 @@
+// sr_get_table_metadata_1: a description of an open table (name, counts,
+// change counter and, on request, deep copies of its column definitions),
+// released by the caller with sr_free_table_metadata_1.
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_get_table_metadata", "1.1");
+
+extern "C" qx_int32_t sr_get_table_metadata_1(sr_opaque_handle_t table_handle,
+                                              qx_int32_t all_metadata,
+                                              sr_table_metadata_t **p_p_metadata) {
+    // A query: the table's read lock only, no ForkMutex.
+    static constexpr sr_i_frame_t kFrame{"sr_get_table_metadata_1",  65,    false,
+                                         sr_i_lock_kind::table_read, false, false};
+    return sr_i_api_call<sr_i_table_t>(
+        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
+            if (p_p_metadata == nullptr) return SR_ERROR(101);
+            return sr_i_get_table_metadata(p_table, all_metadata, p_p_metadata);
+        });
+}

@@ -1,0 +1,27 @@
+// sr_set_application_metadata_1: replaces the table's application metadata (one block, type 0),
+// made durable like a row change.
+#include <cstddef>
+#include <cstring>
+
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_set_application_metadata", "1.1");
+
+extern "C" qx_int32_t sr_set_application_metadata_1(sr_opaque_handle_t table_handle,
+                                                    qx_binary_t *p_application_metadata) {
+    // ForkMutex and the table's write lock for the whole call, including the
+    // apply and commit an implicitly controlled table makes at once.
+    static constexpr sr_i_frame_t kFrame{"sr_set_application_metadata_1", 91,   true,
+                                         sr_i_lock_kind::table_write,     true, true};
+    return sr_i_api_call<sr_i_table_t>(
+        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
+            if (p_application_metadata == nullptr) return SR_ERROR(101);
+            // No test of a pending apply: the block travels in the commit
+            // record, which the next apply writes anyway.
+            qx_binary_t header;
+            std::memcpy(&header, p_application_metadata, offsetof(qx_binary_t, data));
+            return sr_i_set_application_metadata(
+                p_table->p_application_metadata, 0, header.length,
+                reinterpret_cast<qx_char_ptr_t>(p_application_metadata->data));
+        });
+}

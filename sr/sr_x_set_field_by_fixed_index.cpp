@@ -1,0 +1,20 @@
+// sr_set_field_by_fixed_index_1: changes one field of a row by fixed index.
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_set_field_by_fixed_index", "1.1");
+
+extern "C" qx_int32_t sr_set_field_by_fixed_index_1(sr_opaque_handle_t table_handle,
+                                                    qx_int32_t fixed_row_index,
+                                                    qx_char_ptr_t column_name,
+                                                    qx_value_t *new_field) {
+    // ForkMutex and the table's write lock for the whole call, including the
+    // apply and commit an implicitly controlled table makes at once.
+    static constexpr sr_i_frame_t kFrame{"sr_set_field_by_fixed_index_1", 93,   true,
+                                         sr_i_lock_kind::table_write,     true, true};
+    return sr_i_api_call<sr_i_table_t>(
+        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
+            if (column_name == nullptr || new_field == nullptr) return SR_ERROR(101);
+            return sr_i_set_value_for_fixed_index(
+                p_table, static_cast<qx_uint32_t>(fixed_row_index), column_name, new_field);
+        });
+}

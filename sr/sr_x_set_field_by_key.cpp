@@ -1,0 +1,17 @@
+// sr_set_field_by_key_1: changes one field of the row with a given key (`result` is the new value).
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_set_field_by_key", "1.1");
+
+extern "C" qx_int32_t sr_set_field_by_key_1(sr_opaque_handle_t table_handle, qx_value_t row_key,
+                                            qx_char_ptr_t column_name, qx_value_t *result) {
+    // ForkMutex and the table's write lock for the whole call, including the
+    // apply and commit an implicitly controlled table makes at once.
+    static constexpr sr_i_frame_t kFrame{"sr_set_field_by_key_1",     97,   true,
+                                         sr_i_lock_kind::table_write, true, true};
+    return sr_i_api_call<sr_i_table_t>(
+        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
+            if (column_name == nullptr || result == nullptr) return SR_ERROR(101);
+            return sr_i_set_value_for_key(p_table, row_key, column_name, result);
+        });
+}

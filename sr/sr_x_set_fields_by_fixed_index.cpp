@@ -1,0 +1,27 @@
+// sr_set_fields_by_fixed_index_1: changes several fields of a row by fixed index.
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_set_fields_by_fixed_index", "1.1");
+
+extern "C" qx_int32_t sr_set_fields_by_fixed_index_1(sr_opaque_handle_t table_handle,
+                                                     qx_int32_t fixed_row_index,
+                                                     qx_char_ptr_t *column_names,
+                                                     qx_value_t **new_fields,
+                                                     qx_uint32_t array_count) {
+    // ForkMutex and the table's write lock for the whole call, including the
+    // apply and commit an implicitly controlled table makes at once.
+    static constexpr sr_i_frame_t kFrame{"sr_set_fields_by_fixed_index_1", 99,   true,
+                                         sr_i_lock_kind::table_write,      true, true};
+    return sr_i_api_call<sr_i_table_t>(
+        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
+            if (array_count != 0 && (column_names == nullptr || new_fields == nullptr)) {
+                return SR_ERROR(101);
+            }
+            for (qx_uint32_t i = 0; i < array_count; ++i) {
+                if (column_names[i] == nullptr || new_fields[i] == nullptr) return SR_ERROR(101);
+            }
+            return sr_i_set_values_for_fixed_index(p_table,
+                                                   static_cast<qx_uint32_t>(fixed_row_index),
+                                                   column_names, new_fields, array_count);
+        });
+}
