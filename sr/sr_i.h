@@ -845,6 +845,11 @@ qx_int32_t sr_i_rb_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, 
 qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
                                        char *p_new_free_record,
                                        char **p_previous_free_record_returned);
+/* The free record after p_free_record (a header address) on the chain, or
+ * NULL; start from p_free_chain.  Link words are not addresses: walk the chain
+ * only with this. */
+char *sr_i_rb_next_free_record(const sr_i_record_buffer_pool_t *p_record_buffer_pool,
+                               const char *p_free_record);
 /* Copies p_from into one buffer in p_to (which must be empty) and returns a
  * map from addresses in p_from to their copies; free it with
  * sr_i_rb_free_duplication_map.  12 on memory, with nothing left allocated. */
