@@ -1,0 +1,19 @@
+// sr_get_packed_table_name_1: the name of one table of a packed buffer, as a
+// pointer into the buffer itself (valid only as long as the buffer).
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_get_packed_table_name", "1.1");
+
+extern "C" qx_int32_t sr_get_packed_table_name_1(void *p_buffer, qx_uint32_t table_index,
+                                                 qx_char_ptr_t *p_table_name) {
+    constexpr qx_uint32_t kEntry = 115;
+    sr_i_trace_entry(kEntry);
+    qx_int32_t rc = 0;
+    if (p_buffer == nullptr || p_table_name == nullptr) {
+        rc = SR_ERROR(101);
+    } else {
+        rc = sr_i_get_packed_table_name(p_buffer, table_index, p_table_name);
+    }
+    if (rc == 0) cu_set_no_error_1();
+    return sr_i_trace_exit(kEntry, rc);
+}
