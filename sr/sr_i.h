@@ -887,8 +887,7 @@ static inline char *sr_i_rb_buffer_data(sr_i_record_buffer_t *p_buffer) {
     return reinterpret_cast<char *>(p_buffer) + sizeof(sr_i_record_buffer_t);
 }
 static inline char *sr_i_rb_buffer_end(sr_i_record_buffer_t *p_buffer) {
-    return sr_i_rb_buffer_data(p_buffer) + p_buffer->total_bytes -
-           SR_I_RECORD_BUFFER_HEADER_LENGTH;
+    return sr_i_rb_buffer_data(p_buffer) + p_buffer->total_bytes - SR_I_RECORD_BUFFER_HEADER_LENGTH;
 }
 
 /* Record header fields, read and written in place at any alignment.
@@ -963,9 +962,10 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
     sr_i_record_buffer_pool_t *p_from, sr_i_record_buffer_pool_t *p_to,
     sr_i_record_buffer_pool_duplication_map_t **p_duplication_map);
 /* The copy of an address of the source pool; NULL for an address outside it. */
-char *sr_i_rb_map_duplicated_address(const sr_i_record_buffer_pool_duplication_map_t *p_duplication_map,
-                                     const char *p_from);
-qx_int32_t sr_i_rb_free_duplication_map(sr_i_record_buffer_pool_duplication_map_t *p_duplication_map);
+char *sr_i_rb_map_duplicated_address(
+    const sr_i_record_buffer_pool_duplication_map_t *p_duplication_map, const char *p_from);
+qx_int32_t sr_i_rb_free_duplication_map(
+    sr_i_record_buffer_pool_duplication_map_t *p_duplication_map);
 
 /* --- hashed key index (sr_i_hash_table.cpp) --- */
 
@@ -1006,8 +1006,9 @@ void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table);
 /* --- table record (sr_i_table.cpp) --- */
 
 /* Row record fields, read and written in place at any alignment (with
- * sr_i_load_u32 and the other loads above).  A row record's data starts with the 4-byte replaces_offset word; column i's 8-byte
- * slot lies at 4 + 8 * i; the indirect data area follows the last slot. */
+ * sr_i_load_u32 and the other loads above).  A row record's data starts with the 4-byte
+ * replaces_offset word; column i's 8-byte slot lies at 4 + 8 * i; the indirect data area follows
+ * the last slot. */
 static inline qx_int32_t sr_i_load_i32(const void *p) {
     qx_int32_t v;
     memcpy(&v, p, sizeof v);
@@ -1070,14 +1071,14 @@ sr_row_state_t sr_i_get_row_state_for_fixed_index(sr_i_table_t *p_table,
 qx_int32_t sr_i_allocate_application_metadata_buffer(
     qx_uint32_t max_elements, sr_i_application_metadata_t **p_application_metadata);
 qx_int32_t sr_i_free_application_metadata(sr_i_application_metadata_t *p_application_metadata);
-qx_int32_t sr_i_add_application_metadata_element(sr_i_application_metadata_t *p_application_metadata,
-                                                 qx_uint32_t type, qx_uint32_t length,
-                                                 qx_char_ptr_t p_data);
+qx_int32_t sr_i_add_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type, qx_uint32_t length,
+    qx_char_ptr_t p_data);
 qx_int32_t sr_i_delete_application_metadata_element(
     sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type);
-qx_int32_t sr_i_set_application_metadata_element(sr_i_application_metadata_t *p_application_metadata,
-                                                 qx_uint32_t type, qx_uint32_t length,
-                                                 qx_char_ptr_t p_data);
+qx_int32_t sr_i_set_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type, qx_uint32_t length,
+    qx_char_ptr_t p_data);
 /* Set, or add when the type is absent. */
 qx_int32_t sr_i_set_application_metadata(sr_i_application_metadata_t *p_application_metadata,
                                          qx_uint32_t type, qx_uint32_t length,
@@ -1086,10 +1087,9 @@ qx_int32_t sr_i_set_application_metadata(sr_i_application_metadata_t *p_applicat
 qx_int32_t sr_i_set_application_metadata_v(sr_i_application_metadata_t *p_application_metadata,
                                            qx_uint32_t array_count, va_list ap);
 /* A malloc'd copy of the bytes (the caller frees it). */
-qx_int32_t sr_i_get_application_metadata_element(sr_i_application_metadata_t *p_application_metadata,
-                                                 qx_uint32_t type,
-                                                 qx_uint32_t uncommitted_updates_visible,
-                                                 qx_uint32_t *p_length, qx_char_ptr_t *p_p_data);
+qx_int32_t sr_i_get_application_metadata_element(
+    sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type,
+    qx_uint32_t uncommitted_updates_visible, qx_uint32_t *p_length, qx_char_ptr_t *p_p_data);
 qx_int32_t sr_i_get_application_metadata(sr_i_application_metadata_t *p_application_metadata,
                                          qx_uint32_t uncommitted_updates_visible, qx_uint32_t type,
                                          qx_uint32_t *p_length, qx_char_ptr_t *p_p_data);
