@@ -9,6 +9,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sr/test_util.h"
@@ -649,6 +650,54 @@ TEST_F(PoolTest, DuplicationFailureFreesEverythingItMade) {
     EXPECT_EQ(6, failures);  // map, three arrays, buffer, directory
     sr_i_rb_free_duplication_map(p_map);
     sr_i_rb_uninitialize_record_buffer_pool(&copy);
+}
+
+// Tables are locked one by one, so different tables' pools and indexes are
+// worked on at the same time; all of them share the allocation seam.
+TEST(EngineConcurrencyTest, SeparateTablesWorkSideBySide) {
+    constexpr int kThreads = 4;
+    std::vector<std::thread> threads;
+    std::vector<int> failures(kThreads, 0);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &failures] {
+            sr_i_record_buffer_pool_t pool{};
+            sr_hash_table_t *p_index = nullptr;
+            if (sr_i_hash_table_open(0, nullptr, nullptr, &p_index) != 0) ++failures[t];
+            std::vector<char *> rows;
+            std::mt19937 random(t);
+            for (qx_uint32_t i = 0; i < 3000; ++i) {
+                char *p_row = nullptr;
+                if (sr_i_reserve_record(&pool, 20 + random() % 200, 2, &p_row) != 0) {
+                    ++failures[t];
+                    continue;
+                }
+                qx_resource_handle_t key{1, {2, 3, static_cast<qx_uint32_t>(t), i}};
+                memcpy(p_row, &key, sizeof key);
+                qx_uint32_t bucket;
+                sr_hash_table_element_t *p_element;
+                if (sr_i_hash_table_add(p_index, p_row, i, &bucket, &p_element, SR_PRIMARY_KEY)) {
+                    ++failures[t];
+                }
+                rows.push_back(p_row);
+                if (random() % 3 == 0) {
+                    size_t j = random() % rows.size();
+                    if (sr_i_hash_table_remove(p_index, rows[j]) != 0) ++failures[t];
+                    sr_i_rb_free_record(&pool, rows[j]);
+                    rows[j] = rows.back();
+                    rows.pop_back();
+                }
+            }
+            for (char *p_row : rows) {
+                qx_uint32_t row = 0;
+                if (sr_i_hash_table_get_index(p_index, p_row, &row, nullptr) != 0) ++failures[t];
+            }
+            if (!pool_is_consistent(pool)) ++failures[t];
+            sr_i_hash_table_close(p_index);
+            sr_i_rb_uninitialize_record_buffer_pool(&pool);
+        });
+    }
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(std::vector<int>(kThreads, 0), failures);
 }
 
 TEST_F(PoolTest, PoolsBeyondFourGigabytesAreRefused) {
