@@ -33,6 +33,7 @@ constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 // total_variable_length_columns, then the column array.
 constexpr qx_uint32_t kMetadataFixed = 16;
 constexpr qx_uint32_t kColumnSize = sizeof(sr_column_t);
+constexpr qx_uint64_t kMaximumRoomHint = 16u << 20;
 
 inline qx_uint32_t rec_length(const char *p_header) {
     return sr_i_record_length(p_header);
@@ -332,7 +333,8 @@ bool row_key_is_sound(const char *p_data, qx_uint64_t data_length, qx_uint32_t t
     qx_uint64_t length = sr_i_load_u32(p_data + 8);
     if (offset + length > area_length) return false;
     if (key_type == QX_CHAR_PTR) {
-        return length > 0 && std::memchr(p_data + area_start + offset, '\0', length) != nullptr;
+        // The text's form ends in its NUL.
+        return length > 0 && p_data[area_start + offset + length - 1] == '\0';
     }
     return length >= sizeof(qx_resource_handle_t);
 }
@@ -593,14 +595,18 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
             reinterpret_cast<sr_column_t *>(p_new->p_metadata_record_data + kMetadataFixed);
         sr_i_convert_columns_offsets_to_pointers(p_new);
         // Found, not taken: makes the pool add its next buffer now, so that
-        // the first rows added later come from it.
+        // the first rows added later come from it.  Only a hint, so a column
+        // count no real table has cannot make it a huge allocation.
+        const qx_uint64_t hint =
+            static_cast<qx_uint64_t>(p_new->total_columns) * 800 +
+            static_cast<qx_uint64_t>(p_new->total_variable_length_columns) * 10000 + 1600;
         char *p_room = nullptr;
         char *p_previous = nullptr;
         qx_uint32_t actual = 0;
         rc = sr_i_rb_find_suitable_record(
             &p_new->record_buffer_pool,
-            p_new->total_columns * 800 + p_new->total_variable_length_columns * 10000 + 1600,
-            &p_room, &p_previous, &actual);
+            static_cast<qx_uint32_t>(hint < kMaximumRoomHint ? hint : kMaximumRoomHint), &p_room,
+            &p_previous, &actual);
     }
     if (rc == 0) {
         // Never below the number of row records the file can hold.
