@@ -201,6 +201,33 @@ qx_int32_t cu_rsrc_hndl_cmp_1(const void *p_handle1, const void *p_handle2);
  * A row is evaluated as an array of 8-byte slots, one per column in column
  * order; pointer values are anchors (32-bit offset, 32-bit length) into the
  * row's indirect data area, in the protocol value form of libqx_pmsg.so.
+ *
+ * The language, loosest binding first:
+ *   a || b, a OR b                 either condition
+ *   a && b, a AND b                both conditions (left to right, stopping
+ *                                  as soon as the result is known)
+ *   !a, NOT a                      negation of a condition
+ *   == (=)  != (<>)  <  <=  >  >=  comparisons (they do not chain)
+ *   t =~ "re", t !~ "re"           POSIX extended regular expression match
+ *                                  (the pattern is a quoted text)
+ *   t LIKE p, t NOT LIKE p         % any run, _ one character, \ escapes
+ *   x IN (a, b, ...), NOT IN       equal to one of the values
+ *   arr CONTAINS x, NOT CONTAINS   an element of the array equals x
+ *   |   ^   &   << >>   + -   * / %   integer and floating arithmetic
+ *   -x  ~x                         negation, bit complement
+ *   col  `any name`  col.field  col[i]  (...)  TRUE  FALSE
+ *   literals: 42 -7 0x1F 1.5 2e10 "text" 'text' {1, 2, 3}
+ * Keywords are recognised in either case.  Texts take the escapes \n \t
+ * \r \0 \\ \" \' \xHH (and \% \_ , kept for LIKE).  Integers compute
+ * in 64 bits: INT32, UINT32 and INT64 values and literals up to INT64_MAX are
+ * signed, UINT64 values and larger literals unsigned, and an operation with an
+ * unsigned operand is unsigned (as in C).  A number with a decimal point or
+ * exponent is a double; FLOAT32 values compare with constants rounded to
+ * single precision.  Texts, binaries and SBS compare byte-wise.  A quoted text
+ * compared with a binary (or SBS) is read as "0x" followed by hex pairs; with
+ * a resource handle as "0x%04x 0x%04x 0x%08x 0x%08x 0x%08x 0x%08x" (the two
+ * 16-bit halves of the header as they lie in memory, then id1..id4).  Text
+ * never compares with a number; arrays compare only for (in)equality.
  */
 typedef struct cu_expr_struct cu_expr_t;
 
@@ -213,20 +240,47 @@ typedef struct cu_validate_data_struct {
 } cu_validate_data_t;
 
 /* Resolves a name (p_name, NUL-terminated; length bytes) under parent_id:
- * 0 and *p_return_data filled when found, -1 when not. */
+ * 0 and *p_return_data filled when found, -1 when not.  Field names of
+ * structured data (col.field, or col[i].field for an array of structured
+ * data) are asked with the column's id as parent_id. */
 typedef qx_int32_t cu_validate_callback_t(void *token, qx_char_t *p_name, qx_uint32_t length,
                                           qx_uint32_t parent_id,
                                           cu_validate_data_t *p_return_data);
 
-/* Per-row outcomes of cu_exec_expr_1 that mean "this row does not match". */
-#define CU_EXPR_TYPE_MISMATCH 6  /* values that cannot be compared on this row */
-#define CU_EXPR_ARITHMETIC 7     /* an arithmetic fault, e.g. division by zero */
-#define CU_EXPR_NO_ELEMENT 8     /* an index or field the row does not have */
+/* The flags of cu_exec_expr_1: the row is given in the protocol form. */
+#define CU_EXPR_PROTOCOL_ROW 16u
 
+/* Per-row outcomes of cu_exec_expr_1 that mean "this row does not match". */
+#define CU_EXPR_TYPE_MISMATCH 6  /* values that cannot be compared on this row, e.g.
+                                    a structured-data element of another type */
+#define CU_EXPR_ARITHMETIC 7     /* division by zero, signed overflow, a shift
+                                    by a negative count or by 64 or more */
+#define CU_EXPR_NO_ELEMENT 8     /* an array index, a field or a column the row
+                                    does not have */
+/* A real failure: an anchor outside its area or a malformed form. */
+#define CU_EXPR_BAD_ROW 9
+
+/* Compiles p_text (flags 0) into *pp_compiled, resolving every name through
+ * p_validate once.  Fails with CU_E_SYNTAX (error record: position counted
+ * from 1, the text there and the reason), CU_E_NOMEM or CU_E_INVAL.  Texts
+ * longer than 1 MiB and nesting deeper than 256 levels are refused.  The
+ * compiled expression may be evaluated by several threads at once. */
 int cu_comp_expr_1(const char *p_text, qx_uint32_t flags, cu_validate_callback_t *p_validate,
                    void *token, cu_expr_t **pp_compiled);
+
+/* Evaluates the expression on one row (flags CU_EXPR_PROTOCOL_ROW): 0 with
+ * *p_match 1 or 0, a per-row outcome above (*p_match 0), CU_EXPR_BAD_ROW or
+ * CU_E_INVAL.  Allocates nothing.  Anchors are not bounded: prefer the
+ * bounded call when the area's length is known. */
 int cu_exec_expr_1(const cu_expr_t *p_compiled, qx_uint32_t flags, const void *p_slots,
                    qx_uint32_t slot_count, qx_int32_t *p_match, const void *p_indirect_area);
+
+/* As cu_exec_expr_1, reading nothing outside the slot_count * 8 bytes of
+ * slots and the indirect_length bytes of the area (-1: unbounded). */
+int cu_exec_expr_bounded_1(const cu_expr_t *p_compiled, qx_uint32_t flags, const void *p_slots,
+                           qx_uint32_t slot_count, qx_int32_t *p_match,
+                           const void *p_indirect_area, qx_int64_t indirect_length);
+
 int cu_free_expr_1(cu_expr_t *p_compiled);
 
 #pragma GCC visibility pop
