@@ -279,7 +279,7 @@ inline std::vector<FileRecord> FileRecords(const std::string &bytes, bool whole 
 inline qx_uint32_t HashInt64(const void *p_key) {
     qx_uint64_t v;
     std::memcpy(&v, p_key, 8);
-    return static_cast<qx_uint32_t>(v * 0x9E3779B97F4A7C15ull >> 40);
+    return static_cast<qx_uint32_t>(v * 0x9E3779B97F4A7C15ull >> 58);  // 64 buckets
 }
 inline qx_int32_t CompareInt64(const void *p1, const void *p2) {
     qx_int64_t a;
