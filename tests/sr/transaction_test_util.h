@@ -30,6 +30,12 @@ using State = std::map<qx_int64_t, Row>;
 inline Field I64(qx_int64_t v) {
     return static_cast<qx_uint64_t>(v);
 }
+// A row of INT64 columns: the key, then the given values.
+inline Row R(qx_int64_t key, std::initializer_list<qx_int64_t> rest) {
+    Row row{I64(key)};
+    for (qx_int64_t v : rest) row.push_back(I64(v));
+    return row;
+}
 inline qx_int64_t KeyOf(const Row &row) {
     return static_cast<qx_int64_t>(std::get<qx_uint64_t>(row[0]));
 }
@@ -325,13 +331,6 @@ class TransactionTest : public TableTest {
             columns.push_back(c);
         }
         return columns;
-    }
-
-    // Rows of INT64 columns: key, then the given values.
-    static Row R(qx_int64_t key, std::initializer_list<qx_int64_t> rest) {
-        Row row{I64(key)};
-        for (qx_int64_t v : rest) row.push_back(I64(v));
-        return row;
     }
 
     // The committed state of /m/<name> as a fresh open of its file reads it.
