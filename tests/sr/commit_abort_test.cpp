@@ -295,6 +295,39 @@ TEST_F(CommitAbortTest, TransientCommitAndAbortOnlyChangeMemory) {
     EXPECT_EQ(Snapshot(p_table, true), (State{{1, R(1, {1})}}));
 }
 
+TEST_F(CommitAbortTest, RepeatedUpdatesAndAbortsRunInTheSameMemory) {
+    sr_opaque_handle_t handle = nullptr;
+    std::vector<sr_column_t> columns = ScalarColumns(3);
+    ASSERT_EQ(sr_create_table_1(tree_, Text("/mem/t"), columns.data(), 3, 2, &handle), 0);
+    auto *p_table = static_cast<sr_i_table_t *>(handle);
+    RowKit rows(p_table);
+    for (int k = 0; k < 50; ++k) rows.Add(R(k, {k, k}));
+    ASSERT_EQ(sr_i_implicit_apply_commit(p_table), 0);
+    qx_uint32_t pool_bytes = 0;
+    qx_uint32_t used_bytes = 0;
+    for (int i = 0; i < 100000; ++i) {
+        const qx_uint32_t f = static_cast<qx_uint32_t>(i % 50);
+        if (i % 7 == 0) {
+            // A row deleted and added back, then thrown away.
+            rows.Delete(f);
+            rows.Add(R(1000 + i, {i, i}));
+            ASSERT_EQ(sr_i_abort(p_table), 0);
+        } else {
+            rows.Set(f, R(f, {i, -i}));
+            ASSERT_EQ(sr_i_implicit_apply_commit(p_table), 0);
+        }
+        if (i == 1000) {
+            pool_bytes = p_table->record_buffer_pool.total_bytes;
+            used_bytes = p_table->record_buffer_pool.used_bytes;
+        }
+    }
+    EXPECT_EQ(p_table->record_buffer_pool.total_bytes, pool_bytes);
+    EXPECT_EQ(p_table->record_buffer_pool.used_bytes, used_bytes);
+    EXPECT_EQ(p_table->maximum_rows, 100u);
+    EXPECT_EQ(p_table->total_applied_rows, 50u);
+    ExpectIndexesConsistent(p_table);
+}
+
 TEST_F(CommitAbortTest, ImplicitCycleCommitsBeforeReturningAndAbortsWhenApplyFails) {
     sr_i_table_t *p_table = Make("t", 2);
     RowKit rows(p_table);
