@@ -73,6 +73,8 @@ int run_lines(Shell &shell, FILE *in) {
 }  // namespace
 
 int report_failure(Shell &shell, const char *what, int rc) {
+    // Keep the failure in order with what the commands before it printed.
+    std::fflush(shell.out);
     cu_error_t *p_error = nullptr;
     char *p_message = nullptr;
     if (cu_get_error_1(&p_error) == 0 && p_error != nullptr && p_error->cu_error_id != 0 &&
