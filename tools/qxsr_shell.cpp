@@ -56,6 +56,11 @@ int run_lines(Shell &shell, FILE *in) {
     int failures = 0;
     if (shell.interactive) std::fputs("qxsr> ", shell.out);
     while (std::fgets(line, sizeof line, in) != nullptr) {
+        const char *first = line + std::strspn(line, " \t");
+        if (*first == '#') {
+            if (shell.interactive) std::fputs("qxsr> ", shell.out);
+            continue;
+        }
         char *words[kMaxWords];
         int count = split_words(line, words, kMaxWords);
         if (count < 0) {
@@ -91,8 +96,21 @@ int report_failure(Shell &shell, const char *what, int rc) {
 }
 
 sr_opaque_handle_t table_for(Shell &shell, const char *path, qx_int32_t mode) {
-    for (const OpenTable &t : shell.tables) {
-        if (t.path == path) return t.handle;
+    for (OpenTable &t : shell.tables) {
+        if (t.path != path) continue;
+        if ((mode & SR_MODE_WRITE) == 0 || (t.mode & SR_MODE_WRITE) != 0) return t.handle;
+        // Opened for reading earlier in the session; an update needs it
+        // open for writing (the library reloads the shared record).
+        sr_opaque_handle_t handle = nullptr;
+        int rc = sr_open_table_1(shell.tree, const_cast<char *>(path), mode, &handle);
+        if (rc != 0) {
+            report_failure(shell, path, rc);
+            return nullptr;
+        }
+        sr_close_table_1(t.handle);
+        t.handle = handle;
+        t.mode = mode;
+        return handle;
     }
     sr_opaque_handle_t handle = nullptr;
     int rc = sr_open_table_1(shell.tree, const_cast<char *>(path), mode, &handle);
