@@ -57,6 +57,38 @@ void BM_PoolReplaceRecord(benchmark::State &state) {
 }
 BENCHMARK(BM_PoolReplaceRecord)->Arg(1000)->Arg(100000);
 
+// Opening a table file: the image is one record, and the loader frees its
+// dead records (one old commit record per earlier commit) in file order.
+void BM_PoolImageDeadRecords(benchmark::State &state) {
+    const qx_uint32_t records = static_cast<qx_uint32_t>(state.range(0));
+    constexpr qx_uint32_t kLength = 40;
+    for (auto _ : state) {
+        state.PauseTiming();
+        sr_i_record_buffer_pool_t pool{};
+        char *p_image = nullptr;
+        sr_i_reserve_record(&pool, records * kLength + 4096, SR_I_RECORD_TYPE_METADATA, &p_image);
+        char *p_first = p_image - SR_I_RECORD_HEADER_LENGTH;
+        for (qx_uint32_t i = 0; i < records; ++i) {
+            char *p = p_first + i * kLength;
+            sr_i_set_record_length(p, kLength);
+            sr_i_set_record_type(p, i % 2 ? SR_I_RECORD_TYPE_FREE : SR_I_RECORD_TYPE_ROW);
+        }
+        char *p_tail = p_first + records * kLength;
+        sr_i_set_record_length(p_tail, 4096 + SR_I_RECORD_HEADER_LENGTH);
+        sr_i_set_record_type(p_tail, SR_I_RECORD_TYPE_ROW);
+        sr_i_rb_free_record(&pool, p_tail + SR_I_RECORD_HEADER_LENGTH);
+        state.ResumeTiming();
+        for (qx_uint32_t i = 1; i < records; i += 2) {
+            sr_i_rb_free_record(&pool, p_first + i * kLength + SR_I_RECORD_HEADER_LENGTH);
+        }
+        state.PauseTiming();
+        sr_i_rb_uninitialize_record_buffer_pool(&pool);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * (records / 2));
+}
+BENCHMARK(BM_PoolImageDeadRecords)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
+
 qx_uint32_t hash_u64(const void *p_key) {
     qx_uint64_t v;
     memcpy(&v, p_key, sizeof v);

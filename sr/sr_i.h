@@ -876,7 +876,7 @@ struct sr_i_record_buffer_struct_t {
     qx_uint32_t last_free;        /* block offset of the last free record, 0 none */
     qx_uint32_t total_directory;  /* first buffer only: entries in p_directory */
     qx_uint32_t max_directory;    /* first buffer only: room in p_directory */
-    qx_uint32_t reserved;
+    qx_uint32_t insert_hint;      /* block offset of a free record to start inserting after */
     sr_i_record_buffer_slot_t *p_directory; /* first buffer only: buffers by address */
 };
 

@@ -415,6 +415,8 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
     } else {
         sr_i_set_record_link(record_at(p_buffer, previous_offset), replacement);
     }
+    // The insertion cursor must name a record that is still free.
+    if (p_buffer->insert_hint == offset) p_buffer->insert_hint = previous_offset;
     if (p_pool->p_free_chain == p_record) {
         p_pool->p_free_chain = replacement != 0 ? record_at(p_buffer, replacement)
                                                 : first_free_record_from(p_pool, index + 1);
@@ -449,14 +451,20 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
     qx_uint32_t offset = block_offset_of(p_buffer, p_record);
 
     // Neighbours on the chain: the last free record below, the first above.
-    // Records freed in ascending order (a file image's dead records, rows
-    // freed in a sweep) land after the last one without a walk.
+    // Records freed in ascending order (the dead records of a file image as
+    // it is loaded, rows freed in a sweep) land after the last one, or after
+    // the one inserted just before, without walking the chain from its start.
     qx_uint32_t previous_offset = 0;
     qx_uint32_t next_offset = 0;
     if (p_buffer->last_free != 0 && p_buffer->last_free < offset) {
         previous_offset = p_buffer->last_free;
     } else {
-        for (qx_uint32_t walk = p_buffer->first_free; walk != 0;) {
+        qx_uint32_t walk = p_buffer->first_free;
+        if (p_buffer->insert_hint != 0 && p_buffer->insert_hint < offset) {
+            previous_offset = p_buffer->insert_hint;
+            walk = sr_i_record_link(record_at(p_buffer, previous_offset));
+        }
+        while (walk != 0) {
             if (walk >= offset) {
                 next_offset = walk;
                 break;
@@ -508,6 +516,7 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
         }
     }
     raise_bound(directory_owner(p_pool), index, survivor_length);
+    p_buffer->insert_hint = block_offset_of(p_buffer, p_survivor);
 
     if (p_previous_free_record_returned != nullptr) {
         if (p_survivor == p_record && previous_offset != 0) {

@@ -413,6 +413,41 @@ TEST_F(PoolTest, LinkWordFromAFileImageNeverReachesTheChain) {
     EXPECT_TRUE(pool_is_consistent(pool_));
 }
 
+// Loading a file walks its records in order, freeing the dead ones (old
+// commit records, free space) as it meets them and, now and then, an earlier
+// row that a later record supersedes; the image's unused tail is already the
+// last free record.
+TEST_F(PoolTest, DeadRecordsOfAnImageFreedInFileOrderAreChainedInOrder) {
+    constexpr qx_uint32_t kRecords = 4000;
+    constexpr qx_uint32_t kLength = 40;
+    char *p_image = reserve(kRecords * kLength - kHeader, SR_I_RECORD_TYPE_METADATA);
+    char *p_first = p_image - kHeader;
+    for (qx_uint32_t i = 0; i < kRecords; ++i) {
+        char *p = p_first + i * kLength;
+        sr_i_set_record_length(p, kLength);
+        sr_i_set_record_link(p, 0xDEAD0000u + i);  // what a file brings along
+        sr_i_set_record_type(p, i % 3 == 1 ? SR_I_RECORD_TYPE_FREE : SR_I_RECORD_TYPE_ROW);
+    }
+    std::mt19937 random(4);
+    std::set<qx_uint32_t> superseded;
+    for (qx_uint32_t i = 0; i < kRecords; ++i) {
+        if (i % 3 == 1) {
+            ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_first + i * kLength + kHeader));
+        } else if (i > 10 && random() % 4 == 0) {
+            qx_uint32_t earlier = (random() % (i / 3)) * 3;  // a row record before this one
+            if (superseded.insert(earlier).second) {
+                ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_first + earlier * kLength + kHeader));
+            }
+        }
+    }
+    ASSERT_TRUE(pool_is_consistent(pool_));
+    // Each superseded row lies just before a dead record and merges with it.
+    qx_uint32_t dead = kRecords / 3 + static_cast<qx_uint32_t>(superseded.size());
+    qx_uint32_t free_records = static_cast<qx_uint32_t>(free_chain(pool_).size());
+    EXPECT_EQ(kRecords / 3, free_records);
+    EXPECT_EQ(pool_.total_bytes - (dead * kLength - free_records * kHeader), pool_.used_bytes);
+}
+
 TEST_F(PoolTest, DuplicatingThreeBuffersYieldsOneBufferSixteenBytesSmaller) {
     char *p_row = reserve(100);
     memcpy(p_row, "first buffer", 13);
