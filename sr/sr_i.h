@@ -425,8 +425,11 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
 qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock);
 void sr_i_close_data_file(qx_int32_t fd);
 
-/* Creating tables.  sr_x_create_table consumes p_rows_hash_table whatever the
- * outcome; the workers own it from their first step. */
+/* Creating tables.  sr_x_create_table consumes p_rows_hash_table and
+ * p_packed_rows_array whatever the outcome; the workers own them from their
+ * first step.  A packed rows array makes a read-only transient table whose
+ * rows stay in the caller's buffer (named by the registry path even under a
+ * mount point). */
 qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
                              sr_column_t *p_columns, qx_uint32_t array_count, qx_int32_t mode,
                              sr_hash_table_t *p_rows_hash_table, qx_array_t *p_packed_rows_array,

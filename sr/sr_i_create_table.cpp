@@ -54,29 +54,6 @@ qx_uint32_t byte_order_flag() {
     return first == 0xFE ? 1 : 0;
 }
 
-// The value a NULL default stands for: the empty value of its type.
-void dup_nonscalar_value(qx_data_type_t type, const qx_value_t *p_from, qx_value_t *p_to) {
-    *p_to = *p_from;
-    if (p_to->ptr_char != nullptr) return;
-    switch (type) {
-        case QX_CHAR_PTR:
-            p_to->ptr_char = cu_ptr_empty_char_1;
-            break;
-        case QX_BINARY_PTR:
-            p_to->ptr_binary = cu_ptr_empty_binary_1;
-            break;
-        case QX_RSRC_HANDLE_PTR:
-            p_to->ptr_rsrc_handle = cu_ptr_invld_rsrc_hndl_1;
-            break;
-        case QX_SD_PTR:
-            p_to->ptr_sd = cu_ptr_empty_sd_1;
-            break;
-        default:
-            p_to->ptr_array = cu_ptr_empty_array_1;
-            break;
-    }
-}
-
 // Column validation, in its order; returns 0 and the key column's position.
 qx_int32_t validate_columns(const sr_column_t *p_columns, qx_uint32_t total_columns,
                             qx_uint32_t *p_key_index) {
@@ -289,7 +266,7 @@ qx_int32_t sr_i_pack_variable_length_default_values(
         sr_column_t &column = p_columns[i];
         if (!is_pointer_type(column.type)) continue;
         qx_value_t copy;
-        dup_nonscalar_value(column.type, &column.default_value, &copy);
+        sr_i_dup_nonscalar_value(column.type, &column.default_value, &copy);
         qx_pmsg_value_t anchor;
         for (;;) {
             int rc = qx_pmsg_build_conv_protocol_value_1(p_string_conversion_handle, 0, column.type,
@@ -506,6 +483,63 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     return 0;
 }
 
+qx_int32_t sr_i_create_read_only_transient_table_from_packed_rows(
+    sr_i_tree_t *p_tree, const char *p_name, sr_column_t *p_columns, qx_uint32_t total_columns,
+    sr_hash_table_t *p_rows_hash_table, qx_array_t *p_packed_rows_array, sr_i_table_t **p_table) {
+    sr_i_table_t *p_new = nullptr;
+    qx_int32_t rc = sr_i_create_transient_table_common(p_tree, p_name, p_columns, total_columns,
+                                                       SR_MODE_READ, p_rows_hash_table, &p_new);
+    if (rc != 0) {
+        std::free(p_packed_rows_array);
+        return rc;
+    }
+    // The table keeps the array (and through it the packed buffer) from here.
+    p_new->p_packed_rows_array = p_packed_rows_array;
+    const qx_data_type_t key_type = sr_i_load_column(p_new->p_columns).type;
+    const size_t fixed_length = 4 + 8 * static_cast<size_t>(p_new->total_columns);
+    const qx_uint32_t rows = sr_i_load_u32(&p_packed_rows_array->element_count);
+    for (qx_uint32_t i = 0; i < rows && rc == 0; ++i) {
+        // The rows stay in the packed buffer: the table reads them in place.
+        char *p_header;
+        std::memcpy(&p_header, &p_packed_rows_array->elements[i], sizeof p_header);
+        char *p_data = p_header + kHeader;
+        const qx_uint32_t length = sr_i_record_length(p_header);
+        if (length < kHeader + fixed_length) {
+            rc = SR_ERROR(14);
+            break;
+        }
+        // The key in the table's code set, as the uniqueness check compares it
+        // with the stored keys.
+        qx_value_t key;
+        int pmsg_rc = qx_pmsg_build_conv_packed_client_value_1(
+            nullptr, QX_PMSG_CLIENT_MALLOC, key_type, &key, p_data + 4, p_data + fixed_length,
+            static_cast<qx_int64_t>(length - kHeader - fixed_length));
+        if (pmsg_rc != 0) {
+            rc = SR_ERROR_LIBCALL("qx_pmsg_build_conv_packed_client_value", pmsg_rc);
+            break;
+        }
+        sr_i_index_entry_t *p_entry = nullptr;
+        sr_hash_table_element_t *p_existing = nullptr;
+        rc = sr_i_add_row_raw(p_new, p_data, &key, &p_entry, &p_existing);
+        if (sr_i_is_pointer_type(key_type)) std::free(key.ptr_char);
+        if (rc != 0) break;
+        // Committed at once: the packed index, both counts, both versions.
+        p_new->p_rows_packed_index[p_new->total_applied_rows] =
+            static_cast<qx_uint32_t>(p_entry - p_new->p_rows_fixed_index);
+        p_entry->packed_index = p_new->total_applied_rows;
+        ++p_new->total_applied_rows;
+        ++p_new->total_committed_rows;
+        p_entry->p_committed = p_entry->p_applied;
+    }
+    if (rc != 0) {
+        sr_i_close_table(p_new);
+        return rc;
+    }
+    p_new->mode = SR_MODE_READ;
+    *p_table = p_new;
+    return 0;
+}
+
 qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
                              sr_column_t *p_columns, qx_uint32_t array_count, qx_int32_t mode,
                              sr_hash_table_t *p_rows_hash_table, qx_array_t *p_packed_rows_array,
@@ -521,6 +555,7 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
     }
     if (rc != 0) {
         sr_i_hash_table_close(p_rows_hash_table);
+        std::free(p_packed_rows_array);
         return rc;
     }
     // A table is always created open for write.
@@ -530,11 +565,20 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
     rc = sr_i_rw_lock_write(&p_tree->lock);
     if (rc != 0) {
         sr_i_hash_table_close(p_rows_hash_table);
+        std::free(p_packed_rows_array);
         return rc;
     }
     qx_char_ptr_t p_absolute = nullptr;
     qx_uint32_t block_size = 0;
     rc = sr_i_resolve_path(p_tree, p_registry_path, &p_absolute, &block_size);
+    if (rc == 0 && block_size != 0 && p_packed_rows_array != nullptr) {
+        // Unpacked rows live in the caller's buffer, never in a file: such a
+        // table is transient and known by its registry path, wherever that
+        // path lies.
+        std::free(p_absolute);
+        p_absolute = p_registry_path;
+        block_size = 0;
+    }
     if (rc == 0 && tfind(p_absolute, &p_tree->p_tables, sr_i_string_to_table_compare) != nullptr) {
         rc = SR_ERROR(201);
     }
@@ -552,6 +596,7 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
     }
     if (rc != 0) {
         sr_i_hash_table_close(p_rows_hash_table);
+        std::free(p_packed_rows_array);
     } else {
         for (qx_uint32_t i = 0; i < array_count; ++i) {
             p_saved_defaults[i] = p_columns[i].default_value;
@@ -562,10 +607,9 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
                                               array_count, effective_mode, block_size,
                                               p_rows_hash_table, &p_new);
         } else if (p_packed_rows_array != nullptr) {
-            // Rows of a packed buffer are attached by the add-row layer, which
-            // this build does not have yet.
-            sr_i_hash_table_close(p_rows_hash_table);
-            rc = SR_ERROR(15);
+            rc = sr_i_create_read_only_transient_table_from_packed_rows(
+                p_tree, p_absolute, p_columns, array_count, p_rows_hash_table, p_packed_rows_array,
+                &p_new);
         } else {
             rc = sr_i_create_transient_table(p_tree, p_absolute, p_columns, array_count,
                                              effective_mode, p_rows_hash_table, &p_new);

@@ -1,6 +1,7 @@
-// sr_close_table_1: gives up one open of a table.  A persistent table is
-// freed at its last close; a named transient table stays in its tree, rows
-// and all, until it is deleted; an unnamed table is freed at once.
+// sr_close_table_1: gives up one open of a table.  A persistent table (and a
+// table unpacked from a caller's buffer) is freed at its last close; a named
+// transient table stays in its tree, rows and all, until it is deleted; an
+// unnamed table is freed at once.
 #include <search.h>
 
 #include "sr_i.h"
@@ -22,7 +23,10 @@ void close_table(sr_i_tree_t *p_tree, sr_i_table_t *p_table) {
     // deleted and the table made again), which must stay.
     void *p_node = tfind(p_table, &p_tree->p_tables, sr_i_table_compare);
     bool in_set = p_node != nullptr && *static_cast<sr_i_table_t **>(p_node) == p_table;
-    if (p_table->p_file_path != nullptr) {
+    // A persistent table is read again from its file; a table unpacked from
+    // a caller's buffer reads its rows in place, and the caller may free that
+    // buffer once the table is closed.  Neither outlives its last close.
+    if (p_table->p_file_path != nullptr || p_table->p_packed_rows_array != nullptr) {
         if (in_set) tdelete(p_table, &p_tree->p_tables, sr_i_table_compare);
         sr_i_close_table(p_table);
     } else if (!in_set) {

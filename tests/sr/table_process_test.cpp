@@ -9,8 +9,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sr/table_test_util.h"
@@ -207,6 +211,75 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesTheReadToWriteReload) {
     EXPECT_TRUE(LockedForOthers(File("t"))) << "while one open remains";
     ASSERT_EQ(sr_close_table_1(writer), 0);
     EXPECT_FALSE(LockedForOthers(File("t"))) << "after the last close";
+}
+
+int OpenDescriptors() {
+    int count = 0;
+    DIR *p_dir = opendir("/proc/self/fd");
+    if (p_dir == nullptr) return -1;
+    while (readdir(p_dir) != nullptr) ++count;
+    closedir(p_dir);
+    return count;
+}
+
+// Threads of one process, each with a tree of its own, open and close one
+// table for read and for write side by side: every descriptor is closed in
+// the end and no lock is left.
+TEST_F(TableProcessConcurrencyTest, ThreadsOfSeveralTreesOpenAndCloseOneTable) {
+    ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
+    const int before = OpenDescriptors();
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    std::vector<sr_opaque_handle_t> trees(4);
+    for (auto &tree : trees) {
+        ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
+        ASSERT_EQ(sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    }
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            char path[] = "/m/t";
+            for (int i = 0; i < 40; ++i) {
+                sr_opaque_handle_t table = nullptr;
+                int mode = (i + t) % 3 == 0 ? 2 : 1;
+                if (sr_open_table_1(trees[t], path, mode, &table) != 0 ||
+                    static_cast<sr_i_table_t *>(table)->total_columns != 2 ||
+                    sr_close_table_1(table) != 0) {
+                    ++failures;
+                }
+            }
+        });
+    }
+    for (auto &thread : threads) thread.join();
+    for (auto tree : trees) sr_close_tree_1(tree);
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_FALSE(LockedForOthers(File("t")));
+}
+
+// Threads sharing one tree share one record: opens and closes only count.
+TEST_F(TableProcessConcurrencyTest, ThreadsOfOneTreeShareOneRecord) {
+    sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2));
+    ASSERT_NE(p_table, nullptr);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            char path[] = "/m/t";
+            for (int i = 0; i < 50; ++i) {
+                sr_opaque_handle_t table = nullptr;
+                if (sr_open_table_1(tree_, path, 1, &table) != 0 || table != p_table ||
+                    sr_close_table_1(table) != 0) {
+                    ++failures;
+                }
+            }
+        });
+    }
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(p_table->references, 1u);
+    EXPECT_TRUE(LockedForOthers(File("t")));
+    EXPECT_EQ(sr_close_table_1(p_table), 0);
+    EXPECT_FALSE(LockedForOthers(File("t")));
 }
 
 TEST_F(TableProcessConcurrencyTest, DescriptorsNotRegisteredAreSimplyClosed) {
