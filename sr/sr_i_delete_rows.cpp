@@ -6,17 +6,6 @@
 
 SR_SOURCE_FILE("sr/sr_i_delete_rows", "1.1");
 
-namespace {
-
-// Rows chosen by a selection expression.  Expressions are compiled against
-// the table's columns by the expression compiler, which this library does
-// not drive yet: the request is refused as an internal inconsistency.
-qx_int32_t delete_rows_matching(sr_i_table_t * /*p_table*/, qx_char_ptr_t /*p_criteria*/) {
-    return SR_ERROR(15);
-}
-
-}  // namespace
-
 qx_int32_t sr_i_delete_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_current_index_entry) {
     sr_i_index_entry_t *p_entry = p_current_index_entry;
     if (p_entry->p_applied == nullptr) {
@@ -50,7 +39,9 @@ qx_int32_t sr_i_delete_rows(sr_i_table_t *p_table, qx_char_ptr_t p_selection_cri
     if (p_table->ready_for_commit != 0) return SR_ERROR(212);
     const qx_uint32_t live = p_table->total_applied_rows - p_table->applied_deletions;
     if (live == 0) return SR_ERROR(205);
-    if (p_selection_criteria != nullptr) return delete_rows_matching(p_table, p_selection_criteria);
+    if (p_selection_criteria != nullptr) {
+        return sr_i_delete_rows_matching(p_table, p_selection_criteria);
+    }
     qx_uint32_t deleted = 0;
     for (qx_uint32_t f = 0; f < p_table->maximum_rows && deleted < live; ++f) {
         sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[f];
