@@ -893,6 +893,104 @@ qx_int32_t sr_i_get_duplicate_rows(sr_i_table_t *p_table, qx_value_t *p_key_valu
                                    qx_uint32_t uncommitted_updates_visible);
 
 /* ===========================================================================
+ * Table management: listing, repair, copying, moving and removing tables,
+ * schema changes and in-memory overlays.
+ */
+
+/* --- listing (sr_i_list_tables.cpp) --- */
+
+/* Initial capacity of a listing and the step it grows by. */
+#define SR_I_LIST_STEP 100
+
+/* The names under p_registry_path in a malloc'd array of malloc'd names
+ * (released with sr_free_table_list_1): files of the mount point's directory
+ * for a persistent path, the tree's open transient tables otherwise.  Caller
+ * holds the tree's write lock (the work fields live in the tree).  An empty
+ * result is a valid array with *p_count 0.  0, 102, 206, 10, 12 or 15. */
+qx_int32_t sr_i_list_tables(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
+                            qx_char_ptr_t **p_p_table_list, qx_uint32_t *p_count);
+
+/* --- repair (sr_i_repair.cpp) --- */
+
+/* Unlinks the ".rewrite" file of every persistent name, in order; stops at
+ * the first name that does not resolve and returns its code.  Caller holds
+ * the tree's write lock. */
+qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
+                              qx_uint32_t array_count);
+
+/* --- copying, moving and removing (sr_i_duplicate_table.cpp) --- */
+
+/* The work of the four copy and move calls; the caller holds ForkMutex.
+ * Takes the tree's write lock, the source record's read lock and, for a file
+ * target, the directory's ",Lock" file and the target file's lock. */
+qx_int32_t sr_i_duplicate_table(sr_opaque_handle_t tree_handle,
+                                sr_opaque_handle_t source_table_handle,
+                                qx_char_ptr_t p_source_path, qx_char_ptr_t p_target_path,
+                                qx_uint32_t remove_source, qx_int32_t overwrite_target);
+/* Opens (creating it when missing) the ",Lock" file of the directory of
+ * p_absolute_path and lockf's it with lock_type; the lock lasts until *p_fd
+ * is closed.  12, or 10 naming "open" or "lockf". */
+qx_int32_t sr_i_lock_tree(const char *p_absolute_path, int lock_type, qx_int32_t *p_fd);
+/* The directory lock, then the target file's lock (the file is created empty
+ * when missing; *p_target_fd -1 on entry means "open it here"), and the
+ * target's length.  On failure everything opened here is closed and the
+ * outputs are -1, -1 and 0. */
+qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(
+    const char *p_absolute_target_path, qx_int32_t *p_target_fd, qx_int32_t *p_local_tree_lock_fd,
+    qx_uint32_t *p_target_length);
+/* Workers.  Each leaves its source as it was. */
+qx_int32_t sr_i_duplicate_table_from_persistent_to_memory(sr_i_tree_t *p_tree,
+                                                          const char *p_source_file,
+                                                          const char *p_target_path,
+                                                          sr_i_table_t **p_p_new_table);
+qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
+                                                      const char *p_target_path,
+                                                      sr_i_table_t **p_p_new_table);
+qx_int32_t sr_i_duplicate_table_from_memory_to_persistent(sr_i_table_t *p_source,
+                                                          char *p_target_rewrite_path,
+                                                          const char *p_target_file);
+qx_int32_t sr_i_duplicate_table_from_persistent_to_persistent(const char *p_source_file,
+                                                              char *p_target_rewrite_path,
+                                                              const char *p_target_file);
+qx_int32_t sr_i_rename_memory_table(sr_i_table_t *p_table, const char *p_target_path);
+qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p_target_file);
+/* Unlinks a persistent table's files and takes the record out of its tree's
+ * set; the record itself is not freed. */
+qx_int32_t sr_i_remove_table(sr_i_table_t *p_table);
+/* Unlinks a table file and its ".rewrite" file and drops the path from the
+ * tree's set of open tables. */
+qx_int32_t sr_i_remove_persistent_table_without_handle(sr_i_tree_t *p_tree,
+                                                       const char *p_absolute_table_path);
+
+/* --- schema changes and overlays (sr_i_update_metadata.cpp) --- */
+
+/* A new private transient table with p_table's columns plus the new ones,
+ * one column renamed, or one column's default changed, holding every row of
+ * p_table (added, not yet applied).  206, 209, 105, 12 or the creation's
+ * codes; p_table is untouched. */
+qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_columns,
+                                qx_uint32_t total_new_columns, qx_char_ptr_t p_old_column_name,
+                                qx_char_ptr_t p_new_column_name, qx_value_t *p_new_value,
+                                sr_i_table_t **p_result_table);
+/* A new private transient table with every column but the named ones,
+ * holding every row (committed).  206, 209, 101, 104, 105, 107 or 12. */
+qx_int32_t sr_i_delete_columns(sr_i_table_t *p_table, qx_char_ptr_t *column_names,
+                               qx_uint32_t array_count, sr_i_table_t **p_p_result_table);
+/* Exchanges the loaded contents (columns, rows, indexes, pool, file state)
+ * of two records of one table; identity stays with each record. */
+void sr_i_swap_after_metadata_update(sr_i_table_t *p_table, sr_i_table_t *p_new_table);
+/* Writes a rebuilt table over p_table's file as a full rewrite (a persistent
+ * table), commits it, and swaps it into p_table; consumes p_new_table.  On
+ * failure p_table and its file are as they were. */
+qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new_table);
+/* Memory-only changes of one column definition; nothing is written. */
+qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
+                                             qx_value_t new_default_value);
+qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table,
+                                                qx_char_ptr_t p_column_name,
+                                                sr_qualifier_t new_qualifier);
+
+/* ===========================================================================
  * Engine routines: record buffer pool, hashed key index, table record,
  * application metadata.  (Declared by their owners below.)
  */

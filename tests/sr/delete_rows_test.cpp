@@ -55,13 +55,14 @@ TEST_F(DeleteRowsTest, NullCriteriaDeleteEveryRowThen205) {
     EXPECT_EQ(205, sr_delete_rows_1(p_empty, nullptr));
 }
 
-TEST_F(DeleteRowsTest, SelectionCriteriaAreRefusedAfterTheRowChecks) {
-    sr_i_table_t *p_table = WithRows("/t/criteria", 3);
-    EXPECT_EQ(15, sr_delete_rows_1(p_table, const_cast<char *>("k == 1")));
-    EXPECT_EQ(15, last_error().code);
-    EXPECT_EQ(0u, p_table->applied_deletions);
+TEST_F(DeleteRowsTest, RowChecksComeBeforeAnySelectionCriteria) {
     sr_i_table_t *p_empty = Make("/t/criteria_empty", 6);
     EXPECT_EQ(205, sr_delete_rows_1(p_empty, const_cast<char *>("k == 1")));
+    sr_i_table_t *p_table = WithRows("/m/criteria_applied", 2);
+    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 0));
+    ASSERT_EQ(0, sr_apply_1(p_table, 0));
+    EXPECT_EQ(212, sr_delete_rows_1(p_table, const_cast<char *>("k == 1")));
+    ASSERT_EQ(0, sr_abort_1(p_table));
 }
 
 TEST_F(DeleteRowsTest, DeleteRowsWhileAppliedIs212ButByIndexIsNotChecked) {
