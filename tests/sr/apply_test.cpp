@@ -11,7 +11,7 @@
 
 #include "sr/transaction_test_util.h"
 
-namespace qxtest {
+namespace qxtest::tx {
 namespace {
 
 // Every writev the file primitives make: the number of elements and bytes.
@@ -399,4 +399,4 @@ TEST_F(ApplyTest, ImplicitUpdatesRewriteAFileThatHasBecomeMostlyDeadSpace) {
 }
 
 }  // namespace
-}  // namespace qxtest
+}  // namespace qxtest::tx

@@ -13,7 +13,7 @@
 
 #include "sr/transaction_test_util.h"
 
-namespace qxtest {
+namespace qxtest::tx {
 namespace {
 
 // Every write and sync the file primitives make.
@@ -344,6 +344,56 @@ TEST_F(CommitAbortTest, ImplicitCycleCommitsBeforeReturningAndAbortsWhenApplyFai
     EXPECT_EQ(Reopened("t"), (State{{1, R(1, {1})}}));
 }
 
+// Through the exported row calls, whose frame runs the implicit cycle.
+qx_int32_t AddThroughTheCall(sr_i_table_t *p_table, qx_int64_t key, qx_int64_t value) {
+    char key_name[] = "k";
+    char value_name[] = "c1";
+    qx_char_ptr_t names[2] = {key_name, value_name};
+    qx_value_t values[2] = {};
+    values[0].val_int64 = key;
+    values[1].val_int64 = value;
+    qx_value_t *p_values[2] = {&values[0], &values[1]};
+    return sr_add_row_1(p_table, names, p_values, 2);
+}
+
+TEST_F(CommitAbortTest, ExportedUpdatesOfAnImplicitTableAreCommittedBeforeTheyReturn) {
+    sr_i_table_t *p_table = Make("t", 2);
+    ASSERT_EQ(AddThroughTheCall(p_table, 1, 10), 0);
+    ASSERT_EQ(AddThroughTheCall(p_table, 2, 20), 0);
+    EXPECT_EQ(p_table->ready_for_commit, 0u);
+    EXPECT_EQ(p_table->p_rows_change_list, nullptr);
+    EXPECT_EQ(Reopened("t"), (State{{1, R(1, {10})}, {2, R(2, {20})}}));
+    ASSERT_EQ(sr_delete_row_by_index_1(p_table, 0), 0);
+    EXPECT_EQ(Reopened("t"), (State{{2, R(2, {20})}}));
+    // A refused update leaves nothing to apply.
+    EXPECT_EQ(AddThroughTheCall(p_table, 2, 21), SR_E_DUPLICATE_KEY);
+    EXPECT_EQ(Reopened("t"), (State{{2, R(2, {20})}}));
+    EXPECT_EQ(p_table->ready_for_commit, 0u);
+}
+
+TEST_F(CommitAbortTest, RowAddedAndDeletedInOneExplicitTransactionLeavesNoTrace) {
+    sr_i_table_t *p_table = Make("t", 6);
+    const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
+    ASSERT_EQ(AddThroughTheCall(p_table, 1, 10), 0);
+    ASSERT_EQ(AddThroughTheCall(p_table, 2, 20), 0);
+    ASSERT_EQ(sr_delete_row_by_index_1(p_table, 0), 0);
+    ASSERT_EQ(AddThroughTheCall(p_table, 3, 30), 0);
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+    // The retired commit record, two rows and the new commit record: no
+    // deletion record.
+    std::vector<FileRecord> records = FileRecords(ReadBytes(File("t")));
+    ASSERT_EQ(records.size(), 5u);
+    EXPECT_EQ(records[1].type, SR_I_RECORD_TYPE_FREE);
+    EXPECT_EQ(records[2].offset, start);
+    EXPECT_EQ(records[2].type, SR_I_RECORD_TYPE_ROW);
+    EXPECT_EQ(records[3].type, SR_I_RECORD_TYPE_ROW);
+    EXPECT_EQ(records[4].type, SR_I_RECORD_TYPE_COMMIT);
+    EXPECT_EQ(p_table->total_applied_rows, 2u);
+    ExpectIndexesConsistent(p_table);
+    EXPECT_EQ(Reopened("t"), (State{{2, R(2, {20})}, {3, R(3, {30})}}));
+}
+
 TEST_F(CommitAbortTest, ExportedCallsCheckTheHandleAndTheWriteMode) {
     EXPECT_EQ(sr_apply_1(nullptr, 0), SR_E_INVALID_HANDLE);
     EXPECT_EQ(sr_commit_1(nullptr), SR_E_INVALID_HANDLE);
@@ -539,4 +589,4 @@ INSTANTIATE_TEST_SUITE_P(ControlAndIndex, TransactionModelTest,
                          });
 
 }  // namespace
-}  // namespace qxtest
+}  // namespace qxtest::tx

@@ -16,7 +16,7 @@
 
 #include "sr/transaction_test_util.h"
 
-namespace qxtest {
+namespace qxtest::tx {
 namespace {
 
 constexpr int kRows = 12;
@@ -304,4 +304,4 @@ TEST_F(CrashConcurrencyTest, ReaderProcessNeverSeesHalfATransaction) {
 }
 
 }  // namespace
-}  // namespace qxtest
+}  // namespace qxtest::tx

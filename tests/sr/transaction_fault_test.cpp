@@ -12,7 +12,7 @@
 
 #include "sr/transaction_test_util.h"
 
-namespace qxtest {
+namespace qxtest::tx {
 namespace {
 
 // Fault plan: the n-th call (1-based) of a primitive fails with an errno;
@@ -339,4 +339,4 @@ TEST_F(TransactionFaultTest, RenameOverADirectoryFailsAndLeavesTheTableAbortable
 }
 
 }  // namespace
-}  // namespace qxtest
+}  // namespace qxtest::tx

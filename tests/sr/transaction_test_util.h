@@ -19,7 +19,9 @@
 #include "sr/table_test_util.h"
 #include "sr_i.h"
 
-namespace qxtest {
+// Everything here lives in its own namespace: the row tests have helpers of
+// the same names, and two inline definitions of one name would be one symbol.
+namespace qxtest::tx {
 
 // One field: the 8 slot bytes of a scalar, or the text of a QX_CHAR_PTR.
 using Field = std::variant<qx_uint64_t, std::string>;
@@ -349,6 +351,6 @@ class TransactionTest : public TableTest {
     }
 };
 
-}  // namespace qxtest
+}  // namespace qxtest::tx
 
 #endif  // QX_TESTS_SR_TRANSACTION_TEST_UTIL_H
