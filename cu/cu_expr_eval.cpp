@@ -13,9 +13,12 @@
  * holds cannot be compared (a structured-data element whose type differs from
  * the declared one), CU_EXPR_ARITHMETIC for division by zero, signed
  * overflow and out-of-range shifts, CU_EXPR_NO_ELEMENT for an array index, a
- * field or a column that the row does not have.  The first of these met in
- * evaluation order decides the row; AND and OR evaluate left to right and
- * stop as soon as the result is known, so "n != 0 && total / n > 2" is safe.
+ * field or a column that the row does not have.  AND and OR evaluate left
+ * to right and stop as soon as the result is known, so "n != 0 && total / n
+ * > 2" is safe; a side with an outcome counts as unknown, so the other side
+ * still decides when it alone settles the result ("place.x > 5 || name ==
+ * 'a'" matches a row without place.x whose name is a).  Otherwise the first
+ * outcome met decides the row.
  */
 #include <regex.h>
 #include <string.h>
@@ -286,6 +289,10 @@ int arith(uint8_t op, const Value &a, const Value &b, Value *out) {
         default:
             return CU_EXPR_TYPE_MISMATCH;
     }
+}
+
+bool is_row_outcome(int rc) {
+    return rc == CU_EXPR_TYPE_MISMATCH || rc == CU_EXPR_ARITHMETIC || rc == CU_EXPR_NO_ELEMENT;
 }
 
 bool equal_after(int rc, int cmp) {
@@ -614,18 +621,27 @@ int eval(const cu_expr_t *prog, uint32_t index, const Row *row, Value *out) {
         }
         case kOpAnd:
         case kOpOr: {
+            // A side that cannot be evaluated on this row is unknown: the
+            // other side still decides when it alone settles the result
+            // (false for AND, true for OR); otherwise the first outcome
+            // stands.
+            const bool settles = node.op == kOpOr;
             Value x;
             int rc = eval(prog, node.a, row, &x);
-            if (rc != CU_OK) return rc;
-            if (x.kind != kKindBool) return CU_EXPR_TYPE_MISMATCH;
-            bool decided = node.op == kOpAnd ? x.b == 0 : x.b != 0;
-            if (decided) {
+            if (rc == CU_OK && x.kind != kKindBool) return CU_EXPR_TYPE_MISMATCH;
+            if (rc == CU_OK && (x.b != 0) == settles) {
                 *out = x;
                 return CU_OK;
             }
-            rc = eval(prog, node.b, row, out);
-            if (rc != CU_OK) return rc;
-            return out->kind == kKindBool ? CU_OK : CU_EXPR_TYPE_MISMATCH;
+            if (rc != CU_OK && !is_row_outcome(rc)) return rc;
+            Value y;
+            int rc_y = eval(prog, node.b, row, &y);
+            if (rc_y == CU_OK && y.kind != kKindBool) return CU_EXPR_TYPE_MISMATCH;
+            if (rc_y == CU_OK && (rc == CU_OK || (y.b != 0) == settles)) {
+                *out = y;
+                return CU_OK;
+            }
+            return rc != CU_OK ? rc : rc_y;
         }
         default:
             return kRowCorrupt;

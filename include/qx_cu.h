@@ -205,7 +205,9 @@ qx_int32_t cu_rsrc_hndl_cmp_1(const void *p_handle1, const void *p_handle2);
  * The language, loosest binding first:
  *   a || b, a OR b                 either condition
  *   a && b, a AND b                both conditions (left to right, stopping
- *                                  as soon as the result is known)
+ *                                  as soon as the result is known; a side
+ *                                  with a per-row outcome below is unknown,
+ *                                  and the other side decides if it can)
  *   !a, NOT a                      negation of a condition
  *   == (=)  != (<>)  <  <=  >  >=  comparisons (they do not chain)
  *   t =~ "re", t !~ "re"           POSIX extended regular expression match

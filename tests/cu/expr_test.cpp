@@ -543,6 +543,19 @@ TEST(ExprEvalTest, ShortCircuitGuardsAnArithmeticFault) {
     EXPECT_EQ(CU_EXPR_ARITHMETIC, outcome("i32 > 0 || 10 / (i32 + 5) == 1"));
 }
 
+TEST(ExprEvalTest, ASideThatCannotBeEvaluatedIsUnknownToAndAndOr) {
+    // The other side settles the result: true for OR, false for AND.
+    EXPECT_TRUE(Matches("10 / (i32 + 5) == 1 || i32 < 0"));
+    EXPECT_TRUE(Matches("nums[9] == 1 or info.level == 7"));
+    EXPECT_TRUE(DoesNotMatch("nums[9] == 1 AND i32 > 0"));
+    EXPECT_TRUE(DoesNotMatch("i32 > 0 AND nums[9] == 1"));
+    // Otherwise the first outcome stands, also under NOT.
+    EXPECT_EQ(CU_EXPR_NO_ELEMENT, outcome("nums[9] == 1 AND i32 < 0"));
+    EXPECT_EQ(CU_EXPR_NO_ELEMENT, outcome("nums[9] == 1 || 10 / (i32 + 5) == 1"));
+    EXPECT_EQ(CU_EXPR_ARITHMETIC, outcome("10 / (i32 + 5) == 1 || nums[9] == 1"));
+    EXPECT_EQ(CU_EXPR_NO_ELEMENT, outcome("NOT (nums[9] == 1 || i32 > 0)"));
+}
+
 TEST(ExprEvalTest, PerRowOutcomesSayWhyARowCannotMatch) {
     EXPECT_EQ(CU_EXPR_ARITHMETIC, outcome("i64 / (i32 + 5) > 1"));
     EXPECT_EQ(CU_EXPR_ARITHMETIC, outcome("i64 % (i32 + 5) > 1"));

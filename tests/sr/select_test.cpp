@@ -339,18 +339,21 @@ TEST_F(SelectTest, RowsThatCannotBeEvaluatedAreSkipped) {
     ASSERT_EQ(0, Selected(p, 0, &rows, "100 / (n - 3) != 0"));
     EXPECT_EQ((Rows{0, 2}), rows);
     // 8: only row 0 has a third element.
-    ASSERT_EQ(0, Selected(p, 0, &rows, "nums[2] == 3 || nums[0] == 4"));
+    ASSERT_EQ(0, Selected(p, 0, &rows, "nums[2] == 3"));
     EXPECT_EQ((Rows{0}), rows);
+    // A side that cannot be evaluated leaves the other side to decide.
+    ASSERT_EQ(0, Selected(p, 0, &rows, "nums[2] == 3 || nums[0] == 4"));
+    EXPECT_EQ((Rows{0, 1}), rows);
     // 6: a row whose structured data holds text where an integer is declared.
     Model odd = {4, "delta", 1, {}, 8, 0, "odd", {}, 0.0f, 0};
     ASSERT_EQ(0, AddModel(p, odd, QX_CHAR_PTR)) << last_error().message;
     ASSERT_EQ(0, Selected(p, 0, &rows, "info.level > 0"));
     EXPECT_EQ((Rows{0, 1, 2}), rows);
-    // The same outcomes skip rows when deleting.
-    ASSERT_EQ(0, sr_delete_rows_1(p, const_cast<char *>("100 / (n - 3) < 0 || info.level > 4")));
-    // Row 1 stays although its level is 5: its division fails first.
+    // The same outcomes skip rows when deleting: row 1's division fails and
+    // row 3's level is text, so only row 2 goes.
+    ASSERT_EQ(0, sr_delete_rows_1(p, const_cast<char *>("100 / (n - 3) < 0 && info.level > 4")));
     ASSERT_EQ(0, Selected(p, 0, &rows, nullptr));
-    EXPECT_EQ((Rows{0, 1}), rows);
+    EXPECT_EQ((Rows{0, 1, 3}), rows);
 }
 
 TEST_F(SelectTest, DeletingByCriteriaRemovesOnlyTheMatchingRows) {
