@@ -441,7 +441,11 @@ void *CommitWithCancelPending(void *p_argument) {
     return nullptr;
 }
 
-TEST_F(CommitAbortTest, CommitRunsToItsEndWithACancelPendingAndRestoresTheCancelState) {
+// A thread of its own: run under the thread checker with the other
+// concurrency suites.
+class CommitConcurrencyTest : public CommitAbortTest {};
+
+TEST_F(CommitConcurrencyTest, CommitRunsToItsEndWithACancelPendingAndRestoresTheCancelState) {
     sr_i_table_t *p_table = Make("t");
     RowKit(p_table).Add(R(1, {1}));
     ASSERT_EQ(sr_apply_1(p_table, 0), 0);
