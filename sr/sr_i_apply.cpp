@@ -25,6 +25,13 @@
 
 SR_SOURCE_FILE("sr/sr_i_apply", "1.1");
 
+// Failures are reported as sr_i_apply's own, whichever helper detects them.
+#define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, (code))
+#define TX_ERROR_SYSCALL(call, err) \
+    sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, 10, (call), (err))
+#define TX_ERROR_FILE(call, err) \
+    sr_i_set_file_error(sr_i_this_source, "sr_i_apply", __LINE__, (call), (err), false)
+
 namespace {
 
 constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
@@ -64,7 +71,7 @@ struct batch_t {
     // Queues a record (header address, total length); writes the batch when
     // it is full.
     qx_int32_t add(char *p_record, qx_uint32_t length) {
-        if (static_cast<qx_uint64_t>(offset) + length > kLargestFile) return SR_ERROR(13);
+        if (static_cast<qx_uint64_t>(offset) + length > kLargestFile) return TX_ERROR(13);
         p_table->io_vector[elements].iov_base = p_record;
         p_table->io_vector[elements].iov_len = length;
         ++elements;
@@ -89,7 +96,7 @@ struct batch_t {
 qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
     const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
     if (lseek64(p_table->file_fd, start, SEEK_SET) < 0) {
-        return SR_ERROR_SYSCALL("lseek64", errno);
+        return TX_ERROR_SYSCALL("lseek64", errno);
     }
     batch_t batch{p_table, p_table->file_fd, start};
     qx_int32_t rc = 0;
@@ -120,7 +127,7 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
             const qx_uint64_t length = 16 + 4 * static_cast<qx_uint64_t>(total);
             p_deletion = length > kLargestFile ? nullptr : static_cast<char *>(sr_i_malloc(length));
             if (p_deletion == nullptr) {
-                rc = SR_ERROR(12);
+                rc = TX_ERROR(12);
             } else {
                 sr_i_store_u32(p_deletion, static_cast<qx_uint32_t>(length));
                 sr_i_store_u32(p_deletion + 4, 0);
@@ -193,7 +200,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     // commit record, where no reader looks.
     qx_int32_t fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
     if (fd < 0) {
-        qx_int32_t rc = SR_ERROR_FILE("open", errno, false);
+        qx_int32_t rc = TX_ERROR_FILE("open", errno);
         sr_i_set_data_path(p_table);
         return rc;
     }
@@ -202,7 +209,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     // renamed or removed the file.
     while (lockf(fd, F_LOCK, 0) != 0) {
         if (errno == EINTR) continue;
-        qx_int32_t rc = SR_ERROR_SYSCALL("lockf", errno);
+        qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
         discard_rewrite_file(p_table);
         return rc;
     }
@@ -275,7 +282,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
                       qx_uint64_t table_change_counter) {
     if (p_table->ready_for_commit != 0) {
         trace_apply(kRefused, p_table, rewrite);
-        return SR_ERROR(212);
+        return TX_ERROR(212);
     }
     // An implicitly controlled table numbers its commits itself; an explicit
     // caller may choose the number the new commit record carries.

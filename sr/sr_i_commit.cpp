@@ -23,6 +23,13 @@
 
 SR_SOURCE_FILE("sr/sr_i_commit", "1.1");
 
+// Failures are reported as sr_i_commit's own, whichever helper detects them.
+#define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, (code))
+#define TX_ERROR_SYSCALL(call, err) \
+    sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, 10, (call), (err))
+#define TX_ERROR_FILE(call, err) \
+    sr_i_set_file_error(sr_i_this_source, "sr_i_commit", __LINE__, (call), (err), false)
+
 namespace {
 
 // Development trace points.
@@ -79,7 +86,7 @@ enum class switched { yes, restored };
 qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
     const off64_t type_word = static_cast<off64_t>(p_table->commit_record_offset) + 8;
     if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) {
-        return SR_ERROR_SYSCALL("lseek64", errno);
+        return TX_ERROR_SYSCALL("lseek64", errno);
     }
     qx_uint32_t word = 0;
     qx_int32_t rc = sr_i_write(p_table->file_fd, &word, sizeof word);
@@ -92,7 +99,7 @@ qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
     }
     trace_commit(kSyncFailed, p_table);
     if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) {
-        return SR_ERROR_SYSCALL("lseek64", errno);
+        return TX_ERROR_SYSCALL("lseek64", errno);
     }
     word = static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT);
     rc = sr_i_write(p_table->file_fd, &word, sizeof word);
@@ -121,14 +128,14 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
     char *p_rewrite_path = sr_i_strdup(sr_i_set_rewrite_path(p_table));
     if (p_rewrite_path == nullptr) {
         discard_rewrite_file(p_table);
-        return SR_ERROR(12);
+        return TX_ERROR(12);
     }
     sr_i_test_pause("rewrite-before-rename");
     if (rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
         int err = errno;
         free(p_rewrite_path);
         discard_rewrite_file(p_table);
-        return SR_ERROR_FILE("rename", err, false);
+        return TX_ERROR_FILE("rename", err);
     }
     free(p_rewrite_path);
     sr_i_test_pause("rewrite-after-rename");
@@ -190,7 +197,7 @@ qx_int32_t sr_i_commit(sr_i_table_t *p_table) {
             p_table->p_delete_rows_change_list == nullptr) {
             return 0;
         }
-        return SR_ERROR(210);
+        return TX_ERROR(210);
     }
     cancellation_off_t cancellation_off;
     const bool rewritten = p_table->ready_for_commit == 2;

@@ -344,7 +344,7 @@ TEST_F(ApplyTest, RewriteThatCannotOpenItsFileLeavesEverythingAsItWas) {
     LastError error = last_error();
     EXPECT_EQ(error.code, SR_E_SYSTEM_CALL);
     EXPECT_NE(error.message.find("open"), std::string::npos) << error.message;
-    EXPECT_NE(error.message.find("sr_i_apply"), std::string::npos) << error.message;
+    EXPECT_NE(error.message.find("to the sr_i_apply function"), std::string::npos) << error.message;
     EXPECT_EQ(p_table->ready_for_commit, 0u);
     EXPECT_EQ(p_table->rewrite_file_fd, -1);
     EXPECT_EQ(ReadBytes(File("t")), bytes);

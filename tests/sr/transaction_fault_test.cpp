@@ -291,7 +291,7 @@ TEST_F(TransactionFaultTest, DeletionRecordThatCannotBeAllocatedIs12) {
     sr_i_alloc_fail_after(1);  // the commit record passes, the deletion record fails
     EXPECT_EQ(sr_apply_1(p_table, 0), SR_E_NO_MEMORY);
     sr_i_alloc_fail_after(-1);
-    EXPECT_NE(last_error().message.find("sr_i_apply"), std::string::npos);
+    EXPECT_NE(last_error().message.find("in the sr_i_apply function"), std::string::npos);
     ExpectRecoverable(p_table, 0);
 }
 
@@ -302,7 +302,7 @@ TEST_F(TransactionFaultTest, RewriteCommitWithoutMemoryForThePathIs12AndAbortCle
     sr_i_alloc_fail_after(0);
     EXPECT_EQ(sr_commit_1(p_table), SR_E_NO_MEMORY);
     sr_i_alloc_fail_after(-1);
-    EXPECT_NE(last_error().message.find("sr_i_commit"), std::string::npos);
+    EXPECT_NE(last_error().message.find("in the sr_i_commit function"), std::string::npos);
     EXPECT_FALSE(Exists(File("t.rewrite")));
     EXPECT_EQ(p_table->ready_for_commit, 2u);
     EXPECT_EQ(Reopened("t"), committed_);
@@ -327,7 +327,10 @@ TEST_F(TransactionFaultTest, RenameOverADirectoryFailsAndLeavesTheTableAbortable
     ASSERT_EQ(mkdir(File("t").c_str(), 0755), 0);
     WriteBytes(File("t/occupied"), "x");
     EXPECT_EQ(sr_commit_1(p_table), SR_E_SYSTEM_CALL);
-    EXPECT_NE(last_error().message.find("rename"), std::string::npos);
+    LastError error = last_error();
+    EXPECT_NE(error.message.find("The rename system call"), std::string::npos) << error.message;
+    EXPECT_NE(error.message.find("to the sr_i_commit function"), std::string::npos)
+        << error.message;
     EXPECT_FALSE(Exists(File("t.rewrite")));
     EXPECT_EQ(p_table->rewrite_file_fd, -1);
     EXPECT_EQ(p_table->ready_for_commit, 2u);
