@@ -924,20 +924,21 @@ qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
  * Takes the tree's write lock, the source record's read lock and, for a file
  * target, the directory's ",Lock" file and the target file's lock. */
 qx_int32_t sr_i_duplicate_table(sr_opaque_handle_t tree_handle,
-                                sr_opaque_handle_t source_table_handle,
-                                qx_char_ptr_t p_source_path, qx_char_ptr_t p_target_path,
-                                qx_uint32_t remove_source, qx_int32_t overwrite_target);
+                                sr_opaque_handle_t source_table_handle, qx_char_ptr_t p_source_path,
+                                qx_char_ptr_t p_target_path, qx_uint32_t remove_source,
+                                qx_int32_t overwrite_target);
 /* Opens (creating it when missing) the ",Lock" file of the directory of
  * p_absolute_path and lockf's it with lock_type; the lock lasts until *p_fd
  * is closed.  12, or 10 naming "open" or "lockf". */
 qx_int32_t sr_i_lock_tree(const char *p_absolute_path, int lock_type, qx_int32_t *p_fd);
-/* The directory lock, then the target file's lock (the file is created empty
- * when missing; *p_target_fd -1 on entry means "open it here"), and the
- * target's length.  On failure everything opened here is closed and the
- * outputs are -1, -1 and 0. */
-qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(
-    const char *p_absolute_target_path, qx_int32_t *p_target_fd, qx_int32_t *p_local_tree_lock_fd,
-    qx_uint32_t *p_target_length);
+/* The directory lock, then the target file's lock (*p_target_fd -1 on entry
+ * means "open it here") and the target's length.  A missing target is not
+ * created: the outputs are then -1 and length 0 under the directory lock.  On
+ * failure everything opened here is closed and the outputs are -1, -1, 0. */
+qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_absolute_target_path,
+                                                              qx_int32_t *p_target_fd,
+                                                              qx_int32_t *p_local_tree_lock_fd,
+                                                              qx_uint32_t *p_target_length);
 /* Workers.  Each leaves its source as it was. */
 qx_int32_t sr_i_duplicate_table_from_persistent_to_memory(sr_i_tree_t *p_tree,
                                                           const char *p_source_file,
@@ -986,8 +987,7 @@ qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new
 /* Memory-only changes of one column definition; nothing is written. */
 qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                              qx_value_t new_default_value);
-qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table,
-                                                qx_char_ptr_t p_column_name,
+qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                                 sr_qualifier_t new_qualifier);
 
 /* ===========================================================================

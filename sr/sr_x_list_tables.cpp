@@ -1,0 +1,17 @@
+// sr_list_tables_1: the registry names of the tables under a path, in a
+// list the caller releases with sr_free_table_list_1.  No API mutex: the
+// tree's write lock alone guards the tree's listing work fields.
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_list_tables", "1.1");
+
+extern "C" qx_int32_t sr_list_tables_1(sr_opaque_handle_t tree_handle,
+                                       qx_char_ptr_t p_registry_path, qx_char_ptr_t **p_table_list,
+                                       qx_uint32_t *array_count) {
+    static constexpr sr_i_frame_t kFrame{"sr_list_tables_1",         69,    false,
+                                         sr_i_lock_kind::tree_write, false, false};
+    return sr_i_api_call<sr_i_tree_t>(
+        sr_i_this_source, kFrame, tree_handle, [&](sr_i_tree_t *p_tree) {
+            return sr_i_list_tables(p_tree, p_registry_path, p_table_list, array_count);
+        });
+}

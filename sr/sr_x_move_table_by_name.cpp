@@ -1,0 +1,18 @@
+// sr_move_table_by_name_1: moves (renames) a table, open or only a file, to
+// another registry path of the tree.  The locks are taken inside the move.
+#include "sr_i.h"
+
+SR_SOURCE_FILE("sr/sr_x_move_table_by_name", "1.1");
+
+extern "C" qx_int32_t sr_move_table_by_name_1(sr_opaque_handle_t tree_handle,
+                                              qx_char_ptr_t p_source_table_name,
+                                              qx_char_ptr_t p_target_table_name,
+                                              qx_int32_t overwrite) {
+    static constexpr sr_i_frame_t kFrame{"sr_move_table_by_name_1", 75,    true,
+                                         sr_i_lock_kind::none,      false, false};
+    return sr_i_api_call<sr_i_tree_t>(
+        sr_i_this_source, kFrame, tree_handle, [&](sr_i_tree_t *p_tree) {
+            return sr_i_duplicate_table(p_tree, nullptr, p_source_table_name, p_target_table_name,
+                                        1, overwrite);
+        });
+}
