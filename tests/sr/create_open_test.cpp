@@ -4,6 +4,8 @@
 // deletion while open, and what a failed create leaves behind.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -588,6 +590,77 @@ TEST_F(OpenTableTest, SecondOpenOfAHashedTableKeepsTheFirstIndex) {
     EXPECT_EQ(again, table);
     EXPECT_EQ(p_table->p_rows_hash_table, p_index);
     EXPECT_EQ(p_index->total_hash_buckets, 7u);
+}
+
+// A packed rows array makes a read-only table whose rows are the records
+// the array points at, committed at once and never copied.
+TEST_F(CreateTableTest, PackedRowsBecomeAReadOnlyCommittedTableInPlace) {
+    qxtest::FileImage rows;
+    rows.Row(0, {1, 10});
+    rows.Row(0, {2, 20});
+    rows.Row(0, {3, 30});
+    auto make_array = [&](std::vector<qx_uint32_t> offsets) {
+        auto *p_array = static_cast<qx_array_t *>(std::malloc(QX_ARRAY_SIZE(offsets.size())));
+        p_array->element_count = static_cast<qx_uint32_t>(offsets.size());
+        for (size_t i = 0; i < offsets.size(); ++i) {
+            p_array->elements[i].ptr_char = rows.bytes.data() + offsets[i];
+        }
+        return p_array;
+    };
+    auto columns = ScalarColumns(2);
+    sr_opaque_handle_t table = nullptr;
+    ASSERT_EQ(sr_x_create_table(tree_, Text("/m/packed"), columns.data(), 2, 1, nullptr,
+                                make_array({0, 32, 64}), &table),
+              0);
+    auto *p_table = static_cast<sr_i_table_t *>(table);
+    EXPECT_EQ(p_table->mode, 1u);
+    EXPECT_EQ(p_table->p_file_path, nullptr);  // never a file, even under a mount point
+    EXPECT_FALSE(Exists(File("packed")));
+    EXPECT_EQ(p_table->total_committed_rows, 3u);
+    EXPECT_EQ(p_table->total_applied_rows, 3u);
+    for (qx_uint32_t i = 0; i < 3; ++i) {
+        sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[p_table->p_rows_packed_index[i]];
+        EXPECT_EQ(p_entry->p_committed, p_entry->p_applied);
+        EXPECT_EQ(p_entry->p_committed, rows.bytes.data() + 32 * i + 12);
+        EXPECT_EQ(p_entry->packed_index, i);
+    }
+    // Its name is free again once it is closed: the caller's buffer may go.
+    EXPECT_EQ(sr_close_table_1(table), 0);
+    ASSERT_EQ(sr_x_create_table(tree_, Text("/m/packed"), columns.data(), 2, 1, nullptr,
+                                make_array({64}), &table),
+              0);
+    EXPECT_EQ(sr_close_table_1(table), 0);
+
+    // Two rows of one key: 108, and the array goes with the failed table.
+    rows.Row(0, {2, 21});
+    EXPECT_EQ(sr_x_create_table(tree_, Text("/dup"), columns.data(), 2, 1, nullptr,
+                                make_array({0, 32, 96}), &table),
+              108);
+    EXPECT_EQ(sr_x_create_table(tree_, Text("/a b"), columns.data(), 2, 1, nullptr, make_array({0}),
+                                &table),
+              102);
+}
+
+class TreeCloseTest : public qxtest::TableTest {};
+
+TEST_F(TreeCloseTest, ClosingATreeClosesItsTablesAndGivesUpTheirLocks) {
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    std::vector<sr_column_t> columns = ScalarColumns(2);
+    sr_opaque_handle_t table = nullptr;
+    ASSERT_EQ(sr_create_table_1(other, Text("/m/t"), columns.data(), 2, 2, &table), 0);
+    ASSERT_EQ(sr_create_table_1(other, Text("/t"), columns.data(), 2, 2, &table), 0);
+    sr_close_tree_1(other);
+    // The file is free for another writer at once.
+    int fd = open(File("t").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    pid_t pid = fork();
+    if (pid == 0) _exit(lockf(fd, F_TLOCK, 0) == 0 ? 0 : 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    close(fd);
 }
 
 }  // namespace

@@ -129,15 +129,15 @@ class TableTest : public ::testing::Test {
         ASSERT_EQ(sr_open_tree_1(&tree_, 0, 0), 0);
         ASSERT_EQ(sr_mount_local_tree_1(tree_, Text("/m"), Text(tmp_.file("d")), 1), 0);
     }
+    // Closing the tree closes every table a test left open.
     void TearDown() override {
         sr_i_alloc_fail_after(-1);
         sr_i_file_ops = sr_i_default_file_ops;
-        CloseAllTables(static_cast<sr_i_tree_t *>(tree_));
         sr_close_tree_1(tree_);
     }
 
     // Frees every table record still in a tree's sets (handles become
-    // invalid), so that nothing a test left open outlives it.
+    // invalid), without closing the tree.
     static void CloseAllTables(sr_i_tree_t *p_tree) {
         for (void **p_root : {&p_tree->p_tables, &p_tree->p_unnamed_tables}) {
             while (*p_root != nullptr) {
