@@ -64,6 +64,7 @@ void print_table(FILE *out, const std::vector<std::string> &header,
 const Command *base_commands(int *p_count);
 const Command *table_commands(int *p_count);
 const Command *row_commands(int *p_count);
+const Command *manage_commands(int *p_count);
 const Command *select_commands(int *p_count);
 
 }  // namespace qxsr
