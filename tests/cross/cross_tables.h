@@ -1,0 +1,383 @@
+// Tables that exercise packed buffers: one with a column of every data type
+// (and a default for each), one keyed by text, one keyed by resource handle.
+// Each has committed rows and uncommitted changes (an update, a deletion and
+// additions), so the committed and the working view differ.
+//
+// Shared by the unit tests and by the programs that exchange buffers with a
+// big-endian machine: both sides build the same tables from the same seeds,
+// and both describe a table the same way (render_table), so a table that
+// travelled can be compared line by line with the one that was packed.
+// Header-only, standard C++ and the public headers only: it is compiled for
+// the other machine too.
+#ifndef QX_TESTS_CROSS_CROSS_TABLES_H
+#define QX_TESTS_CROSS_CROSS_TABLES_H
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "qx_sr.h"
+
+namespace qxcross {
+
+// Owns every block a value is made of.
+class Arena {
+  public:
+    Arena() = default;
+    Arena(const Arena &) = delete;
+    Arena &operator=(const Arena &) = delete;
+    ~Arena() {
+        for (void *p : blocks_) std::free(p);
+    }
+    void *alloc(size_t size) {
+        void *p = std::calloc(1, size == 0 ? 1 : size);
+        if (p == nullptr) std::abort();
+        blocks_.push_back(p);
+        return p;
+    }
+    char *text(const std::string &s) {
+        char *p = static_cast<char *>(alloc(s.size() + 1));
+        std::memcpy(p, s.c_str(), s.size() + 1);
+        return p;
+    }
+
+  private:
+    std::vector<void *> blocks_;
+};
+
+inline sr_sd_def_t *sd_definition(Arena &arena) {
+    auto *p_def =
+        static_cast<sr_sd_def_t *>(arena.alloc(sizeof(sr_sd_def_t) + sizeof(sr_sd_field_def_t)));
+    p_def->number_of_fields = 2;
+    p_def->field_def[0].type = QX_INT32;
+    p_def->field_def[0].name = arena.text("a");
+    p_def->field_def[1].type = QX_CHAR_PTR;
+    p_def->field_def[1].name = arena.text("b");
+    return p_def;
+}
+
+// A deterministic value of `type` for `seed`.
+inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed);
+
+inline qx_binary_t *make_binary(Arena &arena, qx_uint32_t seed) {
+    const qx_uint32_t length = seed % 5 + 1;
+    auto *p = static_cast<qx_binary_t *>(arena.alloc(QX_BINARY_SIZE(length)));
+    p->length = length;
+    for (qx_uint32_t i = 0; i < length; ++i) p->data[i] = static_cast<qx_uint8_t>(seed * 31 + i);
+    return p;
+}
+
+inline qx_resource_handle_t *make_handle(Arena &arena, qx_uint32_t seed) {
+    auto *p = static_cast<qx_resource_handle_t *>(arena.alloc(sizeof(qx_resource_handle_t)));
+    p->header = 0x40000000u + seed;
+    p->id.id1 = 0x01020304u * (seed + 1);
+    p->id.id2 = seed;
+    p->id.id3 = 0xA0B0C0D0u ^ seed;
+    p->id.id4 = seed * 977u;
+    return p;
+}
+
+inline qx_structured_data_t *make_sd(Arena &arena, qx_uint32_t seed) {
+    auto *p = static_cast<qx_structured_data_t *>(arena.alloc(QX_SD_SIZE(2)));
+    p->element_count = 2;
+    p->elements[0].data_type = QX_INT32;
+    p->elements[0].value.val_int32 = -static_cast<qx_int32_t>(seed) - 5;
+    p->elements[1].data_type = QX_CHAR_PTR;
+    p->elements[1].value.ptr_char = arena.text("sd-" + std::to_string(seed));
+    return p;
+}
+
+inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed) {
+    qx_value_t v;
+    v.val_uint64 = 0;
+    switch (type) {
+        case QX_INT32:
+            v.val_int32 = static_cast<qx_int32_t>(seed * 7) - 100;
+            break;
+        case QX_UINT32:
+            v.val_uint32 = 0xF0000000u + seed;
+            break;
+        case QX_INT64:
+            v.val_int64 = -1234567890123ll * static_cast<qx_int64_t>(seed + 1);
+            break;
+        case QX_UINT64:
+            v.val_uint64 = 0xFEDCBA9876543210ull + seed;
+            break;
+        case QX_FLOAT32:
+            v.val_float32 = 1.5f * static_cast<float>(seed) - 0.25f;
+            break;
+        case QX_FLOAT64:
+            v.val_float64 = static_cast<double>(seed) / 3.0 - 1e-300;
+            break;
+        case QX_CHAR_PTR:
+            v.ptr_char = arena.text("text-" + std::to_string(seed));
+            break;
+        case QX_BINARY_PTR:
+            v.ptr_binary = make_binary(arena, seed);
+            break;
+        case QX_RSRC_HANDLE_PTR:
+            v.ptr_rsrc_handle = make_handle(arena, seed);
+            break;
+        case QX_SD_PTR:
+            v.ptr_sd = make_sd(arena, seed);
+            break;
+        case QX_SBS_PTR: {
+            const qx_int32_t length = static_cast<qx_int32_t>(seed % 3 + 3);
+            auto *p = static_cast<qx_sbs_t *>(arena.alloc(4 + static_cast<size_t>(length)));
+            p->length = length;
+            for (qx_int32_t i = 0; i < length; ++i)
+                p->fields[i] = static_cast<qx_uint8_t>(seed + i);
+            v.ptr_sbs = p;
+            break;
+        }
+        default: {
+            // Arrays 13..22: one to three elements of the base type.
+            static const qx_data_type_t kBase[] = {
+                QX_INT32,   QX_UINT32,   QX_INT64,      QX_UINT64,          QX_FLOAT32,
+                QX_FLOAT64, QX_CHAR_PTR, QX_BINARY_PTR, QX_RSRC_HANDLE_PTR, QX_SD_PTR};
+            const qx_data_type_t base = kBase[type - QX_INT32_ARRAY];
+            const qx_uint32_t count = seed % 3 + 1;
+            auto *p = static_cast<qx_array_t *>(arena.alloc(QX_ARRAY_SIZE(count)));
+            p->element_count = count;
+            for (qx_uint32_t i = 0; i < count; ++i) {
+                p->elements[i] = make_value(arena, base, seed * 10 + i);
+            }
+            v.ptr_array = p;
+            break;
+        }
+    }
+    return v;
+}
+
+inline std::string hex(const qx_uint8_t *p, size_t length) {
+    std::string s;
+    char byte[3];
+    for (size_t i = 0; i < length; ++i) {
+        std::snprintf(byte, sizeof byte, "%02x", p[i]);
+        s += byte;
+    }
+    return s;
+}
+
+// The canonical text of a value; floats exactly (hexadecimal).
+inline std::string render(qx_data_type_t type, const qx_value_t &v) {
+    char buffer[64];
+    switch (type) {
+        case QX_INT32:
+            return std::to_string(v.val_int32);
+        case QX_UINT32:
+            return std::to_string(v.val_uint32);
+        case QX_INT64:
+            return std::to_string(v.val_int64);
+        case QX_UINT64:
+            return std::to_string(v.val_uint64);
+        case QX_FLOAT32:
+            std::snprintf(buffer, sizeof buffer, "%a", static_cast<double>(v.val_float32));
+            return buffer;
+        case QX_FLOAT64:
+            std::snprintf(buffer, sizeof buffer, "%a", v.val_float64);
+            return buffer;
+        default:
+            break;
+    }
+    if (v.ptr_char == nullptr) return "null";
+    switch (type) {
+        case QX_CHAR_PTR:
+            return "\"" + std::string(v.ptr_char) + "\"";
+        case QX_BINARY_PTR:
+            return "bin(" + hex(v.ptr_binary->data, v.ptr_binary->length) + ")";
+        case QX_RSRC_HANDLE_PTR: {
+            const qx_resource_handle_t &h = *v.ptr_rsrc_handle;
+            std::snprintf(buffer, sizeof buffer, "h(%08x:%08x.%08x.%08x.%08x)", h.header, h.id.id1,
+                          h.id.id2, h.id.id3, h.id.id4);
+            return buffer;
+        }
+        case QX_SBS_PTR:
+            return "sbs(" + hex(v.ptr_sbs->fields, static_cast<size_t>(v.ptr_sbs->length)) + ")";
+        case QX_SD_PTR: {
+            std::string s = "{";
+            for (qx_uint32_t i = 0; i < v.ptr_sd->element_count; ++i) {
+                const qx_structured_data_element_t &e = v.ptr_sd->elements[i];
+                if (i != 0) s += ",";
+                s += std::to_string(static_cast<int>(e.data_type)) + ":" +
+                     render(e.data_type, e.value);
+            }
+            return s + "}";
+        }
+        default: {
+            if (type < QX_INT32_ARRAY || type > QX_SD_PTR_ARRAY) return "?";
+            static const qx_data_type_t kBase[] = {
+                QX_INT32,   QX_UINT32,   QX_INT64,      QX_UINT64,          QX_FLOAT32,
+                QX_FLOAT64, QX_CHAR_PTR, QX_BINARY_PTR, QX_RSRC_HANDLE_PTR, QX_SD_PTR};
+            const qx_data_type_t base = kBase[type - QX_INT32_ARRAY];
+            std::string s = "[";
+            for (qx_uint32_t i = 0; i < v.ptr_array->element_count; ++i) {
+                if (i != 0) s += ",";
+                s += render(base, v.ptr_array->elements[i]);
+            }
+            return s + "]";
+        }
+    }
+}
+
+struct ColumnSpec {
+    const char *name;
+    qx_data_type_t type;
+    qx_uint32_t qualifier;
+};
+
+struct TableSpec {
+    const char *leaf;  // registry path below the prefix
+    std::vector<ColumnSpec> columns;
+};
+
+// The three tables; column 0 of each is its key.
+inline std::vector<TableSpec> table_specs() {
+    std::vector<TableSpec> specs(3);
+    specs[0].leaf = "all";
+    specs[0].columns = {{"k", QX_INT32, SR_PRIMARY_KEY}};
+    static const char *const kNames[] = {
+        nullptr, nullptr, "i32",  "u32",  "i64",  "u64",  "f32",  "f64", "s",  "b",  "h",  "sd",
+        "sbs",   "ai32",  "au32", "ai64", "au64", "af32", "af64", "as",  "ab", "ah", "asd"};
+    for (int t = QX_INT32; t <= QX_SD_PTR_ARRAY; ++t) {
+        specs[0].columns.push_back({kNames[t], static_cast<qx_data_type_t>(t),
+                                    SR_STANDARD | (t == QX_UINT32 ? SR_PROTECTED : 0u)});
+    }
+    specs[1].leaf = "text";
+    specs[1].columns = {{"name", QX_CHAR_PTR, SR_PRIMARY_KEY},
+                        {"v", QX_UINT64, SR_STANDARD | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED},
+                        {"tags", QX_CHAR_PTR_ARRAY, SR_STANDARD}};
+    specs[2].leaf = "handles";
+    specs[2].columns = {{"h", QX_RSRC_HANDLE_PTR, SR_PRIMARY_KEY},
+                        {"n", QX_INT64, SR_STANDARD},
+                        {"blob", QX_BINARY_PTR, SR_STANDARD}};
+    return specs;
+}
+
+inline std::vector<sr_column_t> column_definitions(Arena &arena, const TableSpec &spec) {
+    std::vector<sr_column_t> columns(spec.columns.size());
+    for (size_t i = 0; i < spec.columns.size(); ++i) {
+        sr_column_t &c = columns[i];
+        c.name = arena.text(spec.columns[i].name);
+        c.type = spec.columns[i].type;
+        c.qualifier = spec.columns[i].qualifier;
+        c.properties = static_cast<qx_int32_t>(i * 3) - 2;
+        c.sd_defn =
+            (c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY) ? sd_definition(arena) : nullptr;
+        // Every column but the key has a default of its own.
+        c.default_value =
+            i == 0 ? qx_value_t{} : make_value(arena, c.type, 900 + static_cast<qx_uint32_t>(i));
+    }
+    return columns;
+}
+
+// Adds the row of `seed` (every column given).  Returns the library's code.
+inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableSpec &spec,
+                   qx_uint32_t seed) {
+    std::vector<qx_char_ptr_t> names;
+    std::vector<qx_value_t> values(spec.columns.size());
+    std::vector<qx_value_t *> pointers;
+    for (size_t i = 0; i < spec.columns.size(); ++i) {
+        names.push_back(const_cast<char *>(spec.columns[i].name));
+        values[i] =
+            make_value(arena, spec.columns[i].type, seed * 100 + static_cast<qx_uint32_t>(i));
+        pointers.push_back(&values[i]);
+    }
+    return sr_add_row_1(table, names.data(), pointers.data(),
+                        static_cast<qx_uint32_t>(names.size()));
+}
+
+// Creates the tables under `prefix` (explicitly controlled) with 5 committed
+// rows each, then leaves uncommitted: row 1 updated, row 3 deleted, rows 5
+// and 6 added.  Returns 0 or the first failing code.
+inline int build_tables(sr_opaque_handle_t tree, const std::string &prefix, Arena &arena,
+                        std::vector<sr_opaque_handle_t> *p_handles) {
+    for (const TableSpec &spec : table_specs()) {
+        std::vector<sr_column_t> columns = column_definitions(arena, spec);
+        sr_opaque_handle_t table = nullptr;
+        std::string path = prefix + "/" + spec.leaf;
+        int rc = sr_create_table_1(tree, arena.text(path), columns.data(),
+                                   static_cast<qx_uint32_t>(columns.size()),
+                                   SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, &table);
+        if (rc != 0) return rc;
+        p_handles->push_back(table);
+        for (qx_uint32_t seed = 0; seed < 5; ++seed) {
+            if ((rc = add_row(table, arena, spec, seed)) != 0) return rc;
+        }
+        if ((rc = sr_apply_1(table, 0)) != 0 || (rc = sr_commit_1(table)) != 0) return rc;
+        qx_value_t updated = make_value(arena, spec.columns.back().type, 4242);
+        rc = sr_set_field_by_fixed_index_1(table, 1, const_cast<char *>(spec.columns.back().name),
+                                           &updated);
+        if (rc != 0) return rc;
+        if ((rc = sr_delete_row_by_index_1(table, 3)) != 0) return rc;
+        for (qx_uint32_t seed = 5; seed < 7; ++seed) {
+            if ((rc = add_row(table, arena, spec, seed)) != 0) return rc;
+        }
+    }
+    return 0;
+}
+
+// A table as text: its metadata (structured defaults, which do not travel,
+// left out) and, in fixed-index order, every field of every row of the view.
+inline std::string render_table(sr_opaque_handle_t table, qx_uint32_t view_applied) {
+    std::string out;
+    sr_table_metadata_t *p_metadata = nullptr;
+    int rc = sr_get_table_metadata_1(table, -1, &p_metadata);
+    if (rc != 0) return "metadata failed: " + std::to_string(rc) + "\n";
+    out += "columns " + std::to_string(p_metadata->number_of_columns) + "\n";
+    // The names outlive the metadata they are copied from.
+    std::vector<std::string> name_texts;
+    std::vector<qx_data_type_t> types;
+    for (qx_uint32_t c = 0; c < p_metadata->number_of_columns; ++c) {
+        const sr_column_t &column = p_metadata->column_definitions[c];
+        name_texts.push_back(column.name);
+        types.push_back(column.type);
+        out += std::string("  ") + column.name + " type " + std::to_string(column.type) +
+               " qualifier " + std::to_string(column.qualifier) + " properties " +
+               std::to_string(column.properties);
+        if (column.sd_defn != nullptr) {
+            out += " fields";
+            for (qx_uint32_t f = 0; f < column.sd_defn->number_of_fields; ++f) {
+                out += std::string(" ") + column.sd_defn->field_def[f].name + ":" +
+                       std::to_string(column.sd_defn->field_def[f].type);
+            }
+        }
+        if (c != 0 && column.type != QX_SD_PTR && column.type != QX_SD_PTR_ARRAY) {
+            out += " default " + render(column.type, column.default_value);
+        }
+        out += "\n";
+    }
+    sr_free_table_metadata_1(p_metadata);
+    std::vector<qx_char_ptr_t> names;
+    for (std::string &name : name_texts) names.push_back(name.data());
+    std::vector<qx_value_t> values(names.size());
+    std::vector<qx_value_t *> pointers;
+    for (qx_value_t &v : values) pointers.push_back(&v);
+    for (qx_int32_t f = 0;; ++f) {
+        sr_row_state_t state;
+        rc = sr_get_fields_by_fixed_index_and_visibility_1(table, f, names.data(), pointers.data(),
+                                                           static_cast<qx_uint32_t>(names.size()),
+                                                           view_applied, &state);
+        if (rc == SR_E_NO_ROW_FOR_INDEX) break;
+        if (rc == SR_E_ROW_DELETED) continue;
+        if (rc != 0) return out + "read failed: " + std::to_string(rc) + "\n";
+        out += "row";
+        for (size_t c = 0; c < names.size(); ++c) out += " " + render(types[c], values[c]);
+        out += "\n";
+    }
+    return out;
+}
+
+// Rows a description lists, or -1 when it records a failure.
+inline int described_rows(const std::string &description) {
+    if (description.find("failed") != std::string::npos) return -1;
+    int rows = 0;
+    for (size_t at = 0; (at = description.find("\nrow ", at)) != std::string::npos; ++at) ++rows;
+    return rows;
+}
+
+}  // namespace qxcross
+
+#endif  // QX_TESTS_CROSS_CROSS_TABLES_H
