@@ -66,6 +66,7 @@ const Command *table_commands(int *p_count);
 const Command *row_commands(int *p_count);
 const Command *manage_commands(int *p_count);
 const Command *select_commands(int *p_count);
+const Command *pack_commands(int *p_count);
 
 }  // namespace qxsr
 
