@@ -15,40 +15,6 @@ SR_SOURCE_FILE("sr/sr_i_open_table", "1.1");
 
 namespace {
 
-// Exchanges the loaded contents of two records of one table, leaving each
-// record its identity (name, references, lock, mode, change lists, file path,
-// application metadata), so that every holder of the shared record sees the
-// fresh contents and closing the other record frees the old ones.
-void swap_table_contents(sr_i_table_t *p_table, sr_i_table_t *p_new_table) {
-    auto swap = [](auto &a, auto &b) {
-        auto t = a;
-        a = b;
-        b = t;
-    };
-    swap(p_table->p_metadata_record_data, p_new_table->p_metadata_record_data);
-    swap(p_table->p_columns, p_new_table->p_columns);
-    swap(p_table->total_columns, p_new_table->total_columns);
-    swap(p_table->total_variable_length_columns, p_new_table->total_variable_length_columns);
-    swap(p_table->maximum_rows, p_new_table->maximum_rows);
-    swap(p_table->total_applied_rows, p_new_table->total_applied_rows);
-    swap(p_table->total_committed_rows, p_new_table->total_committed_rows);
-    swap(p_table->p_rows_fixed_index, p_new_table->p_rows_fixed_index);
-    swap(p_table->p_rows_packed_index, p_new_table->p_rows_packed_index);
-    swap(p_table->uncommitted_updates_visible, p_new_table->uncommitted_updates_visible);
-    swap(p_table->change_counter, p_new_table->change_counter);
-    swap(p_table->commit_record_offset, p_new_table->commit_record_offset);
-    swap(p_table->applied_commit_record_offset, p_new_table->applied_commit_record_offset);
-    swap(p_table->commit_record_length, p_new_table->commit_record_length);
-    swap(p_table->applied_commit_record_length, p_new_table->applied_commit_record_length);
-    swap(p_table->file_length, p_new_table->file_length);
-    swap(p_table->rewrite_file_length, p_new_table->rewrite_file_length);
-    swap(p_table->file_fd, p_new_table->file_fd);
-    swap(p_table->rewrite_file_fd, p_new_table->rewrite_file_fd);
-    swap(p_table->record_buffer_pool, p_new_table->record_buffer_pool);
-    swap(p_table->p_rows_hash_table, p_new_table->p_rows_hash_table);
-    swap(p_table->p_rows_free_chain, p_new_table->p_rows_free_chain);
-}
-
 // A reader's record becomes a writer's: the file is read again with write
 // access (which takes the file lock) and the fresh contents go into the
 // shared record.  Caller holds the tree's and the table's write locks.
@@ -65,7 +31,9 @@ qx_int32_t reload_for_write(sr_i_table_t *p_table, qx_uint32_t mode) {
         p_table->p_tree, p_table->p_persistent_table_registry_path, sr_i_set_data_path(p_table),
         mode, p_table->block_size, p_hash_table, &p_fresh);
     if (rc != 0) return rc;
-    swap_table_contents(p_table, p_fresh);
+    // Every holder of the shared record sees the reloaded contents; the fresh
+    // record leaves with the old ones.
+    sr_i_swap_after_metadata_update(p_table, p_fresh);
     // The old read-only descriptor goes with the old contents; the register
     // of data files keeps it open while this record holds the file's lock.
     sr_i_close_table(p_fresh);

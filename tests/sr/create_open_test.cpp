@@ -386,6 +386,26 @@ class OpenTableTest : public qxtest::TableTest {
         EXPECT_EQ(sr_open_table_1(tree_, Text(path), mode, &table), expected) << path << mode;
         return static_cast<sr_i_table_t *>(table);
     }
+    // Adds (key, value) through the exported call.
+    static qx_int32_t Add(sr_opaque_handle_t table, qx_int64_t key, qx_int64_t value) {
+        char key_name[] = "k";
+        char value_name[] = "c1";
+        qx_char_ptr_t names[2] = {key_name, value_name};
+        qx_value_t values[2] = {};
+        values[0].val_int64 = key;
+        values[1].val_int64 = value;
+        qx_value_t *p_values[2] = {&values[0], &values[1]};
+        return sr_add_row_1(table, names, p_values, 2);
+    }
+    // Column c1 of the row with key `key`, or -1.
+    static qx_int64_t ValueOf(sr_opaque_handle_t table, qx_int64_t key) {
+        qx_value_t row_key{};
+        row_key.val_int64 = key;
+        qx_value_t result{};
+        char name[] = "c1";
+        if (sr_get_field_by_key_1(table, row_key, name, &result) != 0) return -1;
+        return result.val_int64;
+    }
 };
 
 TEST_F(OpenTableTest, ModesAreNormalisedOrRefused) {
@@ -519,6 +539,38 @@ TEST_F(OpenTableTest, TransientTableOutlivesItsLastCloseUntilDeleted) {
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
     Open("/t", 2, 200);
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 200);
+}
+
+TEST_F(OpenTableTest, TransientTableIsReopenedWithItsRows) {
+    sr_i_table_t *p_table = Create("/t", ScalarColumns(2));
+    ASSERT_EQ(Add(p_table, 1, 10), 0);
+    ASSERT_EQ(Add(p_table, 2, 20), 0);
+    ASSERT_EQ(sr_close_table_1(p_table), 0);
+    sr_i_table_t *p_again = Open("/t", 1);
+    ASSERT_EQ(p_again, p_table);
+    EXPECT_EQ(p_again->total_committed_rows, 2u);
+    EXPECT_EQ(ValueOf(p_again, 1), 10);
+    EXPECT_EQ(ValueOf(p_again, 2), 20);
+    EXPECT_EQ(Add(p_again, 3, 30), 206);  // opened for read this time
+    EXPECT_EQ(sr_close_table_1(p_again), 0);
+}
+
+TEST_F(OpenTableTest, RowsWrittenByOneTreeAreReadByAnother) {
+    sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2));
+    for (int k = 1; k <= 50; ++k) ASSERT_EQ(Add(p_table, k, k * 10), 0);
+    ASSERT_EQ(sr_delete_row_by_index_1(p_table, 0), 0);
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    sr_opaque_handle_t reader = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 1, &reader), 0);
+    auto *p_reader = static_cast<sr_i_table_t *>(reader);
+    EXPECT_EQ(p_reader->total_committed_rows, 49u);
+    EXPECT_EQ(p_reader->change_counter, p_table->change_counter);
+    EXPECT_EQ(ValueOf(reader, 1), -1);
+    EXPECT_EQ(ValueOf(reader, 2), 20);
+    EXPECT_EQ(ValueOf(reader, 50), 500);
+    sr_close_tree_1(other);
 }
 
 TEST_F(OpenTableTest, TransientTableDeletedWhileOpenLivesUntilItsLastClose) {
