@@ -151,6 +151,27 @@ TEST_F(CrashConcurrencyTest, KilledAfterTheRenameOfARewriteShowsTheNewState) {
     EXPECT_EQ(FileRecords(ReadBytes(File("t"))).size(), 1u + After(old_, 1).size() + 1);
 }
 
+// The exported call's frame runs the implicit cycle with the same steps.
+qx_int32_t AddThroughTheCall(sr_i_table_t *p_table) {
+    char key_name[] = "k";
+    char value_name[] = "c1";
+    qx_char_ptr_t names[2] = {key_name, value_name};
+    qx_value_t values[2] = {};
+    values[0].val_int64 = 77;
+    values[1].val_int64 = 7;
+    qx_value_t *p_values[2] = {&values[0], &values[1]};
+    return sr_add_row_1(p_table, names, p_values, 2);
+}
+
+TEST_F(CrashConcurrencyTest, ExportedAddKilledBeforeCommitIsLostAndAfterTheSwitchIsKept) {
+    Kill(StopChildAt("implicit-applied", 2, AddThroughTheCall));
+    EXPECT_EQ(Reopened("t"), old_);
+    Kill(StopChildAt("commit-written", 2, AddThroughTheCall));
+    State with_row = old_;
+    with_row[77] = R(77, {7, 102});  // c2 takes its default
+    EXPECT_EQ(Reopened("t"), with_row);
+}
+
 TEST_F(CrashConcurrencyTest, PausePointCanLeaveAMarkerAndWaitToBeKilled) {
     const std::string marker = tmp_.file("marker");
     pid_t pid = fork();
