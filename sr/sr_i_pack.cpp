@@ -36,7 +36,6 @@ namespace {
 constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 constexpr qx_uint64_t kHead = SR_I_PACKED_HEAD_LENGTH;
 constexpr qx_uint64_t kTableSlots = SR_I_PACKED_TABLE_SLOTS_LENGTH;
-constexpr qx_uint32_t kMetadataFixed = 16;
 
 // Fixed metadata elements and column metadata elements, in order.
 constexpr qx_uint32_t kFixedElements = 5;
@@ -615,6 +614,9 @@ qx_int32_t sr_i_unpack_column_definitions(const qx_array_t *p_column_metadata_ar
         // As it stands: a pointer into the unpacked value for pointer types,
         // and 0 (no default) for structured data, whose defaults stay behind.
         column.default_value = p_sd->elements[4].value;
+        // Whatever a damaged buffer says there, a structured column has no
+        // default pointer to follow.
+        if (is_structured(column.type)) column.default_value.val_uint64 = 0;
         column.sd_defn = nullptr;
         if (p_sd->element_count <= kColumnElements) continue;
         const qx_uint32_t fields = p_sd->elements[5].value.val_uint32;

@@ -30,6 +30,11 @@ qx_uint32_t U32(const void *p) {
     return v;
 }
 
+std::string ReadFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 // A malloc'd buffer released at scope end.
 struct Buffer {
     void *p = nullptr;
@@ -370,6 +375,49 @@ TEST_F(PackTest, StructuredDataDefaultsUnpackWithNoDefault) {
     sr_close_tree_1(receiver);
 }
 
+TEST_F(PackTest, DamagedStructuredDefaultIsNeverFollowed) {
+    auto tables = Tables();
+    Buffer buffer;
+    ASSERT_EQ(Pack({tables[0]}, {0}, &buffer), 0);
+    // Column 10 ("sd") carries its default as the 32-bit 0: make it a word
+    // that would be an address if it were believed.
+    char *area = buffer.bytes() + 72;
+    char *columns_form = area + U32(buffer.bytes() + 56);
+    char *sd_form = columns_form + U32(columns_form + 8 + 8 * 10);
+    ASSERT_EQ(U32(sd_form), 6u + 2u);
+    ASSERT_EQ(U32(sd_form + 8 + 16 * 4), static_cast<qx_uint32_t>(QX_UINT32));
+    const qx_uint32_t garbage = 0xDEADBEEF;
+    std::memcpy(sd_form + 8 + 16 * 4 + 8, &garbage, 4);
+    sr_opaque_handle_t receiver = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&receiver, 0, 0), 0);
+    sr_opaque_handle_t unpacked = nullptr;
+    ASSERT_EQ(sr_unpack_table_1(buffer.p, 0, nullptr, nullptr, receiver, 0, &unpacked), 0);
+    sr_table_metadata_t *p_metadata = nullptr;
+    ASSERT_EQ(sr_get_table_metadata_1(unpacked, -1, &p_metadata), 0);
+    EXPECT_EQ(p_metadata->column_definitions[10].default_value.ptr_sd->element_count, 0u);
+    sr_free_table_metadata_1(p_metadata);
+    sr_close_table_1(unpacked);
+    sr_close_tree_1(receiver);
+}
+
+// The s390x buffer, converted, is byte for byte the buffer this machine
+// packs from the same tables, once the head's marker slots (which
+// conversion leaves as the packer wrote them) are set the same way.
+TEST_F(PackTest, ConvertedBigEndianBufferIsTheBufferPackedHere) {
+    auto tables = Tables("/cross");
+    Buffer local;
+    ASSERT_EQ(Pack(tables, {0, 0, 0}, &local), 0);
+    std::string bytes =
+        ReadFile(std::string(QX_TEST_SOURCE_DIR) + "/tests/cross/data/s390x_committed.buf");
+    ASSERT_EQ(bytes.size(), local.length());
+    void *p = std::malloc(bytes.size());
+    std::memcpy(p, bytes.data(), bytes.size());
+    ASSERT_EQ(sr_convert_packed_table_buffer_1(p, 0, 0), 0);
+    std::memcpy(static_cast<char *>(p) + 16, local.bytes() + 16, 16);
+    EXPECT_EQ(0, std::memcmp(p, local.p, bytes.size()));
+    std::free(p);
+}
+
 TEST_F(PackTest, MisalignedBufferUnpacksAndReadsTheSame) {
     auto tables = Tables();
     Buffer buffer;
@@ -449,11 +497,6 @@ TEST_F(PackTest, BufferNeedingNoConversionIsLeftAlone) {
     std::memset(buffer.bytes() + 16, 0x77, 4);
     EXPECT_EQ(sr_convert_packed_table_buffer_1(buffer.p, 0, 0), 11);
     EXPECT_NE(qxtest::last_error().message.find("qx_pmsg_cnv_required"), std::string::npos);
-}
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // Buffers packed on a big-endian machine (kept with the sources, made by the
