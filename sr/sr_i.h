@@ -920,6 +920,11 @@ qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
 
 /* --- copying, moving and removing (sr_i_duplicate_table.cpp) --- */
 
+/* Test pause points of table management (see sr_i_test_pause):
+ * "copy-before-rename" (a copy's complete image synced, not yet renamed over
+ * the target) and "schema-applied" (a rebuilt table written to the rewrite
+ * file, its commit not yet begun). */
+
 /* The work of the four copy and move calls; the caller holds ForkMutex.
  * Takes the tree's write lock, the source record's read lock and, for a file
  * target, the directory's ",Lock" file and the target file's lock. */

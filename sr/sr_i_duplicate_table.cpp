@@ -238,6 +238,25 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
     return unlock_rc;
 }
 
+// The copy of a source address, trying first the buffer the previous
+// address lay in: rows added one after another lie in the same buffer, and a
+// pool of many buffers would otherwise make the remapping of every row a
+// walk over all of them.
+char *map_address(const sr_i_record_buffer_pool_duplication_map_t *p_map, const char *p_from,
+                  qx_uint32_t *p_hint) {
+    const qx_uint32_t i = *p_hint;
+    if (i < p_map->total && p_map->p_begin[i] <= p_from && p_from < p_map->p_end[i]) {
+        return const_cast<char *>(p_from) + p_map->p_offset[i];
+    }
+    for (qx_uint32_t j = 0; j < p_map->total; ++j) {
+        if (p_map->p_begin[j] <= p_from && p_from < p_map->p_end[j]) {
+            *p_hint = j;
+            return const_cast<char *>(p_from) + p_map->p_offset[j];
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 qx_int32_t sr_i_lock_tree(const char *p_absolute_path, int lock_type, qx_int32_t *p_fd) {
@@ -396,16 +415,16 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
         // The copy holds the working version of every row, committed; other
         // versions are given back to its pool.  Rows keep their fixed index.
         qx_uint32_t live = 0;
+        qx_uint32_t hint = 0;
         for (qx_uint32_t f = 0; f < p_new->maximum_rows && rc == 0; ++f) {
             const sr_i_index_entry_t &from = p_source->p_rows_fixed_index[f];
             sr_i_index_entry_t &to = p_new->p_rows_fixed_index[f];
             std::memset(&to, 0, sizeof to);
-            char *p_applied = from.p_applied != nullptr
-                                  ? sr_i_rb_map_duplicated_address(p_map, from.p_applied)
-                                  : nullptr;
+            char *p_applied =
+                from.p_applied != nullptr ? map_address(p_map, from.p_applied, &hint) : nullptr;
             if (from.p_committed != nullptr && from.p_committed != from.p_applied) {
                 rc = sr_i_rb_free_record(&p_new->record_buffer_pool,
-                                         sr_i_rb_map_duplicated_address(p_map, from.p_committed));
+                                         map_address(p_map, from.p_committed, &hint));
             }
             if (p_applied != nullptr) {
                 to.p_applied = p_applied;

@@ -193,6 +193,19 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
     }
     sr_hash_table_t *p_index = nullptr;
     if (rc == 0) rc = open_index_like(p_table, &p_index);
+    // The keys come from a table that has already checked them.  Without a
+    // hashed index every added row would search all rows before it for its
+    // key, so the copy runs with the check off and the key's qualifier is
+    // put back before the new table is written or used.
+    sr_qualifier_t key_qualifier = 0;
+    if (rc == 0) {
+        key_qualifier = p_columns[0].qualifier;
+        if ((key_qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+            p_columns[0].qualifier =
+                (key_qualifier & ~static_cast<sr_qualifier_t>(SR_QUALIFIER_BASE_MASK)) |
+                SR_PRIMARY_KEY_NOCHECK;
+        }
+    }
     sr_i_table_t *p_new = nullptr;
     if (rc == 0) {
         rc = sr_i_create_transient_table(p_table->p_tree, nullptr, p_columns,
@@ -201,6 +214,9 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
     }
     if (rc == 0) {
         rc = copy_rows(p_table, p_new, p_old_names, p_new_names, old_total);
+        std::memcpy(
+            reinterpret_cast<char *>(&p_new->p_columns[0]) + offsetof(sr_column_t, qualifier),
+            &key_qualifier, sizeof key_qualifier);
         if (rc != 0) sr_i_close_table(p_new);
     }
     std::free(p_new_names);

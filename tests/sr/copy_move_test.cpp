@@ -149,6 +149,13 @@ TEST_F(CopyMoveTest, EveryCombinationOfMemoryAndFileCarriesTheRows) {
     EXPECT_EQ(RowsOf("/m/f"), Expected({1, 2, 3}));
     EXPECT_EQ(Rows(p_f3), Expected({1, 2, 3, 50}));
 
+    // An open file table copied by handle: its pool, read from the file,
+    // is duplicated too.
+    sr_i_table_t *p_open = Open("/m/f");
+    ASSERT_EQ(sr_copy_table_by_handle_1(p_open, Text("/t/f4"), 0), 0);
+    EXPECT_EQ(RowsOf("/t/f4"), Expected({1, 2, 3}));
+    EXPECT_EQ(Rows(p_open), Expected({1, 2, 3}));
+
     // The copies keep column names and change counters.
     sr_table_metadata_t *p_metadata = nullptr;
     ASSERT_EQ(sr_get_table_metadata_1(p_f3, -1, &p_metadata), 0);

@@ -118,11 +118,13 @@ TEST_F(SchemaTest, AddedColumnIsInEveryHandleAndTheFileIsRewrittenWhole) {
     // One committed change: the counter moves on by one, in memory and file.
     EXPECT_EQ(Counter(p_table), counter + 1);
 
-    // The table goes on working on its new file.
+    // The table goes on working on its new file, and still checks its keys.
+    EXPECT_EQ(Add(p_table, {{"k", I64(1)}}), 108);
     ASSERT_EQ(Add(p_table, {{"k", I64(9)}, {"extra", I32(5)}}), 0);
     p_table = Reopen(p_table, "/m/t");
     EXPECT_EQ(Counter(p_table), counter + 2);
     EXPECT_EQ(ColumnNames(p_table), (std::vector<std::string>{"k", "s", "n", "extra", "label"}));
+    EXPECT_EQ(p_table->p_columns[0].qualifier, static_cast<sr_qualifier_t>(SR_PRIMARY_KEY));
     qx_value_t v{};
     ASSERT_EQ(sr_get_field_by_key_1(p_table, I64(9), Text("extra"), &v), 0);
     EXPECT_EQ(v.val_int32, 5);
