@@ -179,33 +179,39 @@ char *sr_i_strdup(const char *p_text) {
 
 qx_int32_t sr_i_reserve_metadata_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
                                         qx_uint32_t data_length, char **p_record_data) {
+    // Room for the record and a short record of 12 to 19 bytes in front of
+    // it, which is taken and freed again when the column array (12 + 16
+    // bytes into the record) would otherwise be misaligned.  In a fresh pool
+    // the room starts 8-aligned; in a used one it may start anywhere.
+    constexpr qx_uint32_t kMostPadding = kHeader + 7;
     char *p_data = nullptr;
     char *p_previous = nullptr;
     qx_uint32_t room = 0;
-    // Room for the record and a 12-byte record in front of it, which is
-    // taken and freed again when the column array would otherwise be
-    // misaligned: the first record of a buffer starts 8-aligned, so its
-    // column array (12 + 16 bytes in) would not be.
-    qx_int32_t rc = sr_i_rb_find_suitable_record(p_record_buffer_pool, data_length + kHeader,
+    qx_int32_t rc = sr_i_rb_find_suitable_record(p_record_buffer_pool, data_length + kMostPadding,
                                                  &p_data, &p_previous, &room);
     if (rc != 0) return rc;
-    char *p_header = p_data - kHeader;
-    if ((reinterpret_cast<uintptr_t>(p_header) + kHeader + kMetadataFixed) % 8 != 0) {
-        rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_data, p_previous, 0,
+    const uintptr_t misalignment =
+        (reinterpret_cast<uintptr_t>(p_data) + kMetadataFixed) % alignof(sr_column_t);
+    if (misalignment == 0) {
+        rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_data, p_previous, data_length,
                                      SR_I_RECORD_TYPE_METADATA);
         if (rc != 0) return rc;
-        char *p_metadata = nullptr;
-        rc = sr_i_reserve_record(p_record_buffer_pool, data_length, SR_I_RECORD_TYPE_METADATA,
-                                 &p_metadata);
-        sr_i_rb_free_record(p_record_buffer_pool, p_data);
-        if (rc != 0) return rc;
-        *p_record_data = p_metadata;
+        *p_record_data = p_data;
         return 0;
     }
-    rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_data, p_previous, data_length,
+    qx_uint32_t padding = static_cast<qx_uint32_t>(alignof(sr_column_t) - misalignment);
+    while (padding < kHeader) padding += alignof(sr_column_t);
+    // The short record takes the front of the room; the free rest follows it
+    // in the chain, after the same predecessor.
+    rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_data, p_previous, padding - kHeader,
                                  SR_I_RECORD_TYPE_METADATA);
     if (rc != 0) return rc;
-    *p_record_data = p_data;
+    char *p_metadata = p_data + padding;
+    rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_metadata, p_previous, data_length,
+                                 SR_I_RECORD_TYPE_METADATA);
+    sr_i_rb_free_record(p_record_buffer_pool, p_data);
+    if (rc != 0) return rc;
+    *p_record_data = p_metadata;
     return 0;
 }
 

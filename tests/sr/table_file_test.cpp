@@ -556,4 +556,36 @@ TEST_F(TableFileTest, EveryAllocationFailureOfALoadIs12) {
     EXPECT_TRUE(loaded);
 }
 
+// Wherever the pool's free room starts, a metadata record is placed so that
+// its column array can be used as an sr_column_t array in place.
+TEST_F(TableFileTest, MetadataRecordIsPlacedForAnAlignedColumnArrayInAnyPool) {
+    for (qx_uint32_t shift = 0; shift < 16; ++shift) {
+        sr_i_record_buffer_pool_t pool{};
+        char *p_first = nullptr;
+        ASSERT_EQ(sr_i_reserve_record(&pool, 100 + shift, 2, &p_first), 0);
+        char *p_metadata = nullptr;
+        ASSERT_EQ(sr_i_reserve_metadata_record(&pool, 200, &p_metadata), 0) << shift;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p_metadata + 16) % alignof(sr_column_t), 0u) << shift;
+        EXPECT_EQ(sr_i_record_type(p_metadata - 12), SR_I_RECORD_TYPE_METADATA);
+        EXPECT_GE(sr_i_record_length(p_metadata - 12), 212u);
+        // A second one in the same, now fragmented, pool.
+        char *p_second = nullptr;
+        ASSERT_EQ(sr_i_reserve_metadata_record(&pool, 64 + shift, &p_second), 0) << shift;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p_second + 16) % alignof(sr_column_t), 0u) << shift;
+        // Every record of the pool is still walked by length, and the short
+        // records went back on the free chain.
+        qx_uint64_t free_data = 0;
+        for (sr_i_record_buffer_t *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) {
+            char *p_record = sr_i_rb_buffer_data(p);
+            while (p_record < sr_i_rb_buffer_end(p)) {
+                if (sr_i_record_type(p_record) == 0) free_data += sr_i_record_length(p_record) - 12;
+                p_record += sr_i_record_length(p_record);
+            }
+            EXPECT_EQ(p_record, sr_i_rb_buffer_end(p));
+        }
+        EXPECT_EQ(pool.used_bytes, pool.total_bytes - free_data);
+        sr_i_rb_uninitialize_record_buffer_pool(&pool);
+    }
+}
+
 }  // namespace
