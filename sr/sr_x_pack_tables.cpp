@@ -45,6 +45,11 @@ extern "C" qx_int32_t sr_pack_tables_1(qx_uint32_t total_tables,
         rc = sr_i_rw_lock_read(&p_tables[total_locked]->lock);
         if (rc == 0) ++total_locked;
     }
+    // A lock that could not be taken: give back the ones held, last first.
+    if (rc != 0) {
+        unlock_tables(p_tables, total_locked);
+        total_locked = 0;
+    }
     qx_uint32_t *p_view_applied = nullptr;
     if (rc == 0) {
         // A table whose readers see uncommitted updates is packed that way too.
@@ -60,12 +65,8 @@ extern "C" qx_int32_t sr_pack_tables_1(qx_uint32_t total_tables,
                               p_row_fixed_indices, p_p_buffer);
     }
     std::free(p_view_applied);
-    if (rc == 0) {
-        // Released in array order once the buffer is complete.
-        for (qx_uint32_t i = 0; i < total_locked; ++i) sr_i_rw_unlock_read(&p_tables[i]->lock);
-    } else {
-        unlock_tables(p_tables, total_locked);
-    }
+    // Once packing is over, done or failed, the locks go in array order.
+    for (qx_uint32_t i = 0; i < total_locked; ++i) sr_i_rw_unlock_read(&p_tables[i]->lock);
     if (rc == 0) cu_set_no_error_1();
     return sr_i_trace_exit(kEntry, rc);
 }

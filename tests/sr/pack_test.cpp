@@ -418,6 +418,52 @@ TEST_F(PackTest, ConvertedBigEndianBufferIsTheBufferPackedHere) {
     std::free(p);
 }
 
+// Memory that runs out at any allocation of packing or unpacking gives 12,
+// leaves no buffer or table behind and every table unlocked (the next
+// attempt gets through); the first run that meets no failure succeeds.
+TEST_F(PackTest, EveryAllocationFailureGives12AndLeavesNothingBehind) {
+    auto tables = Tables();
+    Buffer whole;
+    ASSERT_EQ(Pack(tables, {1, 0, 1}, &whole), 0);
+    int failures = 0;
+    for (qx_int64_t n = 0;; ++n) {
+        Buffer buffer;
+        sr_i_alloc_fail_after(n);
+        const int rc = Pack(tables, {1, 0, 1}, &buffer);
+        const bool failed = sr_i_alloc_failure_pending() == 0 && rc != 0;
+        sr_i_alloc_fail_after(-1);
+        if (rc == 0) {
+            EXPECT_EQ(0, std::memcmp(buffer.p, whole.p, whole.length()));
+            break;
+        }
+        ASSERT_TRUE(failed) << n;
+        ASSERT_EQ(rc, 12) << n;
+        EXPECT_EQ(buffer.p, nullptr);
+        ++failures;
+    }
+    EXPECT_GT(failures, 5);
+    // No read lock was left behind: a writer gets every table.
+    for (sr_opaque_handle_t table : tables) EXPECT_EQ(sr_abort_1(table), 0);
+    sr_opaque_handle_t receiver = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&receiver, 0, 0), 0);
+    failures = 0;
+    for (qx_int64_t n = 0;; ++n) {
+        sr_opaque_handle_t unpacked = nullptr;
+        sr_i_alloc_fail_after(n);
+        const int rc = sr_unpack_table_1(whole.p, 0, nullptr, nullptr, receiver, 0, &unpacked);
+        sr_i_alloc_fail_after(-1);
+        if (rc == 0) {
+            EXPECT_EQ(qxcross::described_rows(qxcross::render_table(unpacked, 0)), 6);
+            sr_close_table_1(unpacked);
+            break;
+        }
+        ASSERT_EQ(rc, 12) << n;
+        ++failures;
+    }
+    EXPECT_GT(failures, 5);
+    sr_close_tree_1(receiver);
+}
+
 TEST_F(PackTest, MisalignedBufferUnpacksAndReadsTheSame) {
     auto tables = Tables();
     Buffer buffer;
