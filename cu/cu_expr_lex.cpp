@@ -260,6 +260,10 @@ void lex(Lexer *lx, Token *t) {
     t->pos = lx->pos;
     t->u = 0;
     t->d = 0;
+    t->name = 0;
+    t->name_len = 0;
+    t->pool_off = 0;
+    t->pool_len = 0;
     if (lx->pos >= lx->length) {
         t->type = kTokEnd;
         t->len = 0;
