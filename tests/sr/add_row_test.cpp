@@ -3,6 +3,7 @@
 // with its self-match, the hashed one with revival), the pending change
 // lists, rows added and deleted in one transaction, durability of an
 // implicit add, and a table left exactly as it was by every failure.
+#include <errno.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -293,6 +294,33 @@ TEST_F(AddRowTest, ImplicitAddIsInTheFileBeforeTheCallReturns) {
     EXPECT_EQ("five", TextOf(static_cast<sr_i_table_t *>(reader), 5));
     EXPECT_EQ(50, IntOf(static_cast<sr_i_table_t *>(reader), 5));
     ASSERT_EQ(0, sr_close_tree_1(other_tree));
+}
+
+TEST_F(AddRowTest, FailedImplicitApplyLeavesTheTableAtItsLastCommit) {
+    sr_i_table_t *p_table = Make("/m/full", 2, true);
+    ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
+    sr_i_file_ops.p_writev = [](int, const struct iovec *, int) -> ssize_t {
+        errno = ENOSPC;
+        return -1;
+    };
+    sr_i_file_ops.p_write = [](int, const void *, size_t) -> ssize_t {
+        errno = ENOSPC;
+        return -1;
+    };
+    EXPECT_EQ(13, AddRow(p_table, 2, "two", 2));
+    sr_i_file_ops = sr_i_default_file_ops;
+    EXPECT_EQ(0u, p_table->ready_for_commit);
+    EXPECT_EQ(1u, p_table->total_applied_rows);
+    EXPECT_EQ(nullptr, p_table->p_rows_change_list);
+    EXPECT_EQ("<202>", TextOf(p_table, 2, 1));
+    // The key is free again and the table takes the row now.
+    ASSERT_EQ(0, AddRow(p_table, 2, "two", 2));
+    ASSERT_EQ(0, sr_close_table_1(p_table));
+    sr_opaque_handle_t reopened = nullptr;
+    ASSERT_EQ(0, sr_open_hashed_key_table_1(tree_, Text("/m/full"), SR_MODE_READ, 1024,
+                                            qxtest::HashI64, qxtest::CompareI64, &reopened));
+    EXPECT_EQ("one", TextOf(static_cast<sr_i_table_t *>(reopened), 1));
+    EXPECT_EQ("two", TextOf(static_cast<sr_i_table_t *>(reopened), 2));
 }
 
 TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {

@@ -386,6 +386,8 @@ TEST_F(GetValuesConcurrencyTest, ReadersRunBesideAWriterAndSeeWholeVersions) {
             }
         });
     }
+    // The writer starts once every reader is reading.
+    while (reads.load() < 30) std::this_thread::yield();
     char *names[] = {const_cast<char *>("a"), const_cast<char *>("b")};
     for (int round = 1; round <= 300; ++round) {
         qx_value_t a = I32(round), b = I32(-round);
@@ -395,7 +397,6 @@ TEST_F(GetValuesConcurrencyTest, ReadersRunBesideAWriterAndSeeWholeVersions) {
     stop = true;
     for (std::thread &t : readers) t.join();
     EXPECT_EQ(0, bad.load());
-    EXPECT_GT(reads.load(), 0);
 }
 
 }  // namespace
