@@ -710,7 +710,7 @@ TEST(PackConcurrencyTest, PacksSeveralTablesWhileAnotherThreadWritesThem) {
     auto pack_rounds = [&] {
         qx_uint32_t views[] = {0, 0, 0};
         qx_uint32_t previous = 0;
-        for (int round = 0; round < 80; ++round) {
+        for (int round = 0; round < 40; ++round) {
             void *p = nullptr;
             ASSERT_EQ(sr_pack_tables_1(3, tables.data(), views, nullptr, nullptr, &p), 0);
             const char *b = static_cast<char *>(p);
