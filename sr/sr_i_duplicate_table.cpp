@@ -769,9 +769,13 @@ qx_int32_t sr_i_duplicate_table(sr_opaque_handle_t tree_handle,
         (p_source_name != nullptr && std::strcmp(p_source_name, p_target_resolved) == 0)) {
         return SR_ERROR(201);
     }
-    // An open target with changes in flight cannot be replaced under its
-    // openers.
-    if (p_target != nullptr && has_uncommitted_state(p_target)) return SR_ERROR(209);
+    // An open target with changes in flight cannot be replaced (or, for a
+    // file, read again) under its openers; a memory target that is not to be
+    // replaced is simply refused below.
+    if (p_target != nullptr && has_uncommitted_state(p_target) &&
+        (overwrite_target != 0 || target_block_size != 0)) {
+        return SR_ERROR(209);
+    }
 
     if (d.p_source != nullptr) {
         rc = sr_i_rw_lock_read(&d.p_source->lock);

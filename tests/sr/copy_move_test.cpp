@@ -114,10 +114,14 @@ TEST_F(CopyMoveTest, ExistingTargetIsReplacedOnlyWithOverwrite) {
 
     // In memory the same rule holds.
     Make("/t/a", SR_MODE_WRITE);
-    Make("/t/b", SR_MODE_WRITE);
+    sr_i_table_t *p_old_b = Make("/t/b", SR_MODE_WRITE);
     EXPECT_EQ(CopyByName("/t/a", "/t/b"), 201);
     EXPECT_EQ(CopyByName("/m/src", "/t/b", 1), 0);
     EXPECT_EQ(RowsOf("/t/b"), Expected({1, 2}));
+    // The replaced memory table lives on, like a deleted one, for the handle
+    // that still holds it, and goes with that handle's close.
+    EXPECT_EQ(Rows(p_old_b), Expected({}));
+    EXPECT_EQ(sr_close_table_1(p_old_b), 0);
 }
 
 TEST_F(CopyMoveTest, EveryCombinationOfMemoryAndFileCarriesTheRows) {
@@ -295,6 +299,11 @@ TEST_F(CopyMoveTest, RefusalsAndMissingSources) {
     sr_i_table_t *p_busy = Make("/m/busy", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL);
     ASSERT_EQ(AddRow(p_busy, 1, "pending", 1), 0);
     EXPECT_EQ(CopyByName("/m/a", "/m/busy", 1), 209);
+    EXPECT_EQ(CopyByName("/m/a", "/m/busy", 0), 209);
+    sr_i_table_t *p_memory = Make("/t/busy", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL);
+    ASSERT_EQ(AddRow(p_memory, 1, "pending", 1), 0);
+    EXPECT_EQ(CopyByName("/m/a", "/t/busy", 0), 201);
+    EXPECT_EQ(CopyByName("/m/a", "/t/busy", 1), 209);
 }
 
 TEST_F(CopyMoveTest, FailedCopiesIntoFilesLeaveNoTargetAndNoRewriteFile) {
