@@ -271,10 +271,12 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
     const char *p_area = p_data + area_start;
     qx_uint32_t counted_variable = 0;
     for (qx_uint64_t i = 0; i < total_columns; ++i) {
-        sr_column_t column = sr_i_load_column(
-            reinterpret_cast<const sr_column_t *>(p_data + kMetadataFixed + i * kColumnSize));
-        qx_uint32_t type = static_cast<qx_uint32_t>(column.type);
+        const char *p_entry = p_data + kMetadataFixed + i * kColumnSize;
+        // The type is read as a plain word: until it is checked it need not
+        // be a value of the enumeration.
+        const qx_uint32_t type = sr_i_load_u32(p_entry + offsetof(sr_column_t, type));
         if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(14);
+        sr_column_t column = sr_i_load_column(reinterpret_cast<const sr_column_t *>(p_entry));
         qx_uint64_t name = reinterpret_cast<uintptr_t>(column.name);
         if (name >= area_length ||
             std::memchr(p_area + name, '\0', area_length - name) == nullptr) {
@@ -289,7 +291,8 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
         }
         qx_uint64_t sd = reinterpret_cast<uintptr_t>(column.sd_defn);
         if (sd != 0) {
-            if (sd + 4 > area_length) return SR_ERROR(14);
+            // Offsets are whole 64-bit words here: compare without adding.
+            if (sd > area_length || area_length - sd < 4) return SR_ERROR(14);
             qx_uint32_t fields = sr_i_load_u32(p_area + sd);
             qx_uint64_t at = sd + 4;
             for (qx_uint32_t f = 0; f < fields; ++f) {

@@ -500,12 +500,18 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
     ExpectUnreadable(with(12 + 12, 1, 4), "variable-length count that does not add up");
     ExpectUnreadable(with(array + col + offsetof(sr_column_t, type), 0, 4), "no type");
     ExpectUnreadable(with(array + col + offsetof(sr_column_t, type), 23, 4), "type 23");
+    ExpectUnreadable(with(array + col + offsetof(sr_column_t, type), 0x95959595u, 4),
+                     "type word no type has");
     ExpectUnreadable(with(array + offsetof(sr_column_t, qualifier), SR_STANDARD, 4),
                      "column 0 not a key");
     ExpectUnreadable(with(array + col + offsetof(sr_column_t, name), 1u << 20, 8),
                      "name outside the record");
     ExpectUnreadable(with(array + col + offsetof(sr_column_t, sd_defn), 1u << 20, 8),
                      "definition outside the record");
+    ExpectUnreadable(with(array + col + offsetof(sr_column_t, sd_defn), ~qx_uint64_t{0} - 1, 8),
+                     "definition offset that wraps around");
+    ExpectUnreadable(with(array + col + offsetof(sr_column_t, name), ~qx_uint64_t{0}, 8),
+                     "name offset that wraps around");
     // The last name without its NUL.
     FileImage image = base;
     image.bytes[meta - 1] = 'x';
