@@ -4,13 +4,13 @@
 #define TESTS_TR_TR_TEST_UTIL_H
 
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -93,13 +93,9 @@ inline std::vector<std::string> ReadLines(const std::string &path) {
     return lines;
 }
 
-// time pid tid component content
-inline const std::regex &RecordPattern() {
-    static const std::regex pattern(
-        R"(^(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.(\d{6})Z (\d+) (\d+) (\S+) (.*)$)");
-    return pattern;
-}
-
+// time pid tid component content.  Matched with the C library's regular
+// expressions: the standard regex templates trip GCC's maybe-uninitialized
+// analysis in sanitized builds.
 struct Record {
     std::string time;
     long pid = 0;
@@ -109,13 +105,24 @@ struct Record {
 };
 
 inline bool ParseRecord(const std::string &line, Record *p_record) {
-    std::smatch m;
-    if (!std::regex_match(line, m, RecordPattern())) return false;
+    static const char *const kPattern =
+        "^([0-9]{4})-([0-9]{2})-([0-9]{2})T([0-9]{2}):([0-9]{2}):([0-9]{2})\\.([0-9]{6})Z "
+        "([0-9]+) ([0-9]+) ([^ ]+) (.*)$";
+    regex_t re;
+    if (regcomp(&re, kPattern, REG_EXTENDED) != 0) return false;
+    regmatch_t m[12];
+    bool ok = regexec(&re, line.c_str(), 12, m, 0) == 0;
+    regfree(&re);
+    if (!ok) return false;
+    auto group = [&](int i) {
+        return line.substr(static_cast<size_t>(m[i].rm_so),
+                           static_cast<size_t>(m[i].rm_eo - m[i].rm_so));
+    };
     p_record->time = line.substr(0, 27);
-    p_record->pid = std::stol(m[8]);
-    p_record->tid = std::stol(m[9]);
-    p_record->component = m[10];
-    p_record->content = m[11];
+    p_record->pid = std::stol(group(8));
+    p_record->tid = std::stol(group(9));
+    p_record->component = group(10);
+    p_record->content = group(11);
     return true;
 }
 
