@@ -48,8 +48,7 @@ qx_int32_t sr_i_abort_in_memory(sr_i_table_t *p_table,
                     p_table->p_rows_hash_table, p_entry->hash_index, p_entry->p_hash_table_element);
             }
             if (p_entry->p_applied != nullptr) {
-                qx_int32_t rc =
-                    sr_i_rb_free_record(&p_table->record_buffer_pool, p_entry->p_applied);
+                qx_int32_t rc = sr_i_free_row_record(p_table, p_entry->p_applied);
                 if (rc != 0) return rc;
                 p_entry->p_applied = nullptr;
             }
@@ -59,7 +58,7 @@ qx_int32_t sr_i_abort_in_memory(sr_i_table_t *p_table,
         if (p_entry->p_applied == nullptr) {
             p_entry->p_applied = p_entry->p_committed;
         } else if (p_entry->p_applied != p_entry->p_committed) {
-            qx_int32_t rc = sr_i_rb_free_record(&p_table->record_buffer_pool, p_entry->p_applied);
+            qx_int32_t rc = sr_i_free_row_record(p_table, p_entry->p_applied);
             if (rc != 0) return rc;
             p_entry->p_applied = p_entry->p_committed;
         }

@@ -162,8 +162,7 @@ qx_int32_t sr_i_commit_in_memory(sr_i_table_t *p_table,
                                                      p_entry->p_hash_table_element);
             }
             if (p_entry->p_committed != nullptr) {
-                qx_int32_t rc =
-                    sr_i_rb_free_record(&p_table->record_buffer_pool, p_entry->p_committed);
+                qx_int32_t rc = sr_i_free_row_record(p_table, p_entry->p_committed);
                 if (rc != 0) return rc;
                 p_entry->p_committed = nullptr;
             }
@@ -173,7 +172,7 @@ qx_int32_t sr_i_commit_in_memory(sr_i_table_t *p_table,
         if (p_entry->p_committed == nullptr) {
             p_entry->p_committed = p_entry->p_applied;
         } else if (p_entry->p_committed != p_entry->p_applied) {
-            qx_int32_t rc = sr_i_rb_free_record(&p_table->record_buffer_pool, p_entry->p_committed);
+            qx_int32_t rc = sr_i_free_row_record(p_table, p_entry->p_committed);
             if (rc != 0) return rc;
             p_entry->p_committed = p_entry->p_applied;
             // The index holds no key copies: its element pointed into the

@@ -82,7 +82,12 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
         rc = sr_i_rw_lock_write(&p_table->lock);
         if (rc == 0) {
             ++p_table->references;
-            if (p_table->references == 1) {
+            if (p_table->p_packed_rows_array != nullptr && wants_write) {
+                // A table unpacked from a buffer reads the caller's buffer in
+                // place: it stays read-only whoever opens it.
+                --p_table->references;
+                rc = SR_ERROR(206);
+            } else if (p_table->references == 1) {
                 // A transient table kept after its last close: this open sets
                 // its modes afresh.
                 p_table->implicitly_controlled = new_implicit;

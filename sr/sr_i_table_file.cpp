@@ -558,27 +558,50 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     p_new->block_size = block_size;
 
     const bool writer = (mode & SR_MODE_WRITE) != 0;
-    qx_int32_t fd = sr_i_open_file(sr_i_set_data_path(p_new), writer ? O_RDWR : O_RDONLY, 0644);
-    if (fd < 0) {
-        rc = SR_ERROR_FILE("open", errno, true);
-        sr_i_close_table(p_new);
-        return rc;
-    }
-    rc = sr_i_register_data_file(fd, writer ? 1 : 0);
-    if (rc != 0) {
-        close(fd);
-        sr_i_close_table(p_new);
-        return rc;
-    }
-    p_new->file_fd = fd;
-    // A writer holds the whole file's lock for as long as the table is open; a
-    // second writer in another process waits here.  Readers rely on the
-    // commit protocol instead.
-    while (writer && lockf(fd, F_LOCK, 0) != 0) {
-        if (errno == EINTR) continue;
-        rc = SR_ERROR_SYSCALL("lockf", errno);
-        sr_i_close_table(p_new);
-        return rc;
+    qx_int32_t fd = -1;
+    for (;;) {
+        fd = sr_i_open_file(sr_i_set_data_path(p_new), writer ? O_RDWR : O_RDONLY, 0644);
+        if (fd < 0) {
+            rc = SR_ERROR_FILE("open", errno, true);
+            sr_i_close_table(p_new);
+            return rc;
+        }
+        rc = sr_i_register_data_file(fd, writer ? 1 : 0);
+        if (rc != 0) {
+            close(fd);
+            sr_i_close_table(p_new);
+            return rc;
+        }
+        p_new->file_fd = fd;
+        if (!writer) break;
+        // A writer holds the whole file's lock for as long as the table is
+        // open; a second writer in another process waits here.  Readers rely
+        // on the commit protocol instead.
+        while (lockf(fd, F_LOCK, 0) != 0) {
+            if (errno == EINTR) continue;
+            rc = SR_ERROR_SYSCALL("lockf", errno);
+            sr_i_close_table(p_new);
+            return rc;
+        }
+        // While we waited, the writer before us may have committed a rewrite
+        // (a rename over the path) or deleted the table: then the lock and the
+        // bytes we would read belong to a file the path no longer names, and
+        // our commits would go to an unlinked file.  Start again on the file
+        // the path names now.
+        struct stat held, named;
+        if (fstat(fd, &held) != 0) {
+            rc = SR_ERROR_SYSCALL("fstat", errno);
+            sr_i_close_table(p_new);
+            return rc;
+        }
+        if (stat(sr_i_set_data_path(p_new), &named) != 0) {
+            rc = SR_ERROR_FILE("stat", errno, true);
+            sr_i_close_table(p_new);
+            return rc;
+        }
+        if (held.st_dev == named.st_dev && held.st_ino == named.st_ino) break;
+        sr_i_close_data_file(fd);
+        p_new->file_fd = -1;
     }
 
     char *p_image = nullptr;
