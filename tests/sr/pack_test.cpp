@@ -332,6 +332,14 @@ TEST_F(PackTest, UnpackedTableIsReadOnlyAndUsesTheBuffersRecords) {
     ASSERT_EQ(sr_get_fixed_row_index_for_key_1(unpacked, key, &fixed), 0);
     EXPECT_EQ(fixed, 2u);
     EXPECT_EQ(qxcross::add_row(unpacked, arena_, qxcross::table_specs()[1], 40), 206);
+    // Opening it again for writing cannot make it writable: its rows are the
+    // caller's buffer.
+    ASSERT_NE(p_table->p_name, nullptr);
+    sr_opaque_handle_t again = nullptr;
+    EXPECT_EQ(sr_open_table_1(receiver, p_table->p_name, SR_MODE_WRITE, &again), 206);
+    EXPECT_EQ(p_table->references, 1u);
+    EXPECT_EQ(p_table->mode, 1u);
+    EXPECT_EQ(qxcross::add_row(unpacked, arena_, qxcross::table_specs()[1], 41), 206);
     EXPECT_EQ(sr_close_table_1(unpacked), 0);
     sr_close_tree_1(receiver);
 }

@@ -106,6 +106,56 @@ TEST_F(TableProcessConcurrencyTest, SecondWriterWaitsInLockfUntilTheFirstCloses)
     EXPECT_EQ(WaitChild(pid), 0);
 }
 
+// Adds row k (its other column k * 10) through the exported call.
+qx_int32_t AddRow(sr_opaque_handle_t table, qx_int64_t k) {
+    char key_name[] = "k";
+    char other_name[] = "c1";
+    char *names[] = {key_name, other_name};
+    qx_value_t key{}, other{};
+    key.val_int64 = k;
+    other.val_int64 = k * 10;
+    qx_value_t *values[] = {&key, &other};
+    return sr_add_row_1(table, names, values, 2);
+}
+
+// The first writer commits a rewrite (a rename over the path) while the
+// second waits in the lock on the file it opened before: the second must
+// work on the new file, or its commits would go to an unlinked one.
+TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIntoPlace) {
+    sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2), 6);
+    ASSERT_NE(p_table, nullptr);
+    Channel ready, done;
+    pid_t pid = fork();
+    if (pid == 0) {
+        sr_opaque_handle_t tree = ChildTree();
+        ready.Send(1);
+        sr_opaque_handle_t table = nullptr;
+        qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), 2, &table);
+        if (rc != 0) {
+            done.Send(-rc);
+            _exit(1);
+        }
+        done.Send(static_cast<sr_i_table_t *>(table)->total_committed_rows);
+        done.Send(AddRow(table, 2));
+        sr_close_tree_1(tree);
+        _exit(0);
+    }
+    ASSERT_EQ(ready.Receive(5000), 1);
+    EXPECT_EQ(done.Receive(300), -1) << "the second writer did not wait";
+    ASSERT_EQ(AddRow(p_table, 1), 0);
+    ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);  // a complete new image...
+    ASSERT_EQ(sr_i_commit(p_table), 0);       // ...renamed over the file
+    ASSERT_EQ(sr_close_table_1(p_table), 0);
+    EXPECT_EQ(done.Receive(5000), 1) << "the waiter read the replaced file";
+    EXPECT_EQ(done.Receive(5000), 0);
+    EXPECT_EQ(WaitChild(pid), 0);
+    sr_opaque_handle_t table = nullptr;
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 1, &table), 0);
+    EXPECT_EQ(static_cast<sr_i_table_t *>(table)->total_committed_rows, 2u)
+        << "the waiter's row went to an unlinked file";
+    EXPECT_EQ(sr_close_table_1(table), 0);
+}
+
 TEST_F(TableProcessConcurrencyTest, ReaderInAnotherProcessSeesTheCommittedStateWithoutWaiting) {
     FileImage image = NewFile("t");
     image.Row(0, {1, 10});
