@@ -571,6 +571,8 @@ qx_uint32_t sr_i_rewrite_wanted(const sr_i_table_t *p_table);
  * committed commit record (rewrite 0) or as a complete image in the
  * ".rewrite" file (rewrite non-zero), then synced.  0 leaves the table
  * applied (ready_for_commit 1 or 2); 212 when it already is. */
+/* Closes and removes the .rewrite file of a failed rewrite or switch. */
+void sr_i_discard_rewrite_file(sr_i_table_t *p_table);
 qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
                       qx_uint64_t table_change_counter);
 /* Makes the applied state the committed one: one 4-byte write and a sync, or

@@ -166,14 +166,6 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
     return 0;
 }
 
-// Closes and removes the rewrite file of a failed rewrite.
-void discard_rewrite_file(sr_i_table_t *p_table) {
-    sr_i_close_data_file(p_table->rewrite_file_fd);
-    p_table->rewrite_file_fd = -1;
-    unlink(sr_i_set_rewrite_path(p_table));
-    sr_i_set_data_path(p_table);
-}
-
 // After a failed rewrite: the records of pending changes get back the word
 // naming the record they replace (the rewrite cleared it in memory), so that a
 // later append still writes them as updates, and no live row keeps an offset
@@ -210,7 +202,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     while (lockf(fd, F_LOCK, 0) != 0) {
         if (errno == EINTR) continue;
         qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
-        discard_rewrite_file(p_table);
+        sr_i_discard_rewrite_file(p_table);
         return rc;
     }
     // Registered as a lock holder: after the rename this descriptor is the
@@ -218,7 +210,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     // in this process closing theirs.
     qx_int32_t rc = sr_i_register_data_file(fd, 1);
     if (rc != 0) {
-        discard_rewrite_file(p_table);
+        sr_i_discard_rewrite_file(p_table);
         return rc;
     }
     sr_i_set_data_path(p_table);
@@ -257,7 +249,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
         rc = sr_i_fdatasync(fd);
     }
     if (rc != 0) {
-        discard_rewrite_file(p_table);
+        sr_i_discard_rewrite_file(p_table);
         undo_rewrite_in_memory(p_table);
         return rc;
     }
@@ -308,4 +300,13 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
     std::free(p_commit_record);
     trace_apply(rc == 0 ? kApplied : kFailed, p_table, rewrite);
     return rc;
+}
+
+// Closes and removes the rewrite file of a failed rewrite or a failed switch
+// to it; the data file and its committed state are untouched.
+void sr_i_discard_rewrite_file(sr_i_table_t *p_table) {
+    sr_i_close_data_file(p_table->rewrite_file_fd);
+    p_table->rewrite_file_fd = -1;
+    unlink(sr_i_set_rewrite_path(p_table));
+    sr_i_set_data_path(p_table);
 }

@@ -111,15 +111,6 @@ qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
     return 0;
 }
 
-// Closes and removes the rewrite file after a failed switch; the table stays
-// applied by rewrite, so only an abort brings it back.
-void discard_rewrite_file(sr_i_table_t *p_table) {
-    sr_i_close_data_file(p_table->rewrite_file_fd);
-    p_table->rewrite_file_fd = -1;
-    unlink(sr_i_set_rewrite_path(p_table));
-    sr_i_set_data_path(p_table);
-}
-
 // Renames the synced rewrite file over the data file.  The rename is the
 // switch: no sync follows it, the new file's contents were synced by apply.
 qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
@@ -127,14 +118,14 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
     // both.
     char *p_rewrite_path = sr_i_strdup(sr_i_set_rewrite_path(p_table));
     if (p_rewrite_path == nullptr) {
-        discard_rewrite_file(p_table);
+        sr_i_discard_rewrite_file(p_table);
         return TX_ERROR(12);
     }
     sr_i_test_pause("rewrite-before-rename");
     if (rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
         int err = errno;
         free(p_rewrite_path);
-        discard_rewrite_file(p_table);
+        sr_i_discard_rewrite_file(p_table);
         return TX_ERROR_FILE("rename", err);
     }
     free(p_rewrite_path);

@@ -22,32 +22,6 @@ constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 // Hex dumps of rows and metadata: 16 words, 64 bytes a line.
 constexpr qx_uint32_t kDumpWidth = 16;
 
-constexpr const char *kTypeNames[QX_NUMBER_OF_DATA_TYPES] = {
-    "QX_UNKNOWN",
-    "QX_NONE",
-    "QX_INT32",
-    "QX_UINT32",
-    "QX_INT64",
-    "QX_UINT64",
-    "QX_FLOAT32",
-    "QX_FLOAT64",
-    "QX_CHAR_PTR",
-    "QX_BINARY_PTR",
-    "QX_RSRC_HANDLE_PTR",
-    "QX_SD_PTR",
-    "QX_SBS_PTR",
-    "QX_INT32_ARRAY",
-    "QX_UINT32_ARRAY",
-    "QX_INT64_ARRAY",
-    "QX_UINT64_ARRAY",
-    "QX_FLOAT32_ARRAY",
-    "QX_FLOAT64_ARRAY",
-    "QX_CHAR_PTR_ARRAY",
-    "QX_BINARY_PTR_ARRAY",
-    "QX_RSRC_HANDLE_PTR_ARRAY",
-    "QX_SD_PTR_ARRAY",
-};
-
 constexpr const char *kQualifierNames[] = {"SR_UNKNOWN_QUALIFIER", "SR_SYSTEM", "SR_STANDARD",
                                            "SR_PRIMARY_KEY", "SR_PRIMARY_KEY_NOCHECK"};
 
@@ -342,7 +316,8 @@ void sr_i_dump_storage(const void *start, qx_uint32_t length, qx_uint32_t width,
 
 const char *sr_i_get_type_string(qx_data_type_t type) {
     const auto index = static_cast<qx_uint32_t>(type);
-    return index < QX_NUMBER_OF_DATA_TYPES ? kTypeNames[index] : "GARBAGE";
+    // The enumeration names live in the common type table.
+    return index < QX_NUMBER_OF_DATA_TYPES ? cu_dtc_table_1[index].dtc_name : "GARBAGE";
 }
 
 const char *sr_i_get_qualifier_type_string(sr_qualifier_t qualifier) {
