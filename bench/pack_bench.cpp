@@ -38,12 +38,13 @@ struct Fixture {
 
     explicit Fixture(qx_uint32_t rows) {
         sr_open_tree_1(&tree, 0, 0);
-        const qxcross::TableSpec spec = qxcross::table_specs()[1];
-        std::vector<sr_column_t> columns = qxcross::column_definitions(arena, spec);
+        const qxcross::TableLayout layout = qxcross::table_layouts()[1];
+        std::vector<sr_column_t> columns = qxcross::column_definitions(arena, layout);
         sr_create_hashed_key_table_1(
             tree, arena.text("/bench/t"), columns.data(), static_cast<qx_uint32_t>(columns.size()),
             SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, kBuckets, hash_text, compare_text, &table);
-        for (qx_uint32_t seed = 0; seed < rows; ++seed) qxcross::add_row(table, arena, spec, seed);
+        for (qx_uint32_t seed = 0; seed < rows; ++seed)
+            qxcross::add_row(table, arena, layout, seed);
         sr_apply_1(table, 0);
         sr_commit_1(table);
     }

@@ -358,27 +358,27 @@ std::string format_value(qx_data_type_t type, const qx_value_t &value) {
     return out + "]";
 }
 
-bool parse_column_spec(const std::string &spec, ValueArena &arena, sr_column_t *p_column,
+bool parse_column_spec(const std::string &description, ValueArena &arena, sr_column_t *p_column,
                        std::string *p_error) {
     std::memset(p_column, 0, sizeof *p_column);
-    std::string head = spec;
+    std::string head = description;
     std::string default_text;
     bool has_default = false;
     // The default follows the first '=' outside parentheses.
     int depth = 0;
-    for (size_t i = 0; i < spec.size(); ++i) {
-        if (spec[i] == '(') ++depth;
-        if (spec[i] == ')') --depth;
-        if (spec[i] == '=' && depth == 0) {
-            head = spec.substr(0, i);
-            default_text = spec.substr(i + 1);
+    for (size_t i = 0; i < description.size(); ++i) {
+        if (description[i] == '(') ++depth;
+        if (description[i] == ')') --depth;
+        if (description[i] == '=' && depth == 0) {
+            head = description.substr(0, i);
+            default_text = description.substr(i + 1);
             has_default = true;
             break;
         }
     }
     size_t colon = head.find(':');
     if (colon == std::string::npos) {
-        *p_error = "column '" + spec + "' needs NAME:TYPE";
+        *p_error = "column '" + description + "' needs NAME:TYPE";
         return false;
     }
     p_column->name = arena.copy(head.substr(0, colon));
@@ -388,7 +388,7 @@ bool parse_column_spec(const std::string &spec, ValueArena &arena, sr_column_t *
     if (rest.compare(0, 3, "sd(") == 0) {
         size_t close = rest.find(')');
         if (close == std::string::npos) {
-            *p_error = "unterminated sd( in '" + spec + "'";
+            *p_error = "unterminated sd( in '" + description + "'";
             return false;
         }
         type_end = rest.find(':', close);

@@ -39,8 +39,8 @@ struct ColumnSpec {
 };
 
 // Parses column specifications into columns whose memory lives in `arena`.
-// Returns false with a message in *p_error on a bad specification.
-bool parse_column_spec(const std::string &spec, ValueArena &arena, sr_column_t *p_column,
+// Returns false with a message in *p_error on a bad column description.
+bool parse_column_spec(const std::string &description, ValueArena &arena, sr_column_t *p_column,
                        std::string *p_error);
 
 // Parses `text` as a value of `type` (sd values use the column's definition).

@@ -44,7 +44,7 @@ extern std::atomic<unsigned> tr_i_total_components;
 
 /*
  * Fills p_levels[i] for each of `count` categories from the level
- * specification p_spec (the text of QX_TRACE_LEVELS, or NULL when unset):
+ * text p_spec (the text of QX_TRACE_LEVELS, or NULL when unset):
  * start from the category's default, apply every matching "component:
  * category=level" item in the order written, and never go below the
  * category's minimum.  Malformed items are skipped.  Returns non-zero when any

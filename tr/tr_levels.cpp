@@ -1,7 +1,7 @@
 /*
- * tr_levels.cpp - turns the level specification into detail bytes.
+ * tr_levels.cpp - turns the level text into detail bytes.
  *
- * The specification is a list of component entries separated by ';', each
+ * The level text is a list of component entries separated by ';', each
  * "component:item,item,..." with items "category=level".  "*" as a component
  * or category name matches every one.  Items apply in the order written, so
  * "_SRA:*=2,API=0" traces everything but the API category.  A level is a

@@ -228,41 +228,41 @@ struct ColumnSpec {
     qx_uint32_t qualifier;
 };
 
-struct TableSpec {
+struct TableLayout {
     const char *leaf;  // registry path below the prefix
     std::vector<ColumnSpec> columns;
 };
 
 // The three tables; column 0 of each is its key.
-inline std::vector<TableSpec> table_specs() {
-    std::vector<TableSpec> specs(3);
-    specs[0].leaf = "all";
-    specs[0].columns = {{"k", QX_INT32, SR_PRIMARY_KEY}};
+inline std::vector<TableLayout> table_layouts() {
+    std::vector<TableLayout> layouts(3);
+    layouts[0].leaf = "all";
+    layouts[0].columns = {{"k", QX_INT32, SR_PRIMARY_KEY}};
     static const char *const kNames[] = {
         nullptr, nullptr, "i32",  "u32",  "i64",  "u64",  "f32",  "f64", "s",  "b",  "h",  "sd",
         "sbs",   "ai32",  "au32", "ai64", "au64", "af32", "af64", "as",  "ab", "ah", "asd"};
     for (int t = QX_INT32; t <= QX_SD_PTR_ARRAY; ++t) {
-        specs[0].columns.push_back({kNames[t], static_cast<qx_data_type_t>(t),
-                                    SR_STANDARD | (t == QX_UINT32 ? SR_PROTECTED : 0u)});
+        layouts[0].columns.push_back({kNames[t], static_cast<qx_data_type_t>(t),
+                                      SR_STANDARD | (t == QX_UINT32 ? SR_PROTECTED : 0u)});
     }
-    specs[1].leaf = "text";
-    specs[1].columns = {{"name", QX_CHAR_PTR, SR_PRIMARY_KEY},
-                        {"v", QX_UINT64, SR_STANDARD | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED},
-                        {"tags", QX_CHAR_PTR_ARRAY, SR_STANDARD}};
-    specs[2].leaf = "handles";
-    specs[2].columns = {{"h", QX_RSRC_HANDLE_PTR, SR_PRIMARY_KEY},
-                        {"n", QX_INT64, SR_STANDARD},
-                        {"blob", QX_BINARY_PTR, SR_STANDARD}};
-    return specs;
+    layouts[1].leaf = "text";
+    layouts[1].columns = {{"name", QX_CHAR_PTR, SR_PRIMARY_KEY},
+                          {"v", QX_UINT64, SR_STANDARD | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED},
+                          {"tags", QX_CHAR_PTR_ARRAY, SR_STANDARD}};
+    layouts[2].leaf = "handles";
+    layouts[2].columns = {{"h", QX_RSRC_HANDLE_PTR, SR_PRIMARY_KEY},
+                          {"n", QX_INT64, SR_STANDARD},
+                          {"blob", QX_BINARY_PTR, SR_STANDARD}};
+    return layouts;
 }
 
-inline std::vector<sr_column_t> column_definitions(Arena &arena, const TableSpec &spec) {
-    std::vector<sr_column_t> columns(spec.columns.size());
-    for (size_t i = 0; i < spec.columns.size(); ++i) {
+inline std::vector<sr_column_t> column_definitions(Arena &arena, const TableLayout &layout) {
+    std::vector<sr_column_t> columns(layout.columns.size());
+    for (size_t i = 0; i < layout.columns.size(); ++i) {
         sr_column_t &c = columns[i];
-        c.name = arena.text(spec.columns[i].name);
-        c.type = spec.columns[i].type;
-        c.qualifier = spec.columns[i].qualifier;
+        c.name = arena.text(layout.columns[i].name);
+        c.type = layout.columns[i].type;
+        c.qualifier = layout.columns[i].qualifier;
         c.properties = static_cast<qx_int32_t>(i * 3) - 2;
         c.sd_defn =
             (c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY) ? sd_definition(arena) : nullptr;
@@ -274,15 +274,15 @@ inline std::vector<sr_column_t> column_definitions(Arena &arena, const TableSpec
 }
 
 // Adds the row of `seed` (every column given).  Returns the library's code.
-inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableSpec &spec,
+inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableLayout &layout,
                    qx_uint32_t seed) {
     std::vector<qx_char_ptr_t> names;
-    std::vector<qx_value_t> values(spec.columns.size());
+    std::vector<qx_value_t> values(layout.columns.size());
     std::vector<qx_value_t *> pointers;
-    for (size_t i = 0; i < spec.columns.size(); ++i) {
-        names.push_back(const_cast<char *>(spec.columns[i].name));
+    for (size_t i = 0; i < layout.columns.size(); ++i) {
+        names.push_back(const_cast<char *>(layout.columns[i].name));
         values[i] =
-            make_value(arena, spec.columns[i].type, seed * 100 + static_cast<qx_uint32_t>(i));
+            make_value(arena, layout.columns[i].type, seed * 100 + static_cast<qx_uint32_t>(i));
         pointers.push_back(&values[i]);
     }
     return sr_add_row_1(table, names.data(), pointers.data(),
@@ -294,26 +294,26 @@ inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableSpec &spec
 // and 6 added.  Returns 0 or the first failing code.
 inline int build_tables(sr_opaque_handle_t tree, const std::string &prefix, Arena &arena,
                         std::vector<sr_opaque_handle_t> *p_handles) {
-    for (const TableSpec &spec : table_specs()) {
-        std::vector<sr_column_t> columns = column_definitions(arena, spec);
+    for (const TableLayout &layout : table_layouts()) {
+        std::vector<sr_column_t> columns = column_definitions(arena, layout);
         sr_opaque_handle_t table = nullptr;
-        std::string path = prefix + "/" + spec.leaf;
+        std::string path = prefix + "/" + layout.leaf;
         int rc = sr_create_table_1(tree, arena.text(path), columns.data(),
                                    static_cast<qx_uint32_t>(columns.size()),
                                    SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, &table);
         if (rc != 0) return rc;
         p_handles->push_back(table);
         for (qx_uint32_t seed = 0; seed < 5; ++seed) {
-            if ((rc = add_row(table, arena, spec, seed)) != 0) return rc;
+            if ((rc = add_row(table, arena, layout, seed)) != 0) return rc;
         }
         if ((rc = sr_apply_1(table, 0)) != 0 || (rc = sr_commit_1(table)) != 0) return rc;
-        qx_value_t updated = make_value(arena, spec.columns.back().type, 4242);
-        rc = sr_set_field_by_fixed_index_1(table, 1, const_cast<char *>(spec.columns.back().name),
+        qx_value_t updated = make_value(arena, layout.columns.back().type, 4242);
+        rc = sr_set_field_by_fixed_index_1(table, 1, const_cast<char *>(layout.columns.back().name),
                                            &updated);
         if (rc != 0) return rc;
         if ((rc = sr_delete_row_by_index_1(table, 3)) != 0) return rc;
         for (qx_uint32_t seed = 5; seed < 7; ++seed) {
-            if ((rc = add_row(table, arena, spec, seed)) != 0) return rc;
+            if ((rc = add_row(table, arena, layout, seed)) != 0) return rc;
         }
     }
     return 0;

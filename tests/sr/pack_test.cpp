@@ -162,7 +162,7 @@ TEST_F(PackTest, HandWrittenRowsFormIsTheValueLibrarysForm) {
 
 TEST_F(PackTest, TableWithoutNamePacksEmptyName) {
     std::vector<sr_column_t> columns =
-        qxcross::column_definitions(arena_, qxcross::table_specs()[2]);
+        qxcross::column_definitions(arena_, qxcross::table_layouts()[2]);
     sr_i_table_t *p_unnamed = nullptr;
     ASSERT_EQ(sr_i_create_transient_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
                                           columns.data(), static_cast<qx_uint32_t>(columns.size()),
@@ -331,7 +331,7 @@ TEST_F(PackTest, UnpackedTableIsReadOnlyAndUsesTheBuffersRecords) {
     qx_uint32_t fixed = 99;
     ASSERT_EQ(sr_get_fixed_row_index_for_key_1(unpacked, key, &fixed), 0);
     EXPECT_EQ(fixed, 2u);
-    EXPECT_EQ(qxcross::add_row(unpacked, arena_, qxcross::table_specs()[1], 40), 206);
+    EXPECT_EQ(qxcross::add_row(unpacked, arena_, qxcross::table_layouts()[1], 40), 206);
     // Opening it again for writing cannot make it writable: its rows are the
     // caller's buffer.
     ASSERT_NE(p_table->p_name, nullptr);
@@ -339,7 +339,7 @@ TEST_F(PackTest, UnpackedTableIsReadOnlyAndUsesTheBuffersRecords) {
     EXPECT_EQ(sr_open_table_1(receiver, p_table->p_name, SR_MODE_WRITE, &again), 206);
     EXPECT_EQ(p_table->references, 1u);
     EXPECT_EQ(p_table->mode, 1u);
-    EXPECT_EQ(qxcross::add_row(unpacked, arena_, qxcross::table_specs()[1], 41), 206);
+    EXPECT_EQ(qxcross::add_row(unpacked, arena_, qxcross::table_layouts()[1], 41), 206);
     EXPECT_EQ(sr_close_table_1(unpacked), 0);
     sr_close_tree_1(receiver);
 }
@@ -692,10 +692,10 @@ TEST(PackConcurrencyTest, PacksSeveralTablesWhileAnotherThreadWritesThem) {
     sr_opaque_handle_t tree = nullptr;
     ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
     Arena arena;
-    const qxcross::TableSpec spec = qxcross::table_specs()[1];
+    const qxcross::TableLayout layout = qxcross::table_layouts()[1];
     std::vector<sr_opaque_handle_t> tables;
     for (int t = 0; t < 3; ++t) {
-        std::vector<sr_column_t> columns = qxcross::column_definitions(arena, spec);
+        std::vector<sr_column_t> columns = qxcross::column_definitions(arena, layout);
         sr_opaque_handle_t table = nullptr;
         ASSERT_EQ(
             sr_create_table_1(tree, arena.text("/busy/" + std::to_string(t)), columns.data(),
@@ -709,7 +709,7 @@ TEST(PackConcurrencyTest, PacksSeveralTablesWhileAnotherThreadWritesThem) {
         Arena values;
         for (qx_uint32_t seed = 0; seed < 400 && !stop; ++seed) {
             for (int t = 0; t < 3; ++t) {
-                EXPECT_EQ(qxcross::add_row(tables[t], values, spec, seed), 0);
+                EXPECT_EQ(qxcross::add_row(tables[t], values, layout, seed), 0);
             }
             ++written;
         }

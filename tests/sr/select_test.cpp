@@ -139,17 +139,17 @@ class SelectTest : public TableTest {
         const struct {
             const char *name;
             qx_data_type_t type;
-        } spec[] = {{"k", QX_INT64},
-                    {"name", QX_CHAR_PTR},
-                    {"n", QX_INT32},
-                    {"blob", QX_BINARY_PTR},
-                    {"owner", QX_RSRC_HANDLE_PTR},
-                    {"info", QX_SD_PTR},
-                    {"nums", QX_INT32_ARRAY},
-                    {"f", QX_FLOAT32},
-                    {"u", QX_UINT64}};
+        } kinds[] = {{"k", QX_INT64},
+                     {"name", QX_CHAR_PTR},
+                     {"n", QX_INT32},
+                     {"blob", QX_BINARY_PTR},
+                     {"owner", QX_RSRC_HANDLE_PTR},
+                     {"info", QX_SD_PTR},
+                     {"nums", QX_INT32_ARRAY},
+                     {"f", QX_FLOAT32},
+                     {"u", QX_UINT64}};
         std::vector<sr_column_t> columns;
-        for (const auto &s : spec) {
+        for (const auto &s : kinds) {
             sr_column_t c{};
             c.name = Text(s.name);
             c.type = s.type;

@@ -9,10 +9,10 @@ namespace {
 
 using tr_test::kCategories;
 
-std::array<int, 3> Levels(const char *spec, const char *component = "_SRA",
+std::array<int, 3> Levels(const char *levels_text, const char *component = "_SRA",
                           const tr_category_description_t *categories = kCategories) {
     qx_uint8_t bytes[3] = {99, 99, 99};
-    tr_i_compute_levels(spec, component, categories, 3, bytes);
+    tr_i_compute_levels(levels_text, component, categories, 3, bytes);
     return {bytes[0], bytes[1], bytes[2]};
 }
 
