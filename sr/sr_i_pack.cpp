@@ -141,8 +141,20 @@ qx_int32_t convert_value(void *p_slot, qx_data_type_t type, void *p_base, qx_int
     return 0;
 }
 
+// Element types are read as plain words: a damaged buffer can hold any
+// value there, and only a checked value may become a qx_data_type_t.
+qx_uint32_t element_type(const qx_structured_data_t *p_sd, qx_uint32_t index) {
+    qx_uint32_t word;
+    std::memcpy(&word, &p_sd->elements[index].data_type, sizeof word);
+    return word;
+}
+
 bool element_is(const qx_structured_data_t *p_sd, qx_uint32_t index, qx_data_type_t type) {
-    return p_sd->elements[index].data_type == type;
+    return element_type(p_sd, index) == static_cast<qx_uint32_t>(type);
+}
+
+bool is_column_type(qx_uint32_t word) {
+    return word >= QX_INT32 && word <= QX_SD_PTR_ARRAY;
 }
 
 // Whether an unpacked fixed metadata value has the five elements it must.
@@ -164,9 +176,11 @@ bool column_shape(const qx_structured_data_t *p_sd) {
         !element_is(p_sd, 5, QX_UINT32)) {
         return false;
     }
-    const auto type = static_cast<qx_data_type_t>(p_sd->elements[1].value.val_uint32);
-    const qx_data_type_t default_type = p_sd->elements[4].data_type;
-    if (is_structured(type) ? default_type != QX_UINT32 : default_type != type) return false;
+    const qx_uint32_t type_word = p_sd->elements[1].value.val_uint32;
+    if (!is_column_type(type_word)) return false;
+    const auto type = static_cast<qx_data_type_t>(type_word);
+    const qx_uint32_t default_type = element_type(p_sd, 4);
+    if (is_structured(type) ? default_type != QX_UINT32 : default_type != type_word) return false;
     if (count == kColumnElementsWithDefinition) {
         const qx_uint32_t fields = p_sd->elements[5].value.val_uint32;
         const qx_array_t *p_types = p_sd->elements[6].value.ptr_array;
@@ -175,6 +189,9 @@ bool column_shape(const qx_structured_data_t *p_sd) {
             p_types == nullptr || p_names == nullptr || p_types->element_count != fields ||
             p_names->element_count != fields) {
             return false;
+        }
+        for (qx_uint32_t f = 0; f < fields; ++f) {
+            if (!is_column_type(p_types->elements[f].val_uint32)) return false;
         }
     }
     return true;
@@ -322,7 +339,9 @@ void sr_i_free_packed_table_column_metadata_array(qx_array_t *p_column_metadata_
         qx_structured_data_t *p_sd = p_column_metadata_array->elements[i].ptr_sd;
         if (p_sd == nullptr) continue;
         // The default of a pointer type is the one value allocated apart.
-        if (sr_i_is_pointer_type(p_sd->elements[4].data_type)) {
+        const qx_uint32_t default_type = element_type(p_sd, 4);
+        if (is_column_type(default_type) &&
+            sr_i_is_pointer_type(static_cast<qx_data_type_t>(default_type))) {
             std::free(p_sd->elements[4].value.ptr_char);
         }
         std::free(p_sd);

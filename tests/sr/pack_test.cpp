@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -743,6 +744,11 @@ TEST(PackConcurrencyTest, PacksSeveralTablesWhileAnotherThreadWritesThem) {
             std::free(p);
         }
     };
+    // Packing starts once the writer is under way, so the two really overlap
+    // however the threads are scheduled.
+    for (int i = 0; i < 5000 && written.load() == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     pack_rounds();
     stop = true;
     writer.join();
