@@ -667,6 +667,54 @@ uint32_t parse_in(Compiler *c, uint32_t x, bool negate, uint32_t pos) {
     return i;
 }
 
+// The C library compiles repetitions by copying subtrees, so stacked
+// quantifiers ("(a)+++++") and large counted ones ("(a{200}){200}") make its
+// memory grow exponentially with the pattern.  Such patterns are refused
+// before they reach it: at most one quantifier in a row, and counted
+// repetitions whose bounds multiply to no more than 4096.
+bool regex_too_complex(const char *p) {
+    unsigned run = 0;
+    unsigned long long product = 1;
+    while (*p != '\0') {
+        const char ch = *p;
+        if (ch == '\\') {
+            p += p[1] != '\0' ? 2 : 1;
+            run = 0;
+        } else if (ch == '[') {
+            // A bracket expression's characters are literals; ']' first is one too.
+            ++p;
+            if (*p == '^') ++p;
+            if (*p == ']') ++p;
+            while (*p != '\0' && *p != ']') ++p;
+            if (*p == ']') ++p;
+            run = 0;
+        } else if (ch == '*' || ch == '+' || ch == '?' || ch == '{') {
+            if (++run > 1) return true;
+            ++p;
+            if (ch == '{') {
+                unsigned long long bound = 0;
+                while (*p != '\0' && *p != '}') {
+                    if (*p >= '0' && *p <= '9') {
+                        unsigned long long value = 0;
+                        while (*p >= '0' && *p <= '9' && value < 100000)
+                            value = value * 10 + (*p++ - '0');
+                        if (value > bound) bound = value;
+                    } else {
+                        ++p;
+                    }
+                }
+                if (*p == '}') ++p;
+                product *= bound + 1;
+                if (product > 4096) return true;
+            }
+        } else {
+            run = 0;
+            ++p;
+        }
+    }
+    return false;
+}
+
 uint32_t make_match(Compiler *c, uint32_t x, uint32_t y, bool negate, uint32_t pos) {
     if (c->n(x).kind != kKindText) return error(c, pos, "=~ and !~ match texts");
     if (c->n(y).op != kOpConst || c->n(y).kind != kKindText) {
@@ -682,6 +730,11 @@ uint32_t make_match(Compiler *c, uint32_t x, uint32_t y, bool negate, uint32_t p
     regex_t *re = static_cast<regex_t *>(malloc(sizeof(regex_t)));
     if (re == nullptr) return no_memory(c, pos);
     const char *pattern = reinterpret_cast<const char *>(c->pool.p + c->n(y).k.pool.offset);
+    if (regex_too_complex(pattern)) {
+        free(re);
+        return error(c, c->n(y).pos,
+                     "regular expression too complex (stacked or large repetitions)");
+    }
     int rc = regcomp(re, pattern, REG_EXTENDED | REG_NOSUB);
     if (rc != 0) {
         char why[128];

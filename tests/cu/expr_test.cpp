@@ -369,6 +369,8 @@ TEST(ExprCompileTest, MalformedTextsGiveThePositionAndReason) {
         {"1 < i32 < 3", 9, "do not chain"},
         {"name =~ \"(\"", 9, "bad regular expression"},
         {"name =~ name", 9, "must be a quoted text"},
+        {"name =~ \"(a)+++\"", 9, "too complex"},
+        {"name =~ \"(a{100}){100}\"", 9, "too complex"},
         {"i32 > 1 / 0", 9, "arithmetic fault"},
         {"blob == \"0x1\"", 9, "pairs of hex digits"},
         {"owner == \"0x1 0x2\"", 10, "resource handle is written"},
@@ -492,6 +494,8 @@ TEST(ExprEvalTest, RegularExpressionsAreExtendedAndAnchoredOnlyWhenAsked) {
     EXPECT_TRUE(Matches("name =~ '^caf.+ (noir|blanc)$'"));
     EXPECT_TRUE(Matches("name !~ '^noir'"));
     EXPECT_TRUE(Matches("tags[1] =~ 'e{2}'"));
+    // Bracketed quantifier characters are literals, not stacked repetitions.
+    EXPECT_FALSE(Matches("name =~ '[+*]{2}x'"));
     EXPECT_TRUE(DoesNotMatch("name =~ '^[0-9]+$'"));
 }
 
