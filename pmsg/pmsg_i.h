@@ -4,7 +4,7 @@
  * The byte forms themselves are described in pmsg/README.md.  This header
  * holds what every source needs to agree on: how a data type is laid out
  * (its "kind"), the unaligned loads and stores every byte of a protocol form
- * goes through, the alignment rule of the indirect area, and the cache of
+ * goes through, and the cache of
  * library-owned client values.
  *
  * Nothing here is exported from libqx_pmsg.so; the unit tests reach it
@@ -60,9 +60,8 @@ inline uint32_t array_base_type(uint32_t type) {
  * caller's cyclic structure into an error instead of a stack overflow. */
 constexpr int kMaxDepth = 32;
 
-/* Every form starts 8-aligned relative to the indirect area and occupies a
- * multiple of 8 bytes, so running offsets stay 8-aligned and a size computed
- * without knowing the offset is exact. */
+/* Rounds up to a multiple of 8: the alignment of client blocks built in
+ * malloc'd memory.  Protocol forms are never padded. */
 constexpr uint64_t align8(uint64_t n) {
     return (n + 7) & ~uint64_t{7};
 }

@@ -89,17 +89,16 @@ void scalar_slot(Kind kind, const qx_value_t &value, uint8_t *p_slot) {
 }
 
 /*
- * Places a nested form at *p_cursor (rounded up to 8) inside the composite
- * being built at p_base, writes its anchor (relative to p_base) into p_anchor
- * and advances the cursor past it.
+ * Places a nested form at *p_cursor inside the composite being built at
+ * p_base, writes its anchor (relative to p_base) into p_anchor and advances
+ * the cursor past it: nested forms lie end to end.
  */
 int nested_form(Writer &w, uint32_t type, const qx_value_t &value, uint8_t *p_base,
                 uint8_t *p_anchor, uint64_t *p_cursor, int depth) {
-    uint64_t start = align8(*p_cursor);
+    uint64_t start = *p_cursor;
     uint8_t *p_out = nullptr;
     if (p_base != nullptr) {
         if (!fits(w, p_base, start)) return QX_PMSG_E_CONVERT;
-        memset(p_base + *p_cursor, 0, static_cast<size_t>(start - *p_cursor));
         p_out = p_base + start;
     }
     uint64_t length = 0;
@@ -178,8 +177,7 @@ int sd_form(Writer &w, const qx_structured_data_t *p_sd, uint8_t *p_out, int dep
 }
 
 /*
- * Measures (p_out NULL) or writes the form of a pointer-type value; the
- * length is the form's own bytes, without the padding that rounds it to 8.
+ * Measures (p_out NULL) or writes the form of a pointer-type value.
  */
 int form_of(Writer &w, uint32_t type, const qx_value_t &value, uint8_t *p_out, int depth,
             uint64_t *p_length) {
@@ -229,8 +227,8 @@ int qx_pmsg_size_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags, 
     uint64_t length = 0;
     int rc = form_of(w, static_cast<uint32_t>(type), *p_value, nullptr, 0, &length);
     if (rc != QX_PMSG_OK) return rc;
-    if (align8(length) > UINT32_MAX) return QX_PMSG_E_TOO_LARGE;
-    *p_size = static_cast<qx_uint32_t>(align8(length));
+    if (length > UINT32_MAX) return QX_PMSG_E_TOO_LARGE;
+    *p_size = static_cast<qx_uint32_t>(length);
     return QX_PMSG_OK;
 }
 
@@ -251,9 +249,9 @@ int qx_pmsg_build_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
     uint64_t length = 0;
     int rc = form_of(w, static_cast<uint32_t>(type), *p_value, nullptr, 0, &length);
     if (rc != QX_PMSG_OK) return rc;
-    uint64_t running = *p_running_offset;
-    uint64_t start = align8(running);
-    uint64_t end = start + align8(length);
+    /* Forms lie end to end: a form starts where the previous one ended. */
+    uint64_t start = *p_running_offset;
+    uint64_t end = start + length;
     /* No room could ever hold a form that ends beyond 32-bit offsets. */
     if (end > UINT32_MAX) return QX_PMSG_E_TOO_LARGE;
     if (end > room) return QX_PMSG_E_ROOM;
@@ -264,8 +262,6 @@ int qx_pmsg_build_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
     rc = form_of(w, static_cast<uint32_t>(type), *p_value, p_area + start, 0, &written);
     if (rc != QX_PMSG_OK) return rc;
     if (written != length) return QX_PMSG_E_CONVERT; /* the converter changed its mind */
-    memset(p_area + running, 0, static_cast<size_t>(start - running));
-    memset(p_area + start + length, 0, static_cast<size_t>(end - start - length));
 
     /* The slot and the running offset change last, and only on success. */
     qx_pmsg_value_t slot;

@@ -383,12 +383,45 @@ inline void sr_i_store_u64(void *p, qx_uint64_t v) {
 /* A copy of p_text in memory from sr_i_malloc, or NULL. */
 char *sr_i_strdup(const char *p_text);
 
-/* Places a table's metadata record so that its column array (data + 16) is
- * 8-aligned: p_columns is used as an sr_column_t array in place. */
-qx_int32_t sr_i_reserve_metadata_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
-                                        qx_uint32_t data_length, char **p_record_data);
+/* The metadata record's data, the same bytes in the pool and in the file on
+ * every host: byte-order flag, 0, total_columns and
+ * total_variable_length_columns (16 bytes), one 32-byte entry per column, then
+ * the indirect data area (packed defaults, names, structured-data
+ * definitions).  An entry: name offset (u32) at 0, type at 4, qualifier at 8,
+ * properties at 12, sd_defn offset (u32, 0 for none) at 16, 4 bytes of
+ * padding, the default's 8-byte value slot at 24; offsets count from the
+ * start of the indirect data area.  The record lies at any alignment and is
+ * read and written with memcpy only. */
+#define SR_I_METADATA_FIXED_LENGTH 16
+#define SR_I_COLUMN_ENTRY_LENGTH 32
+#define SR_I_COLUMN_ENTRY_NAME 0
+#define SR_I_COLUMN_ENTRY_TYPE 4
+#define SR_I_COLUMN_ENTRY_QUALIFIER 8
+#define SR_I_COLUMN_ENTRY_PROPERTIES 12
+#define SR_I_COLUMN_ENTRY_SD_DEFN 16
+#define SR_I_COLUMN_ENTRY_DEFAULT 24
 
-/* A copy of a column definition that lies in a metadata record. */
+inline char *sr_i_column_entry(char *p_metadata_record_data, qx_uint32_t column) {
+    return p_metadata_record_data + SR_I_METADATA_FIXED_LENGTH +
+           static_cast<size_t>(column) * SR_I_COLUMN_ENTRY_LENGTH;
+}
+inline char *sr_i_metadata_indirect_area(char *p_metadata_record_data, qx_uint32_t total_columns) {
+    return sr_i_column_entry(p_metadata_record_data, total_columns);
+}
+
+/* p_columns is the table's own native copy of the metadata record's column
+ * array (malloc'd, freed at close): name and sd_defn point into the record's
+ * indirect data area (sd_defn at the packed definition: field count, then per
+ * field its type word and NUL-terminated name), default_value is the entry's
+ * slot as it stands (an anchor into the indirect data area for pointer
+ * types).  Rebuilt from the record whenever the record moves or changes; 12
+ * on memory, the old copy kept. */
+qx_int32_t sr_i_load_columns(sr_i_table_t *p_table);
+/* Change one column's qualifier or default slot in the record and the copy. */
+void sr_i_set_column_qualifier(sr_i_table_t *p_table, qx_uint32_t column, sr_qualifier_t qualifier);
+void sr_i_set_column_default(sr_i_table_t *p_table, qx_uint32_t column, const qx_value_t &value);
+
+/* A copy of a column definition of a table's p_columns. */
 inline sr_column_t sr_i_load_column(const sr_column_t *p_column) {
     sr_column_t column;
     memcpy(&column, p_column, sizeof column);
@@ -458,8 +491,6 @@ qx_int32_t sr_i_pack_variable_length_default_values(sr_column_t *p_columns,
                                                     qx_uint32_t *default_value_indirect_data_length,
                                                     qx_uint32_t *total_variable_length_columns_return,
                                                     cu_iconv_t *p_string_conversion_handle);
-void sr_i_convert_columns_pointers_to_offsets(sr_i_table_t *p_table);
-void sr_i_convert_columns_offsets_to_pointers(sr_i_table_t *p_table);
 void sr_i_swap_columns(sr_column_t *p_column1, sr_column_t *p_column2);
 
 /* Opening and closing.  do_open_table returns SR_I_NEW_TABLE_RECORD when the
@@ -629,7 +660,7 @@ qx_int32_t acquire_row_record(sr_i_table_t *p_table, qx_uint32_t running_indirec
 void sr_i_column_default(const sr_i_table_t *p_table, qx_uint32_t column, qx_value_t *p_slot,
                          const char **p_p_bytes, qx_uint32_t *p_length);
 /* Places `length` stored bytes (a complete protocol form) at the running
- * offset of an indirect area, 8-aligned as the value library places forms,
+ * offset of an indirect area, end to end as the value library places forms,
  * and writes their anchor into p_slot.  5 (unreported) when room is short. */
 qx_int32_t sr_i_place_indirect_bytes(char *p_slot, char *p_indirect_data, qx_uint32_t room,
                                      qx_uint32_t *p_running_offset, const char *p_bytes,

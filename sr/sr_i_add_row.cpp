@@ -129,7 +129,7 @@ void sr_i_column_default(const sr_i_table_t *p_table, qx_uint32_t column, qx_val
     if (!sr_i_is_pointer_type(definition.type)) return;
     // Pointer-valued defaults are packed after the column array.
     const char *p_defaults =
-        reinterpret_cast<const char *>(p_table->p_columns + p_table->total_columns);
+        sr_i_metadata_indirect_area(p_table->p_metadata_record_data, p_table->total_columns);
     qx_pmsg_anchor_t anchor;
     std::memcpy(&anchor, p_slot, sizeof anchor);
     *p_p_bytes = p_defaults + anchor.offset;
@@ -139,13 +139,10 @@ void sr_i_column_default(const sr_i_table_t *p_table, qx_uint32_t column, qx_val
 qx_int32_t sr_i_place_indirect_bytes(char *p_slot, char *p_indirect_data, qx_uint32_t room,
                                      qx_uint32_t *p_running_offset, const char *p_bytes,
                                      qx_uint32_t length) {
-    // Forms start 8-aligned in the area, as the value library places them, so
-    // that a client value read in place is aligned for its type.
-    const qx_uint64_t start = (static_cast<qx_uint64_t>(*p_running_offset) + 7) & ~qx_uint64_t{7};
-    const qx_uint64_t end = (start + length + 7) & ~qx_uint64_t{7};
+    // Forms lie end to end, as the value library places them.
+    const qx_uint64_t start = *p_running_offset;
+    const qx_uint64_t end = start + length;
     if (end > room) return QX_PMSG_E_ROOM;
-    std::memset(p_indirect_data + *p_running_offset, 0,
-                static_cast<size_t>(end - *p_running_offset));
     if (length != 0) std::memcpy(p_indirect_data + start, p_bytes, length);
     qx_pmsg_anchor_t anchor{static_cast<qx_uint32_t>(start), length};
     std::memcpy(p_slot, &anchor, sizeof anchor);

@@ -217,8 +217,6 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
 
     batch_t batch{p_table, fd, 0};
     char *p_metadata_record = p_table->p_metadata_record_data - kHeader;
-    // The column array goes out with offsets in place of its pointers.
-    sr_i_convert_columns_pointers_to_offsets(p_table);
     rc = batch.add(p_metadata_record, sr_i_record_length(p_metadata_record));
 
     // Live rows are the entries with a working record; as many as the
@@ -243,7 +241,6 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     const qx_uint32_t commit_offset = batch.offset;
     if (rc == 0) rc = batch.add(p_commit_record, p_table->applied_commit_record_length);
     if (rc == 0) rc = batch.flush();
-    sr_i_convert_columns_offsets_to_pointers(p_table);
     if (rc == 0) {
         sr_i_test_pause("apply-written");
         rc = sr_i_fdatasync(fd);

@@ -2,12 +2,11 @@
 // validation, the metadata record built from the caller's columns, transient
 // and persistent tables, and the read-only table built from packed rows.
 //
-// The metadata record holds the column array as sr_column_t entries (40 bytes
-// each on a 64-bit host: the file is host format), followed by its indirect
-// data area: the packed default values, the column names, then the
-// structured-data definitions.  In memory the name and sd_defn fields are
-// addresses; before the record is written they are turned into offsets from
-// the start of the indirect area, and back afterwards.
+// The metadata record holds the column array as 32-byte entries (the same
+// bytes on every host), followed by its indirect data area: the packed
+// default values, the column names, then the structured-data definitions.
+// Entries hold offsets into that area, in the pool as in the file; the table
+// reads its columns through a native copy (p_columns) built from them.
 #include <errno.h>
 #include <fcntl.h>
 #include <search.h>
@@ -25,8 +24,8 @@ SR_SOURCE_FILE("sr/sr_i_create_table", "1.1");
 namespace {
 
 constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
-constexpr qx_uint32_t kMetadataFixed = 16;
-constexpr qx_uint32_t kColumnSize = sizeof(sr_column_t);
+constexpr qx_uint32_t kMetadataFixed = SR_I_METADATA_FIXED_LENGTH;
+constexpr qx_uint32_t kColumnSize = SR_I_COLUMN_ENTRY_LENGTH;
 
 bool is_pointer_type(qx_uint32_t type) {
     return sr_i_is_pointer_type(static_cast<qx_data_type_t>(type));
@@ -108,27 +107,33 @@ qx_int32_t build_metadata_record(sr_i_table_t *p_table, const sr_column_t *p_col
         kMetadataFixed + defaults_length + array_length + names_length + sd_length;
     if (data_length > UINT32_MAX / 2) return SR_ERROR(12);
     char *p_data = nullptr;
-    qx_int32_t rc = sr_i_reserve_metadata_record(&p_table->record_buffer_pool,
-                                                 static_cast<qx_uint32_t>(data_length), &p_data);
+    qx_int32_t rc =
+        sr_i_reserve_record(&p_table->record_buffer_pool, static_cast<qx_uint32_t>(data_length),
+                            SR_I_RECORD_TYPE_METADATA, &p_data);
     if (rc != 0) return rc;
     sr_i_store_u32(p_data, byte_order_flag());
     sr_i_store_u32(p_data + 4, 0);
     sr_i_store_u32(p_data + 8, total_columns);
     sr_i_store_u32(p_data + 12, total_variable);
-    char *p_array = p_data + kMetadataFixed;
-    char *p_area = p_array + array_length;
+    char *p_area = sr_i_metadata_indirect_area(p_data, total_columns);
     if (defaults_length > 0) std::memcpy(p_area, p_defaults, defaults_length);
     char *p_name = p_area + defaults_length;
     char *p_sd = p_name + names_length;
     for (qx_uint32_t i = 0; i < total_columns; ++i) {
-        sr_column_t column = p_columns[i];
+        const sr_column_t &column = p_columns[i];
+        char *p_entry = sr_i_column_entry(p_data, i);
         size_t length = std::strlen(column.name) + 1;
         std::memcpy(p_name, column.name, length);
-        column.name = p_name;
+        sr_i_store_u32(p_entry + SR_I_COLUMN_ENTRY_NAME, static_cast<qx_uint32_t>(p_name - p_area));
         p_name += length;
+        sr_i_store_u32(p_entry + SR_I_COLUMN_ENTRY_TYPE, static_cast<qx_uint32_t>(column.type));
+        sr_i_store_u32(p_entry + SR_I_COLUMN_ENTRY_QUALIFIER, column.qualifier);
+        sr_i_store_u32(p_entry + SR_I_COLUMN_ENTRY_PROPERTIES,
+                       static_cast<qx_uint32_t>(column.properties));
+        qx_uint32_t sd_offset = 0;
         if (is_structured(column.type) && column.sd_defn != nullptr) {
             const sr_sd_def_t *p_def = column.sd_defn;
-            column.sd_defn = reinterpret_cast<sr_sd_def_t *>(p_sd);
+            sd_offset = static_cast<qx_uint32_t>(p_sd - p_area);
             sr_i_store_u32(p_sd, p_def->number_of_fields);
             p_sd += 4;
             for (qx_uint32_t f = 0; f < p_def->number_of_fields; ++f) {
@@ -137,35 +142,15 @@ qx_int32_t build_metadata_record(sr_i_table_t *p_table, const sr_column_t *p_col
                 std::memcpy(p_sd + 4, p_def->field_def[f].name, field_length);
                 p_sd += 4 + field_length;
             }
-        } else {
-            column.sd_defn = nullptr;
         }
-        std::memcpy(p_array + static_cast<size_t>(i) * kColumnSize, &column, kColumnSize);
+        sr_i_store_u32(p_entry + SR_I_COLUMN_ENTRY_SD_DEFN, sd_offset);
+        sr_i_store_u32(p_entry + SR_I_COLUMN_ENTRY_SD_DEFN + 4, 0);
+        std::memcpy(p_entry + SR_I_COLUMN_ENTRY_DEFAULT, &column.default_value, 8);
     }
     p_table->p_metadata_record_data = p_data;
-    p_table->p_columns = reinterpret_cast<sr_column_t *>(p_array);
     p_table->total_columns = total_columns;
     p_table->total_variable_length_columns = total_variable;
-    return 0;
-}
-
-// Adds `delta` to the name and (when set) sd_defn field of every column of
-// the metadata record.
-void shift_column_pointers(sr_i_table_t *p_table, bool to_offsets) {
-    char *p_array = reinterpret_cast<char *>(p_table->p_columns);
-    const uintptr_t area = reinterpret_cast<uintptr_t>(p_array) +
-                           static_cast<uintptr_t>(p_table->total_columns) * kColumnSize;
-    for (qx_uint32_t i = 0; i < p_table->total_columns; ++i) {
-        char *p_entry = p_array + static_cast<size_t>(i) * kColumnSize;
-        uintptr_t name;
-        uintptr_t sd;
-        std::memcpy(&name, p_entry + offsetof(sr_column_t, name), sizeof name);
-        std::memcpy(&sd, p_entry + offsetof(sr_column_t, sd_defn), sizeof sd);
-        name = to_offsets ? name - area : name + area;
-        if (sd != 0) sd = to_offsets ? sd - area : sd + area;
-        std::memcpy(p_entry + offsetof(sr_column_t, name), &name, sizeof name);
-        std::memcpy(p_entry + offsetof(sr_column_t, sd_defn), &sd, sizeof sd);
-    }
+    return sr_i_load_columns(p_table);
 }
 
 }  // namespace
@@ -177,50 +162,44 @@ char *sr_i_strdup(const char *p_text) {
     return p_copy;
 }
 
-qx_int32_t sr_i_reserve_metadata_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
-                                        qx_uint32_t data_length, char **p_record_data) {
-    // Room for the record and a short record of 12 to 19 bytes in front of
-    // it, which is taken and freed again when the column array (12 + 16
-    // bytes into the record) would otherwise be misaligned.  In a fresh pool
-    // the room starts 8-aligned; in a used one it may start anywhere.
-    constexpr qx_uint32_t kMostPadding = kHeader + 7;
-    char *p_data = nullptr;
-    char *p_previous = nullptr;
-    qx_uint32_t room = 0;
-    qx_int32_t rc = sr_i_rb_find_suitable_record(p_record_buffer_pool, data_length + kMostPadding,
-                                                 &p_data, &p_previous, &room);
-    if (rc != 0) return rc;
-    const uintptr_t misalignment =
-        (reinterpret_cast<uintptr_t>(p_data) + kMetadataFixed) % alignof(sr_column_t);
-    if (misalignment == 0) {
-        rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_data, p_previous, data_length,
-                                     SR_I_RECORD_TYPE_METADATA);
-        if (rc != 0) return rc;
-        *p_record_data = p_data;
-        return 0;
+qx_int32_t sr_i_load_columns(sr_i_table_t *p_table) {
+    const qx_uint32_t total = p_table->total_columns;
+    auto *p_columns =
+        static_cast<sr_column_t *>(sr_i_calloc(total != 0 ? total : 1, sizeof(sr_column_t)));
+    if (p_columns == nullptr) return SR_ERROR(12);
+    char *p_data = p_table->p_metadata_record_data;
+    char *p_area = sr_i_metadata_indirect_area(p_data, total);
+    for (qx_uint32_t i = 0; i < total; ++i) {
+        const char *p_entry = sr_i_column_entry(p_data, i);
+        sr_column_t &column = p_columns[i];
+        column.name = p_area + sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_NAME);
+        column.type = static_cast<qx_data_type_t>(sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_TYPE));
+        column.qualifier = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_QUALIFIER);
+        column.properties =
+            static_cast<qx_int32_t>(sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_PROPERTIES));
+        const qx_uint32_t sd_offset = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_SD_DEFN);
+        column.sd_defn =
+            sd_offset == 0 ? nullptr : reinterpret_cast<sr_sd_def_t *>(p_area + sd_offset);
+        std::memcpy(&column.default_value, p_entry + SR_I_COLUMN_ENTRY_DEFAULT, 8);
     }
-    qx_uint32_t padding = static_cast<qx_uint32_t>(alignof(sr_column_t) - misalignment);
-    while (padding < kHeader) padding += alignof(sr_column_t);
-    // The short record takes the front of the room; the free rest follows it
-    // in the chain, after the same predecessor.
-    rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_data, p_previous, padding - kHeader,
-                                 SR_I_RECORD_TYPE_METADATA);
-    if (rc != 0) return rc;
-    char *p_metadata = p_data + padding;
-    rc = sr_i_rb_allocate_record(p_record_buffer_pool, p_metadata, p_previous, data_length,
-                                 SR_I_RECORD_TYPE_METADATA);
-    sr_i_rb_free_record(p_record_buffer_pool, p_data);
-    if (rc != 0) return rc;
-    *p_record_data = p_metadata;
+    std::free(p_table->p_columns);
+    p_table->p_columns = p_columns;
     return 0;
 }
 
-void sr_i_convert_columns_pointers_to_offsets(sr_i_table_t *p_table) {
-    shift_column_pointers(p_table, true);
+void sr_i_set_column_qualifier(sr_i_table_t *p_table, qx_uint32_t column,
+                               sr_qualifier_t qualifier) {
+    sr_i_store_u32(
+        sr_i_column_entry(p_table->p_metadata_record_data, column) + SR_I_COLUMN_ENTRY_QUALIFIER,
+        qualifier);
+    p_table->p_columns[column].qualifier = qualifier;
 }
 
-void sr_i_convert_columns_offsets_to_pointers(sr_i_table_t *p_table) {
-    shift_column_pointers(p_table, false);
+void sr_i_set_column_default(sr_i_table_t *p_table, qx_uint32_t column, const qx_value_t &value) {
+    std::memcpy(
+        sr_i_column_entry(p_table->p_metadata_record_data, column) + SR_I_COLUMN_ENTRY_DEFAULT,
+        &value, 8);
+    std::memcpy(&p_table->p_columns[column].default_value, &value, 8);
 }
 
 void sr_i_swap_columns(sr_column_t *p_column1, sr_column_t *p_column2) {
@@ -449,7 +428,6 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     rc = sr_i_create_commit_record(nullptr, p_new->change_counter, &commit_length, &p_commit);
     if (rc == 0) {
         char *p_meta_header = p_new->p_metadata_record_data - kHeader;
-        sr_i_convert_columns_pointers_to_offsets(p_new);
         p_new->io_vector[0].iov_base = p_meta_header;
         p_new->io_vector[0].iov_len = sr_i_load_u32(p_meta_header);
         p_new->io_vector[1].iov_base = p_commit;
@@ -457,7 +435,6 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         rc = sr_i_writev(fd, p_new->io_vector, 2,
                          static_cast<ssize_t>(p_new->io_vector[0].iov_len + commit_length),
                          &p_new->file_length);
-        sr_i_convert_columns_offsets_to_pointers(p_new);
         std::free(p_commit);
     }
     if (rc == 0) rc = sr_i_fdatasync(fd);

@@ -135,8 +135,8 @@ void dump_column_definition(sr_i_table_t *p_table, qx_uint32_t index, FILE *p_st
     }
     if ((flags & SR_I_DUMP_COLUMN_DEFAULT) != 0) {
         sr_i_printf(SR_I_DUMP_COLUMN_DEFAULT, flags, p_stream, "    default_value: ");
-        const char *p_area = reinterpret_cast<const char *>(p_table->p_columns) +
-                             static_cast<size_t>(p_table->total_columns) * sizeof(sr_column_t);
+        const char *p_area =
+            sr_i_metadata_indirect_area(p_table->p_metadata_record_data, p_table->total_columns);
         const qx_int64_t limit =
             static_cast<qx_int64_t>(sr_i_record_length(p_table->p_metadata_record_data - kHeader)) -
             kHeader - (p_area - p_table->p_metadata_record_data);

@@ -174,29 +174,13 @@ struct image_writer_t {
     }
 };
 
-// A private copy of the source's metadata record with the column array in
-// offset form, as the file holds it.  The source itself is only read-locked:
-// its readers must keep seeing pointers.
+// A private copy of the source's metadata record, as the file holds it.
 char *metadata_image_of(const sr_i_table_t *p_table) {
     const char *p_record = p_table->p_metadata_record_data - kHeader;
     const qx_uint32_t length = sr_i_record_length(p_record);
     char *p_image = static_cast<char *>(sr_i_malloc(length));
     if (p_image == nullptr) return nullptr;
     std::memcpy(p_image, p_record, length);
-    const size_t array_offset =
-        static_cast<size_t>(reinterpret_cast<const char *>(p_table->p_columns) - p_record);
-    const uintptr_t area = reinterpret_cast<uintptr_t>(p_table->p_columns + p_table->total_columns);
-    for (qx_uint32_t i = 0; i < p_table->total_columns; ++i) {
-        char *p_entry = p_image + array_offset + static_cast<size_t>(i) * sizeof(sr_column_t);
-        uintptr_t name;
-        uintptr_t sd;
-        std::memcpy(&name, p_entry + offsetof(sr_column_t, name), sizeof name);
-        std::memcpy(&sd, p_entry + offsetof(sr_column_t, sd_defn), sizeof sd);
-        name -= area;
-        if (sd != 0) sd -= area;
-        std::memcpy(p_entry + offsetof(sr_column_t, name), &name, sizeof name);
-        std::memcpy(p_entry + offsetof(sr_column_t, sd_defn), &sd, sizeof sd);
-    }
     return p_image;
 }
 
@@ -381,29 +365,9 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
     if (rc == 0) {
         p_new->p_metadata_record_data =
             sr_i_rb_map_duplicated_address(p_map, p_source->p_metadata_record_data);
-        p_new->p_columns = reinterpret_cast<sr_column_t *>(sr_i_rb_map_duplicated_address(
-            p_map, reinterpret_cast<const char *>(p_source->p_columns)));
         p_new->total_columns = p_source->total_columns;
         p_new->total_variable_length_columns = p_source->total_variable_length_columns;
-        // The column array holds addresses of the source's metadata record.
-        const qx_int64_t distance =
-            p_new->p_metadata_record_data - p_source->p_metadata_record_data;
-        const uintptr_t old_area =
-            reinterpret_cast<uintptr_t>(p_source->p_columns + p_source->total_columns);
-        for (qx_uint32_t i = 0; i < p_new->total_columns; ++i) {
-            char *p_entry = reinterpret_cast<char *>(p_new->p_columns + i);
-            uintptr_t name;
-            uintptr_t sd;
-            std::memcpy(&name, p_entry + offsetof(sr_column_t, name), sizeof name);
-            std::memcpy(&sd, p_entry + offsetof(sr_column_t, sd_defn), sizeof sd);
-            name += static_cast<uintptr_t>(distance);
-            if (sd != 0 && sd >= old_area) sd += static_cast<uintptr_t>(distance);
-            std::memcpy(p_entry + offsetof(sr_column_t, name), &name, sizeof name);
-            std::memcpy(p_entry + offsetof(sr_column_t, sd_defn), &sd, sizeof sd);
-        }
-        if (reinterpret_cast<uintptr_t>(p_new->p_columns) % alignof(sr_column_t) != 0) {
-            rc = SR_ERROR(15);  // the copy keeps each buffer's alignment
-        }
+        rc = sr_i_load_columns(p_new);
     }
     if (rc == 0) rc = sr_i_establish_rows_index(p_new, p_source->maximum_rows);
     if (rc == 0 && p_source->p_rows_hash_table != nullptr) {

@@ -42,10 +42,6 @@ constexpr qx_uint32_t kFixedElements = 5;
 constexpr qx_uint32_t kColumnElements = 6;
 constexpr qx_uint32_t kColumnElementsWithDefinition = 8;
 
-constexpr qx_uint64_t round8(qx_uint64_t n) {
-    return (n + 7) & ~static_cast<qx_uint64_t>(7);
-}
-
 bool is_structured(qx_data_type_t type) {
     return type == QX_SD_PTR || type == QX_SD_PTR_ARRAY;
 }
@@ -68,8 +64,8 @@ qx_value_t u32_value(qx_uint32_t v) {
 // its length, from the record's own length word.
 void metadata_area(const sr_i_table_t *p_table, const char **p_p_area, qx_int64_t *p_length) {
     const char *p_data = p_table->p_metadata_record_data;
-    const char *p_area = reinterpret_cast<const char *>(p_table->p_columns) +
-                         static_cast<size_t>(p_table->total_columns) * sizeof(sr_column_t);
+    const char *p_area =
+        sr_i_metadata_indirect_area(p_table->p_metadata_record_data, p_table->total_columns);
     const qx_int64_t record_end = static_cast<qx_int64_t>(sr_i_record_length(p_data - kHeader));
     const qx_int64_t length = record_end - kHeader - (p_area - p_data);
     *p_p_area = p_area;
@@ -77,12 +73,12 @@ void metadata_area(const sr_i_table_t *p_table, const char **p_p_area, qx_int64_
 }
 
 // Bytes of the rows form for `total` records: the array head and anchors,
-// then per record a binary of 4 + L bytes at the next multiple of 8.
+// then per record a binary of 4 + L bytes, end to end.
 qx_uint64_t rows_form_length(const qx_array_t *p_rows) {
     qx_uint64_t length = 8 + 8 * static_cast<qx_uint64_t>(p_rows->element_count);
     for (qx_uint32_t i = 0; i < p_rows->element_count; ++i) {
         const char *p_header = p_rows->elements[i].ptr_char;
-        length = round8(length) + 4 + sr_i_record_length(p_header);
+        length += 4 + static_cast<qx_uint64_t>(sr_i_record_length(p_header));
     }
     return length;
 }
@@ -96,7 +92,6 @@ qx_uint32_t write_rows_form(const qx_array_t *p_rows, char *p_form) {
     for (qx_uint32_t i = 0; i < count; ++i) {
         const char *p_header = p_rows->elements[i].ptr_char;
         const qx_uint32_t length = sr_i_record_length(p_header);
-        position = round8(position);
         sr_i_store_u32(p_form + 8 + 8 * static_cast<size_t>(i), static_cast<qx_uint32_t>(position));
         sr_i_store_u32(p_form + 12 + 8 * static_cast<size_t>(i), 4 + length);
         char *p_binary = p_form + position;
@@ -443,7 +438,7 @@ qx_int32_t sr_i_pack_tables(qx_uint32_t total_tables, sr_i_table_t **p_tables,
             }
         }
         if (rc != 0) return rc;
-        total_length += round8(rows_form_length(parts.p_rows[i]));
+        total_length += rows_form_length(parts.p_rows[i]);
     }
     // The length word is 32 bits.
     if (total_length > UINT32_MAX) return SR_ERROR(12);
@@ -487,7 +482,7 @@ qx_int32_t sr_i_pack_tables(qx_uint32_t total_tables, sr_i_table_t **p_tables,
         const qx_uint32_t form_length = write_rows_form(parts.p_rows[i], p_area + running);
         sr_i_store_u32(p_slots + 24, running);
         sr_i_store_u32(p_slots + 28, form_length);
-        running += static_cast<qx_uint32_t>(round8(form_length));
+        running += form_length;
     }
     *p_p_buffer = p_buffer;
     return 0;
@@ -696,6 +691,26 @@ qx_int32_t check_rows(const qx_array_t *p_rows, const sr_column_t *p_columns,
     return 0;
 }
 
+// The client value of the rows array (checked, but holding copies of every
+// binary that lies misaligned) becomes an array of the records' header
+// addresses in the buffer itself: the table reads its rows there, in place.
+qx_int32_t rows_in_place(const char *p_rows_slot, const char *p_area, qx_array_t **p_p_rows) {
+    const qx_array_t *p_checked = *p_p_rows;
+    const qx_uint32_t count = p_checked->element_count;
+    auto *p_rows = static_cast<qx_array_t *>(sr_i_malloc(QX_ARRAY_SIZE(count)));
+    if (p_rows == nullptr) return SR_ERROR(12);
+    p_rows->element_count = count;
+    p_rows->pad = 0;
+    const char *p_form = p_area + sr_i_load_u32(p_rows_slot);
+    for (qx_uint32_t i = 0; i < count; ++i) {
+        p_rows->elements[i].ptr_char =
+            const_cast<char *>(p_form + sr_i_load_u32(p_form + 8 + 8 * static_cast<size_t>(i)));
+    }
+    std::free(*p_p_rows);
+    *p_p_rows = p_rows;
+    return 0;
+}
+
 }  // namespace
 
 qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
@@ -718,6 +733,7 @@ qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
     rc = client_value(QX_SD_PTR, p_slots + 8, p_area, area_length, &fixed);
     if (rc == 0) rc = client_value(QX_SD_PTR_ARRAY, p_slots + 16, p_area, area_length, &columns);
     if (rc == 0) rc = client_value(QX_BINARY_PTR_ARRAY, p_slots + 24, p_area, area_length, &rows);
+    if (rc == 0) rc = rows_in_place(p_slots + 24, p_area, &rows.ptr_array);
     if (rc == 0 && !fixed_metadata_shape(fixed.ptr_sd)) rc = SR_ERROR(14);
     sr_column_t *p_columns = nullptr;
     qx_uint32_t total_columns = 0;

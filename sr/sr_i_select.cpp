@@ -358,7 +358,7 @@ qx_int32_t sr_i_copy_row(sr_i_table_t *p_table, qx_char_ptr_t p_from_record_data
     const char *p_from_area = sr_i_row_indirect_area(p_from_record_data, p_table->total_columns);
     const qx_int64_t from_limit = indirect_length(p_from_record_data, p_table->total_columns);
 
-    // The chosen forms, each 8-aligned as the value library places them.
+    // The chosen forms, end to end as the value library places them.
     qx_uint64_t indirect = 0;
     for (qx_uint32_t j = 0; j < total; ++j) {
         const qx_uint32_t c = p_column_indices != nullptr ? p_column_indices[j] : j;
@@ -368,7 +368,7 @@ qx_int32_t sr_i_copy_row(sr_i_table_t *p_table, qx_char_ptr_t p_from_record_data
         if (static_cast<qx_int64_t>(anchor.offset) + anchor.length > from_limit) {
             return SR_ERROR(14);
         }
-        indirect += (static_cast<qx_uint64_t>(anchor.length) + 7) & ~qx_uint64_t{7};
+        indirect += anchor.length;
     }
     if (fixed + indirect > UINT32_MAX / 2) return SR_ERROR(12);
     const qx_uint32_t length = static_cast<qx_uint32_t>(fixed + indirect);

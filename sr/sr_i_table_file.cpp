@@ -5,10 +5,9 @@
 // A table file is a log of records with the pool's 12-byte header: the
 // metadata record at offset 0, then row, deletion, free and commit records.
 // Only the prefix up to the FIRST commit record is the table; anything after
-// it is an apply that was never committed.  The file is host format (byte
-// order and word size of the writer): the column array is an array of
-// sr_column_t, 40 bytes per column on a 64-bit host, with its name and sd_defn
-// pointers replaced by offsets.
+// it is an apply that was never committed.  Integers are in the writer's
+// byte order; every other byte is the same on every host (32-byte column
+// entries with offsets, values end to end), so the image is used in place.
 //
 // The file is untrusted input.  Every length, offset and count is checked in
 // 64-bit arithmetic against the bytes actually read before it is used, every
@@ -31,8 +30,8 @@ namespace {
 constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 // Metadata record data: byte-order flag, 0, total_columns,
 // total_variable_length_columns, then the column array.
-constexpr qx_uint32_t kMetadataFixed = 16;
-constexpr qx_uint32_t kColumnSize = sizeof(sr_column_t);
+constexpr qx_uint32_t kMetadataFixed = SR_I_METADATA_FIXED_LENGTH;
+constexpr qx_uint32_t kColumnSize = SR_I_COLUMN_ENTRY_LENGTH;
 constexpr qx_uint64_t kMaximumRoomHint = 16u << 20;
 
 inline qx_uint32_t rec_length(const char *p_header) {
@@ -45,10 +44,6 @@ inline qx_int32_t rec_type(const char *p_header) {
 bool is_pointer_type(qx_uint32_t type) {
     return sr_i_is_pointer_type(static_cast<qx_data_type_t>(type));
 }
-
-// Distance from a record header to its column array: the header, then the
-// metadata record's four words.
-constexpr uintptr_t kHeaderToColumns = SR_I_RECORD_HEADER_LENGTH + 16;
 
 }  // namespace
 
@@ -272,12 +267,10 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
     qx_uint32_t counted_variable = 0;
     for (qx_uint64_t i = 0; i < total_columns; ++i) {
         const char *p_entry = p_data + kMetadataFixed + i * kColumnSize;
-        // The type is read as a plain word: until it is checked it need not
-        // be a value of the enumeration.
-        const qx_uint32_t type = sr_i_load_u32(p_entry + offsetof(sr_column_t, type));
+        const qx_uint32_t type = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_TYPE);
         if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(14);
-        sr_column_t column = sr_i_load_column(reinterpret_cast<const sr_column_t *>(p_entry));
-        qx_uint64_t name = reinterpret_cast<uintptr_t>(column.name);
+        const qx_uint32_t qualifier = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_QUALIFIER);
+        qx_uint64_t name = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_NAME);
         if (name >= area_length ||
             std::memchr(p_area + name, '\0', area_length - name) == nullptr) {
             return SR_ERROR(14);
@@ -285,14 +278,13 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
         if (i == 0) {
             // Column 0 is the key: the row index and any hashed key index read
             // it from every row.
-            qx_uint32_t base = column.qualifier & SR_QUALIFIER_BASE_MASK;
+            qx_uint32_t base = qualifier & SR_QUALIFIER_BASE_MASK;
             if (base != SR_PRIMARY_KEY && base != SR_PRIMARY_KEY_NOCHECK) return SR_ERROR(14);
             if (type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR) return SR_ERROR(14);
         }
-        qx_uint64_t sd = reinterpret_cast<uintptr_t>(column.sd_defn);
+        qx_uint64_t sd = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_SD_DEFN);
         if (sd != 0) {
-            // Offsets are whole 64-bit words here: compare without adding.
-            if (sd > area_length || area_length - sd < 4) return SR_ERROR(14);
+            if (sd + 4 > area_length) return SR_ERROR(14);
             qx_uint32_t fields = sr_i_load_u32(p_area + sd);
             qx_uint64_t at = sd + 4;
             for (qx_uint32_t f = 0; f < fields; ++f) {
@@ -306,15 +298,17 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
             ++counted_variable;
             // The default's protocol form must lie inside the area, nested
             // anchors included: building a deep client value checks them all.
+            const char *p_default = p_entry + SR_I_COLUMN_ENTRY_DEFAULT;
             qx_pmsg_anchor_t anchor;
-            std::memcpy(&anchor, &column.default_value, sizeof anchor);
+            std::memcpy(&anchor, p_default, sizeof anchor);
             if (static_cast<qx_uint64_t>(anchor.offset) + anchor.length > area_length) {
                 return SR_ERROR(14);
             }
             qx_value_t value;
             int pmsg_rc = qx_pmsg_build_conv_packed_client_value_1(
-                nullptr, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP, column.type, &value,
-                &column.default_value, p_area, static_cast<qx_int64_t>(area_length));
+                nullptr, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP,
+                static_cast<qx_data_type_t>(type), &value, p_default, p_area,
+                static_cast<qx_int64_t>(area_length));
             if (pmsg_rc != 0) return SR_ERROR(14);
             std::free(value.ptr_char);
         }
@@ -344,11 +338,10 @@ bool row_key_is_sound(const char *p_data, qx_uint64_t data_length, qx_uint32_t t
 
 // Reads the whole file into the pool as one record of type 1 whose length is
 // then set back to the metadata record's own, so that the pool walks the
-// file's records from there.  When the room's start would leave the column
-// array misaligned, the image goes 12 bytes further in and those 12 bytes
-// become a free record of their own.  Returns the image (the metadata
-// record's header), the bytes read and the image's end within its pool record
-// (both counted from the image).
+// file's records from there.  The room is asked for read_guess - 12 data
+// bytes and the file read from its header on.  Returns the image (the
+// metadata record's header), the bytes read and the image's end (the length
+// of its pool record).
 qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_image,
                            qx_uint64_t *p_bytes_read, qx_uint64_t *p_image_end) {
     for (;;) {
@@ -366,17 +359,14 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
         char *p_previous = nullptr;
         qx_uint32_t room = 0;
         qx_int32_t rc = sr_i_rb_find_suitable_record(&p_table->record_buffer_pool,
-                                                     static_cast<qx_uint32_t>(read_guess), &p_data,
-                                                     &p_previous, &room);
+                                                     static_cast<qx_uint32_t>(read_guess - kHeader),
+                                                     &p_data, &p_previous, &room);
         if (rc != 0) return rc;
-        char *p_room = p_data - kHeader;
-        const qx_uint32_t pad =
-            (reinterpret_cast<uintptr_t>(p_room) + kHeaderToColumns) % 8 == 0 ? 0 : kHeader;
-        char *p_image = p_room + pad;
+        char *p_image = p_data - kHeader;
         // The free record's header belongs to the pool: its link word must
         // survive the read, since the file's own link words mean nothing.
         char saved_header[kHeader];
-        std::memcpy(saved_header, p_room, kHeader);
+        std::memcpy(saved_header, p_image, kHeader);
 
         qx_uint64_t bytes_read = 0;
         for (;;) {
@@ -384,7 +374,7 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
             if (n < 0) {
                 if (errno == EINTR) continue;
                 int err = errno;
-                std::memcpy(p_room, saved_header, kHeader);
+                std::memcpy(p_image, saved_header, kHeader);
                 return SR_ERROR_SYSCALL("read", err);
             }
             bytes_read += static_cast<qx_uint64_t>(n);
@@ -396,23 +386,16 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
         }
         const qx_uint32_t meta_length = rec_length(p_image);
         const qx_int32_t meta_type = rec_type(p_image);
-        std::memcpy(p_room, saved_header, kHeader);
+        std::memcpy(p_image, saved_header, kHeader);
         if (bytes_read == read_guess) continue;  // the file grew meanwhile: again
         if (bytes_read < kHeader + 1) return SR_ERROR(14);
         rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_data, p_previous,
-                                     static_cast<qx_uint32_t>(pad + bytes_read - kHeader),
+                                     static_cast<qx_uint32_t>(bytes_read - kHeader),
                                      SR_I_RECORD_TYPE_METADATA);
         if (rc != 0) return rc;
-        const qx_uint64_t image_end = rec_length(p_room) - pad;
-        if (pad != 0) {
-            sr_i_set_record_length(p_room, kHeader);
-            sr_i_set_record_type(p_image, SR_I_RECORD_TYPE_METADATA);
-            sr_i_set_record_length(p_image, static_cast<qx_uint32_t>(image_end));
-            sr_i_rb_free_record(&p_table->record_buffer_pool, p_room + kHeader);
-        }
         *p_p_image = p_image;
         *p_bytes_read = bytes_read;
-        *p_image_end = image_end;
+        *p_image_end = rec_length(p_image);
         // Until the metadata record is known good the image stays one record
         // of the pool, so that a failure can simply close the table.
         if (meta_type != SR_I_RECORD_TYPE_METADATA || meta_length > bytes_read) {
@@ -617,9 +600,10 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     }
     if (rc == 0) {
         p_new->p_metadata_record_data = p_image + kHeader;
-        p_new->p_columns =
-            reinterpret_cast<sr_column_t *>(p_new->p_metadata_record_data + kMetadataFixed);
-        sr_i_convert_columns_offsets_to_pointers(p_new);
+        rc = sr_i_load_columns(p_new);
+        if (rc != 0) sr_i_set_record_length(p_image, static_cast<qx_uint32_t>(image_end));
+    }
+    if (rc == 0) {
         // Found, not taken: makes the pool add its next buffer now, so that
         // the first rows added later come from it.  Only a hint, so a column
         // count no real table has cannot make it a huge allocation.

@@ -61,7 +61,7 @@ qx_int32_t copy_column(const sr_i_table_t *p_table, qx_uint32_t column, sr_colum
     }
     // The caller keeps the default past the table's close: a deep copy.
     const char *p_defaults =
-        reinterpret_cast<const char *>(p_table->p_columns + p_table->total_columns);
+        sr_i_metadata_indirect_area(p_table->p_metadata_record_data, p_table->total_columns);
     cu_iconv_t *p_handle = p_table->p_tree != nullptr
                                ? p_table->p_tree->p_from_table_string_conversion_handle
                                : nullptr;

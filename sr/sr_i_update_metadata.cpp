@@ -84,23 +84,25 @@ qx_int32_t copy_rows(sr_i_table_t *p_table, sr_i_table_t *p_new, qx_char_ptr_t *
 }
 
 // Moves the metadata record to a new pool record of new_data_length data
-// bytes (at least its present length), keeping its contents and the column
-// array's alignment; returns the new record's data.  The column array is in
-// offset form while it moves.
+// bytes (at least its present length), keeping its contents; returns the new
+// record's data.
 qx_int32_t move_metadata_record(sr_i_table_t *p_table, qx_uint32_t new_data_length,
                                 char **p_p_data) {
     char *p_old = p_table->p_metadata_record_data;
     const qx_uint32_t old_length = sr_i_record_length(p_old - kHeader) - kHeader;
     char *p_data = nullptr;
-    qx_int32_t rc =
-        sr_i_reserve_metadata_record(&p_table->record_buffer_pool, new_data_length, &p_data);
+    qx_int32_t rc = sr_i_reserve_record(&p_table->record_buffer_pool, new_data_length,
+                                        SR_I_RECORD_TYPE_METADATA, &p_data);
     if (rc != 0) return rc;
-    sr_i_convert_columns_pointers_to_offsets(p_table);
     std::memcpy(p_data, p_old, old_length);
     std::memset(p_data + old_length, 0, new_data_length - old_length);
     p_table->p_metadata_record_data = p_data;
-    p_table->p_columns = reinterpret_cast<sr_column_t *>(p_data + kMetadataFixed);
-    sr_i_convert_columns_offsets_to_pointers(p_table);
+    rc = sr_i_load_columns(p_table);
+    if (rc != 0) {
+        p_table->p_metadata_record_data = p_old;
+        sr_i_rb_free_record(&p_table->record_buffer_pool, p_data);
+        return rc;
+    }
     // Values handed out from the old record's bytes go with it.
     qx_pmsg_release_client_values_1(p_old, old_length);
     sr_i_rb_free_record(&p_table->record_buffer_pool, p_old);
@@ -214,9 +216,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
     }
     if (rc == 0) {
         rc = copy_rows(p_table, p_new, p_old_names, p_new_names, old_total);
-        std::memcpy(
-            reinterpret_cast<char *>(&p_new->p_columns[0]) + offsetof(sr_column_t, qualifier),
-            &key_qualifier, sizeof key_qualifier);
+        sr_i_set_column_qualifier(p_new, 0, key_qualifier);
         if (rc != 0) sr_i_close_table(p_new);
     }
     std::free(p_new_names);
@@ -320,8 +320,7 @@ qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_p
     if (c < 0) return SR_ERROR(105);
     sr_column_t column = sr_i_load_column(&p_table->p_columns[c]);
     if ((column.qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD) return SR_ERROR(105);
-    std::memcpy(reinterpret_cast<char *>(&p_table->p_columns[c]) + offsetof(sr_column_t, qualifier),
-                &new_qualifier, sizeof new_qualifier);
+    sr_i_set_column_qualifier(p_table, static_cast<qx_uint32_t>(c), new_qualifier);
     return 0;
 }
 
@@ -329,11 +328,9 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
                                              qx_value_t new_default_value) {
     const qx_int32_t c = sr_i_find_column(p_table, p_column_name);
     if (c < 0) return SR_ERROR(105);
-    char *p_default =
-        reinterpret_cast<char *>(&p_table->p_columns[c]) + offsetof(sr_column_t, default_value);
     const qx_data_type_t type = sr_i_load_column(&p_table->p_columns[c]).type;
     if (!sr_i_is_pointer_type(type)) {
-        std::memcpy(p_default, &new_default_value, sizeof new_default_value);
+        sr_i_set_column_default(p_table, static_cast<qx_uint32_t>(c), new_default_value);
         return 0;
     }
 
@@ -371,12 +368,10 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
     // pointed at it.  The old form stays behind as dead bytes until the
     // table is next rebuilt.
     const qx_uint32_t area_start =
-        kMetadataFixed + p_table->total_columns * static_cast<qx_uint32_t>(sizeof(sr_column_t));
+        kMetadataFixed + p_table->total_columns * SR_I_COLUMN_ENTRY_LENGTH;
     const qx_uint32_t old_length =
         sr_i_record_length(p_table->p_metadata_record_data - kHeader) - kHeader;
-    const qx_uint64_t new_length =
-        ((static_cast<qx_uint64_t>(old_length) + 7) & ~qx_uint64_t{7}) +
-        ((static_cast<qx_uint64_t>(anchor.length) + 7) & ~qx_uint64_t{7});
+    const qx_uint64_t new_length = static_cast<qx_uint64_t>(old_length) + anchor.length;
     if (new_length > UINT32_MAX / 2) {
         std::free(p_form);
         return SR_ERROR(12);
@@ -385,12 +380,15 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
     qx_int32_t rc = move_metadata_record(p_table, static_cast<qx_uint32_t>(new_length), &p_data);
     if (rc == 0) {
         qx_uint32_t place = old_length - area_start;
-        p_default =
-            reinterpret_cast<char *>(&p_table->p_columns[c]) + offsetof(sr_column_t, default_value);
-        rc = sr_i_place_indirect_bytes(p_default, p_data + area_start,
+        qx_value_t slot;
+        rc = sr_i_place_indirect_bytes(reinterpret_cast<char *>(&slot), p_data + area_start,
                                        static_cast<qx_uint32_t>(new_length) - area_start, &place,
                                        p_form + anchor.offset, anchor.length);
-        if (rc != 0) rc = SR_ERROR(15);
+        if (rc != 0) {
+            rc = SR_ERROR(15);
+        } else {
+            sr_i_set_column_default(p_table, static_cast<qx_uint32_t>(c), slot);
+        }
     }
     std::free(p_form);
     return rc;

@@ -24,7 +24,7 @@ int build(int type, const qx_value_t &value, Area &area, qx_pmsg_value_t *p_slot
                                                &value, p_slot, area.bytes(), room, p_running);
 }
 
-TEST(PmsgProtocolFormTest, TextIsItsBytesWithTheNulAndPaddingToEight) {
+TEST(PmsgProtocolFormTest, TextIsItsBytesWithTheNulAndNothingAfter) {
     Area area;
     memset(area.words, 0xEE, sizeof area.words);
     qx_value_t value;
@@ -33,11 +33,10 @@ TEST(PmsgProtocolFormTest, TextIsItsBytesWithTheNulAndPaddingToEight) {
     qx_uint32_t running = 0;
     ASSERT_EQ(0, build(QX_CHAR_PTR, value, area, &slot, &running));
     EXPECT_EQ(0u, slot.anchor.offset);
-    EXPECT_EQ(6u, slot.anchor.length) << "the anchor counts the NUL, not the padding";
-    EXPECT_EQ(8u, running);
-    const uint8_t expected[8] = {'h', 'e', 'l', 'l', 'o', 0, 0, 0};
-    EXPECT_EQ(0, memcmp(area.bytes(), expected, 8)) << "padding is zeroed";
-    EXPECT_EQ(0xEE, area.bytes()[8]) << "nothing beyond the form is touched";
+    EXPECT_EQ(6u, slot.anchor.length) << "the anchor counts the NUL";
+    EXPECT_EQ(6u, running);
+    EXPECT_EQ(0, memcmp(area.bytes(), "hello", 6));
+    EXPECT_EQ(0xEE, area.bytes()[6]) << "nothing beyond the form is touched";
 }
 
 TEST(PmsgProtocolFormTest, BinaryResourceHandleAndSbsKeepTheirClientLayout) {
@@ -53,19 +52,20 @@ TEST(PmsgProtocolFormTest, BinaryResourceHandleAndSbsKeepTheirClientLayout) {
     EXPECT_EQ(3u, rd32(area.bytes()));
     EXPECT_EQ(0, memcmp(area.bytes() + 4, "\x01\x02\x03", 3));
 
+    // Forms lie end to end, at whatever alignment that gives.
     value.ptr_rsrc_handle = arena.rsrc(1, 2, 3, 4, 5);
     ASSERT_EQ(0, build(QX_RSRC_HANDLE_PTR, value, area, &slot, &running));
-    EXPECT_EQ(8u, slot.anchor.offset);
+    EXPECT_EQ(7u, slot.anchor.offset);
     EXPECT_EQ(20u, slot.anchor.length);
-    for (uint32_t i = 0; i < 5; i++) EXPECT_EQ(i + 1, rd32(area.bytes() + 8 + 4 * i));
-    EXPECT_EQ(32u, running);
+    for (uint32_t i = 0; i < 5; i++) EXPECT_EQ(i + 1, rd32(area.bytes() + 7 + 4 * i));
+    EXPECT_EQ(27u, running);
 
     value.ptr_sbs = arena.sbs("abcdefghij");
     ASSERT_EQ(0, build(QX_SBS_PTR, value, area, &slot, &running));
-    EXPECT_EQ(32u, slot.anchor.offset);
+    EXPECT_EQ(27u, slot.anchor.offset);
     EXPECT_EQ(14u, slot.anchor.length);
-    EXPECT_EQ(10u, rd32(area.bytes() + 32));
-    EXPECT_EQ(48u, running);
+    EXPECT_EQ(10u, rd32(area.bytes() + 27));
+    EXPECT_EQ(41u, running);
 }
 
 TEST(PmsgProtocolFormTest, ArrayOfScalarsIsCountPadAndEightByteSlots) {
@@ -104,12 +104,12 @@ TEST(PmsgProtocolFormTest, NestedAnchorsCountFromTheStartOfTheirContainer) {
     EXPECT_EQ(2u, rd32(p));
     EXPECT_EQ(24u, rd32(p + 8)) << "first string right after header and two anchors";
     EXPECT_EQ(3u, rd32(p + 12));
-    EXPECT_EQ(32u, rd32(p + 16)) << "second string at the next multiple of 8";
+    EXPECT_EQ(27u, rd32(p + 16)) << "second string right after the first";
     EXPECT_EQ(10u, rd32(p + 20));
     EXPECT_STREQ("ab", reinterpret_cast<char *>(p + 24));
-    EXPECT_STREQ("cdefghijk", reinterpret_cast<char *>(p + 32));
-    EXPECT_EQ(42u, slot.anchor.length);
-    EXPECT_EQ(8u + 48u, running);
+    EXPECT_STREQ("cdefghijk", reinterpret_cast<char *>(p + 27));
+    EXPECT_EQ(37u, slot.anchor.length);
+    EXPECT_EQ(8u + 37u, running);
 }
 
 TEST(PmsgProtocolFormTest, StructuredDataElementsCarryTheirTypes) {
@@ -137,7 +137,7 @@ TEST(PmsgProtocolFormTest, StructuredDataElementsCarryTheirTypes) {
     EXPECT_EQ(42u, slot.anchor.length);
 }
 
-TEST(PmsgProtocolFormTest, OffsetNotAMultipleOfEightIsRoundedUpAndThePaddingZeroed) {
+TEST(PmsgProtocolFormTest, AFormStartsAtTheRunningOffsetWhateverItIs) {
     Area area;
     memset(area.words, 0xEE, sizeof area.words);
     qx_value_t value;
@@ -145,11 +145,11 @@ TEST(PmsgProtocolFormTest, OffsetNotAMultipleOfEightIsRoundedUpAndThePaddingZero
     qx_pmsg_value_t slot;
     qx_uint32_t running = 3;
     ASSERT_EQ(0, build(QX_CHAR_PTR, value, area, &slot, &running));
-    EXPECT_EQ(8u, slot.anchor.offset);
-    EXPECT_EQ(16u, running);
-    const uint8_t zeros[5] = {};
-    EXPECT_EQ(0, memcmp(area.bytes() + 3, zeros, 5));
+    EXPECT_EQ(3u, slot.anchor.offset);
+    EXPECT_EQ(7u, running);
+    EXPECT_EQ(0, memcmp(area.bytes() + 3, "abc", 4));
     EXPECT_EQ(0xEE, area.bytes()[2]) << "bytes before the running offset are not the build's";
+    EXPECT_EQ(0xEE, area.bytes()[7]) << "nor those after the form";
 }
 
 /* The build's room contract, over many random values of every type: the
@@ -164,8 +164,7 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
             qx_uint32_t size = 0;
             ASSERT_EQ(0, qx_pmsg_size_conv_protocol_value_1(
                              nullptr, 0, static_cast<qx_data_type_t>(type), &value, &size));
-            ASSERT_EQ(0u, size % 8);
-            qx_uint32_t start = 8 * maker.below(4);
+            qx_uint32_t start = maker.below(25);
             std::vector<uint8_t> area(start + size, 0x5A);
             std::vector<uint8_t> before = area;
             qx_pmsg_value_t slot;

@@ -15,7 +15,10 @@
 
 #include "sr/table_test_util.h"
 
+using qxtest::ColumnEntry;
+using qxtest::ColumnEntryAt;
 using qxtest::Exists;
+using qxtest::kColumnEntry;
 using qxtest::last_error;
 using qxtest::ReadBytes;
 using qxtest::U32At;
@@ -148,11 +151,11 @@ TEST_F(CreateTableTest, KeyGivenThirdIsColumnZeroOfTheTableButNotOfTheCaller) {
     EXPECT_STREQ(sr_i_load_column(&p_table->p_columns[2]).name, "c2");
 }
 
-TEST_F(CreateTableTest, ColumnArrayOfATableIsAlignedForDirectUse) {
+TEST_F(CreateTableTest, ColumnsOfATableReadAsDefinitions) {
     auto columns = ScalarColumns(2);
     ASSERT_EQ(TryCreate("/t", columns), 0);
     auto *p_table = static_cast<sr_i_table_t *>(created_.back());
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(p_table->p_columns) % alignof(sr_column_t), 0u);
+    EXPECT_STREQ(p_table->p_columns[1].name, "c1");
     EXPECT_EQ(p_table->p_columns[1].default_value.val_int64, 101);
 }
 
@@ -249,36 +252,32 @@ TEST_F(CreateTableTest, NewFileHoldsTheMetadataRecordAndAFirstCommitRecord) {
     EXPECT_EQ(U32At(bytes, data + 8), 3u);
     EXPECT_EQ(U32At(bytes, data + 12), 2u);  // the string and the structured data
     const size_t array = data + 16;
-    const size_t area = array + 3 * kCol;
-    auto column_at = [&](int i) {
-        sr_column_t c;
-        std::memcpy(&c, bytes.data() + array + i * kCol, kCol);
-        return c;
-    };
+    const size_t area = array + 3 * kColumnEntry;
+    auto column_at = [&](int i) { return ColumnEntryAt(bytes, array + i * kColumnEntry); };
     auto text_at = [&](uintptr_t offset) { return std::string(bytes.data() + area + offset); };
     // Key first, then the others in the order given, the key's place taken
     // by the column that was first.
-    sr_column_t c0 = column_at(0), c1 = column_at(1), c2 = column_at(2);
-    EXPECT_EQ(text_at(reinterpret_cast<uintptr_t>(c0.name)), "key");
-    EXPECT_EQ(text_at(reinterpret_cast<uintptr_t>(c1.name)), "s");
-    EXPECT_EQ(text_at(reinterpret_cast<uintptr_t>(c2.name)), "n");
-    EXPECT_EQ(c0.type, QX_CHAR_PTR);
+    ColumnEntry c0 = column_at(0), c1 = column_at(1), c2 = column_at(2);
+    EXPECT_EQ(text_at(c0.name), "key");
+    EXPECT_EQ(text_at(c1.name), "s");
+    EXPECT_EQ(text_at(c2.name), "n");
+    EXPECT_EQ(c0.type, static_cast<qx_uint32_t>(QX_CHAR_PTR));
     EXPECT_EQ(c0.qualifier, static_cast<sr_qualifier_t>(SR_PRIMARY_KEY));
     EXPECT_EQ(c0.properties, -3);
-    EXPECT_EQ(c0.sd_defn, nullptr);
+    EXPECT_EQ(c0.sd_defn, 0u);
     EXPECT_EQ(c1.properties, 7);
-    EXPECT_EQ(c2.default_value.val_int32, 42);
+    EXPECT_EQ(static_cast<qx_int32_t>(c2.default_value), 42);
     // The key's default: its protocol form in the area.
     qx_pmsg_anchor_t anchor;
     std::memcpy(&anchor, &c0.default_value, 8);
     EXPECT_EQ(anchor.length, 4u);
     EXPECT_EQ(text_at(anchor.offset), "abc");
     // Names follow the defaults, in column order, NUL-terminated.
-    const uintptr_t names = reinterpret_cast<uintptr_t>(c0.name);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(c1.name), names + 4);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(c2.name), names + 6);
+    const uintptr_t names = c0.name;
+    EXPECT_EQ(c1.name, names + 4);
+    EXPECT_EQ(c2.name, names + 6);
     // The definition: count, then type and name per field, unaligned.
-    const uintptr_t sd = reinterpret_cast<uintptr_t>(c1.sd_defn);
+    const uintptr_t sd = c1.sd_defn;
     EXPECT_EQ(sd, names + 8);
     EXPECT_EQ(U32At(bytes, area + sd), 2u);
     EXPECT_EQ(U32At(bytes, area + sd + 4), static_cast<qx_uint32_t>(QX_INT32));

@@ -2,6 +2,7 @@
 // the hex dump, the type and qualifier names, and the tree dump on standard
 // output.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -318,6 +319,52 @@ TEST_F(DumpTest, TreeDumpGoesToStandardOutputWithTablesAndMountPoints) {
     for (const std::string &l : lines) tables += l.rfind("Table p_table(0x", 0) == 0;
     EXPECT_EQ(tables, 2);
     EXPECT_TRUE(HasLine(text, "  p_persistent_table_registry_path(/m/two)"));
+}
+
+// The pool numbers of a new table file with two int32 columns: a 120-byte
+// file (metadata record 96, commit record 24), a first pool buffer of 8,420
+// bytes (a hundred times the 84 data bytes asked for, plus 20) of which 116
+// are used, and the metadata record first in it.  A row of an int32 key, a
+// uint32, an int64 and "one" adds a 52-byte record: values end to end.
+TEST_F(DumpTest, NewTwoColumnFileAndItsPoolHaveTheFormatsNumbers) {
+    qxtest::TempDir dir;
+    ASSERT_EQ(sr_mount_local_tree_1(tree_, arena_.text("/m"), arena_.text(dir.path()), 1), 0);
+    sr_i_table_t *p_table =
+        Table("/m/t", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("v", QX_INT32, SR_STANDARD)});
+    ASSERT_NE(p_table, nullptr);
+    struct stat st;
+    ASSERT_EQ(stat(dir.file("t").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 120);
+    const std::string text = Dump(p_table, SR_I_DUMP_RECORD_BUFFER_POOL);
+    EXPECT_TRUE(HasLine(text, "  total_bytes(8420)")) << text;
+    EXPECT_TRUE(HasLine(text, "  used_bytes(116)")) << text;
+    std::string first;
+    for (const std::string &line : Lines(text)) {
+        if (first.empty() && line.rfind("    record(", 0) == 0) first = line;
+    }
+    EXPECT_EQ(first.rfind("    record(0:", 0), 0u) << text;
+    EXPECT_NE(first.find("length(96) type(1)"), std::string::npos) << text;
+    EXPECT_EQ(sr_close_table_1(p_table), 0);
+
+    p_table =
+        Table("/m/r", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("u", QX_UINT32, SR_STANDARD),
+                       Column("i", QX_INT64, SR_STANDARD), Column("s", QX_CHAR_PTR, SR_STANDARD)});
+    ASSERT_NE(p_table, nullptr);
+    ASSERT_EQ(stat(dir.file("r").c_str(), &st), 0);
+    const off_t created = st.st_size;
+    qx_value_t values[4];
+    values[0].val_int32 = 1;
+    values[1].val_uint32 = 2;
+    values[2].val_int64 = 3;
+    values[3].ptr_char = arena_.text("one");
+    qx_value_t *p_values[4] = {&values[0], &values[1], &values[2], &values[3]};
+    qx_char_ptr_t names[4] = {arena_.text("k"), arena_.text("u"), arena_.text("i"),
+                              arena_.text("s")};
+    ASSERT_EQ(sr_add_row_1(p_table, names, p_values, 4), 0);
+    ASSERT_EQ(stat(dir.file("r").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size - created, 52 + 24);  // the row and the new commit record
+    EXPECT_EQ(sr_i_record_length(p_table->p_rows_fixed_index[0].p_committed - 12), 52u);
+    EXPECT_EQ(sr_close_table_1(p_table), 0);
 }
 
 }  // namespace

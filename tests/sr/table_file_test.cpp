@@ -484,7 +484,7 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
     const FileImage base = NewFile("t", 2);
     const qx_uint32_t meta = base.End();
     const size_t array = 12 + 16;
-    const size_t col = sizeof(sr_column_t);
+    const size_t col = qxtest::kColumnEntry;
     auto with = [&](size_t offset, qx_uint64_t value, size_t size) {
         FileImage image = base;
         std::memcpy(image.bytes.data() + offset, &value, size);
@@ -498,20 +498,14 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
     ExpectUnreadable(with(12 + 8, 3, 4), "column array larger than the record");
     ExpectUnreadable(with(12 + 8, 0x80000000u, 4), "column count overflowing");
     ExpectUnreadable(with(12 + 12, 1, 4), "variable-length count that does not add up");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, type), 0, 4), "no type");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, type), 23, 4), "type 23");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, type), 0x95959595u, 4),
-                     "type word no type has");
-    ExpectUnreadable(with(array + offsetof(sr_column_t, qualifier), SR_STANDARD, 4),
-                     "column 0 not a key");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, name), 1u << 20, 8),
-                     "name outside the record");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, sd_defn), 1u << 20, 8),
-                     "definition outside the record");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, sd_defn), ~qx_uint64_t{0} - 1, 8),
-                     "definition offset that wraps around");
-    ExpectUnreadable(with(array + col + offsetof(sr_column_t, name), ~qx_uint64_t{0}, 8),
-                     "name offset that wraps around");
+    ExpectUnreadable(with(array + col + 4, 0, 4), "no type");
+    ExpectUnreadable(with(array + col + 4, 23, 4), "type 23");
+    ExpectUnreadable(with(array + col + 4, 0x95959595u, 4), "type word no type has");
+    ExpectUnreadable(with(array + 8, SR_STANDARD, 4), "column 0 not a key");
+    ExpectUnreadable(with(array + col + 0, 1u << 20, 4), "name outside the record");
+    ExpectUnreadable(with(array + col + 16, 1u << 20, 4), "definition outside the record");
+    ExpectUnreadable(with(array + col + 16, 0xFFFFFFFEu, 4), "definition offset that wraps around");
+    ExpectUnreadable(with(array + col + 0, 0xFFFFFFFFu, 4), "name offset that wraps around");
     // The last name without its NUL.
     FileImage image = base;
     image.bytes[meta - 1] = 'x';
@@ -519,10 +513,7 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
     ExpectUnreadable(image, "name without its end");
 
     // Two columns of one name: readable (the first is the one found).
-    sr_column_t c1;
-    std::memcpy(&c1, base.bytes.data() + array + col, col);
-    FileImage twin =
-        with(array + offsetof(sr_column_t, name), reinterpret_cast<uintptr_t>(c1.name), 8);
+    FileImage twin = with(array + 0, qxtest::ColumnEntryAt(base.bytes, array + col).name, 4);
     sr_i_table_t *p_table = nullptr;
     ASSERT_EQ(Load("twin", twin, &p_table), 0);
     EXPECT_STREQ(sr_i_load_column(&p_table->p_columns[0]).name, "c1");
@@ -560,38 +551,6 @@ TEST_F(TableFileTest, EveryAllocationFailureOfALoadIs12) {
         }
     }
     EXPECT_TRUE(loaded);
-}
-
-// Wherever the pool's free room starts, a metadata record is placed so that
-// its column array can be used as an sr_column_t array in place.
-TEST_F(TableFileTest, MetadataRecordIsPlacedForAnAlignedColumnArrayInAnyPool) {
-    for (qx_uint32_t shift = 0; shift < 16; ++shift) {
-        sr_i_record_buffer_pool_t pool{};
-        char *p_first = nullptr;
-        ASSERT_EQ(sr_i_reserve_record(&pool, 100 + shift, 2, &p_first), 0);
-        char *p_metadata = nullptr;
-        ASSERT_EQ(sr_i_reserve_metadata_record(&pool, 200, &p_metadata), 0) << shift;
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(p_metadata + 16) % alignof(sr_column_t), 0u) << shift;
-        EXPECT_EQ(sr_i_record_type(p_metadata - 12), SR_I_RECORD_TYPE_METADATA);
-        EXPECT_GE(sr_i_record_length(p_metadata - 12), 212u);
-        // A second one in the same, now fragmented, pool.
-        char *p_second = nullptr;
-        ASSERT_EQ(sr_i_reserve_metadata_record(&pool, 64 + shift, &p_second), 0) << shift;
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(p_second + 16) % alignof(sr_column_t), 0u) << shift;
-        // Every record of the pool is still walked by length, and the short
-        // records went back on the free chain.
-        qx_uint64_t free_data = 0;
-        for (sr_i_record_buffer_t *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) {
-            char *p_record = sr_i_rb_buffer_data(p);
-            while (p_record < sr_i_rb_buffer_end(p)) {
-                if (sr_i_record_type(p_record) == 0) free_data += sr_i_record_length(p_record) - 12;
-                p_record += sr_i_record_length(p_record);
-            }
-            EXPECT_EQ(p_record, sr_i_rb_buffer_end(p));
-        }
-        EXPECT_EQ(pool.used_bytes, pool.total_bytes - free_data);
-        sr_i_rb_uninitialize_record_buffer_pool(&pool);
-    }
 }
 
 }  // namespace

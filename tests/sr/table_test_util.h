@@ -48,6 +48,27 @@ inline qx_uint64_t U64At(const std::string &bytes, size_t offset) {
     return v;
 }
 
+// One 32-byte column entry of a metadata record, as the file holds it.
+constexpr size_t kColumnEntry = 32;
+struct ColumnEntry {
+    qx_uint32_t name;  // offsets into the record's indirect data area
+    qx_uint32_t type;
+    qx_uint32_t qualifier;
+    qx_int32_t properties;
+    qx_uint32_t sd_defn;
+    qx_uint64_t default_value;
+};
+inline ColumnEntry ColumnEntryAt(const std::string &bytes, size_t offset) {
+    ColumnEntry e{};
+    std::memcpy(&e.name, bytes.data() + offset, 4);
+    std::memcpy(&e.type, bytes.data() + offset + 4, 4);
+    std::memcpy(&e.qualifier, bytes.data() + offset + 8, 4);
+    std::memcpy(&e.properties, bytes.data() + offset + 12, 4);
+    std::memcpy(&e.sd_defn, bytes.data() + offset + 16, 4);
+    std::memcpy(&e.default_value, bytes.data() + offset + 24, 8);
+    return e;
+}
+
 // Appends host-format words to a byte string.
 inline void PutU32(std::string &bytes, qx_uint32_t v) {
     bytes.append(reinterpret_cast<const char *>(&v), 4);
