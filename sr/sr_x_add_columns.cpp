@@ -7,11 +7,13 @@ SR_SOURCE_FILE("sr/sr_x_add_columns", "1.1");
 
 extern "C" qx_int32_t sr_add_columns_1(sr_opaque_handle_t table_handle, sr_column_t *columns,
                                        qx_uint32_t array_count) {
-    static constexpr sr_i_frame_t kFrame{"sr_add_columns_1",          3,     true,
-                                         sr_i_lock_kind::table_write, false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_add_columns_1",
+                                         .entry_id = 3,
+                                         .api_mutex = true,
+                                         .lock = sr_i_lock_kind::table_write};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) {
-            if (columns == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {columns}},
+        [&](sr_i_table_t *p_table) {
             if (array_count == 0) return SR_ERROR(104);
             sr_i_table_t *p_new = nullptr;
             qx_int32_t rc = sr_i_update_metadata(p_table, columns, array_count, nullptr, nullptr,

@@ -8,8 +8,8 @@ SR_SOURCE_FILE("sr/sr_x_copy_table_by_handle", "1.1");
 extern "C" qx_int32_t sr_copy_table_by_handle_1(sr_opaque_handle_t table_handle,
                                                 qx_char_ptr_t p_target_table_name,
                                                 qx_int32_t overwrite) {
-    static constexpr sr_i_frame_t kFrame{"sr_copy_table_by_handle_1", 19,    true,
-                                         sr_i_lock_kind::none,        false, false};
+    static constexpr sr_i_frame_t kFrame{
+        .p_function = "sr_copy_table_by_handle_1", .entry_id = 19, .api_mutex = true};
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) {
             return sr_i_duplicate_table(p_table->p_tree, p_table, nullptr, p_target_table_name, 0,

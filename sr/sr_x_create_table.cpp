@@ -10,10 +10,11 @@ extern "C" qx_int32_t sr_create_table_1(sr_opaque_handle_t tree_handle,
                                         sr_opaque_handle_t *p_result_table_handle) {
     // ForkMutex for the whole call: a fork never sees a half-written file.
     // The tree's write lock is taken inside, after the argument checks.
-    static constexpr sr_i_frame_t kFrame{"sr_create_table_1",  23,    true,
-                                         sr_i_lock_kind::none, false, false};
+    static constexpr sr_i_frame_t kFrame{
+        .p_function = "sr_create_table_1", .entry_id = 23, .api_mutex = true};
     return sr_i_api_call<sr_i_tree_t>(
-        sr_i_this_source, kFrame, tree_handle, [&](sr_i_tree_t *p_tree) {
+        sr_i_this_source, kFrame, tree_handle, {.pointers = {p_columns, p_result_table_handle}},
+        [&](sr_i_tree_t *p_tree) {
             return sr_x_create_table(p_tree, p_registry_path, p_columns, array_count, mode, nullptr,
                                      nullptr, p_result_table_handle);
         });

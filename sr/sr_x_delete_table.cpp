@@ -48,8 +48,10 @@ qx_int32_t delete_table(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
 
 extern "C" qx_int32_t sr_delete_table_1(sr_opaque_handle_t tree_handle,
                                         qx_char_ptr_t p_registry_path) {
-    static constexpr sr_i_frame_t kFrame{"sr_delete_table_1",        33,    true,
-                                         sr_i_lock_kind::tree_write, false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_delete_table_1",
+                                         .entry_id = 33,
+                                         .api_mutex = true,
+                                         .lock = sr_i_lock_kind::tree_write};
     return sr_i_api_call<sr_i_tree_t>(
         sr_i_this_source, kFrame, tree_handle,
         [&](sr_i_tree_t *p_tree) { return delete_table(p_tree, p_registry_path); });

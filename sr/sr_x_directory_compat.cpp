@@ -12,7 +12,7 @@ extern "C" qx_int32_t sr_i_get_directory_list_compat(sr_opaque_handle_t tree_han
                                                      qx_char_ptr_t directory_name,
                                                      sr_entry_metadata_t **entry_list,
                                                      qx_uint32_t *array_count) {
-    if (entry_list == nullptr || array_count == nullptr) {
+    if (!sr_i_required_present({.pointers = {entry_list, array_count}})) {
         return sr_i_set_error(sr_i_this_source, "sr_i_get_directory_list_compat", __LINE__, 101);
     }
     qx_char_ptr_t *p_names = nullptr;

@@ -10,7 +10,7 @@ extern "C" qx_int32_t sr_free_table_list_1(qx_char_ptr_t *p_table_list, qx_uint3
     constexpr qx_uint32_t kEntry = 35;
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
-    if (p_table_list == nullptr) {
+    if (!sr_i_required_present({.pointers = {p_table_list}})) {
         rc = SR_ERROR(101);
     } else {
         for (qx_uint32_t i = 0; i < array_count; ++i) std::free(p_table_list[i]);

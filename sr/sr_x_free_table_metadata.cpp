@@ -11,7 +11,7 @@ extern "C" qx_int32_t sr_free_table_metadata_1(sr_table_metadata_t *p_metadata) 
     constexpr qx_uint32_t kEntry = 37;
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
-    if (p_metadata == nullptr) {
+    if (!sr_i_required_present({.pointers = {p_metadata}})) {
         rc = SR_ERROR(101);
     } else {
         sr_i_free_column_metadata(p_metadata->column_definitions, p_metadata->number_of_columns);

@@ -9,15 +9,13 @@ extern "C" qx_int32_t sr_get_field_by_fixed_index_and_visibility_1(
     qx_value_t *result, qx_uint32_t uncommitted_updates_visible, sr_row_state_t *p_row_state) {
     // Readers take only the table's read lock: reads of one table run side
     // by side and exclude only its writer.
-    static constexpr sr_i_frame_t kFrame{"sr_get_field_by_fixed_index_and_visibility_1",
-                                         43,
-                                         false,
-                                         sr_i_lock_kind::table_read,
-                                         false,
-                                         false};
+    static constexpr sr_i_frame_t kFrame{
+        .p_function = "sr_get_field_by_fixed_index_and_visibility_1",
+        .entry_id = 43,
+        .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (column_name == nullptr || result == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {column_name, result}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             // A negative index is out of range as an unsigned one.
             return sr_i_get_value_for_fixed_index(
                 p_table, static_cast<qx_uint32_t>(fixed_row_index), column_name, result,

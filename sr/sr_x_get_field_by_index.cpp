@@ -8,11 +8,12 @@ extern "C" qx_int32_t sr_get_field_by_index_1(sr_opaque_handle_t table_handle, q
                                               qx_char_ptr_t column_name, qx_value_t *result) {
     // Readers take only the table's read lock: reads of one table run side
     // by side and exclude only its writer.
-    static constexpr sr_i_frame_t kFrame{"sr_get_field_by_index_1",  45,    false,
-                                         sr_i_lock_kind::table_read, false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_field_by_index_1",
+                                         .entry_id = 45,
+                                         .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (column_name == nullptr || result == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {column_name, result}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_get_value_for_packed_index(p_table, static_cast<qx_uint32_t>(row_index),
                                                    column_name, result, 0, nullptr);
         });

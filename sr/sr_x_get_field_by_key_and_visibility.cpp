@@ -9,15 +9,12 @@ extern "C" qx_int32_t sr_get_field_by_key_and_visibility_1(
     qx_value_t *result, qx_uint32_t uncommitted_updates_visible, sr_row_state_t *p_row_state) {
     // Readers take only the table's read lock: reads of one table run side
     // by side and exclude only its writer.
-    static constexpr sr_i_frame_t kFrame{"sr_get_field_by_key_and_visibility_1",
-                                         51,
-                                         false,
-                                         sr_i_lock_kind::table_read,
-                                         false,
-                                         false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_field_by_key_and_visibility_1",
+                                         .entry_id = 51,
+                                         .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (column_name == nullptr || result == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {column_name, result}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_get_value_for_key(p_table, row_key, column_name, result,
                                           uncommitted_updates_visible, p_row_state);
         });

@@ -8,17 +8,14 @@ extern "C" qx_int32_t sr_get_fields_by_index_1(sr_opaque_handle_t table_handle,
                                                qx_value_t **result, qx_uint32_t array_count) {
     // Readers take only the table's read lock: reads of one table run side
     // by side and exclude only its writer.
-    static constexpr sr_i_frame_t kFrame{"sr_get_fields_by_index_1", 55,    false,
-                                         sr_i_lock_kind::table_read, false, false};
-    return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (array_count != 0 && (column_names == nullptr || result == nullptr)) {
-                return SR_ERROR(101);
-            }
-            for (qx_uint32_t i = 0; i < array_count; ++i) {
-                if (column_names[i] == nullptr || result[i] == nullptr) return SR_ERROR(101);
-            }
-            return sr_i_get_values_for_packed_index(p_table, static_cast<qx_uint32_t>(row_index),
-                                                    column_names, result, array_count, 0, nullptr);
-        });
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_fields_by_index_1",
+                                         .entry_id = 55,
+                                         .lock = sr_i_lock_kind::table_read};
+    return sr_i_api_call<sr_i_table_t>(sr_i_this_source, kFrame, table_handle,
+                                       {.arrays = {column_names, result}, .count = array_count},
+                                       [&](sr_i_table_t *p_table) -> qx_int32_t {
+                                           return sr_i_get_values_for_packed_index(
+                                               p_table, static_cast<qx_uint32_t>(row_index),
+                                               column_names, result, array_count, 0, nullptr);
+                                       });
 }

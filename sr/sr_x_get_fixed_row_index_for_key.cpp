@@ -8,11 +8,12 @@ extern "C" qx_int32_t sr_get_fixed_row_index_for_key_1(sr_opaque_handle_t table_
                                                        qx_uint32_t *p_fixed_row_index) {
     // Readers take only the table's read lock: reads of one table run side
     // by side and exclude only its writer.
-    static constexpr sr_i_frame_t kFrame{"sr_get_fixed_row_index_for_key_1", 107,   false,
-                                         sr_i_lock_kind::table_read,         false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_fixed_row_index_for_key_1",
+                                         .entry_id = 107,
+                                         .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (p_fixed_row_index == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {p_fixed_row_index}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_get_fixed_row_index_for_key(p_table, key_value, p_fixed_row_index);
         });
 }

@@ -9,7 +9,7 @@ extern "C" qx_int32_t sr_get_total_packed_tables_1(void *p_buffer,
     constexpr qx_uint32_t kEntry = 113;
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
-    if (p_buffer == nullptr || p_total_packed_tables == nullptr) {
+    if (!sr_i_required_present({.pointers = {p_buffer, p_total_packed_tables}})) {
         rc = SR_ERROR(101);
     } else {
         rc = sr_i_packed_buffer_head(p_buffer, p_total_packed_tables, nullptr, nullptr);

@@ -9,13 +9,12 @@ extern "C" qx_int32_t sr_get_updated_rows_1(sr_opaque_handle_t table_handle,
                                             qx_uint32_t **p_p_updated_rows_fixed_indices) {
     // Readers take only the table's read lock: reads of one table run side
     // by side and exclude only its writer.
-    static constexpr sr_i_frame_t kFrame{"sr_get_updated_rows_1",    67,    false,
-                                         sr_i_lock_kind::table_read, false, false};
+    static constexpr sr_i_frame_t kFrame{
+        .p_function = "sr_get_updated_rows_1", .entry_id = 67, .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (p_updated_rows_count == nullptr || p_p_updated_rows_fixed_indices == nullptr) {
-                return SR_ERROR(101);
-            }
+        sr_i_this_source, kFrame, table_handle,
+        {.pointers = {p_updated_rows_count, p_p_updated_rows_fixed_indices}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_get_updated_rows(p_table, p_updated_rows_count,
                                          p_p_updated_rows_fixed_indices);
         });

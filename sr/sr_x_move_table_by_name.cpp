@@ -8,8 +8,8 @@ extern "C" qx_int32_t sr_move_table_by_name_1(sr_opaque_handle_t tree_handle,
                                               qx_char_ptr_t p_source_table_name,
                                               qx_char_ptr_t p_target_table_name,
                                               qx_int32_t overwrite) {
-    static constexpr sr_i_frame_t kFrame{"sr_move_table_by_name_1", 75,    true,
-                                         sr_i_lock_kind::none,      false, false};
+    static constexpr sr_i_frame_t kFrame{
+        .p_function = "sr_move_table_by_name_1", .entry_id = 75, .api_mutex = true};
     return sr_i_api_call<sr_i_tree_t>(
         sr_i_this_source, kFrame, tree_handle, [&](sr_i_tree_t *p_tree) {
             return sr_i_duplicate_table(p_tree, nullptr, p_source_table_name, p_target_table_name,

@@ -9,10 +9,13 @@ extern "C" qx_int32_t sr_open_hashed_key_table_1(
     qx_uint32_t total_hash_buckets, sr_hash_function_t *p_hash_function,
     sr_hash_keys_compare_function_t *p_compare_function,
     sr_opaque_handle_t *p_result_table_handle) {
-    static constexpr sr_i_frame_t kFrame{"sr_open_hashed_key_table_1", 79,    false,
-                                         sr_i_lock_kind::none,         false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_open_hashed_key_table_1",
+                                         .entry_id = 79};
     return sr_i_api_call<sr_i_tree_t>(
-        sr_i_this_source, kFrame, tree_handle, [&](sr_i_tree_t *p_tree) {
+        sr_i_this_source, kFrame, tree_handle, {.pointers = {p_result_table_handle}},
+        [&](sr_i_tree_t *p_tree) {
+            // The hash functions are checked here: the frame takes no lock
+            // for this call, so this is still before any.
             if (total_hash_buckets == 0 || p_hash_function == nullptr ||
                 p_compare_function == nullptr) {
                 return SR_ERROR(101);

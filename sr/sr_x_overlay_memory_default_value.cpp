@@ -7,11 +7,13 @@ SR_SOURCE_FILE("sr/sr_x_overlay_memory_default_value", "1.1");
 extern "C" qx_int32_t sr_overlay_memory_default_value_1(sr_opaque_handle_t table_handle,
                                                         qx_char_ptr_t p_column_name,
                                                         qx_value_t new_default_value) {
-    static constexpr sr_i_frame_t kFrame{"sr_overlay_memory_default_value_1", 85,    true,
-                                         sr_i_lock_kind::table_write,         false, false};
-    return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) {
-            if (p_column_name == nullptr) return SR_ERROR(101);
-            return sr_i_overlay_memory_default_value(p_table, p_column_name, new_default_value);
-        });
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_overlay_memory_default_value_1",
+                                         .entry_id = 85,
+                                         .api_mutex = true,
+                                         .lock = sr_i_lock_kind::table_write};
+    return sr_i_api_call<sr_i_table_t>(sr_i_this_source, kFrame, table_handle,
+                                       {.pointers = {p_column_name}}, [&](sr_i_table_t *p_table) {
+                                           return sr_i_overlay_memory_default_value(
+                                               p_table, p_column_name, new_default_value);
+                                       });
 }

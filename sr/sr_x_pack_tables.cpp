@@ -27,8 +27,10 @@ extern "C" qx_int32_t sr_pack_tables_1(qx_uint32_t total_tables,
     sr_i_trace_entry(kEntry);
     auto **p_tables = reinterpret_cast<sr_i_table_t **>(p_table_handles);
     qx_int32_t rc = 0;
-    if (p_p_buffer == nullptr || (total_tables != 0 && p_table_handles == nullptr) ||
-        (total_tables != 0 && p_uncommitted_updates_visible == nullptr)) {
+    // The arrays are needed only when there are tables to pack.
+    if (!sr_i_required_present({.pointers = {p_p_buffer}}) ||
+        (total_tables != 0 &&
+         !sr_i_required_present({.pointers = {p_table_handles, p_uncommitted_updates_visible}}))) {
         rc = SR_ERROR(101);
     }
     // A fixed-index list is needed as soon as any table asks for chosen rows.

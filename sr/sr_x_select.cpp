@@ -27,13 +27,12 @@ extern "C" qx_int32_t sr_select_1(sr_opaque_handle_t table_handle, qx_char_ptr_t
     // No global mutex: the tree's write lock guards the set the new table
     // joins, and the source is only read.  The locks are taken here, tree
     // first, because the frame locks one object only.
-    static constexpr sr_i_frame_t kFrame{"sr_select_1",        89,    false,
-                                         sr_i_lock_kind::none, false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_select_1", .entry_id = 89};
     va_list ap;
     va_start(ap, selection_string);
     qx_int32_t rc = sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (result == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {result}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             sr_i_tree_t *p_tree = p_table->p_tree;
             if (p_tree == nullptr) return SR_ERROR(15);
             qx_int32_t work_rc = sr_i_rw_lock_write(&p_tree->lock);
@@ -75,15 +74,15 @@ extern "C" qx_int32_t sr_get_selected_rows_v_1(sr_opaque_handle_t table_handle,
                                                qx_uint32_t uncommitted_updates_visible,
                                                qx_uint32_t *p_total_selected_rows,
                                                qx_uint32_t **p_p_selected_rows_fixed_index) {
-    static constexpr sr_i_frame_t kFrame{"sr_get_selected_rows_v_1", 63,    false,
-                                         sr_i_lock_kind::table_read, false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_selected_rows_v_1",
+                                         .entry_id = 63,
+                                         .lock = sr_i_lock_kind::table_read};
     va_list values;
     va_copy(values, ap);
     qx_int32_t rc = sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (p_total_selected_rows == nullptr || p_p_selected_rows_fixed_index == nullptr) {
-                return SR_ERROR(101);
-            }
+        sr_i_this_source, kFrame, table_handle,
+        {.pointers = {p_total_selected_rows, p_p_selected_rows_fixed_index}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             TextGuard text;
             if (p_selection_criteria != nullptr) {
                 qx_int32_t work_rc = sr_i_select_printf(&text.p, p_selection_criteria, values);
@@ -100,13 +99,13 @@ extern "C" qx_int32_t sr_get_duplicate_rows_1(sr_opaque_handle_t table_handle, q
                                               qx_uint32_t *p_duplicate_rows_count,
                                               qx_uint32_t **p_p_duplicate_rows_fixed_indices,
                                               qx_uint32_t uncommitted_updates_visible) {
-    static constexpr sr_i_frame_t kFrame{"sr_get_duplicate_rows_1",  41,    false,
-                                         sr_i_lock_kind::table_read, false, false};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_duplicate_rows_1",
+                                         .entry_id = 41,
+                                         .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (p_duplicate_rows_count == nullptr || p_p_duplicate_rows_fixed_indices == nullptr) {
-                return SR_ERROR(101);
-            }
+        sr_i_this_source, kFrame, table_handle,
+        {.pointers = {p_duplicate_rows_count, p_p_duplicate_rows_fixed_indices}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_get_duplicate_rows(p_table, &key_value, p_duplicate_rows_count,
                                            p_p_duplicate_rows_fixed_indices,
                                            uncommitted_updates_visible);

@@ -11,11 +11,15 @@ extern "C" qx_int32_t sr_set_application_metadata_1(sr_opaque_handle_t table_han
                                                     qx_binary_t *p_application_metadata) {
     // ForkMutex and the table's write lock for the whole call, including the
     // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{"sr_set_application_metadata_1", 91,   true,
-                                         sr_i_lock_kind::table_write,     true, true};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_set_application_metadata_1",
+                                         .entry_id = 91,
+                                         .api_mutex = true,
+                                         .lock = sr_i_lock_kind::table_write,
+                                         .write_mode = true,
+                                         .implicit = true};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (p_application_metadata == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {p_application_metadata}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             // No test of a pending apply: the block travels in the commit
             // record, which the next apply writes anyway.
             qx_binary_t header;

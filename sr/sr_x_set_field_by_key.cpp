@@ -7,11 +7,15 @@ extern "C" qx_int32_t sr_set_field_by_key_1(sr_opaque_handle_t table_handle, qx_
                                             qx_char_ptr_t column_name, qx_value_t *result) {
     // ForkMutex and the table's write lock for the whole call, including the
     // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{"sr_set_field_by_key_1",     97,   true,
-                                         sr_i_lock_kind::table_write, true, true};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_set_field_by_key_1",
+                                         .entry_id = 97,
+                                         .api_mutex = true,
+                                         .lock = sr_i_lock_kind::table_write,
+                                         .write_mode = true,
+                                         .implicit = true};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (column_name == nullptr || result == nullptr) return SR_ERROR(101);
+        sr_i_this_source, kFrame, table_handle, {.pointers = {column_name, result}},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_set_value_for_key(p_table, row_key, column_name, result);
         });
 }

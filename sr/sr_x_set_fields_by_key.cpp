@@ -8,16 +8,16 @@ extern "C" qx_int32_t sr_set_fields_by_key_1(sr_opaque_handle_t table_handle, qx
                                              qx_uint32_t array_count) {
     // ForkMutex and the table's write lock for the whole call, including the
     // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{"sr_set_fields_by_key_1",    103,  true,
-                                         sr_i_lock_kind::table_write, true, true};
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_set_fields_by_key_1",
+                                         .entry_id = 103,
+                                         .api_mutex = true,
+                                         .lock = sr_i_lock_kind::table_write,
+                                         .write_mode = true,
+                                         .implicit = true};
     return sr_i_api_call<sr_i_table_t>(
-        sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (array_count != 0 && (column_names == nullptr || new_values == nullptr)) {
-                return SR_ERROR(101);
-            }
-            for (qx_uint32_t i = 0; i < array_count; ++i) {
-                if (column_names[i] == nullptr || new_values[i] == nullptr) return SR_ERROR(101);
-            }
+        sr_i_this_source, kFrame, table_handle,
+        {.arrays = {column_names, new_values}, .count = array_count},
+        [&](sr_i_table_t *p_table) -> qx_int32_t {
             return sr_i_set_values_for_key(p_table, row_key, column_names, new_values, array_count);
         });
 }

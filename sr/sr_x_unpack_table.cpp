@@ -13,7 +13,7 @@ extern "C" qx_int32_t sr_unpack_table_1(void *p_buffer, qx_uint32_t total_hash_b
     constexpr qx_uint32_t kEntry = 111;
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
-    if (p_buffer == nullptr || p_table == nullptr) {
+    if (!sr_i_required_present({.pointers = {p_buffer, p_table}})) {
         rc = SR_ERROR(101);
     } else {
         rc = sr_i_unpack_table(p_buffer, total_hash_buckets, hash_function, compare_function,
