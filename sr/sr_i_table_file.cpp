@@ -95,28 +95,42 @@ qx_int32_t sr_i_create_commit_record(sr_i_application_metadata_t *p_application_
     return 0;
 }
 
-qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
-                                   sr_i_application_metadata_t *p_application_metadata,
-                                   qx_uint64_t *p_change_counter) {
+namespace {
+
+// Whether the commit record whose header is at p_commit_record holds
+// together: its length words and every application metadata element lie
+// inside it.
+bool commit_record_is_sound(const char *p_commit_record) {
     qx_uint64_t record_length = rec_length(p_commit_record);
-    if (record_length < SR_I_COMMIT_RECORD_LENGTH) return SR_ERROR(14);
+    if (record_length < SR_I_COMMIT_RECORD_LENGTH) return false;
     qx_uint64_t following = sr_i_load_u32(p_commit_record + 12);
-    if (16 + following > record_length || following < 8) return SR_ERROR(14);
-    *p_change_counter = sr_i_load_u64(p_commit_record + 16);
-    if (following < 9) return 0;
-    if (following < 12) return SR_ERROR(14);
-    // Every element is checked against the record before the store is touched,
-    // so a lying count or length leaves the store as it was.
+    if (16 + following > record_length || following < 8) return false;
+    if (following < 9) return true;
+    if (following < 12) return false;
     const qx_uint64_t end = 16 + following;
     qx_uint32_t elements = sr_i_load_u32(p_commit_record + 24);
     qx_uint64_t at = 28;
     for (qx_uint32_t i = 0; i < elements; ++i) {
-        if (at + 8 > end) return SR_ERROR(14);
+        if (at + 8 > end) return false;
         qx_uint64_t data_length = sr_i_load_u32(p_commit_record + at + 4);
-        if (at + 8 + data_length > end) return SR_ERROR(14);
+        if (at + 8 + data_length > end) return false;
         at += 8 + data_length;
     }
-    at = 28;
+    return true;
+}
+
+}  // namespace
+
+qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
+                                   sr_i_application_metadata_t *p_application_metadata,
+                                   qx_uint64_t *p_change_counter) {
+    // Every element is checked against the record before the store is touched,
+    // so a lying count or length leaves the store as it was.
+    if (!commit_record_is_sound(p_commit_record)) return SR_ERROR(14);
+    *p_change_counter = sr_i_load_u64(p_commit_record + 16);
+    if (sr_i_load_u32(p_commit_record + 12) < 9) return 0;
+    qx_uint32_t elements = sr_i_load_u32(p_commit_record + 24);
+    qx_uint64_t at = 28;
     qx_int32_t rc = 0;
     for (qx_uint32_t i = 0; i < elements && rc == 0; ++i) {
         qx_uint32_t type = sr_i_load_u32(p_commit_record + at);
@@ -250,7 +264,14 @@ void sr_i_close_data_file(qx_int32_t fd) {
 namespace {
 
 // Checks the metadata record (header at p_image, real length meta_length,
-// already within the image) and returns its column counts.
+// already within the image) and returns its column counts.  A record create
+// could not have written is refused, as strictly as create refuses columns:
+// every name valid and unique, every type and base qualifier one create
+// accepts, exactly one key column and that at 0, a structured-data
+// definition exactly for the structured columns, every offset inside the
+// record and the count of variable-length columns right.  The rest of the
+// library relies on all of it (a name bound to two columns, a key that is
+// not column 0).
 qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
                                  qx_uint32_t *p_total_columns,
                                  qx_uint32_t *p_total_variable_length_columns) {
@@ -275,14 +296,22 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
             std::memchr(p_area + name, '\0', area_length - name) == nullptr) {
             return SR_ERROR(14);
         }
-        if (i == 0) {
-            // Column 0 is the key: the row index and any hashed key index read
-            // it from every row.
-            qx_uint32_t base = qualifier & SR_QUALIFIER_BASE_MASK;
-            if (base != SR_PRIMARY_KEY && base != SR_PRIMARY_KEY_NOCHECK) return SR_ERROR(14);
-            if (type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR) return SR_ERROR(14);
+        if (!sr_i_valid_column_name(p_area + name)) return SR_ERROR(14);
+        for (qx_uint64_t j = 0; j < i; ++j) {
+            const qx_uint32_t other =
+                sr_i_load_u32(p_data + kMetadataFixed + j * kColumnSize + SR_I_COLUMN_ENTRY_NAME);
+            if (std::strcmp(p_area + name, p_area + other) == 0) return SR_ERROR(14);
         }
+        // Column 0 is the key and the only one: the row index and any hashed
+        // key index read it from every row.
+        const qx_uint32_t base = qualifier & SR_QUALIFIER_BASE_MASK;
+        const bool key = base == SR_PRIMARY_KEY || base == SR_PRIMARY_KEY_NOCHECK;
+        if (!key && base != SR_STANDARD) return SR_ERROR(14);
+        if (key != (i == 0)) return SR_ERROR(14);
+        if (key && type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR) return SR_ERROR(14);
         qx_uint64_t sd = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_SD_DEFN);
+        const bool structured = type == QX_SD_PTR || type == QX_SD_PTR_ARRAY;
+        if ((sd != 0) != structured) return SR_ERROR(14);
         if (sd != 0) {
             if (sd + 4 > area_length) return SR_ERROR(14);
             qx_uint32_t fields = sr_i_load_u32(p_area + sd);
@@ -406,6 +435,41 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
     }
 }
 
+// A commit switches the old commit record off by writing 0 over its type
+// word (-1).  The word lies at any offset, so that write can straddle two
+// sectors, and a power loss before its sync can leave some bytes old and some
+// new.  A type word made only of 0x00 and 0xFF bytes (and neither 0 nor -1)
+// is taken for such a switch caught halfway, on purpose: it was written by no
+// one else, and reading it as either side of the switch keeps the table
+// readable where refusing it would lose every committed state.
+bool is_torn_commit_switch(qx_int32_t type) {
+    if (type == SR_I_RECORD_TYPE_FREE || type == SR_I_RECORD_TYPE_COMMIT) return false;
+    const qx_uint32_t word = static_cast<qx_uint32_t>(type);
+    for (int shift = 0; shift < 32; shift += 8) {
+        const qx_uint32_t byte = (word >> shift) & 0xFF;
+        if (byte != 0 && byte != 0xFF) return false;
+    }
+    return true;
+}
+
+// Whether the records from `offset` on reach a sound commit record, walked
+// by their lengths and types only (free, row and deletion records between).
+bool commit_record_follows(const char *p_image, qx_uint64_t offset, qx_uint64_t bytes_read) {
+    while (offset + kHeader <= bytes_read) {
+        const char *p_record = p_image + offset;
+        const qx_uint64_t length = rec_length(p_record);
+        const qx_int32_t type = rec_type(p_record);
+        if (length < kHeader || offset + length > bytes_read) return false;
+        if (type == SR_I_RECORD_TYPE_COMMIT) return commit_record_is_sound(p_record);
+        if (type != SR_I_RECORD_TYPE_FREE && type != SR_I_RECORD_TYPE_ROW &&
+            type != SR_I_RECORD_TYPE_DELETION) {
+            return false;
+        }
+        offset += length;
+    }
+    return false;
+}
+
 // The single pass over the records after the metadata record.
 qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_read,
                         qx_uint64_t image_end) {
@@ -420,10 +484,20 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
         if (current + kHeader > bytes_read) return SR_ERROR(14);  // no commit record
         char *p_record = p_image + current;
         const qx_uint64_t length = rec_length(p_record);
-        const qx_int32_t type = rec_type(p_record);
+        qx_int32_t type = rec_type(p_record);
         // A length below the header would stall or reverse the walk.
         if (length < kHeader || current + length > bytes_read) return SR_ERROR(14);
         char *p_data = p_record + kHeader;
+        if (is_torn_commit_switch(type)) {
+            // Commit switched this commit record off with a 4-byte write that
+            // only partly landed.  If the apply behind it had synced its
+            // records up to a sound commit record, the switch was made: free
+            // space.  Otherwise it is still the commit record.
+            type = commit_record_follows(p_image, current + length, bytes_read)
+                       ? SR_I_RECORD_TYPE_FREE
+                       : SR_I_RECORD_TYPE_COMMIT;
+            sr_i_set_record_type(p_record, type);
+        }
         switch (type) {
             case SR_I_RECORD_TYPE_FREE:
                 sr_i_rb_free_record(p_pool, p_data);
