@@ -102,7 +102,9 @@ typedef qx_sbs_t *qx_sbs_ptr_t;
 struct qx_array_struct;
 struct qx_structured_data_struct;
 
-typedef union qx_value_union {
+/* 8 bytes and 8-aligned on every host, 32-bit ones included (where a
+ * 64-bit integer alone would be 4-aligned inside records). */
+typedef union __attribute__((aligned(8))) qx_value_union {
     qx_int32_t val_int32;
     qx_uint32_t val_uint32;
     qx_int64_t val_int64;

@@ -4,8 +4,12 @@
 # does nothing when everything is already there.
 set -euo pipefail
 
+# 32-bit x86 builds use g++ -m32 with the 32-bit C and C++ libraries rather
+# than g++-multilib, which Debian does not let share a machine with the s390x
+# cross compiler.
 packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
-          pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user)
+          pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user
+          lib32stdc++-12-dev lib32gcc-12-dev libc6-dev-i386)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

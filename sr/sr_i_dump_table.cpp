@@ -375,7 +375,8 @@ void dump_record_buffer_pool(sr_i_record_buffer_pool_t *p_record_buffer_pool, FI
         qx_uint64_t used = SR_I_RECORD_BUFFER_HEADER_LENGTH;
         qx_uint32_t record_number = 0;
         const char *p_end = sr_i_rb_buffer_end(p_buffer);
-        for (const char *p = sr_i_rb_buffer_data(p_buffer); p_end - p >= kHeader; ++record_number) {
+        for (const char *p = sr_i_rb_buffer_data(p_buffer);
+             p_end - p >= static_cast<ptrdiff_t>(kHeader); ++record_number) {
             const qx_uint32_t length = sr_i_record_length(p);
             const qx_int32_t type = sr_i_record_type(p);
             sr_i_printf(kBit, detail_flags, p_stream,
