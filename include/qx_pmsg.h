@@ -9,9 +9,9 @@
  *
  * (The byte forms of every type are described in pmsg/README.md.)
  *
- * Every form begins 8-aligned relative to the indirect area and occupies a
- * multiple of 8 bytes there, so that a client value read in place is aligned
- * for its type whenever the area itself is 8-aligned.
+ * Forms lie end to end, unpadded: a form begins where the previous one ended,
+ * so the bytes of an area depend on the values only.  A client value is read
+ * in place where its address suits its C type and copied otherwise.
  *
  * Compiles as C11 and as C++20.
  */
@@ -77,9 +77,8 @@ typedef union qx_pmsg_value_union {
 #define QX_PMSG_CLIENT_DEEP 0x2u
 
 /* Bytes of indirect data that building `value` of `type` needs (0 for
- * scalars), text converted through p_handle when given.  The size is exact
- * when the running offset is a multiple of 8, which it always is when every
- * value of the area was built by this library starting from offset 0. */
+ * scalars), text converted through p_handle when given: exactly what the
+ * build advances the running offset by. */
 int qx_pmsg_size_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags, qx_data_type_t type,
                                        const qx_value_t *p_value, qx_uint32_t *p_size);
 
@@ -87,8 +86,8 @@ int qx_pmsg_size_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags, 
  * Builds the protocol form of a caller's value: the 8-byte slot at p_slot and,
  * for pointer types, the value's bytes in p_indirect_area starting at
  * *p_running_offset, which advances past them.  `room` is the size of the
- * indirect area.  The form starts at the running offset rounded up to a
- * multiple of 8; padding is written as zero bytes.  Returns QX_PMSG_E_ROOM
+ * indirect area.  The form starts at the running offset itself and nothing
+ * is written beyond its own bytes.  Returns QX_PMSG_E_ROOM
  * exactly when room is too small, and then leaves the slot, the area and the
  * running offset unchanged; on any other failure the slot and the running
  * offset are unchanged too.  A NULL pointer as a pointer type's value is
