@@ -167,7 +167,7 @@ int run_packed(Shell &shell, int argc, char **argv) {
             sr_close_table_1(table);
         }
         if (rc == 0) {
-            print_table(shell.out, {"index", "name", "registry path", "rows", "columns", "changes"},
+            print_table(shell, {"index", "name", "registry path", "rows", "columns", "changes"},
                         rows);
         }
     }

@@ -15,8 +15,8 @@ namespace {
 constexpr int kMaxWords = 256;
 
 using Family = const Command *(*)(int *);
-constexpr Family kFamilies[] = {base_commands,   table_commands,  row_commands,
-                                select_commands, manage_commands, pack_commands};
+constexpr Family kFamilies[] = {base_commands,   table_commands,  row_commands, select_commands,
+                                output_commands, manage_commands, pack_commands};
 
 const Command *find_command(const char *name) {
     for (Family family : kFamilies) {
@@ -135,30 +135,6 @@ int close_table(Shell &shell, const char *path) {
     return 1;
 }
 
-void print_table(FILE *out, const std::vector<std::string> &header,
-                 const std::vector<std::vector<std::string>> &rows) {
-    std::vector<size_t> widths(header.size());
-    for (size_t c = 0; c < header.size(); ++c) widths[c] = header[c].size();
-    for (const auto &row : rows) {
-        for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
-            if (row[c].size() > widths[c]) widths[c] = row[c].size();
-        }
-    }
-    auto line = [&](const std::vector<std::string> &cells) {
-        for (size_t c = 0; c < widths.size(); ++c) {
-            const std::string cell = c < cells.size() ? cells[c] : "";
-            std::fprintf(out, c + 1 < widths.size() ? "%-*s  " : "%-*s",
-                         static_cast<int>(c + 1 < widths.size() ? widths[c] : 0), cell.c_str());
-        }
-        std::fputc('\n', out);
-    };
-    line(header);
-    std::vector<std::string> rule;
-    for (size_t w : widths) rule.push_back(std::string(w, '-'));
-    line(rule);
-    for (const auto &row : rows) line(row);
-}
-
 int split_words(char *line, char **words, int max_words) {
     int count = 0;
     char *in = line;
@@ -232,6 +208,9 @@ int run_main(int argc, char **argv) {
             *eq = '\0';
             mounts[total_mounts++] = {argv[first + 1], eq + 1};
             first += 2;
+        } else if (argv[first][0] == '-' && argv[first][1] == '-' &&
+                   parse_mode_name(argv[first] + 2, &shell.mode)) {
+            ++first;
         } else if (std::strcmp(argv[first], "--help") == 0 || std::strcmp(argv[first], "-h") == 0) {
             return run_help(shell, 0, nullptr);
         } else {

@@ -125,7 +125,7 @@ int run_describe(Shell &shell, int argc, char **argv) {
         rows.push_back({c.name, type_text(c), qualifier_text(c.qualifier),
                         format_value(c.type, c.default_value)});
     }
-    print_table(shell.out, {"column", "type", "qualifier", "default"}, rows);
+    print_table(shell, {"column", "type", "qualifier", "default"}, rows);
     sr_free_table_metadata_1(p_metadata);
     return 0;
 }
