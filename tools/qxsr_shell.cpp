@@ -15,8 +15,9 @@ namespace {
 constexpr int kMaxWords = 256;
 
 using Family = const Command *(*)(int *);
-constexpr Family kFamilies[] = {base_commands,   table_commands,  row_commands, select_commands,
-                                output_commands, manage_commands, pack_commands};
+constexpr Family kFamilies[] = {base_commands,   table_commands,  row_commands,
+                                select_commands, output_commands, transfer_commands,
+                                manage_commands, pack_commands};
 
 const Command *find_command(const char *name) {
     for (Family family : kFamilies) {

@@ -94,6 +94,7 @@ const Command *manage_commands(int *p_count);
 const Command *select_commands(int *p_count);
 const Command *pack_commands(int *p_count);
 const Command *output_commands(int *p_count);
+const Command *transfer_commands(int *p_count);
 
 }  // namespace qxsr
 

@@ -166,6 +166,10 @@ const char *type_word(qx_data_type_t type) {
     return nullptr;
 }
 
+qx_data_type_t array_element_type(qx_data_type_t type) {
+    return base_type(type);
+}
+
 qx_data_type_t parse_type_word(const std::string &word) {
     for (const auto &entry : kTypeNames) {
         if (word == entry.word) return entry.type;

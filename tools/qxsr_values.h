@@ -27,6 +27,8 @@ class ValueArena {
 
 // "int32" ... "sd[]" for a type, or nullptr.
 const char *type_word(qx_data_type_t type);
+// The element type of an array type (QX_UNKNOWN for any other type).
+qx_data_type_t array_element_type(qx_data_type_t type);
 // The type a word names (QX_UNKNOWN when none).
 qx_data_type_t parse_type_word(const std::string &word);
 
