@@ -41,6 +41,14 @@ struct Command {
     CommandFunction run;
 };
 
+// What `help COMMAND` prints beyond the usage line: details and an example.
+struct CommandHelp {
+    const char *name;
+    const char *details;
+    const char *example;
+};
+const CommandHelp *command_help(const char *name);
+
 // Prints "qxsr: <what>: <library message>" for the calling thread's error
 // record (or the bare code when there is no record) and returns rc.
 int report_failure(Shell &shell, const char *what, int rc);
