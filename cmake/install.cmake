@@ -9,6 +9,7 @@ install(TARGETS qx_cu qx_tr qx_pmsg qx_sr EXPORT qx_srTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS qxsr RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/qx_types.h include/qx_cu.h include/qx_tr.h include/qx_pmsg.h include/qx_sr.h
+              include/qx_sr.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/nls/C/qx_sr.cat
         DESTINATION ${CMAKE_INSTALL_DATADIR}/qx/nls/C)
