@@ -95,37 +95,41 @@ int run_version(Shell &shell, int, char **) {
     return 0;
 }
 
-// Runs commands line by line.  Outside a terminal, a failing line is
-// reported by its number and the run ends with status 1.
+// Runs one line of input; false when it ends the session.  Outside a
+// terminal, a failing line is reported by its number.
+bool handle_line(Shell &shell, char *line, int *p_failures) {
+    ++shell.line_number;
+    const char *first = line + std::strspn(line, " \t");
+    if (*first == '#') return true;
+    char *words[kMaxWords];
+    int count = split_words(line, words, kMaxWords);
+    int rc = 0;
+    if (count < 0) {
+        std::fputs("qxsr: unterminated quote\n", shell.err);
+        rc = 2;
+    } else if (count > 0 && words[0][0] != '#') {
+        if (std::strcmp(words[0], "quit") == 0 || std::strcmp(words[0], "exit") == 0) return false;
+        rc = run_command(shell, count, words);
+    }
+    if (rc != 0) {
+        ++*p_failures;
+        if (!shell.interactive) {
+            std::fprintf(shell.err, "qxsr: line %d failed%s%s\n", shell.line_number,
+                         count > 0 ? ": " : "", count > 0 ? words[0] : "");
+        }
+    }
+    return true;
+}
+
+// Runs commands line by line; status 1 when any failed.
 int run_lines(Shell &shell, FILE *in) {
+    if (shell.interactive && line_editing_available()) return run_edited_lines(shell, handle_line);
     int failures = 0;
-    int number = 0;
     char *buffer = nullptr;
     size_t capacity = 0;
     for (;;) {
         if (shell.interactive) std::fputs("qxsr> ", shell.out);
-        if (getline(&buffer, &capacity, in) < 0) break;
-        ++number;
-        char *line = buffer;
-        const char *first = line + std::strspn(line, " \t");
-        if (*first == '#') continue;
-        char *words[kMaxWords];
-        int count = split_words(line, words, kMaxWords);
-        int rc = 0;
-        if (count < 0) {
-            std::fputs("qxsr: unterminated quote\n", shell.err);
-            rc = 2;
-        } else if (count > 0 && words[0][0] != '#') {
-            if (std::strcmp(words[0], "quit") == 0 || std::strcmp(words[0], "exit") == 0) break;
-            rc = run_command(shell, count, words);
-        }
-        if (rc != 0) {
-            ++failures;
-            if (!shell.interactive) {
-                std::fprintf(shell.err, "qxsr: line %d failed%s%s\n", number, count > 0 ? ": " : "",
-                             count > 0 ? words[0] : "");
-            }
-        }
+        if (getline(&buffer, &capacity, in) < 0 || !handle_line(shell, buffer, &failures)) break;
     }
     std::free(buffer);
     return failures == 0 ? 0 : 1;
@@ -229,6 +233,17 @@ int split_words(char *line, char **words, int max_words) {
     return count;
 }
 
+std::vector<std::string> command_names() {
+    std::vector<std::string> names;
+    for (const Command &command : kDriverCommands) names.emplace_back(command.name);
+    for (Family family : kFamilies) {
+        int count = 0;
+        const Command *commands = family(&count);
+        for (int i = 0; i < count; ++i) names.emplace_back(commands[i].name);
+    }
+    return names;
+}
+
 int run_command(Shell &shell, int argc, char **argv) {
     const Command *command = find_command(argv[0]);
     if (command == nullptr) {
@@ -260,6 +275,7 @@ int run_main(int argc, char **argv) {
             }
             *eq = '\0';
             mounts[total_mounts++] = {argv[first + 1], eq + 1};
+            shell.mounts.emplace_back(argv[first + 1]);
             first += 2;
         } else if (argv[first][0] == '-' && argv[first][1] == '-' &&
                    parse_mode_name(argv[first] + 2, &shell.mode)) {

@@ -27,7 +27,9 @@ struct Shell {
     FILE *out = stdout;
     FILE *err = stderr;
     bool interactive = false;
-    std::vector<OpenTable> tables;  // tables this session opened, by registry path
+    std::vector<OpenTable> tables;    // tables this session opened, by registry path
+    std::vector<std::string> mounts;  // registry paths mounted in this session
+    int line_number = 0;              // of the input line being run
 };
 
 // A command: argv[0] is the command's name.  Returns 0 on success; a failing
@@ -52,6 +54,17 @@ const CommandHelp *command_help(const char *name);
 // Prints "qxsr: <what>: <library message>" for the calling thread's error
 // record (or the bare code when there is no record) and returns rc.
 int report_failure(Shell &shell, const char *what, int rc);
+
+// Runs one line of input; false when it ends the session.  Failures count
+// in *p_failures.
+using LineHandler = bool (*)(Shell &shell, char *line, int *p_failures);
+// Whether the shell was built with line editing.
+bool line_editing_available();
+// Reads lines from the terminal with editing, history and completion, and
+// hands each to `handle_line`.  Returns the exit status (1: a line failed).
+int run_edited_lines(Shell &shell, LineHandler handle_line);
+// Every command's name, for completion.
+std::vector<std::string> command_names();
 
 // Runs one command line (already split into words).
 int run_command(Shell &shell, int argc, char **argv);

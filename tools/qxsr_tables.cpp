@@ -22,6 +22,7 @@ int run_mount(Shell &shell, int argc, char **argv) {
     if (argc != 3) return usage(shell, "mount REGISTRY_PATH DIRECTORY");
     int rc = sr_mount_local_tree_1(shell.tree, argv[1], argv[2], 1);
     if (rc != 0) return report_failure(shell, "mount", rc);
+    shell.mounts.emplace_back(argv[1]);
     std::fprintf(shell.out, "mounted %s on %s\n", argv[1], argv[2]);
     return 0;
 }
@@ -29,7 +30,9 @@ int run_mount(Shell &shell, int argc, char **argv) {
 int run_unmount(Shell &shell, int argc, char **argv) {
     if (argc != 2) return usage(shell, "unmount REGISTRY_PATH");
     int rc = sr_unmount_local_tree_1(shell.tree, argv[1]);
-    return rc == 0 ? 0 : report_failure(shell, "unmount", rc);
+    if (rc != 0) return report_failure(shell, "unmount", rc);
+    std::erase(shell.mounts, std::string(argv[1]));
+    return 0;
 }
 
 int run_create(Shell &shell, int argc, char **argv) {
