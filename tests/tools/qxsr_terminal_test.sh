@@ -23,7 +23,7 @@ fail() {
 start() {
   tmux -L "$socket" new-session -d -s qxsr -x 100 -y 40 \
     "env HOME='$dir' TERM=xterm '$qxsr' -m '/demo=$dir/mnt'; sleep 30" || fail "tmux"
-  wait_for '^qxsr> ?$'
+  prompt
 }
 keys() { tmux -L "$socket" send-keys -t qxsr "$@"; }
 screen() { tmux -L "$socket" capture-pane -p -t qxsr; }
@@ -35,20 +35,33 @@ wait_for() {
   done
   fail "no line matching '$1'"
 }
+# Waits for an empty prompt on the last line: the shell reads keys again
+# (a person, too, types the next line once the prompt is back).
+prompt() {
+  for _ in $(seq 100); do
+    [ "$(screen | grep -v '^$' | tail -n 1)" = "qxsr>" ] && sleep 0.1 && return 0
+    sleep 0.1
+  done
+  fail "no prompt"
+}
 
 start
 keys 'cre' Tab
 wait_for '^qxsr> create ?$'
 keys '/demo/things id:int32:key name:string' Enter
 wait_for '^created /demo/things with 2 columns$'
+prompt
 keys 'add /demo/th' Tab
 wait_for '^qxsr> add /demo/things ?$'
 keys 'name=one id=1' Enter
+prompt
 keys Up
 wait_for '^qxsr> add /demo/things name=one id=1$'
 keys BSpace '2' Enter
+prompt
 keys 'show /demo/things' Enter
 wait_for '^\(2 rows\)$'
+prompt
 screen | grep -q '\^\[\[A' && fail "arrow keys printed as escape sequences"
 screen | grep -Eq '^committed +1 +one$' || fail "first row"
 keys 'quit' Enter
