@@ -16,6 +16,11 @@ for l in qx_cu qx_tr qx_pmsg qx_sr; do
   test -e "$prefix/lib/lib$l.so" || { echo "missing lib$l.so"; exit 1; }
 done
 
+for m in man1/qxsr.1 man3/qx_sr.3; do
+  test -f "$prefix/share/man/$m" || { echo "missing manual page $m"; exit 1; }
+done
+"$prefix/bin/qxsr" --version >/dev/null || { echo "the installed qxsr does not run"; exit 1; }
+
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 # shellcheck disable=SC2046
 cc -std=c11 -Wall -Wextra -Werror -o "$work/c_api" "$here/../c/c_api_test.c" \
