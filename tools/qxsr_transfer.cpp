@@ -445,25 +445,26 @@ std::string field_text(const Field &field) {
 }
 
 // The explicitly controlled handle an import works through: the session's,
-// when it already controls the table; otherwise a new one (after dropping
-// the session's implicit handle, which would refuse a second mode).
+// when it already controls the table; otherwise a new one.  A handle the
+// session keeps for implicit updates refuses a second, explicit writer:
+// that one is closed first (its next command opens it again).
 sr_opaque_handle_t import_handle(Shell &shell, const char *path, bool *p_session_owned) {
+    bool implicit_writer = false;
     for (const OpenTable &t : shell.tables) {
-        if (t.path == path && (t.mode & SR_MODE_EXPLICIT_CONTROL) != 0) {
+        if (t.path != path) continue;
+        if ((t.mode & SR_MODE_EXPLICIT_CONTROL) != 0) {
             *p_session_owned = true;
             return t.handle;
         }
-    }
-    for (const OpenTable &t : shell.tables) {
-        if (t.path == path) {
-            close_table(shell, path);
-            break;
-        }
+        implicit_writer = (t.mode & SR_MODE_WRITE) != 0;
     }
     *p_session_owned = false;
     sr_opaque_handle_t handle = nullptr;
-    int rc = sr_open_table_1(shell.tree, const_cast<char *>(path),
-                             SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, &handle);
+    constexpr qx_int32_t kMode = SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL;
+    int rc = sr_open_table_1(shell.tree, const_cast<char *>(path), kMode, &handle);
+    if (rc == SR_E_EXCLUSIVE_MODES && implicit_writer && close_table(shell, path) == 0) {
+        rc = sr_open_table_1(shell.tree, const_cast<char *>(path), kMode, &handle);
+    }
     if (rc != 0) {
         report_failure(shell, path, rc);
         return nullptr;
@@ -575,7 +576,18 @@ int run_import(Shell &shell, int argc, char **argv) {
     sr_opaque_handle_t handle = import_handle(shell, argv[1], &session_owned);
     if (handle == nullptr) return 1;
     int rc = import_rows(shell, argv[1], argv[2], handle, session_owned, rows);
-    if (!session_owned) sr_close_table_1(handle);
+    if (!session_owned) {
+        sr_close_table_1(handle);
+        // A read-only handle the session kept shares the table record the
+        // import made explicitly controlled: drop it, so that the session's
+        // next command opens the table afresh.
+        for (const OpenTable &t : shell.tables) {
+            if (t.path == argv[1]) {
+                close_table(shell, argv[1]);
+                break;
+            }
+        }
+    }
     return rc;
 }
 
