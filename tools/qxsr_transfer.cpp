@@ -147,6 +147,12 @@ bool parse_csv(const std::string &text, std::vector<FileRow> *p_rows, std::strin
     size_t i = 0;
     int line = 1;
     while (i < text.size()) {
+        // A blank line holds no record (a file often ends with one).
+        if (text[i] == '\n' || (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n')) {
+            i += text[i] == '\r' ? 2 : 1;
+            ++line;
+            continue;
+        }
         std::vector<std::string> record;
         int start_line = line;
         for (;;) {
@@ -565,6 +571,8 @@ int run_import(Shell &shell, int argc, char **argv) {
     std::string error;
     std::vector<FileRow> rows;
     bool ok = read_file(argv[2], &text, &error);
+    // A byte order mark some editors put first is no part of the data.
+    if (ok && text.compare(0, 3, "\xEF\xBB\xBF") == 0) text.erase(0, 3);
     if (ok)
         ok = mode == OutputMode::kCsv ? parse_csv(text, &rows, &error)
                                       : JsonReader(text).rows(&rows, &error);
