@@ -96,7 +96,11 @@ class [[nodiscard]] Result {
     std::string_view message() const noexcept {
         return ok() ? std::string_view() : std::string_view(std::get_if<1>(&state_)->message);
     }
-    const Error &error() const noexcept { return *std::get_if<1>(&state_); }
+    // The error; a code of 0 when ok().
+    const Error &error() const noexcept {
+        static const Error none{};
+        return ok() ? none : *std::get_if<1>(&state_);
+    }
 
   private:
     std::variant<T, Error> state_;
@@ -515,7 +519,7 @@ class Table {
     Result<std::vector<std::string>> columns() const {
         if (Status s = load_columns(); !s) return s.error();
         std::vector<std::string> names;
-        for (const auto &c : columns_) names.push_back(c.first);
+        for (const auto &c : columns_) names.push_back(c.name);
         return names;
     }
 
@@ -527,6 +531,7 @@ class Table {
     Result<T> get(const K &key, std::string_view column, View view = View::committed) const {
         Value k(key);
         if (!k.valid()) return detail::no_memory();
+        if (Status s = check_key(k); !s) return s.error();
         if (Status s = check_type(column, detail::type_of<T>()); !s) return s.error();
         std::string name(column);
         qx_value_t v{};
@@ -542,6 +547,8 @@ class Table {
     Status set(const K &key, std::string_view column, const Value &value) {
         Value k(key);
         if (!k.valid() || !value.valid()) return detail::no_memory();
+        if (Status s = check_key(k); !s) return s;
+        if (Status s = check_write(column, value.type()); !s) return s;
         std::string name(column);
         qx_value_t v = value.get();
         return Status::of(sr_set_field_by_key_1(handle_, k.get(), name.data(), &v));
@@ -595,7 +602,7 @@ class Table {
         if (load_columns().code() != 0 || columns_.empty()) return SR_E_NO_ROW_FOR_INDEX;
         qx_value_t v{};
         sr_row_state_t state = SR_ROW_STATE_NO_ROW;
-        return sr_get_field_by_index_and_visibility_1(handle_, index, columns_[0].first.data(), &v,
+        return sr_get_field_by_index_and_visibility_1(handle_, index, columns_[0].name.data(), &v,
                                                       static_cast<qx_uint32_t>(view), &state);
     }
 
@@ -606,6 +613,7 @@ class Table {
         std::vector<qx_value_t *> pointers;
         for (size_t i = 0; i < count; ++i) {
             if (!fields[i].value.valid()) return detail::no_memory();
+            if (Status s = check_write(fields[i].name, fields[i].value.type()); !s) return s;
             names.push_back(const_cast<char *>(fields[i].name.c_str()));
             values.push_back(fields[i].value.get());
         }
@@ -619,32 +627,67 @@ class Table {
         qx_int32_t rc = sr_get_table_metadata_1(handle_, -1, &p);
         if (rc != 0) return detail::last_error(rc);
         for (qx_uint32_t c = 0; c < p->number_of_columns; ++c) {
-            columns_.emplace_back(p->column_definitions[c].name, p->column_definitions[c].type);
+            const sr_column_t &d = p->column_definitions[c];
+            qx_uint32_t base = d.qualifier & SR_QUALIFIER_BASE_MASK;
+            columns_.push_back(
+                {d.name, d.type, base == SR_PRIMARY_KEY || base == SR_PRIMARY_KEY_NOCHECK});
         }
         sr_free_table_metadata_1(p);
         return Status();
     }
+    struct ColumnInfo {
+        std::string name;
+        qx_data_type_t type;
+        bool key;
+    };
+    // The column named `column` (nullptr when none), looking again once
+    // when the table's columns may have changed since they were read.
+    const ColumnInfo *find_column(std::string_view column, qx_data_type_t wanted,
+                                  Status *p_status) const {
+        const ColumnInfo *found = nullptr;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (attempt == 1) columns_.clear();
+            if (*p_status = load_columns(); !p_status->ok()) return nullptr;
+            found = nullptr;
+            for (const ColumnInfo &c : columns_) {
+                if (c.name == column) found = &c;
+            }
+            if (found != nullptr && found->type == wanted) break;
+        }
+        return found;
+    }
+    static Error wrong_type(const std::string &name) {
+        return Error{SR_E_INVALID_COLUMN,
+                     "column \"" + name + "\" does not hold values of the type given"};
+    }
     // A read as T of a column of another type would misread its bytes.
     Status check_type(std::string_view column, qx_data_type_t wanted) const {
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            if (Status s = load_columns(); !s) return s;
-            for (const auto &c : columns_) {
-                if (c.first == column && c.second == wanted) return Status();
-            }
-            if (attempt == 0) columns_.clear();  // the columns may have changed meanwhile
+        Status status;
+        const ColumnInfo *c = find_column(column, wanted, &status);
+        if (!status) return status;
+        if (c == nullptr)
+            return Error{SR_E_INVALID_COLUMN, "no column \"" + std::string(column) + "\""};
+        return c->type == wanted ? Status() : wrong_type(c->name);
+    }
+    // So would a write: the library would take an integer for a pointer.
+    // An unknown column is left to the library to report.
+    Status check_write(std::string_view column, qx_data_type_t given) const {
+        if (given == QX_UNKNOWN) return Status();  // an empty Value: all zero
+        Status status;
+        const ColumnInfo *c = find_column(column, given, &status);
+        if (!status) return status;
+        return c == nullptr || c->type == given ? Status() : wrong_type(c->name);
+    }
+    Status check_key(const Value &key) const {
+        if (Status s = load_columns(); !s) return s;
+        for (const ColumnInfo &c : columns_) {
+            if (c.key) return check_write(c.name, key.type());
         }
-        for (const auto &c : columns_) {
-            if (c.first == column) {
-                return Error{
-                    SR_E_INVALID_COLUMN,
-                    "column \"" + c.first + "\" does not hold values of the type asked for"};
-            }
-        }
-        return Error{SR_E_INVALID_COLUMN, "no column \"" + std::string(column) + "\""};
+        return Status();
     }
 
     sr_opaque_handle_t handle_;
-    mutable std::vector<std::pair<std::string, qx_data_type_t>> columns_;
+    mutable std::vector<ColumnInfo> columns_;
 };
 
 // Changes to one explicitly controlled table that become the committed
@@ -755,6 +798,11 @@ class Tree {
         std::vector<sr_column_t> defs(columns.size());
         for (size_t i = 0; i < columns.size(); ++i) {
             if (!columns[i].default_value.valid()) return detail::no_memory();
+            qx_data_type_t given = columns[i].default_value.type();
+            if (given != QX_UNKNOWN && given != columns[i].type) {
+                return Error{SR_E_INVALID_COLUMN, "the default of column \"" + columns[i].name +
+                                                      "\" is not of the column's type"};
+            }
             defs[i].name = const_cast<char *>(columns[i].name.c_str());
             defs[i].type = columns[i].type;
             defs[i].qualifier = columns[i].qualifier;

@@ -106,6 +106,17 @@ TEST_F(CppApiTest, FailuresCarryTheCodeAndTheLibrarysMessage) {
         EXPECT_EQ(c.result.code(), c.code);
         EXPECT_NE(c.result.message().find(c.text), std::string_view::npos) << c.result.message();
     }
+    // Values of another type than the column's are refused before the
+    // library could take a number for a pointer.
+    qx::sr::Status wrong[] = {
+        t.add({{"id", 2}, {"name", 5}}),
+        t.set(1, "name", 5),
+        t.set("1", "name", "x"),
+        t.add({{"id", std::uint32_t{3}}}),
+        tree_.create_table("/t/bad", {{"id", QX_CHAR_PTR, SR_PRIMARY_KEY, 0}}).error(),
+    };
+    for (const qx::sr::Status &s : wrong) EXPECT_EQ(s.code(), SR_E_INVALID_COLUMN) << s.message();
+    EXPECT_EQ(*t.size(), 1u);
     qx::sr::Status duplicate = t.add({{"id", 1}});
     EXPECT_EQ(duplicate.code(), SR_E_DUPLICATE_KEY);
     EXPECT_NE(duplicate.message().find("2605-108"), std::string_view::npos);
