@@ -23,8 +23,8 @@ using qx::sr::View;
 class CppApiTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/qx_cpp_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
+        std::string pattern = (std::filesystem::temp_directory_path() / "qx_cpp_XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         dir_ = pattern;
         auto tree = Tree::open();
         ASSERT_TRUE(tree) << tree.message();

@@ -16,7 +16,7 @@ columns='id:int32:key u32:uint32 i64:int64 u64:uint64 f32:float32 f64:float64 s:
  b:binary h:handle sb:sbs st:sd(x:float64,n:string) ai:int32[] au:uint32[] al:int64[]
  aul:uint64[] af:float32[] ad:float64[] as:string[] ab:binary[] ah:handle[]
  ast:sd(k:int32,v:string)[]'
-columns=$(echo $columns)
+columns=${columns//$'\n'/ }
 cat >round.qxsr <<END
 create /demo/all $columns
 add /demo/all id=-2147483648 u32=4294967295 i64=-9223372036854775808 u64=18446744073709551615 f32=0.1 f64=0.1 "s=a, \"b\"\\nc é" b=0x00ff "h=0x0001 0x0002 0x00000003 0x00000004 0x00000005 0xffffffff" sb=0xbeef st={2.5,hi} ai=[1,-2] au=[3] al=[-4,5] aul=[6] af=[1.5,-0.25] ad=[1e300,-2] as=[x,y] ab=[0x01,0x] "ah=[0x0001 0x0002 0x00000003 0x00000004 0x00000005 0x00000006]" ast=[{1,one},{2,two}]
