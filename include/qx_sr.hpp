@@ -10,8 +10,11 @@
  *
  * Every handle is owned by one object and closed by its destructor.  Calls
  * return a Result (or Status) carrying the library's result code and its
- * formatted message; nothing here throws (an allocation failure inside the
- * standard containers ends the process, as for any noexcept code).  Values
+ * formatted message.  Nothing here throws of its own, and no exception can
+ * cross into the C library; only the standard containers' std::bad_alloc
+ * may leave a call that is not noexcept (inside one it ends the process).
+ * Memory the values a caller writes need comes from malloc; when there is
+ * none, the call returns SR_E_NO_MEMORY.  Values
  * read from a table are copied out, so they stay valid after the row
  * changes or the table closes.
  */
