@@ -148,11 +148,15 @@ void write_rows(FILE *out, OutputMode mode, const std::vector<std::string> &head
     }
 }
 
+std::string counted(unsigned long long count, const char *noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 void print_rows(Shell &shell, const std::vector<std::string> &header,
                 const std::vector<CellRow> &rows, bool count) {
     write_rows(shell.out, shell.mode, header, rows, false);
     if (count && shell.mode == OutputMode::kTable) {
-        std::fprintf(shell.out, rows.size() == 1 ? "(%zu row)\n" : "(%zu rows)\n", rows.size());
+        std::fprintf(shell.out, "(%s)\n", counted(rows.size(), "row").c_str());
     }
 }
 

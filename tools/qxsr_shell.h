@@ -98,6 +98,9 @@ void print_rows(Shell &shell, const std::vector<std::string> &header,
 void print_table(Shell &shell, const std::vector<std::string> &header,
                  const std::vector<std::vector<std::string>> &rows, bool count = false);
 
+// "1 row", "2 rows": a count and its noun, singular for one.
+std::string counted(unsigned long long count, const char *noun);
+
 // Writes rows in one mode to `out` (export uses it too); `crlf` ends CSV
 // lines with CR LF as RFC 4180 has it.
 void write_rows(FILE *out, OutputMode mode, const std::vector<std::string> &header,

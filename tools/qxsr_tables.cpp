@@ -58,7 +58,8 @@ int run_create(Shell &shell, int argc, char **argv) {
                                static_cast<qx_uint32_t>(columns.size()), mode, &handle);
     if (rc != 0) return report_failure(shell, "create", rc);
     shell.tables.push_back({argv[1], handle, mode});
-    std::fprintf(shell.out, "created %s with %zu columns\n", argv[1], columns.size());
+    std::fprintf(shell.out, "created %s with %s\n", argv[1],
+                 counted(columns.size(), "column").c_str());
     return 0;
 }
 
@@ -119,8 +120,9 @@ int run_describe(Shell &shell, int argc, char **argv) {
     sr_table_metadata_t *p_metadata = nullptr;
     int rc = sr_get_table_metadata_1(handle, -1, &p_metadata);
     if (rc != 0) return report_failure(shell, "describe", rc);
-    std::fprintf(shell.out, "table %s: %u rows, %u columns, change counter %llu\n",
-                 p_metadata->name, p_metadata->number_of_rows, p_metadata->number_of_columns,
+    std::fprintf(shell.out, "table %s: %s, %s, change counter %llu\n", p_metadata->name,
+                 counted(p_metadata->number_of_rows, "row").c_str(),
+                 counted(p_metadata->number_of_columns, "column").c_str(),
                  static_cast<unsigned long long>(p_metadata->table_change_counter));
     std::vector<std::vector<std::string>> rows;
     for (qx_uint32_t i = 0; i < p_metadata->number_of_columns; ++i) {
