@@ -11,7 +11,11 @@ if ! command -v tmux >/dev/null; then
 fi
 dir=$(mktemp -d)
 socket="qxsr-test-$$-1"
-cleanup() { tmux -L "$socket" kill-server 2>/dev/null; rm -rf "$dir"; }
+sockets="${TMUX_TMPDIR:-/tmp}/tmux-$(id -u)"
+cleanup() {
+  tmux -L "$socket" kill-server 2>/dev/null
+  rm -rf "$dir" "$sockets/qxsr-test-$$-1" "$sockets/qxsr-test-$$-2"
+}
 trap cleanup EXIT
 mkdir "$dir/mnt"
 fail() {
