@@ -4,7 +4,7 @@
 # does nothing when everything is already there.
 set -euo pipefail
 
-packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
+packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev libre2-dev
           pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user
           libedit-dev tmux groff-base man-db)
 missing=()
