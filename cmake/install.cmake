@@ -8,7 +8,10 @@ install(TARGETS qx_cu qx_tr qx_pmsg qx_sr EXPORT qx_srTargets
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS qxsr RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES man/qxsr.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES man/qx_sr.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 install(FILES include/qx_types.h include/qx_cu.h include/qx_tr.h include/qx_pmsg.h include/qx_sr.h
+              include/qx_sr.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/nls/C/qx_sr.cat
         DESTINATION ${CMAKE_INSTALL_DATADIR}/qx/nls/C)

@@ -7,7 +7,7 @@
  * word is read with memcpy, and every anchor is checked against the bytes it
  * may use before it is followed: the area's length at the top level, the
  * containing form's length below it.  Nothing is allocated per row (the
- * C library's regexec keeps its own scratch state).
+ * matcher keeps its own scratch state, bounded when it was compiled).
  *
  * Per-row outcomes: CU_EXPR_TYPE_MISMATCH when values that the row actually
  * holds cannot be compared (a structured-data element whose type differs from
@@ -20,7 +20,9 @@
  * 'a'" matches a row without place.x whose name is a).  Otherwise the first
  * outcome met decides the row.
  */
-#include <regex.h>
+#ifndef QX_CU_NO_RE2
+#include <re2/re2.h>
+#endif
 #include <string.h>
 
 #include "cu_expr_i.h"
@@ -557,9 +559,14 @@ int eval(const cu_expr_t *prog, uint32_t index, const Row *row, Value *out) {
             int rc = eval(prog, node.a, row, &x);
             if (rc != CU_OK) return rc;
             if (x.kind != kKindText) return CU_EXPR_TYPE_MISMATCH;
-            /* Texts are followed by their NUL, in rows and in the pool. */
-            bool m = regexec(prog->p_p_regexes[node.b], reinterpret_cast<const char *>(x.p), 0,
-                             nullptr, 0) == 0;
+#ifdef QX_CU_NO_RE2
+            bool m = false; /* such a build compiles no pattern */
+#else
+            /* A text ends at its first NUL, as everywhere else in the language. */
+            const char *text = reinterpret_cast<const char *>(x.p);
+            bool m = RE2::PartialMatch(re2::StringPiece(text, strnlen(text, x.n)),
+                                       *prog->p_p_regexes[node.b]);
+#endif
             out->literal = 0;
             out->kind = kKindBool;
             out->b = (m != (node.negate != 0)) ? 1 : 0;

@@ -16,11 +16,14 @@
 #ifndef CU_EXPR_I_H
 #define CU_EXPR_I_H
 
-#include <regex.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include "qx_cu.h"
+
+namespace re2 {
+class RE2;
+}
 
 namespace cu_expr {
 
@@ -145,7 +148,7 @@ struct cu_expr_struct {
     uint8_t *p_pool; /* decoded texts (each followed by a NUL), binaries, handles */
     uint32_t pool_bytes;
     uint32_t pad;
-    regex_t **p_p_regexes;
+    re2::RE2 **p_p_regexes;
 };
 
 namespace cu_expr {

@@ -11,9 +11,15 @@
  *
  * Untrusted text is bounded three ways: its length, the number of parser
  * frames alive at once (parentheses, prefix operators, brackets) and the
- * height of the tree, which also bounds the evaluator's recursion.
+ * height of the tree, which also bounds the evaluator's recursion.  Regular
+ * expressions go to an automaton-based matcher whose compile is linear in the
+ * pattern, whose memory is capped per pattern and whose match is linear in the
+ * text; what it cannot do in those bounds (back-references among them) is
+ * refused here.
  */
-#include <regex.h>
+#ifndef QX_CU_NO_RE2
+#include <re2/re2.h>
+#endif
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -84,9 +90,10 @@ struct Compiler {
     Buf nodes;
     Buf lists;
     Buf pool;
-    regex_t **p_p_regexes = nullptr;
+    re2::RE2 **p_p_regexes = nullptr;
     uint32_t total_regexes = 0;
     uint32_t room_regexes = 0;
+    size_t regex_bytes = 0; /* pattern bytes compiled so far */
     cu_validate_callback_t *p_validate = nullptr;
     void *token = nullptr;
     uint32_t frames = 0;
@@ -98,12 +105,11 @@ struct Compiler {
     Node &n(uint32_t i) { return reinterpret_cast<Node *>(nodes.p)[i]; }
 };
 
+void free_regex(re2::RE2 *re);
+
 /* Frees what a compiler holds (used on failure; success moves it out). */
 void release(Compiler *c) {
-    for (uint32_t i = 0; i < c->total_regexes; ++i) {
-        regfree(c->p_p_regexes[i]);
-        free(c->p_p_regexes[i]);
-    }
+    for (uint32_t i = 0; i < c->total_regexes; ++i) free_regex(c->p_p_regexes[i]);
     free(c->p_p_regexes);
     free(c->nodes.p);
     free(c->lists.p);
@@ -667,88 +673,90 @@ uint32_t parse_in(Compiler *c, uint32_t x, bool negate, uint32_t pos) {
     return i;
 }
 
-// The C library compiles repetitions by copying subtrees, so stacked
-// quantifiers ("(a)+++++") and large counted ones ("(a{200}){200}") make its
-// memory grow exponentially with the pattern.  Such patterns are refused
-// before they reach it: at most one quantifier in a row, and counted
-// repetitions whose bounds multiply to no more than 4096.
-bool regex_too_complex(const char *p) {
-    unsigned run = 0;
-    unsigned long long product = 1;
-    while (*p != '\0') {
-        const char ch = *p;
-        if (ch == '\\') {
-            p += p[1] != '\0' ? 2 : 1;
-            run = 0;
-        } else if (ch == '[') {
-            // A bracket expression's characters are literals; ']' first is one too.
-            ++p;
-            if (*p == '^') ++p;
-            if (*p == ']') ++p;
-            while (*p != '\0' && *p != ']') ++p;
-            if (*p == ']') ++p;
-            run = 0;
-        } else if (ch == '*' || ch == '+' || ch == '?' || ch == '{') {
-            if (++run > 1) return true;
-            ++p;
-            if (ch == '{') {
-                unsigned long long bound = 0;
-                while (*p != '\0' && *p != '}') {
-                    if (*p >= '0' && *p <= '9') {
-                        unsigned long long value = 0;
-                        while (*p >= '0' && *p <= '9' && value < 100000)
-                            value = value * 10 + (*p++ - '0');
-                        if (value > bound) bound = value;
-                    } else {
-                        ++p;
-                    }
-                }
-                if (*p == '}') ++p;
-                product *= bound + 1;
-                if (product > 4096) return true;
-            }
-        } else {
-            run = 0;
-            ++p;
-        }
-    }
-    return false;
+#ifndef QX_CU_NO_RE2
+/* Each pattern's automaton and its matching scratch space may use this much
+ * memory, one expression may hold this many patterns, and their texts this
+ * many bytes together, so that no accepted expression of any length costs
+ * more than a few megabytes or milliseconds to compile, or megabytes to
+ * evaluate.  A pattern too large for the budget is refused when compiled. */
+constexpr int64_t kRegexMaxMem = 256 << 10;
+constexpr uint32_t kMaxRegexes = 32;
+constexpr size_t kMaxPatternBytes = 16 << 10;
+
+/* POSIX extended syntax and its leftmost-longest rule, matched byte by byte
+ * (texts may be in any code set), with the C library's defaults for a match
+ * without REG_NEWLINE: '.' matches a newline and '^' '$' only the ends of the
+ * text.  Only a yes/no answer is wanted, so nothing is captured. */
+RE2::Options regex_options() {
+    RE2::Options o;
+    o.set_posix_syntax(true);
+    o.set_longest_match(true);
+    o.set_encoding(RE2::Options::EncodingLatin1);
+    o.set_one_line(true);
+    o.set_dot_nl(true);
+    o.set_never_capture(true);
+    o.set_perl_classes(true);
+    o.set_word_boundary(true);
+    o.set_log_errors(false);
+    o.set_max_mem(kRegexMaxMem);
+    return o;
 }
+
+/* Compiles a pattern; nullptr when memory ran out. */
+re2::RE2 *compile_regex(const char *pattern, size_t length) {
+    try {
+        return new re2::RE2(re2::StringPiece(pattern, length), regex_options());
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+void free_regex(re2::RE2 *re) { delete re; }
+#else
+void free_regex(re2::RE2 *) {}
+#endif
 
 uint32_t make_match(Compiler *c, uint32_t x, uint32_t y, bool negate, uint32_t pos) {
     if (c->n(x).kind != kKindText) return error(c, pos, "=~ and !~ match texts");
     if (c->n(y).op != kOpConst || c->n(y).kind != kKindText) {
         return error(c, c->n(y).pos, "the pattern of =~ and !~ must be a quoted text");
     }
+#ifdef QX_CU_NO_RE2
+    (void)negate;
+    return error(c, pos, "regular expressions are not available in this build");
+#else
+    if (c->total_regexes == kMaxRegexes) {
+        return error(c, pos, "too many regular expressions (at most 32 in one expression)");
+    }
     if (c->total_regexes == c->room_regexes) {
         uint32_t room = c->room_regexes == 0 ? 4 : c->room_regexes * 2;
-        void *grown = realloc(c->p_p_regexes, room * sizeof(regex_t *));
+        void *grown = realloc(c->p_p_regexes, room * sizeof(re2::RE2 *));
         if (grown == nullptr) return no_memory(c, pos);
-        c->p_p_regexes = static_cast<regex_t **>(grown);
+        c->p_p_regexes = static_cast<re2::RE2 **>(grown);
         c->room_regexes = room;
     }
-    regex_t *re = static_cast<regex_t *>(malloc(sizeof(regex_t)));
-    if (re == nullptr) return no_memory(c, pos);
     const char *pattern = reinterpret_cast<const char *>(c->pool.p + c->n(y).k.pool.offset);
-    if (regex_too_complex(pattern)) {
-        free(re);
+    /* The pattern ends at its first NUL, as a text does. */
+    size_t length = strnlen(pattern, c->n(y).k.pool.length);
+    if (length > kMaxPatternBytes - c->regex_bytes) {
         return error(c, c->n(y).pos,
-                     "regular expression too complex (stacked or large repetitions)");
+                     "regular expressions too long (at most 16384 bytes in one expression)");
     }
-    int rc = regcomp(re, pattern, REG_EXTENDED | REG_NOSUB);
-    if (rc != 0) {
-        char why[128];
-        regerror(rc, re, why, sizeof(why));
-        free(re);
-        if (rc == REG_ESPACE) return no_memory(c, c->n(y).pos);
-        snprintf(c->reason_buf, sizeof(c->reason_buf), "bad regular expression: %s", why);
+    c->regex_bytes += length;
+    re2::RE2 *re = compile_regex(pattern, length);
+    if (re == nullptr) return no_memory(c, pos);
+    if (!re->ok()) {
+        /* Back-references, and patterns whose automaton would not fit the
+         * memory budget, are among what the matcher refuses. */
+        snprintf(c->reason_buf, sizeof(c->reason_buf), "bad regular expression: %s",
+                 re->error().c_str());
+        delete re;
         return error(c, c->n(y).pos, c->reason_buf);
     }
     c->p_p_regexes[c->total_regexes] = re;
     uint32_t i = new_node(c, kOpMatch, kKindBool, pos);
     if (i == kNoIndex) {
-        regfree(re);
-        free(re);
+        delete re;
         return i;
     }
     c->n(i).a = x;
@@ -756,6 +764,7 @@ uint32_t make_match(Compiler *c, uint32_t x, uint32_t y, bool negate, uint32_t p
     c->n(i).negate = negate ? 1 : 0;
     if (!adopt(c, i, x)) return kNoIndex;
     return i;
+#endif
 }
 
 uint32_t make_like(Compiler *c, uint32_t x, uint32_t y, bool negate, uint32_t pos) {
@@ -1184,8 +1193,7 @@ extern "C" int cu_comp_expr_1(const char *p_text, qx_uint32_t flags,
 extern "C" int cu_free_expr_1(cu_expr_t *p_compiled) {
     if (p_compiled == nullptr) return CU_OK;
     for (uint32_t i = 0; i < p_compiled->total_regexes; ++i) {
-        regfree(p_compiled->p_p_regexes[i]);
-        free(p_compiled->p_p_regexes[i]);
+        cu_expr::free_regex(p_compiled->p_p_regexes[i]);
     }
     free(p_compiled->p_p_regexes);
     free(p_compiled->p_nodes);

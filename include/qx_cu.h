@@ -211,7 +211,11 @@ qx_int32_t cu_rsrc_hndl_cmp_1(const void *p_handle1, const void *p_handle2);
  *   !a, NOT a                      negation of a condition
  *   == (=)  != (<>)  <  <=  >  >=  comparisons (they do not chain)
  *   t =~ "re", t !~ "re"           POSIX extended regular expression match
- *                                  (the pattern is a quoted text)
+ *                                  (the pattern is a quoted text; matched
+ *                                  byte by byte, in time linear in the text;
+ *                                  back-references are refused, and one
+ *                                  expression holds at most 32 patterns of
+ *                                  16384 bytes in all)
  *   t LIKE p, t NOT LIKE p         % any run, _ one character, \ escapes
  *   x IN (a, b, ...), NOT IN       equal to one of the values
  *   arr CONTAINS x, NOT CONTAINS   an element of the array equals x

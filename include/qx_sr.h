@@ -370,6 +370,15 @@ qx_int32_t sr_set_fields_by_key_1(sr_opaque_handle_t table_handle, qx_value_t ro
 /* ---------------------------------------------------------------------------
  * Deleting and selecting rows.  Selection strings may carry typed '$'
  * substitutions whose values follow as variadic arguments.
+ *
+ * A $S item is inserted between double quotes exactly as given: its bytes
+ * are not escaped.  A string that holds a double quote or a backslash
+ * therefore ends the quoted text early or starts an escape, and the rest of
+ * it is read as expression text: a value taken from an untrusted source can
+ * change what the selection matches (`x" || "" == "` selects every row, and
+ * with sr_delete_rows_1 deletes every row) or make it fail to compile.  Pass
+ * such values only after checking them, or with an item that cannot carry
+ * quotes ($I, $UI, $L, $UL, $D, $B, $RH).
  */
 qx_int32_t sr_delete_rows_1(sr_opaque_handle_t table_handle, qx_char_ptr_t selection_criteria,
                             ...);

@@ -7,9 +7,9 @@ set -euo pipefail
 # 32-bit x86 builds use g++ -m32 with the 32-bit C and C++ libraries rather
 # than g++-multilib, which Debian does not let share a machine with the s390x
 # cross compiler.
-packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
+packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev libre2-dev
           pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user
-          lib32stdc++-12-dev lib32gcc-12-dev libc6-dev-i386)
+          libedit-dev tmux groff-base man-db lib32stdc++-12-dev lib32gcc-12-dev libc6-dev-i386)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

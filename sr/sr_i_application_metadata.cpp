@@ -26,22 +26,44 @@ qx_binary_t *new_block(qx_uint32_t length, const char *p_data) {
     return p_block;
 }
 
-// The element of `type`, or NULL.  The walk stops at the first larger type.
+// The position of the first element whose type is not below `type` (a binary
+// search: the store is sorted, and a table may carry very many elements).
+qx_uint32_t lower_bound(const store_t *p_store, qx_uint32_t type) {
+    qx_uint32_t low = 0;
+    qx_uint32_t high = p_store->total_elements;
+    while (low < high) {
+        qx_uint32_t middle = low + (high - low) / 2;
+        if (p_store->p_index[middle].type < type) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return low;
+}
+
+// The element of `type`, or NULL.
 element_t *find_element(store_t *p_store, qx_uint32_t type) {
-    for (qx_uint32_t i = 0; i < p_store->total_elements; ++i) {
-        element_t *p = &p_store->p_index[i];
-        if (p->type == type) return p;
-        if (p->type > type) break;
+    qx_uint32_t i = lower_bound(p_store, type);
+    if (i < p_store->total_elements && p_store->p_index[i].type == type) {
+        return &p_store->p_index[i];
     }
     return nullptr;
 }
 
-// Removes element i, closing the gap.
-void remove_element(store_t *p_store, qx_uint32_t i) {
-    memmove(&p_store->p_index[i], &p_store->p_index[i + 1],
-            sizeof(element_t) * (p_store->total_elements - i - 1));
-    --p_store->total_elements;
-    memset(&p_store->p_index[p_store->total_elements], 0, sizeof(element_t));
+// Drops the elements whose `gone` pointer is NULL, keeping the order, in one
+// pass (removing them one by one would make a large commit quadratic).
+void remove_elements_without(store_t *p_store, qx_binary_t *element_t::*gone) {
+    qx_uint32_t kept = 0;
+    for (qx_uint32_t i = 0; i < p_store->total_elements; ++i) {
+        if (p_store->p_index[i].*gone == nullptr) continue;
+        if (kept != i) p_store->p_index[kept] = p_store->p_index[i];
+        ++kept;
+    }
+    if (kept != p_store->total_elements) {
+        memset(&p_store->p_index[kept], 0, sizeof(element_t) * (p_store->total_elements - kept));
+    }
+    p_store->total_elements = kept;
 }
 
 // The block a reader sees, or the code why there is none (reported).
@@ -101,11 +123,9 @@ qx_int32_t sr_i_add_application_metadata_element(
     store_t *p_store = p_application_metadata;
     if (p_store == nullptr || (p_data == nullptr && length != 0)) return SR_ERROR(101);
     // The position after the last element with a smaller type.
-    qx_uint32_t position = 0;
-    for (; position < p_store->total_elements; ++position) {
-        qx_uint32_t t = p_store->p_index[position].type;
-        if (t == type) return SR_ERROR(108);
-        if (t > type) break;
+    qx_uint32_t position = lower_bound(p_store, type);
+    if (position < p_store->total_elements && p_store->p_index[position].type == type) {
+        return SR_ERROR(108);
     }
     qx_binary_t *p_block = new_block(length, p_data);
     if (p_block == nullptr) return SR_ERROR(12);
@@ -225,16 +245,12 @@ qx_int32_t sr_i_commit_application_metadata_buffer_updates(
     sr_i_application_metadata_t *p_application_metadata) {
     store_t *p_store = p_application_metadata;
     if (p_store == nullptr) return 0;
-    for (qx_uint32_t i = 0; i < p_store->total_elements;) {
+    for (qx_uint32_t i = 0; i < p_store->total_elements; ++i) {
         element_t *p = &p_store->p_index[i];
         if (p->p_committed != nullptr && p->p_committed != p->p_applied) free(p->p_committed);
-        if (p->p_applied == nullptr) {
-            remove_element(p_store, i);  // look at the same position again
-            continue;
-        }
         p->p_committed = p->p_applied;
-        ++i;
     }
+    remove_elements_without(p_store, &element_t::p_applied);  // deleted ones
     return 0;
 }
 
@@ -242,16 +258,12 @@ qx_int32_t sr_i_abort_application_metadata_buffer_updates(
     sr_i_application_metadata_t *p_application_metadata) {
     store_t *p_store = p_application_metadata;
     if (p_store == nullptr) return 0;
-    for (qx_uint32_t i = 0; i < p_store->total_elements;) {
+    for (qx_uint32_t i = 0; i < p_store->total_elements; ++i) {
         element_t *p = &p_store->p_index[i];
         if (p->p_applied != nullptr && p->p_applied != p->p_committed) free(p->p_applied);
-        if (p->p_committed == nullptr) {
-            remove_element(p_store, i);
-            continue;
-        }
         p->p_applied = p->p_committed;
-        ++i;
     }
+    remove_elements_without(p_store, &element_t::p_committed);  // only added
     return 0;
 }
 

@@ -546,6 +546,10 @@ qx_int32_t sr_i_convert_packed_table_buffer(void *p_buffer, qx_uint32_t header_a
     const qx_uint64_t slots_end = kHead + kTableSlots * static_cast<qx_uint64_t>(total_tables);
     if (slots_end > length) return SR_ERROR(14);
     sr_i_store_u32(p, length);
+    // The byte-order mark is converted with the length word, so that the
+    // buffer always tells which order it is in: asked again, a converted
+    // buffer needs nothing, and its length word is never swapped twice.
+    sr_i_store_u32(p + 16, __builtin_bswap32(sr_i_load_u32(p + 16)));
     qx_int32_t rc = convert_value(p + 32, QX_UINT32, p + slots_end, length - slots_end);
     if (rc != 0) return rc;
 
@@ -711,6 +715,18 @@ qx_int32_t rows_in_place(const char *p_rows_slot, const char *p_area, qx_array_t
     return 0;
 }
 
+// Whether the key column (the first with a key qualifier) holds resource
+// handles.
+bool resource_handle_key(const sr_column_t *p_columns, qx_uint32_t total_columns) {
+    for (qx_uint32_t c = 0; c < total_columns; ++c) {
+        const qx_uint32_t base = p_columns[c].qualifier & SR_QUALIFIER_BASE_MASK;
+        if (base == SR_PRIMARY_KEY || base == SR_PRIMARY_KEY_NOCHECK) {
+            return p_columns[c].type == QX_RSRC_HANDLE_PTR;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
@@ -740,6 +756,14 @@ qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
     if (rc == 0) rc = sr_i_unpack_column_definitions(columns.ptr_array, &total_columns, &p_columns);
     if (rc == 0 && total_columns != fixed.ptr_sd->elements[2].value.val_uint32) rc = SR_ERROR(14);
     if (rc == 0) rc = check_rows(rows.ptr_array, p_columns, total_columns);
+    // Without the caller's hash function the index takes the defaults, which
+    // hash and compare resource handles: they serve a resource-handle key
+    // only (as the index made for such a table when it is created), and would
+    // read past any other key.
+    if (rc == 0 && total_hash_buckets != 0 && hash_function == nullptr &&
+        !resource_handle_key(p_columns, total_columns)) {
+        rc = SR_ERROR(101);
+    }
     sr_hash_table_t *p_hash_table = nullptr;
     if (rc == 0 && total_hash_buckets != 0) {
         rc = sr_i_hash_table_open(total_hash_buckets, hash_function, compare_function,

@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -124,22 +125,63 @@ bool commit_record_is_sound(const char *p_commit_record) {
 qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
                                    sr_i_application_metadata_t *p_application_metadata,
                                    qx_uint64_t *p_change_counter) {
+    qx_uint64_t record_length = rec_length(p_commit_record);
+    if (record_length < SR_I_COMMIT_RECORD_LENGTH) return SR_ERROR(14);
+    qx_uint64_t following = sr_i_load_u32(p_commit_record + 12);
+    if (16 + following > record_length || following < 8) return SR_ERROR(14);
+    *p_change_counter = sr_i_load_u64(p_commit_record + 16);
+    if (following < 9) return 0;
+    if (following < 12) return SR_ERROR(14);
     // Every element is checked against the record before the store is touched,
     // so a lying count or length leaves the store as it was.
-    if (!commit_record_is_sound(p_commit_record)) return SR_ERROR(14);
-    *p_change_counter = sr_i_load_u64(p_commit_record + 16);
-    if (sr_i_load_u32(p_commit_record + 12) < 9) return 0;
+    const qx_uint64_t end = 16 + following;
     qx_uint32_t elements = sr_i_load_u32(p_commit_record + 24);
     qx_uint64_t at = 28;
+    bool ascending = true;  // as commit writes them
+    for (qx_uint32_t i = 0, previous = 0; i < elements; ++i) {
+        if (at + 8 > end) return SR_ERROR(14);
+        qx_uint32_t type = sr_i_load_u32(p_commit_record + at);
+        if (i > 0 && type <= previous) ascending = false;
+        previous = type;
+        qx_uint64_t data_length = sr_i_load_u32(p_commit_record + at + 4);
+        if (at + 8 + data_length > end) return SR_ERROR(14);
+        at += 8 + data_length;
+    }
+    // The store is sorted by type, so elements in ascending order are each
+    // appended at its end.  Elements in any other order are sorted first, so
+    // that a crafted record costs O(n log n) to read, not a quadratic series
+    // of insertions.  The store comes out the same either way, and two
+    // elements of one type are refused either way.
+    struct placed_t {
+        qx_uint32_t type;
+        qx_uint64_t at;
+    };
+    placed_t *p_order = nullptr;
+    if (!ascending) {
+        const qx_uint64_t order_bytes = static_cast<qx_uint64_t>(elements) * sizeof(placed_t);
+        if (order_bytes > SIZE_MAX) return SR_ERROR(12);  // 32-bit hosts
+        p_order = static_cast<placed_t *>(sr_i_malloc(static_cast<size_t>(order_bytes)));
+        if (p_order == nullptr) return SR_ERROR(12);
+        at = 28;
+        for (qx_uint32_t i = 0; i < elements; ++i) {
+            p_order[i] = placed_t{sr_i_load_u32(p_commit_record + at), at};
+            at += 8 + static_cast<qx_uint64_t>(sr_i_load_u32(p_commit_record + at + 4));
+        }
+        std::sort(p_order, p_order + elements,
+                  [](const placed_t &a, const placed_t &b) { return a.type < b.type; });
+    }
+    at = 28;
     qx_int32_t rc = 0;
     for (qx_uint32_t i = 0; i < elements && rc == 0; ++i) {
-        qx_uint32_t type = sr_i_load_u32(p_commit_record + at);
-        qx_uint32_t data_length = sr_i_load_u32(p_commit_record + at + 4);
+        qx_uint64_t element_at = p_order != nullptr ? p_order[i].at : at;
+        qx_uint32_t type = sr_i_load_u32(p_commit_record + element_at);
+        qx_uint32_t data_length = sr_i_load_u32(p_commit_record + element_at + 4);
         rc = sr_i_add_application_metadata_element(
             p_application_metadata, type, data_length,
-            const_cast<qx_char_ptr_t>(p_commit_record + at + 8));
+            const_cast<qx_char_ptr_t>(p_commit_record + element_at + 8));
         at += 8 + static_cast<qx_uint64_t>(data_length);
     }
+    free(p_order);
     // Two elements of one type cannot come from a commit record this library
     // wrote: the file is damaged, not the caller's key.
     if (rc == SR_E_DUPLICATE_KEY) rc = SR_ERROR(14);

@@ -1,9 +1,10 @@
 // qxsr: the registry's command-line shell.
 //
-//   qxsr help | version | demo
-//   qxsr [-m REGISTRY_PATH=DIRECTORY]... [COMMAND [ARG...]]
+//   qxsr help [COMMAND] | --version | demo
+//   qxsr [-m REGISTRY_PATH=DIRECTORY]... [--table|--csv|--json|--line] [COMMAND [ARG...]]
 //   qxsr [-m ...] -f SCRIPT            (one command per line, # comments)
-//   qxsr [-m ...]                      (interactive: commands from standard input)
+//   qxsr [-m ...]                      (commands from standard input; edited
+//                                       lines with history at a terminal)
 //
 // Every command runs against one tree opened at start-up; -m mounts local
 // trees before the first command.  A failing call prints the library's own

@@ -94,7 +94,7 @@ int run_add_columns(Shell &shell, int argc, char **argv) {
     if (handle == nullptr) return 1;
     int rc = sr_add_columns_1(handle, columns.data(), static_cast<qx_uint32_t>(columns.size()));
     if (rc != 0) return report_failure(shell, "add-columns", rc);
-    std::fprintf(shell.out, "added %zu columns to %s\n", columns.size(), argv[1]);
+    std::fprintf(shell.out, "added %s to %s\n", counted(columns.size(), "column").c_str(), argv[1]);
     return 0;
 }
 
@@ -104,7 +104,7 @@ int run_delete_columns(Shell &shell, int argc, char **argv) {
     if (handle == nullptr) return 1;
     int rc = sr_delete_columns_1(handle, argv + 2, static_cast<qx_uint32_t>(argc - 2));
     if (rc != 0) return report_failure(shell, "delete-columns", rc);
-    std::fprintf(shell.out, "deleted %d columns from %s\n", argc - 2, argv[1]);
+    std::fprintf(shell.out, "deleted %s from %s\n", counted(argc - 2, "column").c_str(), argv[1]);
     return 0;
 }
 
@@ -166,7 +166,7 @@ int run_repair(Shell &shell, int argc, char **argv) {
     if (argc < 2) return usage(shell, "repair PATH...");
     int rc = sr_repair_tables_1(shell.tree, argv + 1, static_cast<qx_uint32_t>(argc - 1));
     if (rc != 0) return report_failure(shell, "repair", rc);
-    std::fprintf(shell.out, "repaired %d tables\n", argc - 1);
+    std::fprintf(shell.out, "repaired %s\n", counted(argc - 1, "table").c_str());
     return 0;
 }
 

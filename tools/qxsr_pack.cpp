@@ -167,7 +167,7 @@ int run_packed(Shell &shell, int argc, char **argv) {
             sr_close_table_1(table);
         }
         if (rc == 0) {
-            print_table(shell.out, {"index", "name", "registry path", "rows", "columns", "changes"},
+            print_table(shell, {"index", "name", "registry path", "rows", "columns", "changes"},
                         rows);
         }
     }
@@ -213,8 +213,9 @@ int run_unpack(Shell &shell, int argc, char **argv) {
         std::string path;
         if (sr_get_table_metadata_1(table, 0, &p_metadata) == 0) {
             path = p_metadata->name != nullptr ? p_metadata->name : "";
-            std::fprintf(shell.out, "unpacked %s: %u rows, %u columns (read-only)\n", path.c_str(),
-                         p_metadata->number_of_rows, p_metadata->number_of_columns);
+            std::fprintf(shell.out, "unpacked %s: %s, %s (read-only)\n", path.c_str(),
+                         counted(p_metadata->number_of_rows, "row").c_str(),
+                         counted(p_metadata->number_of_columns, "column").c_str());
             sr_free_table_metadata_1(p_metadata);
         }
         shell.tables.push_back({path, table, SR_MODE_READ});

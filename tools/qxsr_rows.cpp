@@ -150,7 +150,7 @@ bool parse_row_ref(Shell &shell, const Columns &columns, char **argv, ValueArena
 
 // Reads one row (every column) in the chosen view.
 int read_row(sr_opaque_handle_t handle, const Columns &columns, const RowRef &ref,
-             qx_uint32_t uncommitted, std::vector<std::string> *p_cells, sr_row_state_t *p_state) {
+             qx_uint32_t uncommitted, CellRow *p_cells, sr_row_state_t *p_state) {
     std::vector<char *> names;
     std::vector<qx_value_t> values(columns.count());
     std::vector<qx_value_t *> pointers;
@@ -178,7 +178,9 @@ int read_row(sr_opaque_handle_t handle, const Columns &columns, const RowRef &re
     }
     if (rc != 0) return rc;
     for (qx_uint32_t i = 0; i < columns.count(); ++i) {
-        p_cells->push_back(format_value(columns.at(i).type, values[i]));
+        const sr_column_t &column = columns.at(i);
+        p_cells->push_back({format_value(column.type, values[i]),
+                            format_json(column.type, values[i], column.sd_defn)});
     }
     return 0;
 }
@@ -198,9 +200,9 @@ int run_show(Shell &shell, int argc, char **argv) {
     qx_uint32_t uncommitted = argc == 3 && std::strcmp(argv[2], "uncommitted") == 0 ? 1 : 0;
     Columns columns;
     if (!columns.load(shell, handle)) return 1;
-    std::vector<std::vector<std::string>> rows;
+    std::vector<CellRow> rows;
     for (qx_int32_t i = 0;; ++i) {
-        std::vector<std::string> cells;
+        CellRow cells;
         sr_row_state_t state = SR_ROW_STATE_NO_ROW;
         RowRef ref;
         ref.number = i;
@@ -208,11 +210,10 @@ int run_show(Shell &shell, int argc, char **argv) {
         if (rc == 203) break;  // past the last row
         if (rc == 204) continue;
         if (rc != 0) return report_failure(shell, "show", rc);
-        cells.insert(cells.begin(), state_text(state));
+        cells.insert(cells.begin(), {state_text(state), ""});
         rows.push_back(cells);
     }
-    print_table(shell.out, header_of(columns, true), rows);
-    std::fprintf(shell.out, "(%zu rows)\n", rows.size());
+    print_rows(shell, header_of(columns, true), rows, true);
     return 0;
 }
 
@@ -228,12 +229,12 @@ int run_get(Shell &shell, int argc, char **argv) {
     RowRef ref;
     if (!parse_row_ref(shell, columns, argv + 2, arena, &ref)) return 2;
     qx_uint32_t uncommitted = argc == 5 && std::strcmp(argv[4], "uncommitted") == 0 ? 1 : 0;
-    std::vector<std::string> cells;
+    CellRow cells;
     sr_row_state_t state = SR_ROW_STATE_NO_ROW;
     int rc = read_row(handle, columns, ref, uncommitted, &cells, &state);
     if (rc != 0) return report_failure(shell, "get", rc);
-    cells.insert(cells.begin(), state_text(state));
-    print_table(shell.out, header_of(columns, true), {cells});
+    cells.insert(cells.begin(), {state_text(state), ""});
+    print_rows(shell, header_of(columns, true), {cells}, false);
     return 0;
 }
 

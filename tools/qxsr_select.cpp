@@ -142,7 +142,7 @@ int print_result(Shell &shell, sr_opaque_handle_t result) {
         header.push_back(p_metadata->column_definitions[c].name);
         names.push_back(p_metadata->column_definitions[c].name);
     }
-    std::vector<std::vector<std::string>> rows;
+    std::vector<CellRow> rows;
     for (qx_int32_t i = 0; rc == 0; ++i) {
         std::vector<qx_value_t> values(columns);
         std::vector<qx_value_t *> pointers;
@@ -155,16 +155,17 @@ int print_result(Shell &shell, sr_opaque_handle_t result) {
             break;
         }
         if (rc != 0) break;
-        std::vector<std::string> cells;
+        CellRow cells;
         for (qx_uint32_t c = 0; c < columns; ++c) {
-            cells.push_back(format_value(p_metadata->column_definitions[c].type, values[c]));
+            const sr_column_t &column = p_metadata->column_definitions[c];
+            cells.push_back({format_value(column.type, values[c]),
+                             format_json(column.type, values[c], column.sd_defn)});
         }
         rows.push_back(cells);
     }
     sr_free_table_metadata_1(p_metadata);
     if (rc != 0) return report_failure(shell, "select", rc);
-    print_table(shell.out, header, rows);
-    std::fprintf(shell.out, "(%zu rows)\n", rows.size());
+    print_rows(shell, header, rows, true);
     return 0;
 }
 
@@ -211,11 +212,13 @@ int run_select(Shell &shell, int argc, char **argv) {
         qx_uint32_t *p_rows = nullptr;
         int rc = selected_rows(handle, p_expression, uncommitted ? 1 : 0, &count, &p_rows);
         if (rc != 0) return failed(shell, "select", rc, handle, expression);
-        std::vector<std::vector<std::string>> rows;
-        for (qx_uint32_t i = 0; i < count; ++i) rows.push_back({std::to_string(p_rows[i])});
+        std::vector<CellRow> rows;
+        for (qx_uint32_t i = 0; i < count; ++i) {
+            std::string number = std::to_string(p_rows[i]);
+            rows.push_back({{number, number}});
+        }
         std::free(p_rows);
-        print_table(shell.out, {"fixed index"}, rows);
-        std::fprintf(shell.out, "(%u rows)\n", count);
+        print_rows(shell, {"fixed index"}, rows, true);
         return 0;
     }
     std::vector<char *> names;

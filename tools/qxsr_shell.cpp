@@ -16,9 +16,27 @@ constexpr int kMaxWords = 256;
 
 using Family = const Command *(*)(int *);
 constexpr Family kFamilies[] = {base_commands,   table_commands,  row_commands,
-                                select_commands, manage_commands, pack_commands};
+                                select_commands, output_commands, transfer_commands,
+                                manage_commands, pack_commands};
+
+int run_help(Shell &shell, int argc, char **argv);
+int run_version(Shell &shell, int argc, char **argv);
+int run_nothing(Shell &, int, char **) {
+    return 0;
+}
+
+// The commands the driver itself answers.
+constexpr Command kDriverCommands[] = {
+    {"help", "help [COMMAND]", "list the commands, or explain one", run_help},
+    {"version", "version", "print the shell's version", run_version},
+    {"quit", "quit", "end the session", run_nothing},
+    {"exit", "exit", "end the session", run_nothing},
+};
 
 const Command *find_command(const char *name) {
+    for (const Command &command : kDriverCommands) {
+        if (std::strcmp(command.name, name) == 0) return &command;
+    }
     for (Family family : kFamilies) {
         int count = 0;
         const Command *commands = family(&count);
@@ -29,14 +47,39 @@ const Command *find_command(const char *name) {
     return nullptr;
 }
 
-int run_help(Shell &shell, int, char **) {
+int run_help(Shell &shell, int argc, char **argv) {
+    if (argc == 2) {
+        const Command *command = find_command(argv[1]);
+        if (command == nullptr) {
+            std::fprintf(shell.err, "qxsr: no command '%s' (try 'help')\n", argv[1]);
+            return 2;
+        }
+        std::fprintf(shell.out, "usage: %s\n  %s\n", command->usage, command->summary);
+        const CommandHelp *help = command_help(command->name);
+        if (help != nullptr) {
+            std::fprintf(shell.out, "\n%s\n\nexample:\n  %s\n", help->details, help->example);
+        }
+        return 0;
+    }
+    if (argc > 2) {
+        std::fputs("usage: help [COMMAND]\n", shell.err);
+        return 2;
+    }
     std::fputs(
         "qxsr - the registry's command-line shell\n\n"
-        "usage: qxsr [-m REGISTRY_PATH=DIRECTORY]... [COMMAND [ARG...]]\n"
-        "       qxsr [-m ...] -f SCRIPT      run one command per line\n"
-        "       qxsr [-m ...]                read commands from standard input\n\n"
-        "commands:\n",
+        "usage: qxsr [OPTION]... [COMMAND [ARG...]]\n"
+        "       qxsr [OPTION]... -f SCRIPT   run one command per line\n"
+        "       qxsr [OPTION]...             read commands from standard input\n\n"
+        "options:\n"
+        "  -m REGISTRY_PATH=DIRECTORY   mount a directory first (repeatable)\n"
+        "  --table --csv --json --line  choose the output mode\n"
+        "  --version                    print the version\n"
+        "  -h, --help                   print this help\n\n"
+        "commands ('help COMMAND' explains one):\n",
         shell.out);
+    for (const Command &command : kDriverCommands) {
+        std::fprintf(shell.out, "  %-40s %s\n", command.usage, command.summary);
+    }
     for (Family family : kFamilies) {
         int count = 0;
         const Command *commands = family(&count);
@@ -52,27 +95,43 @@ int run_version(Shell &shell, int, char **) {
     return 0;
 }
 
-int run_lines(Shell &shell, FILE *in) {
-    char line[8192];
-    int failures = 0;
-    if (shell.interactive) std::fputs("qxsr> ", shell.out);
-    while (std::fgets(line, sizeof line, in) != nullptr) {
-        const char *first = line + std::strspn(line, " \t");
-        if (*first == '#') {
-            if (shell.interactive) std::fputs("qxsr> ", shell.out);
-            continue;
-        }
-        char *words[kMaxWords];
-        int count = split_words(line, words, kMaxWords);
-        if (count < 0) {
-            std::fputs("qxsr: unterminated quote\n", shell.err);
-            ++failures;
-        } else if (count > 0 && words[0][0] != '#') {
-            if (std::strcmp(words[0], "quit") == 0 || std::strcmp(words[0], "exit") == 0) break;
-            if (run_command(shell, count, words) != 0) ++failures;
-        }
-        if (shell.interactive) std::fputs("qxsr> ", shell.out);
+// Runs one line of input; false when it ends the session.  Outside a
+// terminal, a failing line is reported by its number.
+bool handle_line(Shell &shell, char *line, int *p_failures) {
+    ++shell.line_number;
+    const char *first = line + std::strspn(line, " \t");
+    if (*first == '#') return true;
+    char *words[kMaxWords];
+    int count = split_words(line, words, kMaxWords);
+    int rc = 0;
+    if (count < 0) {
+        std::fputs("qxsr: unterminated quote\n", shell.err);
+        rc = 2;
+    } else if (count > 0 && words[0][0] != '#') {
+        if (std::strcmp(words[0], "quit") == 0 || std::strcmp(words[0], "exit") == 0) return false;
+        rc = run_command(shell, count, words);
     }
+    if (rc != 0) {
+        ++*p_failures;
+        if (!shell.interactive) {
+            std::fprintf(shell.err, "qxsr: line %d failed%s%s\n", shell.line_number,
+                         count > 0 ? ": " : "", count > 0 ? words[0] : "");
+        }
+    }
+    return true;
+}
+
+// Runs commands line by line; status 1 when any failed.
+int run_lines(Shell &shell, FILE *in) {
+    if (shell.interactive && line_editing_available()) return run_edited_lines(shell, handle_line);
+    int failures = 0;
+    char *buffer = nullptr;
+    size_t capacity = 0;
+    for (;;) {
+        if (shell.interactive) std::fputs("qxsr> ", shell.out);
+        if (getline(&buffer, &capacity, in) < 0 || !handle_line(shell, buffer, &failures)) break;
+    }
+    std::free(buffer);
     return failures == 0 ? 0 : 1;
 }
 
@@ -135,30 +194,6 @@ int close_table(Shell &shell, const char *path) {
     return 1;
 }
 
-void print_table(FILE *out, const std::vector<std::string> &header,
-                 const std::vector<std::vector<std::string>> &rows) {
-    std::vector<size_t> widths(header.size());
-    for (size_t c = 0; c < header.size(); ++c) widths[c] = header[c].size();
-    for (const auto &row : rows) {
-        for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
-            if (row[c].size() > widths[c]) widths[c] = row[c].size();
-        }
-    }
-    auto line = [&](const std::vector<std::string> &cells) {
-        for (size_t c = 0; c < widths.size(); ++c) {
-            const std::string cell = c < cells.size() ? cells[c] : "";
-            std::fprintf(out, c + 1 < widths.size() ? "%-*s  " : "%-*s",
-                         static_cast<int>(c + 1 < widths.size() ? widths[c] : 0), cell.c_str());
-        }
-        std::fputc('\n', out);
-    };
-    line(header);
-    std::vector<std::string> rule;
-    for (size_t w : widths) rule.push_back(std::string(w, '-'));
-    line(rule);
-    for (const auto &row : rows) line(row);
-}
-
 int split_words(char *line, char **words, int max_words) {
     int count = 0;
     char *in = line;
@@ -198,9 +233,18 @@ int split_words(char *line, char **words, int max_words) {
     return count;
 }
 
+std::vector<std::string> command_names() {
+    std::vector<std::string> names;
+    for (const Command &command : kDriverCommands) names.emplace_back(command.name);
+    for (Family family : kFamilies) {
+        int count = 0;
+        const Command *commands = family(&count);
+        for (int i = 0; i < count; ++i) names.emplace_back(commands[i].name);
+    }
+    return names;
+}
+
 int run_command(Shell &shell, int argc, char **argv) {
-    if (std::strcmp(argv[0], "help") == 0) return run_help(shell, argc, argv);
-    if (std::strcmp(argv[0], "version") == 0) return run_version(shell, argc, argv);
     const Command *command = find_command(argv[0]);
     if (command == nullptr) {
         std::fprintf(shell.err, "qxsr: unknown command '%s' (try 'qxsr help')\n", argv[0]);
@@ -231,9 +275,15 @@ int run_main(int argc, char **argv) {
             }
             *eq = '\0';
             mounts[total_mounts++] = {argv[first + 1], eq + 1};
+            shell.mounts.emplace_back(argv[first + 1]);
             first += 2;
+        } else if (argv[first][0] == '-' && argv[first][1] == '-' &&
+                   parse_mode_name(argv[first] + 2, &shell.mode)) {
+            ++first;
         } else if (std::strcmp(argv[first], "--help") == 0 || std::strcmp(argv[first], "-h") == 0) {
-            return run_help(shell, 0, nullptr);
+            return run_help(shell, 1, nullptr);
+        } else if (std::strcmp(argv[first], "--version") == 0) {
+            return run_version(shell, 1, nullptr);
         } else {
             std::fprintf(stderr, "qxsr: unknown option '%s' (try 'qxsr help')\n", argv[first]);
             return 2;

@@ -22,6 +22,7 @@ int run_mount(Shell &shell, int argc, char **argv) {
     if (argc != 3) return usage(shell, "mount REGISTRY_PATH DIRECTORY");
     int rc = sr_mount_local_tree_1(shell.tree, argv[1], argv[2], 1);
     if (rc != 0) return report_failure(shell, "mount", rc);
+    shell.mounts.emplace_back(argv[1]);
     std::fprintf(shell.out, "mounted %s on %s\n", argv[1], argv[2]);
     return 0;
 }
@@ -29,7 +30,9 @@ int run_mount(Shell &shell, int argc, char **argv) {
 int run_unmount(Shell &shell, int argc, char **argv) {
     if (argc != 2) return usage(shell, "unmount REGISTRY_PATH");
     int rc = sr_unmount_local_tree_1(shell.tree, argv[1]);
-    return rc == 0 ? 0 : report_failure(shell, "unmount", rc);
+    if (rc != 0) return report_failure(shell, "unmount", rc);
+    std::erase(shell.mounts, std::string(argv[1]));
+    return 0;
 }
 
 int run_create(Shell &shell, int argc, char **argv) {
@@ -55,7 +58,8 @@ int run_create(Shell &shell, int argc, char **argv) {
                                static_cast<qx_uint32_t>(columns.size()), mode, &handle);
     if (rc != 0) return report_failure(shell, "create", rc);
     shell.tables.push_back({argv[1], handle, mode});
-    std::fprintf(shell.out, "created %s with %zu columns\n", argv[1], columns.size());
+    std::fprintf(shell.out, "created %s with %s\n", argv[1],
+                 counted(columns.size(), "column").c_str());
     return 0;
 }
 
@@ -116,8 +120,9 @@ int run_describe(Shell &shell, int argc, char **argv) {
     sr_table_metadata_t *p_metadata = nullptr;
     int rc = sr_get_table_metadata_1(handle, -1, &p_metadata);
     if (rc != 0) return report_failure(shell, "describe", rc);
-    std::fprintf(shell.out, "table %s: %u rows, %u columns, change counter %llu\n",
-                 p_metadata->name, p_metadata->number_of_rows, p_metadata->number_of_columns,
+    std::fprintf(shell.out, "table %s: %s, %s, change counter %llu\n", p_metadata->name,
+                 counted(p_metadata->number_of_rows, "row").c_str(),
+                 counted(p_metadata->number_of_columns, "column").c_str(),
                  static_cast<unsigned long long>(p_metadata->table_change_counter));
     std::vector<std::vector<std::string>> rows;
     for (qx_uint32_t i = 0; i < p_metadata->number_of_columns; ++i) {
@@ -125,7 +130,7 @@ int run_describe(Shell &shell, int argc, char **argv) {
         rows.push_back({c.name, type_text(c), qualifier_text(c.qualifier),
                         format_value(c.type, c.default_value)});
     }
-    print_table(shell.out, {"column", "type", "qualifier", "default"}, rows);
+    print_table(shell, {"column", "type", "qualifier", "default"}, rows);
     sr_free_table_metadata_1(p_metadata);
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -165,6 +166,10 @@ const char *type_word(qx_data_type_t type) {
     return nullptr;
 }
 
+qx_data_type_t array_element_type(qx_data_type_t type) {
+    return base_type(type);
+}
+
 qx_data_type_t parse_type_word(const std::string &word) {
     for (const auto &entry : kTypeNames) {
         if (word == entry.word) return entry.type;
@@ -314,7 +319,12 @@ std::string format_value(qx_data_type_t type, const qx_value_t &value) {
             std::snprintf(buffer, sizeof buffer, "%" PRIu64, value.val_uint64);
             return buffer;
         case QX_FLOAT32:
-            std::snprintf(buffer, sizeof buffer, "%g", static_cast<double>(value.val_float32));
+            // The shortest text that reads back as the same float.
+            for (int digits = 6; digits <= 9; ++digits) {
+                std::snprintf(buffer, sizeof buffer, "%.*g", digits,
+                              static_cast<double>(value.val_float32));
+                if (std::strtof(buffer, nullptr) == value.val_float32) break;
+            }
             return buffer;
         case QX_FLOAT64:
             std::snprintf(buffer, sizeof buffer, "%.17g", value.val_float64);
@@ -454,6 +464,86 @@ bool parse_column_spec(const std::string &description, ValueArena &arena, sr_col
                                     &p_column->default_value, p_error))
         return false;
     return true;
+}
+
+std::string format_json(qx_data_type_t type, const qx_value_t &value, const sr_sd_def_t *p_sd) {
+    switch (type) {
+        case QX_INT32:
+        case QX_UINT32:
+        case QX_INT64:
+        case QX_UINT64:
+            return format_value(type, value);
+        case QX_FLOAT32:
+        case QX_FLOAT64: {
+            double d =
+                type == QX_FLOAT32 ? static_cast<double>(value.val_float32) : value.val_float64;
+            // JSON has no infinities or NaN: those travel as their text.
+            std::string text = format_value(type, value);
+            return std::isfinite(d) ? text : "\"" + text + "\"";
+        }
+        case QX_SD_PTR: {
+            const qx_structured_data_t *sd = value.ptr_sd;
+            if (sd == nullptr) return "null";
+            std::string out = "{";
+            for (qx_uint32_t i = 0; i < sd->element_count; ++i) {
+                if (i != 0) out += ", ";
+                std::string name = p_sd != nullptr && i < p_sd->number_of_fields
+                                       ? p_sd->field_def[i].name
+                                       : std::to_string(i);
+                out += json_text(name) + ": " +
+                       format_json(sd->elements[i].data_type, sd->elements[i].value, nullptr);
+            }
+            return out + "}";
+        }
+        default:
+            break;
+    }
+    qx_data_type_t element = base_type(type);
+    if (element == QX_UNKNOWN) {
+        bool absent = (type == QX_CHAR_PTR && value.ptr_char == nullptr) ||
+                      (type == QX_RSRC_HANDLE_PTR && value.ptr_rsrc_handle == nullptr);
+        return absent ? "null" : json_text(format_value(type, value));
+    }
+    const qx_array_t *array = value.ptr_array;
+    if (array == nullptr) return "null";
+    std::string out = "[";
+    for (qx_uint32_t i = 0; i < array->element_count; ++i) {
+        if (i != 0) out += ", ";
+        out += format_json(element, array->elements[i], p_sd);
+    }
+    return out + "]";
+}
+
+std::string json_text(const std::string &text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (c < 0x20) {
+                    char buffer[8];
+                    std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
+                    out += buffer;
+                } else {
+                    out += static_cast<char>(c);
+                }
+        }
+    }
+    return out + "\"";
 }
 
 }  // namespace qxsr

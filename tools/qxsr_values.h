@@ -27,6 +27,8 @@ class ValueArena {
 
 // "int32" ... "sd[]" for a type, or nullptr.
 const char *type_word(qx_data_type_t type);
+// The element type of an array type (QX_UNKNOWN for any other type).
+qx_data_type_t array_element_type(qx_data_type_t type);
 // The type a word names (QX_UNKNOWN when none).
 qx_data_type_t parse_type_word(const std::string &word);
 
@@ -50,8 +52,16 @@ bool parse_column_spec(const std::string &description, ValueArena &arena, sr_col
 bool parse_value(const std::string &text, qx_data_type_t type, const sr_sd_def_t *p_sd,
                  ValueArena &arena, qx_value_t *p_value, std::string *p_error);
 
-// Formats a value for display.
+// Formats a value for display (text parse_value reads back).
 std::string format_value(qx_data_type_t type, const qx_value_t &value);
+
+// Formats a value as JSON: numbers as numbers, arrays as arrays, structured
+// data as an object named by `p_sd`'s fields, binaries and handles as their
+// text; a missing pointer value is null.
+std::string format_json(qx_data_type_t type, const qx_value_t &value, const sr_sd_def_t *p_sd);
+
+// `text` as a JSON string literal.
+std::string json_text(const std::string &text);
 
 }  // namespace qxsr
 

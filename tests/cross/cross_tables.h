@@ -266,9 +266,10 @@ inline std::vector<sr_column_t> column_definitions(Arena &arena, const TableLayo
         c.properties = static_cast<qx_int32_t>(i * 3) - 2;
         c.sd_defn =
             (c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY) ? sd_definition(arena) : nullptr;
-        // Every column but the key has a default of its own.
-        c.default_value =
-            i == 0 ? qx_value_t{} : make_value(arena, c.type, 900 + static_cast<qx_uint32_t>(i));
+        // Every column but the key has a default of its own.  (qx_value_t{}
+        // would zero only the first member: Clang leaves the rest as it was.)
+        c.default_value.val_uint64 = 0;
+        if (i != 0) c.default_value = make_value(arena, c.type, 900 + static_cast<qx_uint32_t>(i));
     }
     return columns;
 }

@@ -369,8 +369,10 @@ TEST(ExprCompileTest, MalformedTextsGiveThePositionAndReason) {
         {"1 < i32 < 3", 9, "do not chain"},
         {"name =~ \"(\"", 9, "bad regular expression"},
         {"name =~ name", 9, "must be a quoted text"},
-        {"name =~ \"(a)+++\"", 9, "too complex"},
-        {"name =~ \"(a{100}){100}\"", 9, "too complex"},
+        {"name =~ \"(a{100}){100}\"", 9, "bad regular expression"},
+        // Back-references have no linear-time match and are refused.
+        {"name =~ '(.*)(.*)(.*)(.*)(.*)(.*)\\\\6\\\\5\\\\4\\\\3\\\\2\\\\1z'", 9,
+         "bad regular expression"},
         {"i32 > 1 / 0", 9, "arithmetic fault"},
         {"blob == \"0x1\"", 9, "pairs of hex digits"},
         {"owner == \"0x1 0x2\"", 10, "resource handle is written"},
@@ -405,13 +407,13 @@ TEST(ExprCompileTest, NullTextUnknownFlagsAndNoCallbackAreRefused) {
 }
 
 TEST(ExprCompileTest, DeepAndLongTextsAreRefusedWithoutExhaustingTheStack) {
-    const size_t n = 200000;
+    constexpr size_t n = 200000;
     std::vector<std::string> texts = {
         std::string(n, '(') + "i32 > 1" + std::string(n, ')'),
         std::string(n, '!') + "TRUE",
         std::string(n, '-') + "i32 > 1",
         std::string(n, '~') + "1 == 1",
-        [n] {
+        [] {
             std::string s;
             for (size_t i = 0; i < n / 8; ++i) s += "nums[";
             return s + "0" + std::string(n / 8, ']') + " == 1";
@@ -497,6 +499,39 @@ TEST(ExprEvalTest, RegularExpressionsAreExtendedAndAnchoredOnlyWhenAsked) {
     // Bracketed quantifier characters are literals, not stacked repetitions.
     EXPECT_FALSE(Matches("name =~ '[+*]{2}x'"));
     EXPECT_TRUE(DoesNotMatch("name =~ '^[0-9]+$'"));
+}
+
+// Patterns that blow up a backtracking or subtree-copying matcher compile to a
+// small automaton; what cannot be matched in linear time or bounded memory is
+// refused when compiled.
+TEST(ExprCompileTest, RegularExpressionsAreBoundedInSizeAndNumber) {
+    std::string nested = ".";
+    for (int i = 0; i < 18; ++i) nested = "(" + nested + ")+";
+    EXPECT_TRUE(Matches(("name =~ '^" + nested + "$'").c_str()));
+    EXPECT_TRUE(DoesNotMatch(("name =~ '^" + nested + "x$'").c_str()));
+    EXPECT_TRUE(Matches("name =~ '^(a)+++|noir'"));
+    // Texts may be in any code set: '.' is one byte (the two-byte \xC3\xA9 takes two).
+    EXPECT_TRUE(Matches("name =~ '^(caf..)?( ?noir)+$'"));
+    EXPECT_TRUE(DoesNotMatch("name =~ '^(caf.)?( ?noir)+$'"));
+
+    std::string many = "name =~ 'a'";
+    for (int i = 1; i < 32; ++i) many += " || name =~ 'a'";
+    EXPECT_TRUE(Matches(many.c_str()));
+    const struct {
+        std::string text;
+        const char *reason;
+    } refused[] = {
+        {many + " || name =~ 'a'", "too many regular expressions"},
+        {"name =~ '" + std::string(16385, 'a') + "'", "too long"},
+        {"name =~ '" + std::string(9000, 'a') + "' || name =~ '" + std::string(9000, 'a') + "'",
+         "too long"},
+        {"name =~ '(" + std::string(8000, 'a') + "){1,20}'", "bad regular expression"},
+    };
+    for (const auto &r : refused) {
+        CompileError e = compile_error(r.text.c_str());
+        EXPECT_EQ(CU_E_SYNTAX, e.rc) << r.reason;
+        EXPECT_NE(std::string::npos, e.message.find(r.reason)) << e.message;
+    }
 }
 
 TEST(ExprEvalTest, InListsAcceptValuesOfTheLeftKind) {

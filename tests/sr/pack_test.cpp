@@ -410,8 +410,9 @@ TEST_F(PackTest, DamagedStructuredDefaultIsNeverFollowed) {
 }
 
 // The s390x buffer, converted, is byte for byte the buffer this machine
-// packs from the same tables, once the head's marker slots (which
-// conversion leaves as the packer wrote them) are set the same way.
+// packs from the same tables, once the head's marker slots (the value 0 and
+// the length again, which conversion leaves as the packer wrote them) are set
+// the same way.
 TEST_F(PackTest, ConvertedBigEndianBufferIsTheBufferPackedHere) {
     auto tables = Tables("/cross");
     Buffer local;
@@ -536,6 +537,56 @@ TEST_F(PackTest, UnpackingWithTheCallersHashedKeyIndexFindsRowsByKey) {
     EXPECT_EQ(fixed, 5u);  // working view: rows 0, 1, 2, 4, 5, 6
     sr_close_table_1(unpacked);
     sr_close_tree_1(receiver);
+}
+
+// The default hash and compare read a resource handle: without the caller's
+// hash function an index is made only for a resource-handle key, as when
+// such a table is created; any other key is refused.
+TEST_F(PackTest, UnpackingWithoutAHashFunctionIndexesOnlyResourceHandleKeys) {
+    auto tables = Tables();
+    Buffer buffer;
+    ASSERT_EQ(Pack(tables, {1, 1, 1}, &buffer), 0);
+    sr_opaque_handle_t receiver = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&receiver, 0, 0), 0);
+    auto compare = [](const void *a, const void *b) -> qx_int32_t { return std::memcmp(a, b, 4); };
+    for (qx_uint32_t i : {0u, 1u}) {
+        sr_opaque_handle_t unpacked = nullptr;
+        EXPECT_EQ(sr_unpack_table_1(buffer.p, 64, nullptr, nullptr, receiver, i, &unpacked), 101);
+        EXPECT_EQ(sr_unpack_table_1(buffer.p, 64, nullptr, compare, receiver, i, &unpacked), 101);
+        EXPECT_EQ(unpacked, nullptr);
+    }
+    sr_opaque_handle_t unpacked = nullptr;
+    ASSERT_EQ(sr_unpack_table_1(buffer.p, 64, nullptr, nullptr, receiver, 2, &unpacked), 0);
+    EXPECT_NE(static_cast<sr_i_table_t *>(unpacked)->p_rows_hash_table, nullptr);
+    Arena values;
+    qx_value_t key = qxcross::make_value(values, QX_RSRC_HANDLE_PTR, 100);  // row 1's key
+    qx_uint32_t fixed = 99;
+    EXPECT_EQ(sr_get_fixed_row_index_for_key_1(unpacked, key, &fixed), 0);
+    EXPECT_EQ(fixed, 1u);
+    sr_close_table_1(unpacked);
+    sr_close_tree_1(receiver);
+}
+
+// The byte-order mark is converted with the length word, so a buffer
+// converted once needs nothing the second time: its length word is not
+// swapped again and nothing past its end is touched.
+TEST_F(PackTest, ABufferConvertedTwiceIsConvertedOnce) {
+    std::string bytes = ReadFile(std::string(QX_TEST_SOURCE_DIR) +
+                                 "/tests/cross/data/s390x_committed.buf");
+    ASSERT_FALSE(bytes.empty());
+    void *p = std::malloc(bytes.size());
+    std::memcpy(p, bytes.data(), bytes.size());
+    ASSERT_EQ(sr_convert_packed_table_buffer_1(p, 0, 0), 0);
+    const std::string once(static_cast<char *>(p), bytes.size());
+    qx_uint32_t required = 1;
+    ASSERT_EQ(qx_pmsg_cnv_required_1(p, &required), 0);
+    EXPECT_EQ(required, 0u);
+    EXPECT_EQ(sr_convert_packed_table_buffer_1(p, 0, 0), 0);
+    EXPECT_EQ(std::string(static_cast<char *>(p), bytes.size()), once);
+    sr_opaque_handle_t unpacked = nullptr;
+    ASSERT_EQ(sr_unpack_table_1(p, 0, nullptr, nullptr, tree_, 0, &unpacked), 0);
+    sr_close_table_1(unpacked);
+    std::free(p);
 }
 
 TEST_F(PackTest, BufferNeedingNoConversionIsLeftAlone) {

@@ -321,6 +321,37 @@ TEST_F(TableFileTest, CommitRecordCarriesTheApplicationMetadata) {
     sr_i_free_application_metadata(p_metadata);
 }
 
+// Elements in any order in the record (not how commit writes them) are read
+// into the same sorted store, and are written back sorted.
+TEST_F(TableFileTest, MetadataElementsOutOfOrderAreReadSorted) {
+    FileImage image = NewFile("t");
+    image.Row(0, {1, 10});
+    image.Commit(1, {{9, "nine"}, {0, "zero"}, {5, "five"}, {7, ""}});
+    sr_i_table_t *p_table = nullptr;
+    ASSERT_EQ(Load("t", image, &p_table), 0);
+    const sr_i_application_metadata_t *p_store = p_table->p_application_metadata;
+    ASSERT_EQ(p_store->total_elements, 4u);
+    const char *expected[] = {"zero", "five", "", "nine"};
+    const qx_uint32_t types[] = {0, 5, 7, 9};
+    for (qx_uint32_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(p_store->p_index[i].type, types[i]);
+        const qx_binary_t *p_block = p_store->p_index[i].p_committed;
+        EXPECT_EQ(p_block, p_store->p_index[i].p_applied);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(p_block->data), p_block->length),
+                  expected[i]);
+    }
+    char *p_record = nullptr;
+    qx_uint32_t length = 0;
+    ASSERT_EQ(sr_i_create_commit_record(p_table->p_application_metadata, 2, &length, &p_record),
+              0);
+    std::string bytes(p_record, length);
+    EXPECT_EQ(qxtest::U32At(bytes, 28), 0u);
+    EXPECT_EQ(bytes.substr(36, 4), "zero");
+    EXPECT_EQ(qxtest::U32At(bytes, 40), 5u);
+    std::free(p_record);
+    sr_i_close_table(p_table);
+}
+
 // Odd-length application metadata in a committed-over commit record puts
 // every later record at an odd address; the reader and the index work there.
 TEST_F(TableFileTest, RecordsAfterOddLengthMetadataAreReadAtOddAddresses) {
@@ -525,6 +556,11 @@ TEST_F(TableFileTest, DamagedRecordsAreUnreadable) {
         FileImage image = base;
         image.Commit(1, {{3, "a"}, {3, "b"}});
         ExpectUnreadable(image, "one metadata type twice");
+    }
+    {
+        FileImage image = base;
+        image.Commit(1, {{3, "a"}, {1, "x"}, {3, "b"}});
+        ExpectUnreadable(image, "one metadata type twice, out of order");
     }
 }
 

@@ -1,12 +1,22 @@
-// Opens and closes a tree through the installed package.
+// Opens a tree through the installed package, keeps a row in an in-memory
+// table through the C++ interface and reads it back typed.
+#include <cstdint>
 #include <cstdio>
+#include <string>
 
-#include "qx_sr.h"
+#include "qx_sr.hpp"
 
 int main() {
-    sr_opaque_handle_t tree = nullptr;
-    if (sr_open_tree_1(&tree, 0, 0) != 0) return 1;
-    if (sr_close_tree_1(tree) != 0) return 1;
-    std::puts("consumer: opened and closed a tree");
+    auto tree = qx::sr::Tree::open();
+    if (!tree) return std::fprintf(stderr, "%s\n", tree.message().data()), 1;
+    auto table = tree->create_table("/mem/consumer",
+                                    {{"id", QX_INT32, SR_PRIMARY_KEY}, {"name", QX_CHAR_PTR}});
+    if (!table) return std::fprintf(stderr, "%s\n", table.message().data()), 1;
+    if (!table->add({{"id", 7}, {"name", "seven"}})) return 1;
+    auto name = table->get<std::string>(7, "name");
+    auto missing = table->get<std::string>(8, "name");
+    if (!name || *name != "seven" || missing.code() != SR_E_NO_ROW_FOR_KEY) return 1;
+    std::printf("consumer: read \"%s\"; a missing row says: %.*s\n", name->c_str(),
+                static_cast<int>(missing.message().size()), missing.message().data());
     return 0;
 }
