@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
-          pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user)
+          libsqlite3-dev liblmdb-dev pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
