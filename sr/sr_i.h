@@ -182,6 +182,13 @@ typedef struct sr_hash_table_struct_t {
     sr_hash_function_t *p_hash_function;
     sr_hash_keys_compare_function_t *p_compare_function;
     sr_hash_table_element_t **p_elements;
+    /* Elements come from slabs owned by the index (one malloc per slab, not
+     * per row); removed elements wait on a free list for the next add.  A
+     * slab is an array of elements whose first links the slabs. */
+    sr_hash_table_element_t *p_slabs; /* newest first */
+    sr_hash_table_element_t *p_free_elements;
+    qx_uint32_t slab_used;     /* elements handed out of the newest slab */
+    qx_uint32_t slab_capacity; /* elements the newest slab holds */
 } sr_hash_table_t;
 
 typedef struct sr_i_application_metadata_index_element_struct_t {
