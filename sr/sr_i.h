@@ -1042,6 +1042,7 @@ struct sr_i_record_buffer_struct_t {
     qx_uint32_t max_directory;    /* first buffer only: room in p_directory */
     qx_uint32_t insert_hint;      /* block offset of a free record to start inserting after */
     sr_i_record_buffer_slot_t *p_directory; /* first buffer only: buffers by address */
+    void *p_free_index; /* where free records lie, for inserting by address; built on need */
 };
 
 /* Accounted size of a buffer header. */
