@@ -200,7 +200,7 @@ int main(int argc, char **argv) {
         for (sr_qualifier_t q : {SR_PRIMARY_KEY_NOCHECK, SR_PRIMARY_KEY}) {
             const char *step = q == SR_PRIMARY_KEY ? "transient adds, checked key"
                                                    : "transient adds, unchecked key";
-            if (q == SR_PRIMARY_KEY && n > 100000) {
+            if (q == SR_PRIMARY_KEY && n > 10000) {
                 printf("%-34s %8u rows  skipped (a walk per add)\n", step, n);
                 continue;
             }
