@@ -167,7 +167,8 @@ struct Qx {
         check(sr_add_row_1(table, names, p, 3), "sr_add_row_1");
     }
     static void load(sr_opaque_handle_t table, const Data &d) {
-        for (std::size_t i = 0; i < d.keys.size(); ++i) add(table, d.keys[i], d.vals[i], d.names[i]);
+        for (std::size_t i = 0; i < d.keys.size(); ++i)
+            add(table, d.keys[i], d.vals[i], d.names[i]);
         check(sr_apply_1(table, 0), "sr_apply_1");
         check(sr_commit_1(table), "sr_commit_1");
     }
@@ -303,7 +304,8 @@ struct Lm {
     void load(const Data &d) {
         MDB_txn *txn = nullptr;
         check(mdb_txn_begin(env, nullptr, 0, &txn), "mdb_txn_begin");
-        for (std::size_t i = 0; i < d.keys.size(); ++i) put(txn, dbi, d.keys[i], d.vals[i], d.names[i]);
+        for (std::size_t i = 0; i < d.keys.size(); ++i)
+            put(txn, dbi, d.keys[i], d.vals[i], d.names[i]);
         check(mdb_txn_commit(txn), "mdb_txn_commit");
     }
     std::uint64_t lookups(const std::vector<std::uint32_t> &keys) {
@@ -351,7 +353,8 @@ void measure_floor(const std::string &dir, int rounds) {
     off_t end = 0;
     for (int i = 0; i < rounds; ++i) {
         auto t = Clock::now();
-        if (pwrite(fd, record, sizeof record, end) != static_cast<ssize_t>(sizeof record)) die("pwrite", errno);
+        if (pwrite(fd, record, sizeof record, end) != static_cast<ssize_t>(sizeof record))
+            die("pwrite", errno);
         fdatasync(fd);
         append += seconds_since(t);
         t = Clock::now();
@@ -362,8 +365,10 @@ void measure_floor(const std::string &dir, int rounds) {
     }
     ::close(fd);
     unlink(path.c_str());
-    printf("protocol floor: append+fdatasync %.1f us, 4-byte overwrite+fdatasync %.1f us, sum %.1f us\n",
-           append / rounds * 1e6, overwrite / rounds * 1e6, (append + overwrite) / rounds * 1e6);
+    printf(
+        "protocol floor: append+fdatasync %.1f us, 4-byte overwrite+fdatasync %.1f us, sum %.1f "
+        "us\n",
+        append / rounds * 1e6, overwrite / rounds * 1e6, (append + overwrite) / rounds * 1e6);
 }
 
 double sequential_read(const std::string &path) {
@@ -424,7 +429,8 @@ int main(int argc, char **argv) {
             Lite lite(dir + "/w1.sqlite", true);
             sqlite3_stmt *st = lite.prepare("INSERT INTO t VALUES(?,?,?)");
             s = Clock::now();
-            for (int i = 0; i < adds; ++i) lite.insert(st, small.keys[i], small.vals[i], small.names[i]);
+            for (int i = 0; i < adds; ++i)
+                lite.insert(st, small.keys[i], small.vals[i], small.names[i]);
             l = seconds_since(s) / adds * 1e6;
             sqlite3_finalize(st);
         }
@@ -450,7 +456,8 @@ int main(int argc, char **argv) {
     {
         main_table = qx.create("w2", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, n);
         auto s = Clock::now();
-        for (std::uint32_t i = 0; i < n; ++i) Qx::add(main_table, data.keys[i], data.vals[i], data.names[i]);
+        for (std::uint32_t i = 0; i < n; ++i)
+            Qx::add(main_table, data.keys[i], data.vals[i], data.names[i]);
         double adds = seconds_since(s);
         auto s2 = Clock::now();
         check(sr_apply_1(main_table, 0), "sr_apply_1");
@@ -658,7 +665,8 @@ int main(int argc, char **argv) {
             for (int round = 0; round < 2; ++round) {
                 s = Clock::now();
                 if (sqlite3_step(st) != SQLITE_ROW) die("sqlite count", 0);
-                if (static_cast<std::uint32_t>(sqlite3_column_int(st, 0)) != c) die("sqlite count", 1);
+                if (static_cast<std::uint32_t>(sqlite3_column_int(st, 0)) != c)
+                    die("sqlite count", 1);
                 sqlite3_reset(st);
                 l = seconds_since(s) * 1e3;
             }

@@ -66,8 +66,8 @@ void add(sr_opaque_handle_t table, std::uint32_t key, std::int32_t val, const ch
     check(sr_add_row_1(table, names, p, 3), "sr_add_row_1");
 }
 
-sr_opaque_handle_t create(sr_opaque_handle_t tree, const std::string &path, int mode,
-                          bool hashed, sr_qualifier_t key_qualifier, std::uint32_t rows) {
+sr_opaque_handle_t create(sr_opaque_handle_t tree, const std::string &path, int mode, bool hashed,
+                          sr_qualifier_t key_qualifier, std::uint32_t rows) {
     sr_column_t columns[3] = {};
     columns[0].name = kKey;
     columns[0].type = QX_INT32;
@@ -83,12 +83,12 @@ sr_opaque_handle_t create(sr_opaque_handle_t tree, const std::string &path, int 
     if (!hashed) {
         check(sr_create_table_1(tree, p.data(), columns, 3, mode, &table), "sr_create_table_1");
     } else if (rows > 200000) {
-        check(sr_create_hashed_key_table_1(tree, p.data(), columns, 3, mode, 1u << 20,
-                                           int_hash<20>, int_compare, &table),
+        check(sr_create_hashed_key_table_1(tree, p.data(), columns, 3, mode, 1u << 20, int_hash<20>,
+                                           int_compare, &table),
               "sr_create_hashed_key_table_1");
     } else {
-        check(sr_create_hashed_key_table_1(tree, p.data(), columns, 3, mode, 1u << 17,
-                                           int_hash<17>, int_compare, &table),
+        check(sr_create_hashed_key_table_1(tree, p.data(), columns, 3, mode, 1u << 17, int_hash<17>,
+                                           int_compare, &table),
               "sr_create_hashed_key_table_1");
     }
     return table;
@@ -139,7 +139,8 @@ int main(int argc, char **argv) {
         sr_opaque_handle_t t = create(tree, path, mode, true, SR_PRIMARY_KEY, n);
 
         auto s = Clock::now();
-        for (std::uint32_t i = 0; i < n; ++i) add(t, keys[i], static_cast<std::int32_t>(i), names[i].c_str());
+        for (std::uint32_t i = 0; i < n; ++i)
+            add(t, keys[i], static_cast<std::int32_t>(i), names[i].c_str());
         print("adds (hashed key)", n, seconds_since(s), n);
         s = Clock::now();
         check(sr_apply_1(t, 0), "sr_apply_1");
@@ -188,7 +189,8 @@ int main(int argc, char **argv) {
         for (std::uint32_t i = 0; i < n; ++i) order[i] = i;
         std::shuffle(order.begin(), order.end(), rng);
         s = Clock::now();
-        for (std::uint32_t p : order) check(sr_delete_row_by_index_1(t, p), "sr_delete_row_by_index_1");
+        for (std::uint32_t p : order)
+            check(sr_delete_row_by_index_1(t, p), "sr_delete_row_by_index_1");
         print("deletions (every row, random)", n, seconds_since(s), n);
         s = Clock::now();
         check(sr_apply_1(t, 0), "sr_apply_1");
@@ -207,7 +209,8 @@ int main(int argc, char **argv) {
             std::string tpath = "/mem/scaling" + std::to_string(n) + "_" + std::to_string(q);
             sr_opaque_handle_t m = create(tree, tpath, mode, false, q, n);
             s = Clock::now();
-            for (std::uint32_t i = 0; i < n; ++i) add(m, keys[i], static_cast<std::int32_t>(i), names[i].c_str());
+            for (std::uint32_t i = 0; i < n; ++i)
+                add(m, keys[i], static_cast<std::int32_t>(i), names[i].c_str());
             print(step, n, seconds_since(s), n);
             check(sr_close_table_1(m), "sr_close_table_1");
         }

@@ -197,7 +197,9 @@ inline qx_uint32_t *index_highest(FreeIndex *p_index) {
 inline qx_uint32_t *index_words(FreeIndex *p_index) {
     return index_highest(p_index) + p_index->blocks;
 }
-inline qx_uint32_t block_of(qx_uint32_t offset) { return offset >> kIndexBlockShift; }
+inline qx_uint32_t block_of(qx_uint32_t offset) {
+    return offset >> kIndexBlockShift;
+}
 
 void index_set_bit(FreeIndex *p_index, qx_uint32_t i) {
     qx_uint32_t *p_words = index_words(p_index);
@@ -220,7 +222,9 @@ void index_clear_bit(FreeIndex *p_index, qx_uint32_t i) {
     }
 }
 
-inline int top_bit(qx_uint32_t word) { return 31 - __builtin_clz(word); }
+inline int top_bit(qx_uint32_t word) {
+    return 31 - __builtin_clz(word);
+}
 
 // The highest set position below i on level l, or -1.
 qx_int64_t index_below(FreeIndex *p_index, qx_uint32_t l, qx_uint32_t i) {

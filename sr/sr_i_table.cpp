@@ -28,15 +28,17 @@ constexpr qx_uint32_t kDefaultRows = 10;
 constexpr qx_uint32_t kMaxLevels = 8;
 
 struct FreeSlotTree {
-    sr_i_index_entry_t *p_head; // chain head the bits agree with
+    sr_i_index_entry_t *p_head;  // chain head the bits agree with
     qx_uint32_t valid;
     qx_uint32_t slots;
     qx_uint32_t levels;
-    qx_uint32_t level_offset[kMaxLevels]; // first word of each level
+    qx_uint32_t level_offset[kMaxLevels];  // first word of each level
     // qx_uint32_t words[] follow
 };
 
-qx_uint32_t words_for(qx_uint32_t count) { return (count + 31) / 32; }
+qx_uint32_t words_for(qx_uint32_t count) {
+    return (count + 31) / 32;
+}
 
 // Bytes the tree needs behind an index of `slots` entries.
 size_t tree_bytes(qx_uint32_t slots) {
@@ -59,7 +61,9 @@ FreeSlotTree *tree_of(const sr_i_table_t *p_table) {
     return reinterpret_cast<FreeSlotTree *>(p_table->p_rows_fixed_index + p_table->maximum_rows);
 }
 
-qx_uint32_t *tree_words(FreeSlotTree *p_tree) { return reinterpret_cast<qx_uint32_t *>(p_tree + 1); }
+qx_uint32_t *tree_words(FreeSlotTree *p_tree) {
+    return reinterpret_cast<qx_uint32_t *>(p_tree + 1);
+}
 
 void tree_set(FreeSlotTree *p_tree, qx_uint32_t i) {
     qx_uint32_t *p_words = tree_words(p_tree);
@@ -86,7 +90,9 @@ bool tree_test(FreeSlotTree *p_tree, qx_uint32_t i) {
     return (tree_words(p_tree)[p_tree->level_offset[0] + i / 32] >> (i % 32) & 1u) != 0;
 }
 
-int highest_bit(qx_uint32_t word) { return 31 - __builtin_clz(word); }
+int highest_bit(qx_uint32_t word) {
+    return 31 - __builtin_clz(word);
+}
 
 // The highest set position below i on level l, or -1.
 qx_int64_t tree_below(FreeSlotTree *p_tree, qx_uint32_t l, qx_uint32_t i) {
@@ -180,8 +186,7 @@ qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_
     if (maximum_rows == 0) maximum_rows = kDefaultRows;
     auto *p_packed = static_cast<qx_uint32_t *>(sr_i_calloc(maximum_rows, sizeof(qx_uint32_t)));
     if (p_packed == nullptr) return SR_ERROR(12);
-    auto *p_fixed = static_cast<sr_i_index_entry_t *>(
-        sr_i_malloc(index_bytes(maximum_rows)));
+    auto *p_fixed = static_cast<sr_i_index_entry_t *>(sr_i_malloc(index_bytes(maximum_rows)));
     if (p_fixed == nullptr) {
         free(p_packed);
         return SR_ERROR(12);
@@ -232,7 +237,8 @@ void sr_i_rows_free_chain_insert(sr_i_table_t *p_table, sr_i_index_entry_t *p_ne
     // Slots are one array, so address order is fixed-index order.
     sr_i_index_entry_t *p_base = p_table->p_rows_fixed_index;
     FreeSlotTree *p_tree = current_tree(p_table);
-    if (p_tree != nullptr && p_new_entry >= p_base && p_new_entry < p_base + p_table->maximum_rows) {
+    if (p_tree != nullptr && p_new_entry >= p_base &&
+        p_new_entry < p_base + p_table->maximum_rows) {
         qx_uint32_t slot = static_cast<qx_uint32_t>(p_new_entry - p_base);
         if (tree_test(p_tree, slot)) return;  // already free: keep its link
         qx_int64_t below = tree_below(p_tree, 0, slot);
