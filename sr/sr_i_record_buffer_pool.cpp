@@ -188,7 +188,13 @@ struct FreeIndex {
     qx_uint32_t blocks;
     qx_uint32_t levels;
     qx_uint32_t level_offset[kIndexMaxLevels];
-    // qx_uint32_t highest[blocks], then the bit words
+    qx_uint32_t words;   // bit words of all levels
+    qx_uint32_t leaves;  // a power of two, at least blocks
+    // qx_uint32_t highest[blocks], then the bit words, then the length tree:
+    // 2 * leaves words, leaf leaves + b bounding the free records of block
+    // b (never below the longest, raised as records are freed or grow,
+    // lowered to the exact value when a search finds nothing there), each
+    // inner word the largest of its two children.
 };
 
 inline qx_uint32_t *index_highest(FreeIndex *p_index) {
@@ -196,6 +202,9 @@ inline qx_uint32_t *index_highest(FreeIndex *p_index) {
 }
 inline qx_uint32_t *index_words(FreeIndex *p_index) {
     return index_highest(p_index) + p_index->blocks;
+}
+inline qx_uint32_t *index_lengths(FreeIndex *p_index) {
+    return index_words(p_index) + p_index->words;
 }
 inline qx_uint32_t block_of(qx_uint32_t offset) {
     return offset >> kIndexBlockShift;
@@ -239,7 +248,39 @@ qx_int64_t index_below(FreeIndex *p_index, qx_uint32_t l, qx_uint32_t i) {
     return j * 32 + top_bit(p_words[j]);
 }
 
-// A free record starting at offset joined the chain.
+// Raises the length bound of block b to cover length.
+void lengths_raise(FreeIndex *p_index, qx_uint32_t b, qx_uint32_t length) {
+    qx_uint32_t *p_tree = index_lengths(p_index);
+    for (qx_uint32_t i = p_index->leaves + b; i >= 1 && p_tree[i] < length; i /= 2) {
+        p_tree[i] = length;
+    }
+}
+
+// Sets the bound of block b to its exact longest free record.
+void lengths_set(FreeIndex *p_index, qx_uint32_t b, qx_uint32_t length) {
+    qx_uint32_t *p_tree = index_lengths(p_index);
+    qx_uint32_t i = p_index->leaves + b;
+    p_tree[i] = length;
+    for (i /= 2; i >= 1; i /= 2) {
+        qx_uint32_t larger = p_tree[2 * i] > p_tree[2 * i + 1] ? p_tree[2 * i] : p_tree[2 * i + 1];
+        if (p_tree[i] == larger) break;
+        p_tree[i] = larger;
+    }
+}
+
+// The first block at or after start whose bound reaches needed, or -1.
+qx_int64_t lengths_first(FreeIndex *p_index, qx_uint32_t node, qx_uint32_t low, qx_uint32_t high,
+                         qx_uint32_t start, qx_uint64_t needed) {
+    qx_uint32_t *p_tree = index_lengths(p_index);
+    if (high < start || p_tree[node] < needed) return -1;
+    if (low == high) return low;
+    qx_uint32_t middle = low + (high - low) / 2;
+    qx_int64_t found = lengths_first(p_index, 2 * node, low, middle, start, needed);
+    if (found >= 0) return found;
+    return lengths_first(p_index, 2 * node + 1, middle + 1, high, start, needed);
+}
+
+// A free record starting at offset joined the chain (its length is set).
 void index_add(buffer_t *p_buffer, qx_uint32_t offset) {
     auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
     if (p_index == nullptr) return;
@@ -247,6 +288,14 @@ void index_add(buffer_t *p_buffer, qx_uint32_t offset) {
     qx_uint32_t &highest = index_highest(p_index)[b];
     if (highest == 0) index_set_bit(p_index, b);
     if (offset > highest) highest = offset;
+    lengths_raise(p_index, b, sr_i_record_length(record_at(p_buffer, offset)));
+}
+
+// The free record at offset grew (it absorbed a neighbour).
+void index_grew(buffer_t *p_buffer, qx_uint32_t offset, qx_uint32_t length) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    if (p_index == nullptr) return;
+    lengths_raise(p_index, block_of(offset), length);
 }
 
 // The free record at offset left the chain; below is the free record that
@@ -269,6 +318,8 @@ bool index_build(buffer_t *p_buffer) {
     qx_uint32_t blocks = block_of(p_buffer->total_bytes) + 1;
     FreeIndex layout{};
     layout.blocks = blocks;
+    layout.leaves = 1;
+    while (layout.leaves < blocks) layout.leaves *= 2;
     qx_uint32_t words = 0;
     qx_uint32_t count = blocks;
     for (qx_uint32_t l = 0; l < kIndexMaxLevels; ++l) {
@@ -278,7 +329,9 @@ bool index_build(buffer_t *p_buffer) {
         ++layout.levels;
         if (count <= 1) break;
     }
-    size_t bytes = sizeof(FreeIndex) + sizeof(qx_uint32_t) * (static_cast<size_t>(blocks) + words);
+    layout.words = words;
+    size_t bytes = sizeof(FreeIndex) +
+                   sizeof(qx_uint32_t) * (static_cast<size_t>(blocks) + words + 2 * layout.leaves);
     // Plain calloc: the index is an optional accelerator, so a failure here
     // is not an allocation failure of the caller (it walks instead).
     auto *p_index = static_cast<FreeIndex *>(calloc(1, bytes));
@@ -322,6 +375,42 @@ void index_neighbours(buffer_t *p_buffer, qx_uint32_t offset, qx_uint32_t *p_pre
     }
     *p_previous = previous;
     *p_next = walk;
+}
+
+// With the buffer indexed: the first free record of the buffer at least
+// needed bytes long, and its predecessor inside the buffer (0 for none);
+// false when there is none, with the buffer's bound in *p_bound.
+bool index_first_fit(buffer_t *p_buffer, qx_uint64_t needed, qx_uint32_t *p_found,
+                     qx_uint32_t *p_previous, qx_uint32_t *p_bound) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    qx_uint32_t start = 0;
+    while (start < p_index->blocks) {
+        qx_int64_t b = lengths_first(p_index, 1, 0, p_index->leaves - 1, start, needed);
+        if (b < 0 || b >= p_index->blocks) break;
+        qx_uint32_t block = static_cast<qx_uint32_t>(b);
+        qx_int64_t below = index_below(p_index, 0, block);
+        qx_uint32_t previous = below < 0 ? 0 : index_highest(p_index)[below];
+        qx_uint32_t walk = previous == 0 ? p_buffer->first_free
+                           : previous == p_buffer->last_free
+                               ? 0
+                               : sr_i_record_link(record_at(p_buffer, previous));
+        qx_uint32_t longest = 0;
+        while (walk != 0 && block_of(walk) == block) {
+            qx_uint32_t length = sr_i_record_length(record_at(p_buffer, walk));
+            if (length >= needed) {
+                *p_found = walk;
+                *p_previous = previous;
+                return true;
+            }
+            if (length > longest) longest = length;
+            previous = walk;
+            walk = walk == p_buffer->last_free ? 0 : sr_i_record_link(record_at(p_buffer, walk));
+        }
+        lengths_set(p_index, block, longest);  // now exact
+        start = block + 1;
+    }
+    *p_bound = index_lengths(p_index)[1];
+    return false;
 }
 
 // A new buffer whose records span data_bytes (header excluded), holding one
@@ -461,7 +550,26 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
             qx_uint32_t group_longest = 0;
             for (; index < group_end; ++index) {
                 sr_i_record_buffer_slot_t *p_slot = &p_directory[index];
-                if (p_slot->max_free >= needed) {
+                if (p_slot->max_free >= needed && index_build(p_slot->p_buffer)) {
+                    buffer_t *p_buffer = p_slot->p_buffer;
+                    qx_uint32_t found = 0;
+                    qx_uint32_t previous = 0;
+                    qx_uint32_t bound = 0;
+                    if (index_first_fit(p_buffer, needed, &found, &previous, &bound)) {
+                        char *p_record = record_at(p_buffer, found);
+                        *p_data = p_record + kHeader;
+                        if (previous != 0) {
+                            *p_previous_free_record = record_at(p_buffer, previous);
+                        } else if (p_record == p_pool->p_free_chain) {
+                            *p_previous_free_record = nullptr;
+                        } else {
+                            *p_previous_free_record = last_free_record_before(p_pool, index);
+                        }
+                        *actual_data_length = sr_i_record_length(p_record) - kHeader;
+                        return 0;
+                    }
+                    p_slot->max_free = bound;
+                } else if (p_slot->max_free >= needed) {
                     buffer_t *p_buffer = p_slot->p_buffer;
                     char *p_in_buffer_previous = nullptr;
                     qx_uint32_t longest = 0;
@@ -665,6 +773,7 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
         char *p_prev = record_at(p_buffer, previous_offset);
         survivor_length = sr_i_record_length(p_prev) + length;
         sr_i_set_record_length(p_prev, survivor_length);
+        index_grew(p_buffer, previous_offset, survivor_length);
         sr_i_set_record_link(p_prev, link);
         if (now_last) p_buffer->last_free = previous_offset;
         freed += kHeader;
