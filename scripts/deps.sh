@@ -8,6 +8,7 @@ set -euo pipefail
 # than g++-multilib, which Debian does not let share a machine with the s390x
 # cross compiler.
 packages=(cmake g++ make clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev libre2-dev
+          libsqlite3-dev liblmdb-dev
           pkg-config locales libc-bin g++-s390x-linux-gnu qemu-user
           libedit-dev tmux groff-base man-db lib32stdc++-12-dev lib32gcc-12-dev libc6-dev-i386)
 missing=()

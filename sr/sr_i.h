@@ -184,6 +184,13 @@ typedef struct sr_hash_table_struct_t {
     sr_hash_function_t *p_hash_function;
     sr_hash_keys_compare_function_t *p_compare_function;
     sr_hash_table_element_t **p_elements;
+    /* Elements come from slabs owned by the index (one malloc per slab, not
+     * per row); removed elements wait on a free list for the next add.  A
+     * slab is an array of elements whose first links the slabs. */
+    sr_hash_table_element_t *p_slabs; /* newest first */
+    sr_hash_table_element_t *p_free_elements;
+    qx_uint32_t slab_used;     /* elements handed out of the newest slab */
+    qx_uint32_t slab_capacity; /* elements the newest slab holds */
 } sr_hash_table_t;
 
 typedef struct sr_i_application_metadata_index_element_struct_t {
@@ -1111,6 +1118,7 @@ struct sr_i_record_buffer_struct_t {
     qx_uint32_t max_directory;    /* first buffer only: room in p_directory */
     qx_uint32_t insert_hint;      /* block offset of a free record to start inserting after */
     sr_i_record_buffer_slot_t *p_directory; /* first buffer only: buffers by address */
+    void *p_free_index; /* where free records lie, for inserting by address; built on need */
 };
 
 /* Accounted size of a buffer header. */

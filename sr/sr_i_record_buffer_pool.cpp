@@ -32,6 +32,17 @@
 // reading the directory alone; a bound over each group of 64 directory
 // slots lets it pass over whole groups.  The record chosen is the same: the
 // first in address order that is large enough.
+//
+// Freeing inserts into the chain by address, so it needs the free record
+// just below the one freed.  Records freed in a scrambled order (the old
+// versions of rows a commit replaces or deletes) would make that a walk of
+// the buffer's chain per record; a large buffer therefore gets, when such a
+// walk is first needed, a free-record index: per 256-byte block of the
+// buffer the offset of the highest free record starting in it, and a tree
+// of bit words over the blocks that have one.  The record below is then the
+// highest of the nearest block below with one, followed along the chain
+// through at most one block.  The index only answers; the chain stays what
+// the dumps and the file see.
 #include <unistd.h>
 
 #include <cstdint>
@@ -167,6 +178,241 @@ qx_int64_t directory_insert(buffer_t *p_owner, buffer_t *p_buffer) {
     return position;
 }
 
+// ---- free-record index of a buffer (see the file comment) ----
+constexpr qx_uint32_t kIndexBlockShift = 8;  // 256-byte blocks
+constexpr qx_uint32_t kIndexMaxLevels = 8;
+// Buffers smaller than this are walked: their chains are short.
+constexpr qx_uint32_t kIndexedBufferBytes = 64 * 1024;
+
+struct FreeIndex {
+    qx_uint32_t blocks;
+    qx_uint32_t levels;
+    qx_uint32_t level_offset[kIndexMaxLevels];
+    qx_uint32_t words;   // bit words of all levels
+    qx_uint32_t leaves;  // a power of two, at least blocks
+    // qx_uint32_t highest[blocks], then the bit words, then the length tree:
+    // 2 * leaves words, leaf leaves + b bounding the free records of block
+    // b (never below the longest, raised as records are freed or grow,
+    // lowered to the exact value when a search finds nothing there), each
+    // inner word the largest of its two children.
+};
+
+inline qx_uint32_t *index_highest(FreeIndex *p_index) {
+    return reinterpret_cast<qx_uint32_t *>(p_index + 1);
+}
+inline qx_uint32_t *index_words(FreeIndex *p_index) {
+    return index_highest(p_index) + p_index->blocks;
+}
+inline qx_uint32_t *index_lengths(FreeIndex *p_index) {
+    return index_words(p_index) + p_index->words;
+}
+inline qx_uint32_t block_of(qx_uint32_t offset) {
+    return offset >> kIndexBlockShift;
+}
+
+void index_set_bit(FreeIndex *p_index, qx_uint32_t i) {
+    qx_uint32_t *p_words = index_words(p_index);
+    for (qx_uint32_t l = 0; l < p_index->levels; ++l) {
+        qx_uint32_t &word = p_words[p_index->level_offset[l] + i / 32];
+        bool was_empty = word == 0;
+        word |= 1u << (i % 32);
+        if (!was_empty) return;
+        i /= 32;
+    }
+}
+
+void index_clear_bit(FreeIndex *p_index, qx_uint32_t i) {
+    qx_uint32_t *p_words = index_words(p_index);
+    for (qx_uint32_t l = 0; l < p_index->levels; ++l) {
+        qx_uint32_t &word = p_words[p_index->level_offset[l] + i / 32];
+        word &= ~(1u << (i % 32));
+        if (word != 0) return;
+        i /= 32;
+    }
+}
+
+inline int top_bit(qx_uint32_t word) {
+    return 31 - __builtin_clz(word);
+}
+
+// The highest set position below i on level l, or -1.
+qx_int64_t index_below(FreeIndex *p_index, qx_uint32_t l, qx_uint32_t i) {
+    if (l >= p_index->levels) return -1;
+    qx_uint32_t *p_words = index_words(p_index) + p_index->level_offset[l];
+    qx_uint32_t w = i / 32;
+    qx_uint32_t below = p_words[w] & ((1u << (i % 32)) - 1u);
+    if (below != 0) return static_cast<qx_int64_t>(w) * 32 + top_bit(below);
+    if (w == 0) return -1;
+    qx_int64_t j = index_below(p_index, l + 1, w);
+    if (j < 0) return -1;
+    return j * 32 + top_bit(p_words[j]);
+}
+
+// Raises the length bound of block b to cover length.
+void lengths_raise(FreeIndex *p_index, qx_uint32_t b, qx_uint32_t length) {
+    qx_uint32_t *p_tree = index_lengths(p_index);
+    for (qx_uint32_t i = p_index->leaves + b; i >= 1 && p_tree[i] < length; i /= 2) {
+        p_tree[i] = length;
+    }
+}
+
+// Sets the bound of block b to its exact longest free record.
+void lengths_set(FreeIndex *p_index, qx_uint32_t b, qx_uint32_t length) {
+    qx_uint32_t *p_tree = index_lengths(p_index);
+    qx_uint32_t i = p_index->leaves + b;
+    p_tree[i] = length;
+    for (i /= 2; i >= 1; i /= 2) {
+        qx_uint32_t larger = p_tree[2 * i] > p_tree[2 * i + 1] ? p_tree[2 * i] : p_tree[2 * i + 1];
+        if (p_tree[i] == larger) break;
+        p_tree[i] = larger;
+    }
+}
+
+// The first block at or after start whose bound reaches needed, or -1.
+qx_int64_t lengths_first(FreeIndex *p_index, qx_uint32_t node, qx_uint32_t low, qx_uint32_t high,
+                         qx_uint32_t start, qx_uint64_t needed) {
+    qx_uint32_t *p_tree = index_lengths(p_index);
+    if (high < start || p_tree[node] < needed) return -1;
+    if (low == high) return low;
+    qx_uint32_t middle = low + (high - low) / 2;
+    qx_int64_t found = lengths_first(p_index, 2 * node, low, middle, start, needed);
+    if (found >= 0) return found;
+    return lengths_first(p_index, 2 * node + 1, middle + 1, high, start, needed);
+}
+
+// A free record starting at offset joined the chain (its length is set).
+void index_add(buffer_t *p_buffer, qx_uint32_t offset) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    if (p_index == nullptr) return;
+    qx_uint32_t b = block_of(offset);
+    qx_uint32_t &highest = index_highest(p_index)[b];
+    if (highest == 0) index_set_bit(p_index, b);
+    if (offset > highest) highest = offset;
+    lengths_raise(p_index, b, sr_i_record_length(record_at(p_buffer, offset)));
+}
+
+// The free record at offset grew (it absorbed a neighbour).
+void index_grew(buffer_t *p_buffer, qx_uint32_t offset, qx_uint32_t length) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    if (p_index == nullptr) return;
+    lengths_raise(p_index, block_of(offset), length);
+}
+
+// The free record at offset left the chain; below is the free record that
+// preceded it there (0 for none).
+void index_remove(buffer_t *p_buffer, qx_uint32_t offset, qx_uint32_t below) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    if (p_index == nullptr) return;
+    qx_uint32_t b = block_of(offset);
+    qx_uint32_t &highest = index_highest(p_index)[b];
+    if (highest != offset) return;
+    highest = below != 0 && block_of(below) == b ? below : 0;
+    if (highest == 0) index_clear_bit(p_index, b);
+}
+
+// Builds the index of a large buffer from its chain; false when the buffer
+// is small or there is no memory (the caller then walks, as it may).
+bool index_build(buffer_t *p_buffer) {
+    if (p_buffer->p_free_index != nullptr) return true;
+    if (p_buffer->total_bytes < kIndexedBufferBytes) return false;
+    qx_uint32_t blocks = block_of(p_buffer->total_bytes) + 1;
+    FreeIndex layout{};
+    layout.blocks = blocks;
+    layout.leaves = 1;
+    while (layout.leaves < blocks) layout.leaves *= 2;
+    qx_uint32_t words = 0;
+    qx_uint32_t count = blocks;
+    for (qx_uint32_t l = 0; l < kIndexMaxLevels; ++l) {
+        count = (count + 31) / 32;
+        layout.level_offset[l] = words;
+        words += count;
+        ++layout.levels;
+        if (count <= 1) break;
+    }
+    layout.words = words;
+    size_t bytes = sizeof(FreeIndex) +
+                   sizeof(qx_uint32_t) * (static_cast<size_t>(blocks) + words + 2 * layout.leaves);
+    // Plain calloc: the index is an optional accelerator, so a failure here
+    // is not an allocation failure of the caller (it walks instead).
+    auto *p_index = static_cast<FreeIndex *>(calloc(1, bytes));
+    if (p_index == nullptr) return false;
+    *p_index = layout;
+    p_buffer->p_free_index = p_index;
+    for (qx_uint32_t offset = p_buffer->first_free; offset != 0;) {
+        index_add(p_buffer, offset);
+        offset = offset == p_buffer->last_free ? 0 : sr_i_record_link(record_at(p_buffer, offset));
+    }
+    return true;
+}
+
+// With the buffer indexed: the chain neighbours of a record about to be
+// freed at offset (previous below it, next at or above it).
+void index_neighbours(buffer_t *p_buffer, qx_uint32_t offset, qx_uint32_t *p_previous,
+                      qx_uint32_t *p_next) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    qx_uint32_t b = block_of(offset);
+    qx_uint32_t highest = index_highest(p_index)[b];
+    qx_uint32_t previous = 0;
+    if (highest != 0 && highest <= offset) {
+        previous = highest;
+    } else {
+        qx_int64_t j = index_below(p_index, 0, b);
+        previous = j < 0 ? 0 : index_highest(p_index)[j];
+    }
+    if (previous == offset) {
+        *p_previous = 0;
+        *p_next = offset;  // already free
+        return;
+    }
+    qx_uint32_t walk = previous == 0 ? p_buffer->first_free
+                       : previous == p_buffer->last_free
+                           ? 0
+                           : sr_i_record_link(record_at(p_buffer, previous));
+    // Only records of block b below offset lie between.
+    while (walk != 0 && walk < offset) {
+        previous = walk;
+        walk = walk == p_buffer->last_free ? 0 : sr_i_record_link(record_at(p_buffer, walk));
+    }
+    *p_previous = previous;
+    *p_next = walk;
+}
+
+// With the buffer indexed: the first free record of the buffer at least
+// needed bytes long, and its predecessor inside the buffer (0 for none);
+// false when there is none, with the buffer's bound in *p_bound.
+bool index_first_fit(buffer_t *p_buffer, qx_uint64_t needed, qx_uint32_t *p_found,
+                     qx_uint32_t *p_previous, qx_uint32_t *p_bound) {
+    auto *p_index = static_cast<FreeIndex *>(p_buffer->p_free_index);
+    qx_uint32_t start = 0;
+    while (start < p_index->blocks) {
+        qx_int64_t b = lengths_first(p_index, 1, 0, p_index->leaves - 1, start, needed);
+        if (b < 0 || b >= p_index->blocks) break;
+        qx_uint32_t block = static_cast<qx_uint32_t>(b);
+        qx_int64_t below = index_below(p_index, 0, block);
+        qx_uint32_t previous = below < 0 ? 0 : index_highest(p_index)[below];
+        qx_uint32_t walk = previous == 0 ? p_buffer->first_free
+                           : previous == p_buffer->last_free
+                               ? 0
+                               : sr_i_record_link(record_at(p_buffer, previous));
+        qx_uint32_t longest = 0;
+        while (walk != 0 && block_of(walk) == block) {
+            qx_uint32_t length = sr_i_record_length(record_at(p_buffer, walk));
+            if (length >= needed) {
+                *p_found = walk;
+                *p_previous = previous;
+                return true;
+            }
+            if (length > longest) longest = length;
+            previous = walk;
+            walk = walk == p_buffer->last_free ? 0 : sr_i_record_link(record_at(p_buffer, walk));
+        }
+        lengths_set(p_index, block, longest);  // now exact
+        start = block + 1;
+    }
+    *p_bound = index_lengths(p_index)[1];
+    return false;
+}
+
 // A new buffer whose records span data_bytes (header excluded), holding one
 // free record, not yet in any pool.  The directory fields are zero.
 buffer_t *new_buffer(qx_uint32_t data_bytes) {
@@ -269,6 +515,7 @@ qx_int32_t sr_i_rb_uninitialize_record_buffer_pool(
     if (p_first != nullptr) free(p_first->p_directory);
     for (buffer_t *p_buffer = p_first; p_buffer != nullptr;) {
         buffer_t *p_next = p_buffer->p_next;
+        free(p_buffer->p_free_index);
         free(p_buffer);
         p_buffer = p_next;
     }
@@ -303,7 +550,26 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
             qx_uint32_t group_longest = 0;
             for (; index < group_end; ++index) {
                 sr_i_record_buffer_slot_t *p_slot = &p_directory[index];
-                if (p_slot->max_free >= needed) {
+                if (p_slot->max_free >= needed && index_build(p_slot->p_buffer)) {
+                    buffer_t *p_buffer = p_slot->p_buffer;
+                    qx_uint32_t found = 0;
+                    qx_uint32_t previous = 0;
+                    qx_uint32_t bound = 0;
+                    if (index_first_fit(p_buffer, needed, &found, &previous, &bound)) {
+                        char *p_record = record_at(p_buffer, found);
+                        *p_data = p_record + kHeader;
+                        if (previous != 0) {
+                            *p_previous_free_record = record_at(p_buffer, previous);
+                        } else if (p_record == p_pool->p_free_chain) {
+                            *p_previous_free_record = nullptr;
+                        } else {
+                            *p_previous_free_record = last_free_record_before(p_pool, index);
+                        }
+                        *actual_data_length = sr_i_record_length(p_record) - kHeader;
+                        return 0;
+                    }
+                    p_slot->max_free = bound;
+                } else if (p_slot->max_free >= needed) {
                     buffer_t *p_buffer = p_slot->p_buffer;
                     char *p_in_buffer_previous = nullptr;
                     qx_uint32_t longest = 0;
@@ -395,6 +661,7 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
     sr_i_set_record_type(p_record, record_type);
     qx_uint32_t leftover = length - (data_length + kHeader);
     qx_uint32_t replacement;  // what takes the record's place in the chain
+    index_remove(p_buffer, offset, previous_offset);
     if (leftover <= kLargestSlack) {
         // Taken whole; the link word is left as it was.
         replacement = next_offset;
@@ -407,6 +674,7 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
         sr_i_set_record_link(p_rest, next_offset);
         sr_i_set_record_type(p_rest, SR_I_RECORD_TYPE_FREE);
         replacement = block_offset_of(p_buffer, p_rest);
+        index_add(p_buffer, replacement);
         if (is_last) p_buffer->last_free = replacement;
         p_pool->used_bytes += data_length + kHeader;
     }
@@ -458,6 +726,10 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
     qx_uint32_t next_offset = 0;
     if (p_buffer->last_free != 0 && p_buffer->last_free < offset) {
         previous_offset = p_buffer->last_free;
+    } else if ((p_buffer->insert_hint == 0 || p_buffer->insert_hint >= offset ||
+                block_of(offset) - block_of(p_buffer->insert_hint) > 1) &&
+               index_build(p_buffer)) {
+        index_neighbours(p_buffer, offset, &previous_offset, &next_offset);
     } else {
         qx_uint32_t walk = p_buffer->first_free;
         if (p_buffer->insert_hint != 0 && p_buffer->insert_hint < offset) {
@@ -483,6 +755,7 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
     if (next_offset != 0 && offset + length == next_offset) {
         // Absorb the following free record.
         char *p_next = record_at(p_buffer, next_offset);
+        index_remove(p_buffer, next_offset, previous_offset);
         length += sr_i_record_length(p_next);
         sr_i_set_record_length(p_record, length);
         now_last = p_buffer->last_free == next_offset;
@@ -500,11 +773,13 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
         char *p_prev = record_at(p_buffer, previous_offset);
         survivor_length = sr_i_record_length(p_prev) + length;
         sr_i_set_record_length(p_prev, survivor_length);
+        index_grew(p_buffer, previous_offset, survivor_length);
         sr_i_set_record_link(p_prev, link);
         if (now_last) p_buffer->last_free = previous_offset;
         freed += kHeader;
         p_survivor = p_prev;
     } else {
+        index_add(p_buffer, offset);
         if (previous_offset != 0) {
             sr_i_set_record_link(record_at(p_buffer, previous_offset), offset);
         } else {

@@ -17,6 +17,136 @@ namespace {
 // Slots of an index established with 0.
 constexpr qx_uint32_t kDefaultRows = 10;
 
+// Which slots are on the free chain, as a tree of bit words kept behind the
+// fixed index in the same block (so whoever frees the index frees it too).
+// Level 0 has a bit per slot, each next level a bit per non-zero word of the
+// level below; the last level is one word.  It answers "the highest free slot
+// below this one" in a few word reads, which makes inserting into the
+// address-ordered chain cheap however long the chain is.  The tree remembers
+// the chain head it was last in step with: a chain reset from outside (a
+// table rebuilt by copying) is noticed there and the tree is rebuilt once.
+constexpr qx_uint32_t kMaxLevels = 8;
+
+struct FreeSlotTree {
+    sr_i_index_entry_t *p_head;  // chain head the bits agree with
+    qx_uint32_t valid;
+    qx_uint32_t slots;
+    qx_uint32_t levels;
+    qx_uint32_t level_offset[kMaxLevels];  // first word of each level
+    // qx_uint32_t words[] follow
+};
+
+qx_uint32_t words_for(qx_uint32_t count) {
+    return (count + 31) / 32;
+}
+
+// Bytes the tree needs behind an index of `slots` entries.
+size_t tree_bytes(qx_uint32_t slots) {
+    size_t words = 0;
+    qx_uint32_t count = slots;
+    for (qx_uint32_t l = 0; l < kMaxLevels; ++l) {
+        count = words_for(count);
+        words += count;
+        if (count <= 1) break;
+    }
+    return sizeof(FreeSlotTree) + words * sizeof(qx_uint32_t) + sizeof(qx_uint32_t);
+}
+
+size_t index_bytes(qx_uint32_t slots) {
+    return sizeof(sr_i_index_entry_t) * static_cast<size_t>(slots) + tree_bytes(slots);
+}
+
+FreeSlotTree *tree_of(const sr_i_table_t *p_table) {
+    if (p_table->p_rows_fixed_index == nullptr) return nullptr;
+    return reinterpret_cast<FreeSlotTree *>(p_table->p_rows_fixed_index + p_table->maximum_rows);
+}
+
+qx_uint32_t *tree_words(FreeSlotTree *p_tree) {
+    return reinterpret_cast<qx_uint32_t *>(p_tree + 1);
+}
+
+void tree_set(FreeSlotTree *p_tree, qx_uint32_t i) {
+    qx_uint32_t *p_words = tree_words(p_tree);
+    for (qx_uint32_t l = 0; l < p_tree->levels; ++l) {
+        qx_uint32_t &word = p_words[p_tree->level_offset[l] + i / 32];
+        bool was_empty = word == 0;
+        word |= 1u << (i % 32);
+        if (!was_empty) return;
+        i /= 32;
+    }
+}
+
+void tree_clear(FreeSlotTree *p_tree, qx_uint32_t i) {
+    qx_uint32_t *p_words = tree_words(p_tree);
+    for (qx_uint32_t l = 0; l < p_tree->levels; ++l) {
+        qx_uint32_t &word = p_words[p_tree->level_offset[l] + i / 32];
+        word &= ~(1u << (i % 32));
+        if (word != 0) return;
+        i /= 32;
+    }
+}
+
+bool tree_test(FreeSlotTree *p_tree, qx_uint32_t i) {
+    return (tree_words(p_tree)[p_tree->level_offset[0] + i / 32] >> (i % 32) & 1u) != 0;
+}
+
+int highest_bit(qx_uint32_t word) {
+    return 31 - __builtin_clz(word);
+}
+
+// The highest set position below i on level l, or -1.
+qx_int64_t tree_below(FreeSlotTree *p_tree, qx_uint32_t l, qx_uint32_t i) {
+    if (l >= p_tree->levels) return -1;
+    qx_uint32_t *p_words = tree_words(p_tree) + p_tree->level_offset[l];
+    qx_uint32_t w = i / 32;
+    qx_uint32_t below = p_words[w] & ((1u << (i % 32)) - 1u);
+    if (below != 0) return static_cast<qx_int64_t>(w) * 32 + highest_bit(below);
+    if (w == 0) return -1;
+    qx_int64_t j = tree_below(p_tree, l + 1, w);
+    if (j < 0) return -1;
+    return j * 32 + highest_bit(p_words[j]);
+}
+
+// Lays the tree out for the table's current size and fills it from the chain.
+void tree_rebuild(sr_i_table_t *p_table) {
+    FreeSlotTree *p_tree = tree_of(p_table);
+    if (p_tree == nullptr) return;
+    p_tree->slots = p_table->maximum_rows;
+    qx_uint32_t offset = 0;
+    qx_uint32_t count = p_table->maximum_rows;
+    p_tree->levels = 0;
+    for (qx_uint32_t l = 0; l < kMaxLevels; ++l) {
+        count = words_for(count);
+        p_tree->level_offset[l] = offset;
+        offset += count;
+        ++p_tree->levels;
+        if (count <= 1) break;
+    }
+    memset(tree_words(p_tree), 0, sizeof(qx_uint32_t) * (offset + 1));
+    sr_i_index_entry_t *p_base = p_table->p_rows_fixed_index;
+    for (sr_i_index_entry_t *p = p_table->p_rows_free_chain; p != nullptr;
+         p = static_cast<sr_i_index_entry_t *>(p->p_pending_change)) {
+        if (p < p_base || p >= p_base + p_table->maximum_rows) {
+            p_tree->valid = 0;  // not this index's slots: stay with the walk
+            return;
+        }
+        tree_set(p_tree, static_cast<qx_uint32_t>(p - p_base));
+    }
+    p_tree->p_head = p_table->p_rows_free_chain;
+    p_tree->valid = 1;
+}
+
+// The tree, in step with the chain, or null when it cannot be.
+FreeSlotTree *current_tree(sr_i_table_t *p_table) {
+    FreeSlotTree *p_tree = tree_of(p_table);
+    if (p_tree == nullptr) return nullptr;
+    if (p_tree->valid != 1 || p_tree->p_head != p_table->p_rows_free_chain ||
+        p_tree->slots != p_table->maximum_rows) {
+        tree_rebuild(p_table);
+    }
+    return p_tree->valid == 1 ? p_tree : nullptr;
+}
+
 // Chains slots [first, first + count) into one ascending free chain, all
 // zero apart from their links, and makes it the table's whole chain.
 void chain_new_slots(sr_i_table_t *p_table, qx_uint32_t first, qx_uint32_t count) {
@@ -24,6 +154,7 @@ void chain_new_slots(sr_i_table_t *p_table, qx_uint32_t first, qx_uint32_t count
     memset(static_cast<void *>(p_slots), 0, sizeof(sr_i_index_entry_t) * count);
     for (qx_uint32_t i = 0; i + 1 < count; ++i) p_slots[i].p_pending_change = &p_slots[i + 1];
     p_table->p_rows_free_chain = count != 0 ? p_slots : nullptr;
+    tree_rebuild(p_table);
 }
 
 // Re-aims every change entry of a list at the same slot of a moved index.
@@ -55,8 +186,7 @@ qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_
     if (maximum_rows == 0) maximum_rows = kDefaultRows;
     auto *p_packed = static_cast<qx_uint32_t *>(sr_i_calloc(maximum_rows, sizeof(qx_uint32_t)));
     if (p_packed == nullptr) return SR_ERROR(12);
-    auto *p_fixed = static_cast<sr_i_index_entry_t *>(
-        sr_i_malloc(sizeof(sr_i_index_entry_t) * static_cast<size_t>(maximum_rows)));
+    auto *p_fixed = static_cast<sr_i_index_entry_t *>(sr_i_malloc(index_bytes(maximum_rows)));
     if (p_fixed == nullptr) {
         free(p_packed);
         return SR_ERROR(12);
@@ -82,7 +212,7 @@ qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows) {
     p_table->p_rows_packed_index = static_cast<qx_uint32_t *>(p_packed);
 
     uintptr_t old_base = reinterpret_cast<uintptr_t>(p_table->p_rows_fixed_index);
-    void *p_fixed = sr_i_realloc(p_table->p_rows_fixed_index, sizeof(sr_i_index_entry_t) * n);
+    void *p_fixed = sr_i_realloc(p_table->p_rows_fixed_index, index_bytes(n));
     if (p_fixed == nullptr) return SR_ERROR(12);
     p_table->p_rows_fixed_index = static_cast<sr_i_index_entry_t *>(p_fixed);
 
@@ -105,6 +235,28 @@ qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows) {
 
 void sr_i_rows_free_chain_insert(sr_i_table_t *p_table, sr_i_index_entry_t *p_new_entry) {
     // Slots are one array, so address order is fixed-index order.
+    sr_i_index_entry_t *p_base = p_table->p_rows_fixed_index;
+    FreeSlotTree *p_tree = current_tree(p_table);
+    if (p_tree != nullptr && p_new_entry >= p_base &&
+        p_new_entry < p_base + p_table->maximum_rows) {
+        qx_uint32_t slot = static_cast<qx_uint32_t>(p_new_entry - p_base);
+        if (tree_test(p_tree, slot)) return;  // already free: keep its link
+        qx_int64_t below = tree_below(p_tree, 0, slot);
+        sr_i_index_entry_t *p_previous = below < 0 ? nullptr : p_base + below;
+        sr_i_index_entry_t *p_next =
+            p_previous == nullptr ? p_table->p_rows_free_chain
+                                  : static_cast<sr_i_index_entry_t *>(p_previous->p_pending_change);
+        memset(static_cast<void *>(p_new_entry), 0, sizeof *p_new_entry);
+        p_new_entry->p_pending_change = p_next;
+        if (p_previous == nullptr) {
+            p_table->p_rows_free_chain = p_new_entry;
+        } else {
+            p_previous->p_pending_change = p_new_entry;
+        }
+        tree_set(p_tree, slot);
+        p_tree->p_head = p_table->p_rows_free_chain;
+        return;
+    }
     sr_i_index_entry_t *p_previous = nullptr;
     sr_i_index_entry_t *p_next = p_table->p_rows_free_chain;
     while (p_next != nullptr && p_next < p_new_entry) {
@@ -124,8 +276,13 @@ void sr_i_rows_free_chain_insert(sr_i_table_t *p_table, sr_i_index_entry_t *p_ne
 sr_i_index_entry_t *sr_i_rows_free_chain_remove(sr_i_table_t *p_table) {
     sr_i_index_entry_t *p_entry = p_table->p_rows_free_chain;
     if (p_entry == nullptr) return nullptr;
+    FreeSlotTree *p_tree = current_tree(p_table);
     p_table->p_rows_free_chain = static_cast<sr_i_index_entry_t *>(p_entry->p_pending_change);
     p_entry->p_pending_change = nullptr;
+    if (p_tree != nullptr) {
+        tree_clear(p_tree, static_cast<qx_uint32_t>(p_entry - p_table->p_rows_fixed_index));
+        p_tree->p_head = p_table->p_rows_free_chain;
+    }
     return p_entry;
 }
 

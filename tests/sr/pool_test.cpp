@@ -611,6 +611,40 @@ TEST_F(PoolTest, RandomReservesAndFreesKeepEveryPromise) {
     EXPECT_EQ(20u * buffers(pool_).size(), pool_.used_bytes);
 }
 
+// Thousands of records of one large buffer freed in a scrambled order, with
+// first-fit reserves in between (the old versions of rows a commit replaces):
+// the chain stays the address-ordered, merged list of free records.
+TEST_F(PoolTest, ScrambledFreesInOneLargeBufferKeepTheChainOrdered) {
+    std::mt19937 random(777);
+    std::vector<char *> live;
+    ASSERT_NE(nullptr, reserve(3000));  // buffers of 300,000 data bytes
+    for (int i = 0; i < 8000; ++i) {
+        char *p = reserve(10 + random() % 40);
+        ASSERT_NE(nullptr, p);
+        live.push_back(p);
+    }
+    std::shuffle(live.begin(), live.end(), random);
+    for (size_t i = 0; i < live.size(); ++i) {
+        ASSERT_EQ(0, sr_i_rb_free_record(&pool_, live[i]));
+        if (i % 5 == 0) {
+            qx_uint32_t length = 5 + random() % 60;
+            std::vector<char *> chain = free_chain(pool_);
+            auto fit = std::find_if(chain.begin(), chain.end(), [&](char *p) {
+                return sr_i_record_length(p) - kHeader >= length;
+            });
+            char *p_data = reserve(length);
+            if (fit != chain.end()) {
+                ASSERT_EQ(*fit + kHeader, p_data) << "step " << i;
+            }
+            live.push_back(p_data);
+        }
+        if (i % 499 == 0) {
+            ASSERT_TRUE(pool_is_consistent(pool_)) << "step " << i;
+        }
+    }
+    ASSERT_TRUE(pool_is_consistent(pool_));
+}
+
 // Runs `attempt` with the n-th allocation failing, n = 0, 1, ... until it
 // runs without meeting the failure; `on_failure` checks each failed run.
 template <typename Attempt, typename OnFailure>

@@ -159,6 +159,43 @@ TEST_F(TableIndexTest, FreedSlotsAreReusedLowestFirst) {
     EXPECT_EQ(nullptr, sr_i_rows_free_chain_remove(&table_));
 }
 
+// Freeing many slots in a scrambled order, taking some back in between, and
+// a chain reset from outside (as a copied table rebuilds its chain) keep the
+// chain exactly the ascending list of free slots, lowest taken first.
+TEST_F(TableIndexTest, ScrambledFreeingKeepsTheChainAscending) {
+    ASSERT_EQ(0, sr_i_establish_rows_index(&table_, 5000));
+    std::vector<sr_i_index_entry_t *> rows;
+    for (int i = 0; i < 5000; ++i) rows.push_back(add_live_row(record_));
+    std::vector<bool> is_free(5000, false);
+    auto expected = [&] {
+        std::vector<qx_uint32_t> slots;
+        for (qx_uint32_t s = 0; s < is_free.size(); ++s) {
+            if (is_free[s]) slots.push_back(s);
+        }
+        return slots;
+    };
+    qx_uint32_t x = 12345;
+    for (int step = 0; step < 6000; ++step) {
+        x = x * 1103515245u + 12345u;
+        qx_uint32_t slot = (x >> 8) % 5000;
+        sr_i_rows_free_chain_insert(&table_, rows[slot]);
+        is_free[slot] = true;
+        if (step % 7 == 0) {
+            std::vector<qx_uint32_t> now = expected();
+            ASSERT_EQ(now.front(), slot_of(sr_i_rows_free_chain_remove(&table_)));
+            is_free[now.front()] = false;
+        }
+        if (step == 3000) {
+            // Rebuilt from the top down by the caller, as a copy does.
+            table_.p_rows_free_chain = nullptr;
+            for (qx_uint32_t s = 5000; s-- > 0;) {
+                if (is_free[s]) sr_i_rows_free_chain_insert(&table_, rows[s]);
+            }
+        }
+    }
+    EXPECT_EQ(expected(), free_slots());
+}
+
 TEST_F(TableIndexTest, RemovedRowsPackedPlaceGoesToTheLastPackedRowAndItsSlotIsReused) {
     ASSERT_EQ(0, sr_i_establish_rows_index(&table_, 10));
     std::vector<sr_i_index_entry_t *> rows;
