@@ -579,6 +579,11 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
  * the rename of the rewrite file; then the in-memory walks.  0 with nothing to
  * commit; 210 with changes that were never applied. */
 qx_int32_t sr_i_commit(sr_i_table_t *p_table);
+/* sr_i_commit, and in *p_unsynced why nothing was switched on disk when the
+ * table is left applied by a failed switch: the code of the failed sync
+ * after which the old switch was put back (commit itself then returns 0), or
+ * the code commit returns; 0 otherwise. */
+qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsynced);
 /* Throws pending and applied changes away, on disk and in memory. */
 qx_int32_t sr_i_abort(sr_i_table_t *p_table);
 /* The in-memory halves, over one change list from p_current_change_entry. */

@@ -83,7 +83,7 @@ enum class switched { yes, restored };
 // the switch fails the write may or may not be on the disk; the old type word
 // is written back so that the file keeps reading as the committed state, and
 // the table stays applied for the caller's next commit or abort.
-qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
+qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched, qx_int32_t *p_sync_rc) {
     const off64_t type_word = static_cast<off64_t>(p_table->commit_record_offset) + 8;
     if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) {
         return TX_ERROR_SYSCALL("lseek64", errno);
@@ -92,7 +92,8 @@ qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
     qx_int32_t rc = sr_i_write(p_table->file_fd, &word, sizeof word);
     if (rc != 0) return rc;
     sr_i_test_pause("commit-written");
-    if (sr_i_fdatasync(p_table->file_fd) == 0) {
+    *p_sync_rc = sr_i_fdatasync(p_table->file_fd);
+    if (*p_sync_rc == 0) {
         sr_i_test_pause("commit-synced");
         *p_switched = switched::yes;
         return 0;
@@ -181,6 +182,12 @@ qx_int32_t sr_i_commit_in_memory(sr_i_table_t *p_table,
 }
 
 qx_int32_t sr_i_commit(sr_i_table_t *p_table) {
+    qx_int32_t unsynced = 0;
+    return sr_i_commit_unless_unsynced(p_table, &unsynced);
+}
+
+qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsynced) {
+    *p_unsynced = 0;
     trace_commit(kStart, p_table);
     if (p_table->ready_for_commit == 0) {
         if (p_table->p_rows_change_list == nullptr &&
@@ -197,12 +204,17 @@ qx_int32_t sr_i_commit(sr_i_table_t *p_table) {
             rc = switch_by_rename(p_table);
         } else {
             switched outcome = switched::yes;
-            rc = switch_in_place(p_table, &outcome);
+            qx_int32_t sync_rc = 0;
+            rc = switch_in_place(p_table, &outcome, &sync_rc);
             // Reported as success: the caller's next commit or abort
             // finishes the transaction, which is still applied.
-            if (rc == 0 && outcome == switched::restored) return 0;
+            if (rc == 0 && outcome == switched::restored) {
+                *p_unsynced = sync_rc;
+                return 0;
+            }
         }
         if (rc != 0) {
+            *p_unsynced = rc;
             trace_commit(kFailed, p_table);
             return rc;
         }
