@@ -424,6 +424,17 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
  * same file still holds the writer's lock. */
 qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock);
 void sr_i_close_data_file(qx_int32_t fd);
+/* A writer's claim on its file (holds_lock 2 above registers a descriptor
+ * whose lock is already held as claimed).  sr_i_lock_data_file waits until
+ * no other descriptor of the file in this process is claimed, claims the
+ * registered fd and lockf's it (waiting for other processes): 0, 10 "lockf".
+ * sr_i_data_file_claimed says whether fd is claimed by this process (false
+ * in a forked child: the lock stayed with the parent).  Between
+ * sr_i_hand_over_claim(true) and (false), this thread's claims ignore the
+ * claims of others: for a record that replaces an open writer's. */
+qx_int32_t sr_i_lock_data_file(qx_int32_t fd);
+bool sr_i_data_file_claimed(qx_int32_t fd);
+void sr_i_hand_over_claim(bool on);
 
 /* Creating tables.  sr_x_create_table consumes p_rows_hash_table and
  * p_packed_rows_array whatever the outcome; the workers own them from their

@@ -90,7 +90,12 @@ bool restore_switch(sr_i_table_t *p_table) {
 
 qx_int32_t sr_i_abort(sr_i_table_t *p_table) {
     trace_abort(kStart, p_table);
-    if (p_table->p_file_path != nullptr) {
+    // A child forked from the writer holds no lock: the files are the
+    // writer's, only the memory is aborted.
+    if (p_table->p_file_path != nullptr && !sr_i_data_file_claimed(p_table->file_fd)) {
+        p_table->applied_commit_record_offset = 0;
+        p_table->applied_commit_record_length = 0;
+    } else if (p_table->p_file_path != nullptr) {
         if (p_table->ready_for_commit == 2) {
             sr_i_close_data_file(p_table->rewrite_file_fd);
             p_table->rewrite_file_fd = -1;

@@ -208,7 +208,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     // Registered as a lock holder: after the rename this descriptor is the
     // data file's, and the writer's lock must survive other opens of the file
     // in this process closing theirs.
-    qx_int32_t rc = sr_i_register_data_file(fd, 1);
+    qx_int32_t rc = sr_i_register_data_file(fd, 2);
     if (rc != 0) {
         sr_i_discard_rewrite_file(p_table);
         return rc;
@@ -287,6 +287,8 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
         trace_apply(kApplied, p_table, rewrite);
         return 0;
     }
+    // A child forked from the writer inherits the descriptor, not the lock.
+    if (!sr_i_data_file_claimed(p_table->file_fd)) return TX_ERROR(206);
     char *p_commit_record = nullptr;
     qx_int32_t rc =
         sr_i_create_commit_record(p_table->p_application_metadata, p_table->applied_change_counter,

@@ -200,7 +200,10 @@ qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsy
     const bool rewritten = p_table->ready_for_commit == 2;
     if (p_table->p_file_path != nullptr) {
         qx_int32_t rc = 0;
-        if (rewritten) {
+        if (!sr_i_data_file_claimed(p_table->file_fd)) {
+            // A child forked from the writer holds no lock on the file.
+            rc = TX_ERROR(206);
+        } else if (rewritten) {
             rc = switch_by_rename(p_table);
         } else {
             switched outcome = switched::yes;

@@ -472,7 +472,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
             renamed = true;
         }
     }
-    if (rc == 0) rc = sr_i_register_data_file(fd, 1);
+    if (rc == 0) rc = sr_i_register_data_file(fd, 2);
     if (rc != 0) {
         // A failed create leaves no file behind.
         unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));

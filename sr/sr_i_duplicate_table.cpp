@@ -222,9 +222,12 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
     }
     if (rc != 0) return rc;
     sr_i_table_t *p_fresh = nullptr;
+    // A writer's record takes over its own claim on the file.
+    sr_i_hand_over_claim(true);
     rc = sr_i_open_persistent_table(p_target->p_tree, p_target->p_persistent_table_registry_path,
                                     sr_i_set_data_path(p_target), p_target->mode,
                                     p_target->block_size, p_hash_table, &p_fresh);
+    sr_i_hand_over_claim(false);
     if (rc != 0) return rc;
     rc = sr_i_rw_lock_write(&p_target->lock);
     if (rc != 0) {

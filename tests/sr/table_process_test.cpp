@@ -233,17 +233,49 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     ASSERT_EQ(sr_close_table_1(reader), 0);
     EXPECT_TRUE(LockedForOthers(File("t"))) << "after a reader in another tree closed";
 
-    // A second writer of the same process does not wait for its own lock, and
-    // its close must not take the first writer's lock with it.
+    // A second writer of the same process waits for the first as one in
+    // another process would (the process's lock does not keep it out), then
+    // works on what the first committed.
+    std::atomic<qx_int64_t> opened_at{0};
     sr_opaque_handle_t writer2 = nullptr;
-    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 2, &writer2), 0);
-    ASSERT_EQ(sr_close_table_1(writer2), 0);
-    EXPECT_TRUE(LockedForOthers(File("t"))) << "after a second writer closed";
-    sr_close_tree_1(other);
-    EXPECT_TRUE(LockedForOthers(File("t"))) << "after the other tree closed";
-
+    std::thread second([&] {
+        qx_int32_t rc = sr_open_table_1(other, Text("/m/t"), 2, &writer2);
+        opened_at = rc == 0 ? NowMs() : -rc;
+    });
+    usleep(300000);
+    EXPECT_EQ(opened_at.load(), 0) << "the second writer did not wait";
+    ASSERT_EQ(AddRow(p_writer, 1), 0);
+    const qx_int64_t closed_at = NowMs();
     ASSERT_EQ(sr_close_table_1(p_writer), 0);
-    EXPECT_FALSE(LockedForOthers(File("t"))) << "after the writer closed";
+    second.join();
+    ASSERT_GE(opened_at.load(), closed_at);
+    EXPECT_EQ(static_cast<sr_i_table_t *>(writer2)->total_committed_rows, 1u);
+    EXPECT_TRUE(LockedForOthers(File("t"))) << "while the second writer has it";
+    ASSERT_EQ(AddRow(writer2, 2), 0);
+    ASSERT_EQ(sr_close_table_1(writer2), 0);
+    EXPECT_FALSE(LockedForOthers(File("t"))) << "after both writers closed";
+    sr_opaque_handle_t check = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 1, &check), 0);
+    EXPECT_EQ(static_cast<sr_i_table_t *>(check)->total_committed_rows, 2u);
+    ASSERT_EQ(sr_close_table_1(check), 0);
+    sr_close_tree_1(other);
+}
+
+// A child forked from a writer inherits the handle but not the lock: its
+// updates are refused and the file stays the parent's.
+TEST_F(TableProcessConcurrencyTest, ForkedChildCannotWriteThroughTheParentsHandle) {
+    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
+    ASSERT_NE(p_writer, nullptr);
+    ASSERT_EQ(AddRow(p_writer, 1), 0);
+    const std::string before = qxtest::ReadBytes(File("t"));
+    pid_t pid = fork();
+    if (pid == 0) {
+        _exit(AddRow(p_writer, 2) == SR_E_ACCESS ? 0 : 1);
+    }
+    EXPECT_EQ(WaitChild(pid), 0);
+    EXPECT_EQ(qxtest::ReadBytes(File("t")), before);
+    ASSERT_EQ(AddRow(p_writer, 3), 0);
+    ASSERT_EQ(sr_close_table_1(p_writer), 0);
 }
 
 TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesTheReadToWriteReload) {
