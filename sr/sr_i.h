@@ -539,6 +539,10 @@ struct sr_i_file_ops_t {
     int (*p_fdatasync)(int fd);
     int (*p_mkdir)(const char *p_path, mode_t mode);
     int (*p_usleep)(unsigned int microseconds);
+    int (*p_fsync)(int fd);
+    int (*p_rename)(const char *p_from, const char *p_to);
+    int (*p_unlink)(const char *p_path);
+    int (*p_ftruncate)(int fd, off_t length);
 };
 extern const sr_i_file_ops_t sr_i_default_file_ops;
 extern sr_i_file_ops_t sr_i_file_ops;
@@ -564,6 +568,11 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
 /* fdatasync(2); every failure is first captured in "reginfo_pid.<pid>".
  * 0, 10, 13 or 206. */
 qx_int32_t sr_i_fdatasync(qx_int32_t fd);
+/* fsync(2) of the directory that holds p_path, so that a rename or unlink
+ * made there survives a power loss.  A failure is captured as a failed sync
+ * is and reported (10 naming "fsync", or "open"); the name change itself has
+ * been made and stays. */
+qx_int32_t sr_i_sync_directory_of(const char *p_path);
 
 /* ===========================================================================
  * Transactions: apply, commit, abort and the implicit cycle.  Every routine

@@ -464,7 +464,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     bool renamed = false;
     if (rc == 0) {
         // The two names share one buffer; the table's name is the data name.
-        if (rename(sr_i_set_rewrite_path(p_new), p_new->p_name) != 0) {
+        if (sr_i_file_ops.p_rename(sr_i_set_rewrite_path(p_new), p_new->p_name) != 0) {
             int err = errno;
             if (err == ENOSPC) unlink(sr_i_set_data_path(p_new));
             rc = SR_ERROR_FILE("rename", err, false);
@@ -475,7 +475,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     if (rc == 0) rc = sr_i_register_data_file(fd, 2);
     if (rc != 0) {
         // A failed create leaves no file behind.
-        unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));
+        sr_i_file_ops.p_unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));
         close(fd);
         sr_i_close_table(p_new);
         return rc;

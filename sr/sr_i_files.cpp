@@ -13,6 +13,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "sr_i.h"
 
 SR_SOURCE_FILE("sr/sr_i_files", "1.1");
@@ -56,6 +59,7 @@ namespace {
 // the process could use it.
 constexpr sr_i_file_ops_t kRealFileOps = {
     sr_i_real_open, write, writev, fdatasync, mkdir, sr_i_real_usleep,
+    fsync,          rename, unlink, ftruncate,
 };
 
 }  // namespace
@@ -169,5 +173,45 @@ qx_int32_t sr_i_fdatasync(qx_int32_t fd) {
         break;
     }
     retries.finish(__LINE__);
+    return rc;
+}
+
+// Name changes live in the directory, not in the file: a synced file that
+// was renamed into place, or a table that was unlinked, can come back as it
+// was after a power loss until the directory itself is synced.  Once per
+// call that ends in such a change (create, commit by rename, copy, move,
+// delete, repair); appends and in-place commits change no name.
+qx_int32_t sr_i_sync_directory_of(const char *p_path) {
+    const char *p_slash = std::strrchr(p_path, '/');
+    const size_t length = p_slash == nullptr ? 0 : static_cast<size_t>(p_slash - p_path);
+    char *p_directory = static_cast<char *>(sr_i_malloc(length + 2));
+    if (p_directory == nullptr) return SR_ERROR(12);
+    if (p_slash == nullptr) {
+        std::memcpy(p_directory, ".", 2);
+    } else if (length == 0) {
+        std::memcpy(p_directory, "/", 2);
+    } else {
+        std::memcpy(p_directory, p_path, length);
+        p_directory[length] = '\0';
+    }
+    int fd = sr_i_open_file(p_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    std::free(p_directory);
+    if (fd < 0) {
+        int the_errno = errno;
+        sr_i_capture_errno("open", the_errno, __LINE__, sr_i_this_source.version);
+        return SR_ERROR_FILE("open", the_errno, false);
+    }
+    sr_i_retries_t retries;
+    qx_int32_t rc = 0;
+    for (;;) {
+        if (sr_i_file_ops.p_fsync(fd) == 0) break;
+        int the_errno = errno;
+        sr_i_capture_errno("fsync", the_errno, __LINE__, sr_i_this_source.version);
+        if (the_errno == EINTR && retries.retry()) continue;
+        rc = SR_ERROR_FILE("fsync", the_errno, false);
+        break;
+    }
+    retries.finish(__LINE__);
+    close(fd);
     return rc;
 }
