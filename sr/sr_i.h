@@ -543,6 +543,8 @@ struct sr_i_file_ops_t {
     int (*p_rename)(const char *p_from, const char *p_to);
     int (*p_unlink)(const char *p_path);
     int (*p_ftruncate)(int fd, off_t length);
+    /* rename(2) that fails with EEXIST instead of replacing p_to. */
+    int (*p_rename_noreplace)(const char *p_from, const char *p_to);
 };
 extern const sr_i_file_ops_t sr_i_default_file_ops;
 extern sr_i_file_ops_t sr_i_file_ops;
@@ -573,6 +575,10 @@ qx_int32_t sr_i_fdatasync(qx_int32_t fd);
  * is and reported (10 naming "fsync", or "open"); the name change itself has
  * been made and stays. */
 qx_int32_t sr_i_sync_directory_of(const char *p_path);
+/* Whether p_path still names the file fd is open on.  After waiting for a
+ * file's lock, the file may have been renamed over the path (or the path
+ * removed) by the holder; the waiter must then start again on the path. */
+bool sr_i_fd_names_path(qx_int32_t fd, const char *p_path);
 
 /* ===========================================================================
  * Transactions: apply, commit, abort and the implicit cycle.  Every routine

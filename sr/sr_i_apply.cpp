@@ -190,20 +190,27 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     const char *p_path = sr_i_set_rewrite_path(p_table);
     // Not truncated: a longer file left by a crash keeps bytes past the new
     // commit record, where no reader looks.
-    qx_int32_t fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) {
-        qx_int32_t rc = TX_ERROR_FILE("open", errno);
-        sr_i_set_data_path(p_table);
-        return rc;
-    }
-    p_table->rewrite_file_fd = fd;
-    // Another process rewriting the same table waits here until this one has
-    // renamed or removed the file.
-    while (lockf(fd, F_LOCK, 0) != 0) {
-        if (errno == EINTR) continue;
-        qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
-        sr_i_discard_rewrite_file(p_table);
-        return rc;
+    qx_int32_t fd = -1;
+    for (;;) {
+        fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
+        if (fd < 0) {
+            qx_int32_t rc = TX_ERROR_FILE("open", errno);
+            sr_i_set_data_path(p_table);
+            return rc;
+        }
+        p_table->rewrite_file_fd = fd;
+        // Another process writing an image of the same table waits here
+        // until this one has renamed or removed the file.
+        while (lockf(fd, F_LOCK, 0) != 0) {
+            if (errno == EINTR) continue;
+            qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
+            sr_i_discard_rewrite_file(p_table);
+            return rc;
+        }
+        // A file the holder renamed into place meanwhile is a live table.
+        if (sr_i_fd_names_path(fd, p_path)) break;
+        close(fd);
+        p_table->rewrite_file_fd = -1;
     }
     // Registered as a lock holder: after the rename this descriptor is the
     // data file's, and the writer's lock must survive other opens of the file

@@ -130,6 +130,9 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
         return TX_ERROR_FILE("rename", err);
     }
     free(p_rewrite_path);
+    // Without its directory the rename may be undone by a power loss, and
+    // with it this commit.  The switch is made: a failure is captured only.
+    (void)sr_i_sync_directory_of(sr_i_set_data_path(p_table));
     sr_i_test_pause("rewrite-after-rename");
     // The old file goes, and with it its lock; the rewrite file's descriptor
     // already holds the lock of what is now the data file.

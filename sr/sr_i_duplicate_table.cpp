@@ -109,13 +109,20 @@ bool has_uncommitted_state(const sr_i_table_t *p_table) {
 // out until the image is renamed or removed; emptying it only after the lock
 // is held never cuts such a writer's image short.
 qx_int32_t open_image_file(char *p_rewrite_path, qx_int32_t *p_fd) {
-    qx_int32_t fd = sr_i_open_file(p_rewrite_path, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) return SR_ERROR_FILE("open", errno, false);
-    if (lock_whole_file(fd, F_LOCK) != 0) {
-        qx_int32_t rc = SR_ERROR_SYSCALL("lockf", errno);
+    qx_int32_t fd = -1;
+    for (;;) {
+        fd = sr_i_open_file(p_rewrite_path, O_RDWR | O_CREAT, 0644);
+        if (fd < 0) return SR_ERROR_FILE("open", errno, false);
+        if (lock_whole_file(fd, F_LOCK) != 0) {
+            qx_int32_t rc = SR_ERROR_SYSCALL("lockf", errno);
+            close(fd);
+            unlink(p_rewrite_path);
+            return rc;
+        }
+        // The holder we waited for may have renamed this very file into
+        // place: it is a live table now, not ours to empty.
+        if (sr_i_fd_names_path(fd, p_rewrite_path)) break;
         close(fd);
-        unlink(p_rewrite_path);
-        return rc;
     }
     if (sr_i_file_ops.p_ftruncate(fd, 0) != 0) {
         qx_int32_t rc = SR_ERROR_FILE("ftruncate", errno, false);
@@ -294,41 +301,52 @@ qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_abso
     qx_int32_t rc = sr_i_lock_tree(p_absolute_target_path, F_LOCK, &lock_fd);
     if (rc != 0) return rc;
     qx_int32_t fd = given_fd;
-    if (fd < 0) {
-        // A missing target is not made here: it appears only by the rename of
-        // a complete image, so that a copy that dies half-way leaves no
-        // empty, unreadable table behind.  Nobody can hold the lock of a
-        // file that does not exist, and other copiers wait on ",Lock".
-        fd = sr_i_open_file(p_absolute_target_path, O_RDWR, 0644);
-        if (fd < 0 && errno == ENOENT) {
-            *p_local_tree_lock_fd = lock_fd;
-            return 0;
-        }
+    for (;;) {
         if (fd < 0) {
-            rc = SR_ERROR_FILE("open", errno, false);
-            close(lock_fd);
-            return rc;
+            // A missing target is not made here: it appears only by the rename of
+            // a complete image, so that a copy that dies half-way leaves no
+            // empty, unreadable table behind.  Nobody can hold the lock of a
+            // file that does not exist, and other copiers wait on ",Lock".
+            fd = sr_i_open_file(p_absolute_target_path, O_RDWR, 0644);
+            if (fd < 0 && errno == ENOENT) {
+                *p_local_tree_lock_fd = lock_fd;
+                return 0;
+            }
+            if (fd < 0) {
+                rc = SR_ERROR_FILE("open", errno, false);
+                close(lock_fd);
+                return rc;
+            }
+            // Registered: if this process has the target open for write in
+            // another tree, closing this descriptor must not drop that lock.
+            rc = sr_i_register_data_file(fd, 1);
+            if (rc != 0) {
+                close(fd);
+                close(lock_fd);
+                return rc;
+            }
         }
-        // Registered: if this process has the target open for write in
-        // another tree, closing this descriptor must not drop that lock.
-        rc = sr_i_register_data_file(fd, 1);
-        if (rc != 0) {
-            close(fd);
-            close(lock_fd);
-            return rc;
-        }
-    }
-    // Waits for a writer of the target in another process to close it.
-    if (lock_whole_file(fd, F_LOCK) != 0) {
-        rc = SR_ERROR_SYSCALL("lockf", errno);
-    } else {
-        off64_t end = lseek64(fd, 0, SEEK_END);
-        if (end < 0) {
-            rc = SR_ERROR_SYSCALL("lseek64", errno);
+        // Waits for a writer of the target in another process to close it.
+        if (lock_whole_file(fd, F_LOCK) != 0) {
+            rc = SR_ERROR_SYSCALL("lockf", errno);
         } else {
-            *p_target_length =
-                end > static_cast<off64_t>(UINT32_MAX) ? UINT32_MAX : static_cast<qx_uint32_t>(end);
+            off64_t end = lseek64(fd, 0, SEEK_END);
+            if (end < 0) {
+                rc = SR_ERROR_SYSCALL("lseek64", errno);
+            } else {
+                *p_target_length =
+                    end > static_cast<off64_t>(UINT32_MAX) ? UINT32_MAX : static_cast<qx_uint32_t>(end);
+            }
         }
+        if (rc == 0 && given_fd < 0 && !sr_i_fd_names_path(fd, p_absolute_target_path)) {
+            // While we waited, the writer renamed a rewritten file over the
+            // target (or removed it): the lock we hold is on a file the path no
+            // longer names, and its writer may still be writing the new one.
+            sr_i_close_data_file(fd);
+            fd = -1;
+            continue;
+        }
+        break;
     }
     if (rc != 0) {
         if (given_fd < 0) sr_i_close_data_file(fd);
@@ -571,6 +589,17 @@ qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p
     if (sr_i_file_ops.p_rename(p_source_file, p_target_file) != 0) {
         return SR_ERROR_FILE("rename", errno, true);
     }
+    // The copy or move is durable only with the directories that changed;
+    // it is made, so a failure to sync them is captured, not returned.
+    (void)sr_i_sync_directory_of(p_target_file);
+    const char *p_source_slash = std::strrchr(p_source_file, '/');
+    const char *p_target_slash = std::strrchr(p_target_file, '/');
+    const size_t source_directory = p_source_slash == nullptr ? 0 : p_source_slash - p_source_file;
+    const size_t target_directory = p_target_slash == nullptr ? 0 : p_target_slash - p_target_file;
+    if (source_directory != target_directory ||
+        std::strncmp(p_source_file, p_target_file, source_directory) != 0) {
+        (void)sr_i_sync_directory_of(p_source_file);
+    }
     return 0;
 }
 
@@ -581,7 +610,7 @@ qx_int32_t sr_i_remove_table(sr_i_table_t *p_table) {
         }
         // A rewrite file left by a crash goes too; usually there is none.
         (void)sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
-        sr_i_set_data_path(p_table);
+        (void)sr_i_sync_directory_of(sr_i_set_data_path(p_table));
     }
     drop_from_tree(p_table);
     return 0;
@@ -597,6 +626,7 @@ qx_int32_t sr_i_remove_persistent_table_without_handle(sr_i_tree_t *p_tree,
         (void)sr_i_file_ops.p_unlink(p_rewrite);
         std::free(p_rewrite);
     }
+    (void)sr_i_sync_directory_of(p_absolute_table_path);
     void *p_node = tfind(p_absolute_table_path, &p_tree->p_tables, sr_i_string_to_table_compare);
     if (p_node != nullptr) {
         sr_i_table_t *p_table = *static_cast<sr_i_table_t **>(p_node);

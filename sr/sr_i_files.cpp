@@ -10,6 +10,7 @@
 // them fail in exactly the way a real disk or signal would.
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,6 +25,17 @@ namespace {
 
 int sr_i_real_open(const char *p_path, int flags, mode_t mode) {
     return open(p_path, flags, mode);
+}
+
+// Where the file system cannot rename without replacing, a link and an
+// unlink give the same guarantee; only a crash between the two can leave
+// both names (the ".rewrite" name is then cleaned up like any left-over).
+int sr_i_real_rename_noreplace(const char *p_from, const char *p_to) {
+    if (renameat2(AT_FDCWD, p_from, AT_FDCWD, p_to, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return -1;
+    if (link(p_from, p_to) != 0) return -1;
+    (void)unlink(p_from);
+    return 0;
 }
 
 int sr_i_real_usleep(unsigned int microseconds) {
@@ -59,7 +71,7 @@ namespace {
 // the process could use it.
 constexpr sr_i_file_ops_t kRealFileOps = {
     sr_i_real_open, write, writev, fdatasync, mkdir, sr_i_real_usleep,
-    fsync,          rename, unlink, ftruncate,
+    fsync,          rename, unlink, ftruncate, sr_i_real_rename_noreplace,
 };
 
 }  // namespace
@@ -214,4 +226,10 @@ qx_int32_t sr_i_sync_directory_of(const char *p_path) {
     retries.finish(__LINE__);
     close(fd);
     return rc;
+}
+
+bool sr_i_fd_names_path(qx_int32_t fd, const char *p_path) {
+    struct stat held, named;
+    return fstat(fd, &held) == 0 && stat(p_path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
 }

@@ -39,6 +39,9 @@ qx_int32_t delete_table(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
         // The resolved path has room for the suffix.
         std::memcpy(p_absolute + length, ".rewrite", 9);
         (void)sr_i_file_ops.p_unlink(p_absolute);
+        // Gone for good only once the directory is synced; the table is
+        // gone either way, so a failure is captured, not returned.
+        (void)sr_i_sync_directory_of(p_absolute);
     }
     std::free(p_absolute);
     return rc;

@@ -156,6 +156,46 @@ TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIn
     EXPECT_EQ(sr_close_table_1(table), 0);
 }
 
+// A copy over a table waits for the table's writer.  When the writer commits
+// a rewrite, the file the copy waited on is renamed away and its lock freed
+// while the writer goes on with the new file: the copy must wait for that one.
+TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrite) {
+    ASSERT_EQ(sr_close_table_1(Create("/m/s", ScalarColumns(2))), 0);
+    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2), 6);
+    ASSERT_NE(p_writer, nullptr);
+    Channel ready, done;
+    pid_t pid = fork();
+    if (pid == 0) {
+        sr_opaque_handle_t tree = ChildTree();
+        ready.Send(1);
+        char source[] = "/m/s", target[] = "/m/t";
+        qx_int32_t rc = sr_copy_table_by_name_1(tree, source, target, 1);
+        done.Send(rc == 0 ? 1 : -rc);
+        _exit(0);
+    }
+    ASSERT_EQ(ready.Receive(5000), 1);
+    EXPECT_EQ(done.Receive(300), -1) << "the copy did not wait for the writer";
+    ASSERT_EQ(AddRow(p_writer, 1), 0);
+    ASSERT_EQ(sr_i_apply(p_writer, 1, 0), 0);  // a complete new image...
+    ASSERT_EQ(sr_i_commit(p_writer), 0);       // ...renamed over the file
+    EXPECT_EQ(done.Receive(300), -1) << "the copy went ahead under the writer";
+    ASSERT_EQ(AddRow(p_writer, 2), 0);
+    ASSERT_EQ(sr_apply_1(p_writer, 0), 0);
+    ASSERT_EQ(sr_commit_1(p_writer), 0);
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    sr_opaque_handle_t reader = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 1, &reader), 0);
+    EXPECT_EQ(static_cast<sr_i_table_t *>(reader)->total_committed_rows, 2u)
+        << "the writer's commits went to a file the copy replaced";
+    ASSERT_EQ(sr_close_table_1(reader), 0);
+    ASSERT_EQ(sr_close_table_1(p_writer), 0);
+    EXPECT_EQ(done.Receive(5000), 1);
+    EXPECT_EQ(WaitChild(pid), 0);
+    sr_close_tree_1(other);
+}
+
 TEST_F(TableProcessConcurrencyTest, ReaderInAnotherProcessSeesTheCommittedStateWithoutWaiting) {
     FileImage image = NewFile("t");
     image.Row(0, {1, 10});
