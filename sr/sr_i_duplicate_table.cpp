@@ -334,8 +334,9 @@ qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_abso
             if (end < 0) {
                 rc = SR_ERROR_SYSCALL("lseek64", errno);
             } else {
-                *p_target_length =
-                    end > static_cast<off64_t>(UINT32_MAX) ? UINT32_MAX : static_cast<qx_uint32_t>(end);
+                *p_target_length = end > static_cast<off64_t>(UINT32_MAX)
+                                       ? UINT32_MAX
+                                       : static_cast<qx_uint32_t>(end);
             }
         }
         if (rc == 0 && given_fd < 0 && !sr_i_fd_names_path(fd, p_absolute_target_path)) {

@@ -70,8 +70,17 @@ namespace {
 // Constant-initialised, so the door is set before any static constructor of
 // the process could use it.
 constexpr sr_i_file_ops_t kRealFileOps = {
-    sr_i_real_open, write, writev, fdatasync, mkdir, sr_i_real_usleep,
-    fsync,          rename, unlink, ftruncate, sr_i_real_rename_noreplace,
+    sr_i_real_open,
+    write,
+    writev,
+    fdatasync,
+    mkdir,
+    sr_i_real_usleep,
+    fsync,
+    rename,
+    unlink,
+    ftruncate,
+    sr_i_real_rename_noreplace,
 };
 
 }  // namespace

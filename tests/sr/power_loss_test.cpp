@@ -286,9 +286,7 @@ class PowerLossTest : public TransactionTest {
     }
 
     // One durable call of the workload, marked in the recording.
-    void Call(const char *p_what, qx_int32_t rc) {
-        EXPECT_EQ(rc, 0) << p_what;
-    }
+    void Call(const char *p_what, qx_int32_t rc) { EXPECT_EQ(rc, 0) << p_what; }
     template <typename F>
     void Durable(const char *p_what, F &&f) {
         Rec.ops.push_back(Op(Kind::begin));
@@ -314,8 +312,8 @@ class PowerLossTest : public TransactionTest {
             WriteBytes(path, bytes);
             sr_i_table_t *p_table = nullptr;
             qx_int32_t rc =
-                sr_i_open_persistent_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
-                                           path.c_str(), SR_MODE_READ, 512, nullptr, &p_table);
+                sr_i_open_persistent_table(static_cast<sr_i_tree_t *>(tree_), nullptr, path.c_str(),
+                                           SR_MODE_READ, 512, nullptr, &p_table);
             unlink(path.c_str());
             all += name + ":";
             if (rc != 0) {
@@ -349,9 +347,8 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     Record();
     sr_opaque_handle_t t = nullptr, e = nullptr;
     std::vector<sr_column_t> columns = ScalarColumns(2);
-    Durable("create", [&] {
-        return sr_create_table_1(tree_, Text("/m/t"), columns.data(), 2, 2, &t);
-    });
+    Durable("create",
+            [&] { return sr_create_table_1(tree_, Text("/m/t"), columns.data(), 2, 2, &t); });
     for (int k = 1; k <= 4; ++k) Durable("implicit add", [&] { return AddRow(t, k); });
     Durable("implicit set", [&] {
         qx_value_t key{}, v{};
@@ -369,20 +366,19 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
         return sr_add_columns_1(t, &c, 1);
     });
     Durable("implicit add", [&] { return AddRow(t, 5); });
-    Durable("create explicit", [&] {
-        return sr_create_table_1(tree_, Text("/m/e"), columns.data(), 2, 6, &e);
-    });
+    Durable("create explicit",
+            [&] { return sr_create_table_1(tree_, Text("/m/e"), columns.data(), 2, 6, &e); });
     EXPECT_EQ(AddRow(e, 1), 0);
     EXPECT_EQ(AddRow(e, 2), 0);
     Durable("apply", [&] { return sr_apply_1(e, 0); });
     Durable("commit", [&] { return sr_commit_1(e); });
     EXPECT_EQ(AddRow(e, 3), 0);
-    Durable("apply by rewrite",
-            [&] { return sr_i_apply(static_cast<sr_i_table_t *>(e), 1, 0); });
+    Durable("apply by rewrite", [&] { return sr_i_apply(static_cast<sr_i_table_t *>(e), 1, 0); });
     Durable("commit by rename", [&] { return sr_commit_1(e); });
     Durable("copy", [&] { return sr_copy_table_by_name_1(tree_, Text("/m/t"), Text("/m/c"), 0); });
     Durable("implicit add", [&] { return AddRow(t, 6); });
-    Durable("copy over", [&] { return sr_copy_table_by_name_1(tree_, Text("/m/t"), Text("/m/c"), 1); });
+    Durable("copy over",
+            [&] { return sr_copy_table_by_name_1(tree_, Text("/m/t"), Text("/m/c"), 1); });
     Durable("move", [&] { return sr_move_table_by_name_1(tree_, Text("/m/c"), Text("/m/d"), 0); });
     Durable("delete", [&] { return sr_delete_table_1(tree_, Text("/m/d")); });
     Rec.on = false;
