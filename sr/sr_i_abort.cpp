@@ -106,8 +106,9 @@ qx_int32_t sr_i_abort(sr_i_table_t *p_table) {
             trace_abort(kTruncate, p_table);
             // file_length keeps its larger value: it only ever grows, and the
             // next apply writes from the committed end whatever it says.
-            if (sr_i_file_ops.p_ftruncate(p_table->file_fd, static_cast<off_t>(p_table->commit_record_offset) +
-                                                p_table->commit_record_length) != 0) {
+            if (sr_i_file_ops.p_ftruncate(p_table->file_fd,
+                                          static_cast<off_t>(p_table->commit_record_offset) +
+                                              p_table->commit_record_length) != 0) {
                 // Ignored: see the file comment.
             }
             (void)sr_i_fdatasync(p_table->file_fd);

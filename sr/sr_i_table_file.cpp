@@ -209,8 +209,8 @@ qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock) {
         }
     }
     if (rc == 0) {
-        P_Data_Files[Total_Data_Files++] = {fd,         st.st_dev, st.st_ino, holds_lock != 0,
-                                            false,      holds_lock == 2 ? getpid() : 0};
+        P_Data_Files[Total_Data_Files++] = {
+            fd, st.st_dev, st.st_ino, holds_lock != 0, false, holds_lock == 2 ? getpid() : 0};
     }
     pthread_mutex_unlock(&Data_Files_Mutex);
     return rc;

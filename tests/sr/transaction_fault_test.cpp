@@ -45,7 +45,8 @@ ssize_t FaultyWritev(int fd, const struct iovec *p_vector, int count) {
 }
 int FaultyFdatasync(int fd) {
     ++P.sync_calls;
-    if (P.sync_calls == P.sync_fail_at || (P.sync_fail_from > 0 && P.sync_calls >= P.sync_fail_from)) {
+    if (P.sync_calls == P.sync_fail_at ||
+        (P.sync_fail_from > 0 && P.sync_calls >= P.sync_fail_from)) {
         errno = P.sync_errno;
         return -1;
     }
