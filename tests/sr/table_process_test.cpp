@@ -5,6 +5,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -402,6 +404,61 @@ TEST_F(TableProcessConcurrencyTest, ThreadsOfOneTreeShareOneRecord) {
     EXPECT_TRUE(LockedForOthers(File("t")));
     EXPECT_EQ(sr_close_table_1(p_table), 0);
     EXPECT_FALSE(LockedForOthers(File("t")));
+}
+
+// A thread cancelled while an exported call waits in lockf: the call must
+// finish (cancellation takes effect after it), or the tree's lock it holds
+// would never be released and the next call on the tree would hang.
+class CancellationTest : public TableProcessConcurrencyTest {};
+
+TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) {
+    ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
+    Channel ready, release;
+    pid_t holder = fork();
+    if (holder == 0) {
+        sr_opaque_handle_t tree = ChildTree();
+        sr_opaque_handle_t table = nullptr;
+        if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
+        ready.Send(1);
+        release.Receive(10000);
+        _exit(0);
+    }
+    ASSERT_EQ(ready.Receive(5000), 1);
+    pthread_t waiter;
+    ASSERT_EQ(pthread_create(
+                  &waiter, nullptr,
+                  [](void *p_tree) -> void * {
+                      sr_opaque_handle_t table = nullptr;
+                      char path[] = "/m/t";
+                      (void)sr_open_table_1(p_tree, path, 2, &table);
+                      pthread_testcancel();
+                      return nullptr;
+                  },
+                  tree_),
+              0);
+    usleep(200000);  // the waiter is in lockf now
+    ASSERT_EQ(pthread_cancel(waiter), 0);
+    usleep(100000);
+    release.Send(1);
+    EXPECT_EQ(WaitChild(holder), 0);
+    // Finished either way: through its call, or cancelled inside it.
+    EXPECT_EQ(pthread_join(waiter, nullptr), 0);
+    // A child probes the tree: it hangs if the waiter died holding a lock.
+    pid_t probe = fork();
+    if (probe == 0) {
+        sr_opaque_handle_t table = nullptr;
+        char path[] = "/m/t";
+        _exit(sr_open_table_1(tree_, path, 1, &table) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    for (int i = 0; i < 300 && waitpid(probe, &status, WNOHANG) == 0; ++i) usleep(10000);
+    if (waitpid(probe, &status, WNOHANG) == 0) {
+        kill(probe, SIGKILL);
+        WaitChild(probe);
+        ADD_FAILURE() << "the tree's lock was left held by the cancelled thread";
+        return;
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST_F(TableProcessConcurrencyTest, DescriptorsNotRegisteredAreSimplyClosed) {
