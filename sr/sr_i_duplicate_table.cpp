@@ -267,6 +267,18 @@ char *map_address(const sr_i_record_buffer_pool_duplication_map_t *p_map, const 
     return nullptr;
 }
 
+// A new row record in p_table's pool with the data of the row record at
+// p_data, which lies outside any pool.  0 or 12.
+qx_int32_t copy_foreign_record(sr_i_table_t *p_table, const char *p_data, char **p_copy) {
+    const qx_uint32_t length = sr_i_record_length(p_data - SR_I_RECORD_HEADER_LENGTH);
+    const qx_uint32_t data_length =
+        length > SR_I_RECORD_HEADER_LENGTH ? length - SR_I_RECORD_HEADER_LENGTH : 0;
+    qx_int32_t rc = sr_i_reserve_record(&p_table->record_buffer_pool, data_length,
+                                        SR_I_RECORD_TYPE_ROW, p_copy);
+    if (rc == 0) std::memcpy(*p_copy, p_data, data_length);
+    return rc;
+}
+
 }  // namespace
 
 qx_int32_t sr_i_lock_tree(const char *p_absolute_path, int lock_type, qx_int32_t *p_fd) {
@@ -444,6 +456,11 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
             std::memset(&to, 0, sizeof to);
             char *p_applied =
                 from.p_applied != nullptr ? map_address(p_map, from.p_applied, &hint) : nullptr;
+            if (from.p_applied != nullptr && p_applied == nullptr) {
+                // A table unpacked from a caller's buffer reads its rows in
+                // that buffer, outside its pool: the copy takes its own.
+                rc = copy_foreign_record(p_new, from.p_applied, &p_applied);
+            }
             if (from.p_committed != nullptr && from.p_committed != from.p_applied) {
                 rc = sr_i_rb_free_record(&p_new->record_buffer_pool,
                                          map_address(p_map, from.p_committed, &hint));
