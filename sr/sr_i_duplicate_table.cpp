@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "sr_i.h"
 
@@ -242,6 +243,8 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
         return rc;
     }
     sr_i_swap_after_metadata_update(p_target, p_fresh);
+    // The copied file's application metadata comes with its rows.
+    std::swap(p_target->p_application_metadata, p_fresh->p_application_metadata);
     // Client values handed out from the old rows die with them.
     qx_int32_t unlock_rc = sr_i_rw_unlock_write(&p_target->lock);
     sr_i_close_table(p_fresh);

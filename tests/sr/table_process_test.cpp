@@ -15,6 +15,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -335,6 +337,46 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesTheReadToWriteReload) {
     EXPECT_TRUE(LockedForOthers(File("t"))) << "while one open remains";
     ASSERT_EQ(sr_close_table_1(writer), 0);
     EXPECT_FALSE(LockedForOthers(File("t"))) << "after the last close";
+}
+
+// The application metadata the file holds, read by a fresh open.
+std::string MetadataOf(sr_opaque_handle_t tree, const char *p_path) {
+    sr_opaque_handle_t table = nullptr;
+    if (sr_open_table_1(tree, const_cast<char *>(p_path), 1, &table) != 0) return "<no open>";
+    qx_binary_t *p_binary = nullptr;
+    std::string text = "<none>";
+    if (sr_get_application_metadata_1(table, &p_binary) == 0 && p_binary != nullptr) {
+        text.assign(reinterpret_cast<const char *>(p_binary->data), p_binary->length);
+        std::free(p_binary);
+    }
+    sr_close_table_1(table);
+    return text;
+}
+
+// A reader's record upgraded to a writer's is read again from the file: the
+// application metadata another tree committed meanwhile comes with the rows,
+// or the next commit would write the stale one back over it.
+TEST_F(TableProcessConcurrencyTest, ReloadForWriteTakesTheApplicationMetadataOfTheFile) {
+    ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
+    sr_opaque_handle_t reader = nullptr;
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 1, &reader), 0);
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    sr_opaque_handle_t writer = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 2, &writer), 0);
+    alignas(qx_binary_t) char storage[sizeof(qx_binary_t) + 8] = {};
+    auto *p_binary = reinterpret_cast<qx_binary_t *>(storage);
+    p_binary->length = 5;
+    std::memcpy(p_binary->data, "fresh", 5);
+    ASSERT_EQ(sr_set_application_metadata_1(writer, p_binary), 0);
+    ASSERT_EQ(sr_close_table_1(writer), 0);
+    sr_close_tree_1(other);
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 2, &writer), 0);  // the reload
+    ASSERT_EQ(AddRow(writer, 1), 0);
+    ASSERT_EQ(sr_close_table_1(writer), 0);
+    ASSERT_EQ(sr_close_table_1(reader), 0);
+    EXPECT_EQ(MetadataOf(tree_, "/m/t"), "fresh");
 }
 
 int OpenDescriptors() {
