@@ -265,6 +265,11 @@ typedef struct sr_i_table_struct {
     sr_i_read_write_lock_t lock;
     sr_i_record_buffer_pool_t record_buffer_pool;
     struct iovec io_vector[SR_I_IO_VECTOR_SIZE];
+    /* Memory-only overlays: each overlaid column's qualifier and default as
+     * the file has them and as overlaid (sr_i_update_metadata.cpp). */
+    struct sr_i_overlay_struct *p_overlays;
+    qx_uint32_t total_overlays;
+    qx_uint32_t overlays_hidden;
 } sr_i_table_t;
 
 /* ===========================================================================
@@ -1025,6 +1030,13 @@ qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new
 /* Memory-only changes of one column definition; nothing is written. */
 qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                              qx_value_t new_default_value);
+/* Whatever writes the metadata record writes it without the overlays: the
+ * column array, once in offset form, holds the file's definitions, and its
+ * conversion back to pointers puts the overlays back (calls nest).  Also
+ * sr_i_overlays_to_file_form on a private copy of the column array. */
+void sr_i_overlays_hide(sr_i_table_t *p_table);
+void sr_i_overlays_show(sr_i_table_t *p_table);
+void sr_i_overlays_to_file_form(const sr_i_table_t *p_table, char *p_column_array);
 qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                                 sr_qualifier_t new_qualifier);
 

@@ -217,9 +217,11 @@ qx_int32_t sr_i_reserve_metadata_record(sr_i_record_buffer_pool_t *p_record_buff
 
 void sr_i_convert_columns_pointers_to_offsets(sr_i_table_t *p_table) {
     shift_column_pointers(p_table, true);
+    sr_i_overlays_hide(p_table);
 }
 
 void sr_i_convert_columns_offsets_to_pointers(sr_i_table_t *p_table) {
+    sr_i_overlays_show(p_table);
     shift_column_pointers(p_table, false);
 }
 

@@ -205,6 +205,7 @@ char *metadata_image_of(const sr_i_table_t *p_table) {
         std::memcpy(p_entry + offsetof(sr_column_t, name), &name, sizeof name);
         std::memcpy(p_entry + offsetof(sr_column_t, sd_defn), &sd, sizeof sd);
     }
+    sr_i_overlays_to_file_form(p_table, p_image + array_offset);
     return p_image;
 }
 

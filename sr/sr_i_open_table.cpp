@@ -175,6 +175,7 @@ qx_int32_t sr_i_close_table(sr_i_table_t *p_table) {
         sr_i_close_data_file(p_table->rewrite_file_fd);
     }
     std::free(p_table->p_persistent_table_registry_path);
+    std::free(p_table->p_overlays);
     if (p_table->p_application_metadata != nullptr) {
         sr_i_free_application_metadata(p_table->p_application_metadata);
     }
