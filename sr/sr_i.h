@@ -439,6 +439,9 @@ void sr_i_close_data_file(qx_int32_t fd);
  * claims of others: for a record that replaces an open writer's. */
 qx_int32_t sr_i_lock_data_file(qx_int32_t fd);
 bool sr_i_data_file_claimed(qx_int32_t fd);
+/* A parked descriptor of the file p_path names, taken back into use for a
+ * reader (registered, holding no lock), or -1 when there is none. */
+qx_int32_t sr_i_reuse_parked_data_file(const char *p_path);
 void sr_i_hand_over_claim(bool on);
 
 /* Creating tables.  sr_x_create_table consumes p_rows_hash_table and

@@ -260,6 +260,24 @@ qx_int32_t sr_i_lock_data_file(qx_int32_t fd) {
     return SR_ERROR_SYSCALL("lockf", err);
 }
 
+qx_int32_t sr_i_reuse_parked_data_file(const char *p_path) {
+    struct stat st;
+    if (stat(p_path, &st) != 0) return -1;
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_int32_t fd = -1;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        data_file_t &f = P_Data_Files[i];
+        if (f.parked && f.dev == st.st_dev && f.ino == st.st_ino) {
+            f.parked = false;
+            f.holds_lock = false;
+            fd = f.fd;
+            break;
+        }
+    }
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return fd;
+}
+
 bool sr_i_data_file_claimed(qx_int32_t fd) {
     const pid_t self = getpid();
     pthread_mutex_lock(&Data_Files_Mutex);
@@ -638,6 +656,13 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     const bool writer = (mode & SR_MODE_WRITE) != 0;
     qx_int32_t fd = -1;
     for (;;) {
+        // A reader takes a descriptor of the file parked beside this
+        // process's writer, if there is one, rather than parking one more.
+        fd = writer ? -1 : sr_i_reuse_parked_data_file(sr_i_set_data_path(p_new));
+        if (fd >= 0) {
+            p_new->file_fd = fd;
+            break;
+        }
         fd = sr_i_open_file(sr_i_set_data_path(p_new), writer ? O_RDWR : O_RDONLY, 0644);
         if (fd < 0) {
             rc = SR_ERROR_FILE("open", errno, true);

@@ -388,6 +388,28 @@ int OpenDescriptors() {
     return count;
 }
 
+// While this process writes a table, a reader's descriptor of it cannot be
+// closed (that would drop the writer's lock) and is parked; readers that come
+// and go must reuse parked descriptors, or churn ends in EMFILE.
+TEST_F(TableProcessConcurrencyTest, ReadersComingAndGoingBesideAWriterReuseDescriptors) {
+    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
+    ASSERT_NE(p_writer, nullptr);
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    const int before = OpenDescriptors();
+    for (int i = 0; i < 200; ++i) {
+        sr_opaque_handle_t reader = nullptr;
+        ASSERT_EQ(sr_open_table_1(other, Text("/m/t"), 1, &reader), 0);
+        ASSERT_EQ(sr_close_table_1(reader), 0);
+    }
+    EXPECT_LE(OpenDescriptors(), before + 1);
+    EXPECT_TRUE(LockedForOthers(File("t")));
+    sr_close_tree_1(other);
+    ASSERT_EQ(sr_close_table_1(p_writer), 0);
+    EXPECT_FALSE(LockedForOthers(File("t")));
+}
+
 // Threads of one process, each with a tree of its own, open and close one
 // table for read and for write side by side: every descriptor is closed in
 // the end and no lock is left.
