@@ -286,11 +286,10 @@ class PowerLossTest : public TransactionTest {
     }
 
     // One durable call of the workload, marked in the recording.
-    void Call(const char *p_what, qx_int32_t rc) { EXPECT_EQ(rc, 0) << p_what; }
     template <typename F>
     void Durable(const char *p_what, F &&f) {
         Rec.ops.push_back(Op(Kind::begin));
-        Call(p_what, f());
+        EXPECT_EQ(f(), 0) << p_what;
         Rec.ops.push_back(Op(Kind::end));
     }
 
@@ -498,7 +497,8 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
             failures += count;
         }
     }
-    std::printf("power loss: %d crash states over %zu recorded calls\n", total, Rec.ops.size());
+    std::printf("power loss: %d crash states, %zu recorded operations of %d calls\n", total,
+                Rec.ops.size(), returned);
     EXPECT_GE(total, 10000);
     EXPECT_EQ(failures, 0) << first_failure;
 }
