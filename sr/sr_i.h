@@ -442,6 +442,9 @@ bool sr_i_data_file_claimed(qx_int32_t fd);
 /* A parked descriptor of the file p_path names, taken back into use for a
  * reader (registered, holding no lock), or -1 when there is none. */
 qx_int32_t sr_i_reuse_parked_data_file(const char *p_path);
+/* Closes a data file descriptor that could not be registered, unless a
+ * writer of this process holds the file's lock (then it stays open). */
+void sr_i_close_unregistered_data_file(qx_int32_t fd);
 void sr_i_hand_over_claim(bool on);
 
 /* Creating tables.  sr_x_create_table consumes p_rows_hash_table and

@@ -337,7 +337,7 @@ qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_abso
             // another tree, closing this descriptor must not drop that lock.
             rc = sr_i_register_data_file(fd, 1);
             if (rc != 0) {
-                close(fd);
+                sr_i_close_unregistered_data_file(fd);
                 close(lock_fd);
                 return rc;
             }

@@ -260,6 +260,25 @@ qx_int32_t sr_i_lock_data_file(qx_int32_t fd) {
     return SR_ERROR_SYSCALL("lockf", err);
 }
 
+void sr_i_close_unregistered_data_file(qx_int32_t fd) {
+    struct stat st;
+    bool holder = false;
+    if (fstat(fd, &st) == 0) {
+        pthread_mutex_lock(&Data_Files_Mutex);
+        for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+            const data_file_t &f = P_Data_Files[i];
+            if (f.dev == st.st_dev && f.ino == st.st_ino && f.holds_lock && !f.parked) {
+                holder = true;
+            }
+        }
+        pthread_mutex_unlock(&Data_Files_Mutex);
+    }
+    // Closing it would drop the lock a writer of this process holds on the
+    // file, and there was no memory to park it: one descriptor is given up
+    // rather than the lock.
+    if (!holder) close(fd);
+}
+
 qx_int32_t sr_i_reuse_parked_data_file(const char *p_path) {
     struct stat st;
     if (stat(p_path, &st) != 0) return -1;
@@ -671,7 +690,7 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         }
         rc = sr_i_register_data_file(fd, writer ? 1 : 0);
         if (rc != 0) {
-            close(fd);
+            sr_i_close_unregistered_data_file(fd);
             sr_i_close_table(p_new);
             return rc;
         }

@@ -410,6 +410,43 @@ TEST_F(TableProcessConcurrencyTest, ReadersComingAndGoingBesideAWriterReuseDescr
     EXPECT_FALSE(LockedForOthers(File("t")));
 }
 
+// Every allocation of a reader's open beside this process's writer fails in
+// turn (the register of descriptors growing among them): no failure may close
+// a descriptor in a way that drops the writer's lock.
+TEST_F(TableProcessConcurrencyTest, ReadersFailingForMemoryBesideAWriterKeepItsLock) {
+    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
+    ASSERT_NE(p_writer, nullptr);
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    // Readers kept open fill the register, so that it grows at some point.
+    std::vector<sr_opaque_handle_t> kept;
+    for (int k = 0; k < 40; ++k) {
+        for (int n = 0;; ++n) {
+            ASSERT_LT(n, 200);
+            sr_opaque_handle_t tree = nullptr;
+            ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
+            ASSERT_EQ(sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1), 0);
+            sr_i_alloc_fail_after(n);
+            sr_opaque_handle_t reader = nullptr;
+            qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), 1, &reader);
+            const bool failed = !sr_i_alloc_failure_pending();
+            sr_i_alloc_fail_after(-1);
+            if (!failed) {
+                ASSERT_EQ(rc, 0);
+                kept.push_back(tree);
+                break;
+            }
+            sr_close_tree_1(tree);
+        }
+    }
+    EXPECT_TRUE(LockedForOthers(File("t")));
+    for (sr_opaque_handle_t tree : kept) sr_close_tree_1(tree);
+    EXPECT_TRUE(LockedForOthers(File("t")));
+    sr_close_tree_1(other);
+    ASSERT_EQ(sr_close_table_1(p_writer), 0);
+}
+
 // Threads of one process, each with a tree of its own, open and close one
 // table for read and for write side by side: every descriptor is closed in
 // the end and no lock is left.
