@@ -1,8 +1,8 @@
 // Power loss: a SIGKILL keeps the page cache, a power loss does not.  A
 // workload of every kind of durable call (create, implicit and explicit
-// updates, a rewrite, a column addition, copies, a move, a delete) runs with
-// every write, truncation, sync, rename and unlink recorded at the file-call
-// table.  The recording is then cut at every point and turned into crash
+// updates, a rewrite, an abort, a column addition, copies, a move, a delete)
+// runs with every write, truncation, sync, rename and unlink recorded at the
+// file-call table.  The recording is then cut at every point and turned into crash
 // states: what was synced persists; of what was not, each 512-byte sector
 // keeps its old or new bytes or is torn between them, the file keeps its
 // old or new length, and each unsynced name change of the directory is kept
@@ -374,6 +374,9 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     EXPECT_EQ(AddRow(e, 3), 0);
     Durable("apply by rewrite", [&] { return sr_i_apply(static_cast<sr_i_table_t *>(e), 1, 0); });
     Durable("commit by rename", [&] { return sr_commit_1(e); });
+    EXPECT_EQ(AddRow(e, 4), 0);
+    Durable("apply", [&] { return sr_apply_1(e, 0); });
+    Durable("abort", [&] { return sr_abort_1(e); });
     Durable("copy", [&] { return sr_copy_table_by_name_1(tree_, Text("/m/t"), Text("/m/c"), 0); });
     Durable("implicit add", [&] { return AddRow(t, 6); });
     Durable("copy over",
