@@ -274,6 +274,11 @@ typedef struct sr_i_table_struct {
     sr_i_read_write_lock_t lock;
     sr_i_record_buffer_pool_t record_buffer_pool;
     struct iovec io_vector[SR_I_IO_VECTOR_SIZE];
+    /* Memory-only overlays: each overlaid column's qualifier and default as
+     * the file has them and as overlaid (sr_i_update_metadata.cpp). */
+    struct sr_i_overlay_struct *p_overlays;
+    qx_uint32_t total_overlays;
+    qx_uint32_t overlays_hidden;
 } sr_i_table_t;
 
 /* ===========================================================================
@@ -509,6 +514,23 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
  * same file still holds the writer's lock. */
 qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock);
 void sr_i_close_data_file(qx_int32_t fd);
+/* A writer's claim on its file (holds_lock 2 above registers a descriptor
+ * whose lock is already held as claimed).  sr_i_lock_data_file waits until
+ * no other descriptor of the file in this process is claimed, claims the
+ * registered fd and lockf's it (waiting for other processes): 0, 10 "lockf".
+ * sr_i_data_file_claimed says whether fd is claimed by this process (false
+ * in a forked child: the lock stayed with the parent).  Between
+ * sr_i_hand_over_claim(true) and (false), this thread's claims ignore the
+ * claims of others: for a record that replaces an open writer's. */
+qx_int32_t sr_i_lock_data_file(qx_int32_t fd);
+bool sr_i_data_file_claimed(qx_int32_t fd);
+/* A parked descriptor of the file p_path names, taken back into use for a
+ * reader (registered, holding no lock), or -1 when there is none. */
+qx_int32_t sr_i_reuse_parked_data_file(const char *p_path);
+/* Closes a data file descriptor that could not be registered, unless a
+ * writer of this process holds the file's lock (then it stays open). */
+void sr_i_close_unregistered_data_file(qx_int32_t fd);
+void sr_i_hand_over_claim(bool on);
 
 /* Creating tables.  sr_x_create_table consumes p_rows_hash_table and
  * p_packed_rows_array whatever the outcome; the workers own them from their
@@ -611,6 +633,12 @@ struct sr_i_file_ops_t {
     int (*p_fdatasync)(int fd);
     int (*p_mkdir)(const char *p_path, mode_t mode);
     int (*p_usleep)(unsigned int microseconds);
+    int (*p_fsync)(int fd);
+    int (*p_rename)(const char *p_from, const char *p_to);
+    int (*p_unlink)(const char *p_path);
+    int (*p_ftruncate)(int fd, off_t length);
+    /* rename(2) that fails with EEXIST instead of replacing p_to. */
+    int (*p_rename_noreplace)(const char *p_from, const char *p_to);
 };
 extern const sr_i_file_ops_t sr_i_default_file_ops;
 extern sr_i_file_ops_t sr_i_file_ops;
@@ -636,6 +664,15 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
 /* fdatasync(2); every failure is first captured in "reginfo_pid.<pid>".
  * 0, 10, 13 or 206. */
 qx_int32_t sr_i_fdatasync(qx_int32_t fd);
+/* fsync(2) of the directory that holds p_path, so that a rename or unlink
+ * made there survives a power loss.  A failure is captured as a failed sync
+ * is and reported (10 naming "fsync", or "open"); the name change itself has
+ * been made and stays. */
+qx_int32_t sr_i_sync_directory_of(const char *p_path);
+/* Whether p_path still names the file fd is open on.  After waiting for a
+ * file's lock, the file may have been renamed over the path (or the path
+ * removed) by the holder; the waiter must then start again on the path. */
+bool sr_i_fd_names_path(qx_int32_t fd, const char *p_path);
 
 /* ===========================================================================
  * Transactions: apply, commit, abort and the implicit cycle.  Every routine
@@ -662,6 +699,11 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
  * the rename of the rewrite file; then the in-memory walks.  0 with nothing to
  * commit; 210 with changes that were never applied. */
 qx_int32_t sr_i_commit(sr_i_table_t *p_table);
+/* sr_i_commit, and in *p_unsynced why nothing was switched on disk when the
+ * table is left applied by a failed switch: the code of the failed sync
+ * after which the old switch was put back (commit itself then returns 0), or
+ * the code commit returns; 0 otherwise. */
+qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsynced);
 /* Throws pending and applied changes away, on disk and in memory. */
 qx_int32_t sr_i_abort(sr_i_table_t *p_table);
 /* The in-memory halves, over one change list from p_current_change_entry. */
@@ -1077,6 +1119,14 @@ qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new
 /* Memory-only changes of one column definition; nothing is written. */
 qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                              qx_value_t new_default_value);
+/* Overlays change only the native column copy (p_columns); the metadata
+ * record in the pool keeps the file's definitions, so whatever writes it
+ * writes no overlay.  Hiding puts the file's definitions into p_columns for
+ * code that builds a new table from them (calls nest); reapplying puts the
+ * overlays back after p_columns was rebuilt from the record. */
+void sr_i_overlays_hide(sr_i_table_t *p_table);
+void sr_i_overlays_show(sr_i_table_t *p_table);
+void sr_i_overlays_reapply(sr_i_table_t *p_table);
 qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                                 sr_qualifier_t new_qualifier);
 

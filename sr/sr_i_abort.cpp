@@ -2,11 +2,18 @@
 // memory, whether its changes were only pending or already applied.
 //
 // On disk only what apply wrote goes: the tail behind the committed commit
-// record is cut off, or the ".rewrite" file is removed.  The committed file is
-// never written, so an abort cannot damage it; that is also why the results
-// of the truncation and its sync are not needed (a tail left behind lies after
-// the first commit record, where no reader looks, and the next apply writes
-// over it).
+// record is cut off, or the ".rewrite" file is removed.  The results of the
+// truncation and its sync are not needed (a tail left behind lies after the
+// first commit record, where no reader looks, and the next apply writes over
+// it).
+//
+// One write to the committed file comes first, on purpose: a commit whose
+// sync failed and whose write-back of the old switch failed too may have left
+// the committed commit record retired (type word 0) in the page cache.  Cut
+// off behind such a record, the file would have no current commit record and
+// no process could read it again.  So the switch is written back before the
+// tail goes; if even that write fails, the tail and its commit record stay,
+// and the file reads as the committed or the applied state, never as none.
 #include <unistd.h>
 
 #include <cstdint>
@@ -68,21 +75,40 @@ qx_int32_t sr_i_abort_in_memory(sr_i_table_t *p_table,
     return 0;
 }
 
+namespace {
+
+// Writes the committed commit record's type word back as a current commit
+// record's; whether the tail behind it may be cut off.
+bool restore_switch(sr_i_table_t *p_table) {
+    const off64_t type_word = static_cast<off64_t>(p_table->commit_record_offset) + 8;
+    if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) return false;
+    qx_uint32_t word = static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT);
+    return sr_i_write(p_table->file_fd, &word, sizeof word) == 0;
+}
+
+}  // namespace
+
 qx_int32_t sr_i_abort(sr_i_table_t *p_table) {
     trace_abort(kStart, p_table);
-    if (p_table->p_file_path != nullptr) {
+    // A child forked from the writer holds no lock: the files are the
+    // writer's, only the memory is aborted.
+    if (p_table->p_file_path != nullptr && !sr_i_data_file_claimed(p_table->file_fd)) {
+        p_table->applied_commit_record_offset = 0;
+        p_table->applied_commit_record_length = 0;
+    } else if (p_table->p_file_path != nullptr) {
         if (p_table->ready_for_commit == 2) {
             sr_i_close_data_file(p_table->rewrite_file_fd);
             p_table->rewrite_file_fd = -1;
-            unlink(sr_i_set_rewrite_path(p_table));
+            sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
             sr_i_set_data_path(p_table);
             p_table->rewrite_file_length = 0;
-        } else if (p_table->ready_for_commit == 1) {
+        } else if (p_table->ready_for_commit == 1 && restore_switch(p_table)) {
             trace_abort(kTruncate, p_table);
             // file_length keeps its larger value: it only ever grows, and the
             // next apply writes from the committed end whatever it says.
-            if (ftruncate(p_table->file_fd, static_cast<off_t>(p_table->commit_record_offset) +
-                                                p_table->commit_record_length) != 0) {
+            if (sr_i_file_ops.p_ftruncate(p_table->file_fd,
+                                          static_cast<off_t>(p_table->commit_record_offset) +
+                                              p_table->commit_record_length) != 0) {
                 // Ignored: see the file comment.
             }
             (void)sr_i_fdatasync(p_table->file_fd);

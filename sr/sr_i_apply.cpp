@@ -190,25 +190,32 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     const char *p_path = sr_i_set_rewrite_path(p_table);
     // Not truncated: a longer file left by a crash keeps bytes past the new
     // commit record, where no reader looks.
-    qx_int32_t fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) {
-        qx_int32_t rc = TX_ERROR_FILE("open", errno);
-        sr_i_set_data_path(p_table);
-        return rc;
-    }
-    p_table->rewrite_file_fd = fd;
-    // Another process rewriting the same table waits here until this one has
-    // renamed or removed the file.
-    while (lockf(fd, F_LOCK, 0) != 0) {
-        if (errno == EINTR) continue;
-        qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
-        sr_i_discard_rewrite_file(p_table);
-        return rc;
+    qx_int32_t fd = -1;
+    for (;;) {
+        fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
+        if (fd < 0) {
+            qx_int32_t rc = TX_ERROR_FILE("open", errno);
+            sr_i_set_data_path(p_table);
+            return rc;
+        }
+        p_table->rewrite_file_fd = fd;
+        // Another process writing an image of the same table waits here
+        // until this one has renamed or removed the file.
+        while (lockf(fd, F_LOCK, 0) != 0) {
+            if (errno == EINTR) continue;
+            qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
+            sr_i_discard_rewrite_file(p_table);
+            return rc;
+        }
+        // A file the holder renamed into place meanwhile is a live table.
+        if (sr_i_fd_names_path(fd, p_path)) break;
+        close(fd);
+        p_table->rewrite_file_fd = -1;
     }
     // Registered as a lock holder: after the rename this descriptor is the
     // data file's, and the writer's lock must survive other opens of the file
     // in this process closing theirs.
-    qx_int32_t rc = sr_i_register_data_file(fd, 1);
+    qx_int32_t rc = sr_i_register_data_file(fd, 2);
     if (rc != 0) {
         sr_i_discard_rewrite_file(p_table);
         return rc;
@@ -284,6 +291,8 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
         trace_apply(kApplied, p_table, rewrite);
         return 0;
     }
+    // A child forked from the writer inherits the descriptor, not the lock.
+    if (!sr_i_data_file_claimed(p_table->file_fd)) return TX_ERROR(206);
     char *p_commit_record = nullptr;
     qx_int32_t rc =
         sr_i_create_commit_record(p_table->p_application_metadata, p_table->applied_change_counter,
@@ -304,6 +313,6 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
 void sr_i_discard_rewrite_file(sr_i_table_t *p_table) {
     sr_i_close_data_file(p_table->rewrite_file_fd);
     p_table->rewrite_file_fd = -1;
-    unlink(sr_i_set_rewrite_path(p_table));
+    sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
     sr_i_set_data_path(p_table);
 }

@@ -83,7 +83,7 @@ enum class switched { yes, restored };
 // the switch fails the write may or may not be on the disk; the old type word
 // is written back so that the file keeps reading as the committed state, and
 // the table stays applied for the caller's next commit or abort.
-qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
+qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched, qx_int32_t *p_sync_rc) {
     const off64_t type_word = static_cast<off64_t>(p_table->commit_record_offset) + 8;
     if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) {
         return TX_ERROR_SYSCALL("lseek64", errno);
@@ -92,7 +92,8 @@ qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched) {
     qx_int32_t rc = sr_i_write(p_table->file_fd, &word, sizeof word);
     if (rc != 0) return rc;
     sr_i_test_pause("commit-written");
-    if (sr_i_fdatasync(p_table->file_fd) == 0) {
+    *p_sync_rc = sr_i_fdatasync(p_table->file_fd);
+    if (*p_sync_rc == 0) {
         sr_i_test_pause("commit-synced");
         *p_switched = switched::yes;
         return 0;
@@ -122,13 +123,16 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
         return TX_ERROR(12);
     }
     sr_i_test_pause("rewrite-before-rename");
-    if (rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
+    if (sr_i_file_ops.p_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
         int err = errno;
         free(p_rewrite_path);
         sr_i_discard_rewrite_file(p_table);
         return TX_ERROR_FILE("rename", err);
     }
     free(p_rewrite_path);
+    // Without its directory the rename may be undone by a power loss, and
+    // with it this commit.  The switch is made: a failure is captured only.
+    (void)sr_i_sync_directory_of(sr_i_set_data_path(p_table));
     sr_i_test_pause("rewrite-after-rename");
     // The old file goes, and with it its lock; the rewrite file's descriptor
     // already holds the lock of what is now the data file.
@@ -181,6 +185,12 @@ qx_int32_t sr_i_commit_in_memory(sr_i_table_t *p_table,
 }
 
 qx_int32_t sr_i_commit(sr_i_table_t *p_table) {
+    qx_int32_t unsynced = 0;
+    return sr_i_commit_unless_unsynced(p_table, &unsynced);
+}
+
+qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsynced) {
+    *p_unsynced = 0;
     trace_commit(kStart, p_table);
     if (p_table->ready_for_commit == 0) {
         if (p_table->p_rows_change_list == nullptr &&
@@ -193,16 +203,24 @@ qx_int32_t sr_i_commit(sr_i_table_t *p_table) {
     const bool rewritten = p_table->ready_for_commit == 2;
     if (p_table->p_file_path != nullptr) {
         qx_int32_t rc = 0;
-        if (rewritten) {
+        if (!sr_i_data_file_claimed(p_table->file_fd)) {
+            // A child forked from the writer holds no lock on the file.
+            rc = TX_ERROR(206);
+        } else if (rewritten) {
             rc = switch_by_rename(p_table);
         } else {
             switched outcome = switched::yes;
-            rc = switch_in_place(p_table, &outcome);
+            qx_int32_t sync_rc = 0;
+            rc = switch_in_place(p_table, &outcome, &sync_rc);
             // Reported as success: the caller's next commit or abort
             // finishes the transaction, which is still applied.
-            if (rc == 0 && outcome == switched::restored) return 0;
+            if (rc == 0 && outcome == switched::restored) {
+                *p_unsynced = sync_rc;
+                return 0;
+            }
         }
         if (rc != 0) {
+            *p_unsynced = rc;
             trace_commit(kFailed, p_table);
             return rc;
         }

@@ -184,6 +184,7 @@ qx_int32_t sr_i_load_columns(sr_i_table_t *p_table) {
     }
     std::free(p_table->p_columns);
     p_table->p_columns = p_columns;
+    sr_i_overlays_reapply(p_table);
     return 0;
 }
 
@@ -441,18 +442,30 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     bool renamed = false;
     if (rc == 0) {
         // The two names share one buffer; the table's name is the data name.
-        if (rename(sr_i_set_rewrite_path(p_new), p_new->p_name) != 0) {
+        // A table another process created since the check above is never
+        // replaced: the rename refuses an existing name.
+        if (sr_i_file_ops.p_rename_noreplace(sr_i_set_rewrite_path(p_new), p_new->p_name) != 0) {
             int err = errno;
+            if (err == EEXIST) {
+                sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_new));
+                close(fd);
+                sr_i_close_table(p_new);
+                return SR_ERROR(201);
+            }
             if (err == ENOSPC) unlink(sr_i_set_data_path(p_new));
             rc = SR_ERROR_FILE("rename", err, false);
         } else {
             renamed = true;
+            // The new name survives a power loss only with its directory.
+            // The table exists either way: a failure is captured, not
+            // returned.
+            (void)sr_i_sync_directory_of(p_new->p_name);
         }
     }
-    if (rc == 0) rc = sr_i_register_data_file(fd, 1);
+    if (rc == 0) rc = sr_i_register_data_file(fd, 2);
     if (rc != 0) {
         // A failed create leaves no file behind.
-        unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));
+        sr_i_file_ops.p_unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));
         close(fd);
         sr_i_close_table(p_new);
         return rc;

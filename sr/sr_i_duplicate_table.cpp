@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "sr_i.h"
 
@@ -109,15 +110,22 @@ bool has_uncommitted_state(const sr_i_table_t *p_table) {
 // out until the image is renamed or removed; emptying it only after the lock
 // is held never cuts such a writer's image short.
 qx_int32_t open_image_file(char *p_rewrite_path, qx_int32_t *p_fd) {
-    qx_int32_t fd = sr_i_open_file(p_rewrite_path, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) return SR_ERROR_FILE("open", errno, false);
-    if (lock_whole_file(fd, F_LOCK) != 0) {
-        qx_int32_t rc = SR_ERROR_SYSCALL("lockf", errno);
+    qx_int32_t fd = -1;
+    for (;;) {
+        fd = sr_i_open_file(p_rewrite_path, O_RDWR | O_CREAT, 0644);
+        if (fd < 0) return SR_ERROR_FILE("open", errno, false);
+        if (lock_whole_file(fd, F_LOCK) != 0) {
+            qx_int32_t rc = SR_ERROR_SYSCALL("lockf", errno);
+            close(fd);
+            unlink(p_rewrite_path);
+            return rc;
+        }
+        // The holder we waited for may have renamed this very file into
+        // place: it is a live table now, not ours to empty.
+        if (sr_i_fd_names_path(fd, p_rewrite_path)) break;
         close(fd);
-        unlink(p_rewrite_path);
-        return rc;
     }
-    if (ftruncate(fd, 0) != 0) {
+    if (sr_i_file_ops.p_ftruncate(fd, 0) != 0) {
         qx_int32_t rc = SR_ERROR_FILE("ftruncate", errno, false);
         close(fd);
         unlink(p_rewrite_path);
@@ -135,7 +143,7 @@ qx_int32_t finish_image_file(qx_int32_t fd, char *p_rewrite_path, const char *p_
         sr_i_test_pause("copy-before-rename");
         rc = sr_i_rename_persistent_table(p_rewrite_path, p_target_file);
     }
-    if (rc != 0) unlink(p_rewrite_path);
+    if (rc != 0) sr_i_file_ops.p_unlink(p_rewrite_path);
     close(fd);
     return rc;
 }
@@ -206,9 +214,12 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
     }
     if (rc != 0) return rc;
     sr_i_table_t *p_fresh = nullptr;
+    // A writer's record takes over its own claim on the file.
+    sr_i_hand_over_claim(true);
     rc = sr_i_open_persistent_table(p_target->p_tree, p_target->p_persistent_table_registry_path,
                                     sr_i_set_data_path(p_target), p_target->mode,
                                     p_target->block_size, p_hash_table, &p_fresh);
+    sr_i_hand_over_claim(false);
     if (rc != 0) return rc;
     rc = sr_i_rw_lock_write(&p_target->lock);
     if (rc != 0) {
@@ -216,6 +227,8 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
         return rc;
     }
     sr_i_swap_after_metadata_update(p_target, p_fresh);
+    // The copied file's application metadata comes with its rows.
+    std::swap(p_target->p_application_metadata, p_fresh->p_application_metadata);
     // Client values handed out from the old rows die with them.
     qx_int32_t unlock_rc = sr_i_rw_unlock_write(&p_target->lock);
     sr_i_close_table(p_fresh);
@@ -239,6 +252,18 @@ char *map_address(const sr_i_record_buffer_pool_duplication_map_t *p_map, const 
         }
     }
     return nullptr;
+}
+
+// A new row record in p_table's pool with the data of the row record at
+// p_data, which lies outside any pool.  0 or 12.
+qx_int32_t copy_foreign_record(sr_i_table_t *p_table, const char *p_data, char **p_copy) {
+    const qx_uint32_t length = sr_i_record_length(p_data - SR_I_RECORD_HEADER_LENGTH);
+    const qx_uint32_t data_length =
+        length > SR_I_RECORD_HEADER_LENGTH ? length - SR_I_RECORD_HEADER_LENGTH : 0;
+    qx_int32_t rc = sr_i_reserve_record(&p_table->record_buffer_pool, data_length,
+                                        SR_I_RECORD_TYPE_ROW, p_copy);
+    if (rc == 0) std::memcpy(*p_copy, p_data, data_length);
+    return rc;
 }
 
 }  // namespace
@@ -275,41 +300,53 @@ qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_abso
     qx_int32_t rc = sr_i_lock_tree(p_absolute_target_path, F_LOCK, &lock_fd);
     if (rc != 0) return rc;
     qx_int32_t fd = given_fd;
-    if (fd < 0) {
-        // A missing target is not made here: it appears only by the rename of
-        // a complete image, so that a copy that dies half-way leaves no
-        // empty, unreadable table behind.  Nobody can hold the lock of a
-        // file that does not exist, and other copiers wait on ",Lock".
-        fd = sr_i_open_file(p_absolute_target_path, O_RDWR, 0644);
-        if (fd < 0 && errno == ENOENT) {
-            *p_local_tree_lock_fd = lock_fd;
-            return 0;
-        }
+    for (;;) {
         if (fd < 0) {
-            rc = SR_ERROR_FILE("open", errno, false);
-            close(lock_fd);
-            return rc;
+            // A missing target is not made here: it appears only by the rename of
+            // a complete image, so that a copy that dies half-way leaves no
+            // empty, unreadable table behind.  Nobody can hold the lock of a
+            // file that does not exist, and other copiers wait on ",Lock".
+            fd = sr_i_open_file(p_absolute_target_path, O_RDWR, 0644);
+            if (fd < 0 && errno == ENOENT) {
+                *p_local_tree_lock_fd = lock_fd;
+                return 0;
+            }
+            if (fd < 0) {
+                rc = SR_ERROR_FILE("open", errno, false);
+                close(lock_fd);
+                return rc;
+            }
+            // Registered: if this process has the target open for write in
+            // another tree, closing this descriptor must not drop that lock.
+            rc = sr_i_register_data_file(fd, 1);
+            if (rc != 0) {
+                sr_i_close_unregistered_data_file(fd);
+                close(lock_fd);
+                return rc;
+            }
         }
-        // Registered: if this process has the target open for write in
-        // another tree, closing this descriptor must not drop that lock.
-        rc = sr_i_register_data_file(fd, 1);
-        if (rc != 0) {
-            close(fd);
-            close(lock_fd);
-            return rc;
-        }
-    }
-    // Waits for a writer of the target in another process to close it.
-    if (lock_whole_file(fd, F_LOCK) != 0) {
-        rc = SR_ERROR_SYSCALL("lockf", errno);
-    } else {
-        off64_t end = lseek64(fd, 0, SEEK_END);
-        if (end < 0) {
-            rc = SR_ERROR_SYSCALL("lseek64", errno);
+        // Waits for a writer of the target in another process to close it.
+        if (lock_whole_file(fd, F_LOCK) != 0) {
+            rc = SR_ERROR_SYSCALL("lockf", errno);
         } else {
-            *p_target_length =
-                end > static_cast<off64_t>(UINT32_MAX) ? UINT32_MAX : static_cast<qx_uint32_t>(end);
+            off64_t end = lseek64(fd, 0, SEEK_END);
+            if (end < 0) {
+                rc = SR_ERROR_SYSCALL("lseek64", errno);
+            } else {
+                *p_target_length = end > static_cast<off64_t>(UINT32_MAX)
+                                       ? UINT32_MAX
+                                       : static_cast<qx_uint32_t>(end);
+            }
         }
+        if (rc == 0 && given_fd < 0 && !sr_i_fd_names_path(fd, p_absolute_target_path)) {
+            // While we waited, the writer renamed a rewritten file over the
+            // target (or removed it): the lock we hold is on a file the path no
+            // longer names, and its writer may still be writing the new one.
+            sr_i_close_data_file(fd);
+            fd = -1;
+            continue;
+        }
+        break;
     }
     if (rc != 0) {
         if (given_fd < 0) sr_i_close_data_file(fd);
@@ -386,6 +423,11 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
             std::memset(&to, 0, sizeof to);
             char *p_applied =
                 from.p_applied != nullptr ? map_address(p_map, from.p_applied, &hint) : nullptr;
+            if (from.p_applied != nullptr && p_applied == nullptr) {
+                // A table unpacked from a caller's buffer reads its rows in
+                // that buffer, outside its pool: the copy takes its own.
+                rc = copy_foreign_record(p_new, from.p_applied, &p_applied);
+            }
             if (from.p_committed != nullptr && from.p_committed != from.p_applied) {
                 rc = sr_i_rb_free_record(&p_new->record_buffer_pool,
                                          map_address(p_map, from.p_committed, &hint));
@@ -529,20 +571,31 @@ qx_int32_t sr_i_duplicate_table_from_persistent_to_persistent(const char *p_sour
 }
 
 qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p_target_file) {
-    if (rename(p_source_file, p_target_file) != 0) {
+    if (sr_i_file_ops.p_rename(p_source_file, p_target_file) != 0) {
         return SR_ERROR_FILE("rename", errno, true);
+    }
+    // The copy or move is durable only with the directories that changed;
+    // it is made, so a failure to sync them is captured, not returned.
+    (void)sr_i_sync_directory_of(p_target_file);
+    const char *p_source_slash = std::strrchr(p_source_file, '/');
+    const char *p_target_slash = std::strrchr(p_target_file, '/');
+    const size_t source_directory = p_source_slash == nullptr ? 0 : p_source_slash - p_source_file;
+    const size_t target_directory = p_target_slash == nullptr ? 0 : p_target_slash - p_target_file;
+    if (source_directory != target_directory ||
+        std::strncmp(p_source_file, p_target_file, source_directory) != 0) {
+        (void)sr_i_sync_directory_of(p_source_file);
     }
     return 0;
 }
 
 qx_int32_t sr_i_remove_table(sr_i_table_t *p_table) {
     if (p_table->file_path_length != 0 && p_table->p_file_path != nullptr) {
-        if (unlink(sr_i_set_data_path(p_table)) != 0) {
+        if (sr_i_file_ops.p_unlink(sr_i_set_data_path(p_table)) != 0) {
             return SR_ERROR_FILE("unlink", errno, true);
         }
         // A rewrite file left by a crash goes too; usually there is none.
-        (void)unlink(sr_i_set_rewrite_path(p_table));
-        sr_i_set_data_path(p_table);
+        (void)sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
+        (void)sr_i_sync_directory_of(sr_i_set_data_path(p_table));
     }
     drop_from_tree(p_table);
     return 0;
@@ -550,12 +603,15 @@ qx_int32_t sr_i_remove_table(sr_i_table_t *p_table) {
 
 qx_int32_t sr_i_remove_persistent_table_without_handle(sr_i_tree_t *p_tree,
                                                        const char *p_absolute_table_path) {
-    if (unlink(p_absolute_table_path) != 0) return SR_ERROR_FILE("unlink", errno, true);
+    if (sr_i_file_ops.p_unlink(p_absolute_table_path) != 0) {
+        return SR_ERROR_FILE("unlink", errno, true);
+    }
     char *p_rewrite = rewrite_path_of(p_absolute_table_path);
     if (p_rewrite != nullptr) {
-        (void)unlink(p_rewrite);
+        (void)sr_i_file_ops.p_unlink(p_rewrite);
         std::free(p_rewrite);
     }
+    (void)sr_i_sync_directory_of(p_absolute_table_path);
     void *p_node = tfind(p_absolute_table_path, &p_tree->p_tables, sr_i_string_to_table_compare);
     if (p_node != nullptr) {
         sr_i_table_t *p_table = *static_cast<sr_i_table_t **>(p_node);

@@ -3,6 +3,8 @@
 // needs), writes the error trace record when error tracing is on, and hands
 // the code back so the caller can return it.  Also the errno capture file
 // written when a sync fails, so a post-mortem can see what the disk said.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -78,11 +80,26 @@ void sr_i_capture_errno(const char *p_function_name, int the_errno, int line_num
                         const char *p_sccsid) {
     char name[32];
     std::snprintf(name, sizeof name, "reginfo_pid.%u", static_cast<unsigned>(getpid()));
-    // "w" truncates: each capture replaces the previous one of this process.
-    FILE *p_file = std::fopen(name, "w");
-    if (p_file == nullptr) return;
-    std::fprintf(p_file, "function(%s) errno(%d) line(%d) sccsid(%s)\n", p_function_name, the_errno,
-                 line_number, p_sccsid);
-    std::fflush(p_file);
-    std::fclose(p_file);
+    // The name is predictable, and the working directory may be shared: a
+    // link planted under it is not followed, and only a file of this user
+    // with no other name is emptied and rewritten (each capture replaces
+    // the previous one of this process).
+    int fd = open(name, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1 ||
+        ftruncate(fd, 0) != 0) {
+        close(fd);
+        return;
+    }
+    char text[256];
+    int length = std::snprintf(text, sizeof text, "function(%s) errno(%d) line(%d) sccsid(%s)\n",
+                               p_function_name, the_errno, line_number, p_sccsid);
+    if (length > 0) {
+        size_t total = static_cast<size_t>(length) < sizeof text ? static_cast<size_t>(length)
+                                                                 : sizeof text - 1;
+        ssize_t ignored = write(fd, text, total);
+        (void)ignored;
+    }
+    close(fd);
 }

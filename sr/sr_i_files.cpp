@@ -10,8 +10,12 @@
 // them fail in exactly the way a real disk or signal would.
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
 
 #include "sr_i.h"
 
@@ -21,6 +25,17 @@ namespace {
 
 int sr_i_real_open(const char *p_path, int flags, mode_t mode) {
     return open(p_path, flags, mode);
+}
+
+// Where the file system cannot rename without replacing, a link and an
+// unlink give the same guarantee; only a crash between the two can leave
+// both names (the ".rewrite" name is then cleaned up like any left-over).
+int sr_i_real_rename_noreplace(const char *p_from, const char *p_to) {
+    if (renameat2(AT_FDCWD, p_from, AT_FDCWD, p_to, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return -1;
+    if (link(p_from, p_to) != 0) return -1;
+    (void)unlink(p_from);
+    return 0;
 }
 
 int sr_i_real_usleep(unsigned int microseconds) {
@@ -55,7 +70,17 @@ namespace {
 // Constant-initialised, so the door is set before any static constructor of
 // the process could use it.
 constexpr sr_i_file_ops_t kRealFileOps = {
-    sr_i_real_open, write, writev, fdatasync, mkdir, sr_i_real_usleep,
+    sr_i_real_open,
+    write,
+    writev,
+    fdatasync,
+    mkdir,
+    sr_i_real_usleep,
+    fsync,
+    rename,
+    unlink,
+    ftruncate,
+    sr_i_real_rename_noreplace,
 };
 
 }  // namespace
@@ -170,4 +195,50 @@ qx_int32_t sr_i_fdatasync(qx_int32_t fd) {
     }
     retries.finish(__LINE__);
     return rc;
+}
+
+// Name changes live in the directory, not in the file: a synced file that
+// was renamed into place, or a table that was unlinked, can come back as it
+// was after a power loss until the directory itself is synced.  Once per
+// call that ends in such a change (create, commit by rename, copy, move,
+// delete, repair); appends and in-place commits change no name.
+qx_int32_t sr_i_sync_directory_of(const char *p_path) {
+    const char *p_slash = std::strrchr(p_path, '/');
+    const size_t length = p_slash == nullptr ? 0 : static_cast<size_t>(p_slash - p_path);
+    char *p_directory = static_cast<char *>(sr_i_malloc(length + 2));
+    if (p_directory == nullptr) return SR_ERROR(12);
+    if (p_slash == nullptr) {
+        std::memcpy(p_directory, ".", 2);
+    } else if (length == 0) {
+        std::memcpy(p_directory, "/", 2);
+    } else {
+        std::memcpy(p_directory, p_path, length);
+        p_directory[length] = '\0';
+    }
+    int fd = sr_i_open_file(p_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    std::free(p_directory);
+    if (fd < 0) {
+        int the_errno = errno;
+        sr_i_capture_errno("open", the_errno, __LINE__, sr_i_this_source.version);
+        return SR_ERROR_FILE("open", the_errno, false);
+    }
+    sr_i_retries_t retries;
+    qx_int32_t rc = 0;
+    for (;;) {
+        if (sr_i_file_ops.p_fsync(fd) == 0) break;
+        int the_errno = errno;
+        sr_i_capture_errno("fsync", the_errno, __LINE__, sr_i_this_source.version);
+        if (the_errno == EINTR && retries.retry()) continue;
+        rc = SR_ERROR_FILE("fsync", the_errno, false);
+        break;
+    }
+    retries.finish(__LINE__);
+    close(fd);
+    return rc;
+}
+
+bool sr_i_fd_names_path(qx_int32_t fd, const char *p_path) {
+    struct stat held, named;
+    return fstat(fd, &held) == 0 && stat(p_path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
 }

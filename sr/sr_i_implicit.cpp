@@ -15,5 +15,22 @@ qx_int32_t sr_i_implicit_apply_commit(sr_i_table_t *p_table) {
         return rc;
     }
     sr_i_test_pause("implicit-applied");
-    return sr_i_commit(p_table);
+    // Commit may return 0 with nothing committed (its sync failed and the
+    // switch was put back).  The caller of an implicit update cannot finish
+    // the transaction itself, so success is reported only for a change that
+    // is committed: one more attempt, then the change is undone and the
+    // failure reported.  A table left applied would refuse every later
+    // update and lose this one at close.
+    // A failure after the switch (in memory) is returned as it stands: the
+    // file already holds the change, abort must not cut it off.
+    qx_int32_t unsynced = 0;
+    rc = sr_i_commit_unless_unsynced(p_table, &unsynced);
+    if (unsynced != 0 && p_table->ready_for_commit == 1) {
+        rc = sr_i_commit_unless_unsynced(p_table, &unsynced);
+    }
+    if (unsynced != 0) {
+        (void)sr_i_abort(p_table);
+        return unsynced;
+    }
+    return rc;
 }

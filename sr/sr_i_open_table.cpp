@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "sr_i.h"
 
@@ -34,6 +35,10 @@ qx_int32_t reload_for_write(sr_i_table_t *p_table, qx_uint32_t mode) {
     // Every holder of the shared record sees the reloaded contents; the fresh
     // record leaves with the old ones.
     sr_i_swap_after_metadata_update(p_table, p_fresh);
+    // The application metadata is the file's as much as the rows are: the
+    // old copy may predate another process's commit, and the next commit
+    // would write it back over that one.
+    std::swap(p_table->p_application_metadata, p_fresh->p_application_metadata);
     // The old read-only descriptor goes with the old contents; the register
     // of data files keeps it open while this record holds the file's lock.
     sr_i_close_table(p_fresh);
@@ -171,6 +176,7 @@ qx_int32_t sr_i_close_table(sr_i_table_t *p_table) {
         sr_i_close_data_file(p_table->rewrite_file_fd);
     }
     std::free(p_table->p_persistent_table_registry_path);
+    std::free(p_table->p_overlays);
     if (p_table->p_application_metadata != nullptr) {
         sr_i_free_application_metadata(p_table->p_application_metadata);
     }

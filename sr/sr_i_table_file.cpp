@@ -200,6 +200,14 @@ qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
 // own descriptor, the writer would lose its lock silently and a second
 // process could write the file under it.  Such closes are therefore deferred:
 // the descriptor is parked until the last lock holder of the file closes.
+//
+// For the same reason the lock does not keep a second writer of this process
+// out: lockf grants a process a lock it already holds.  A writer therefore
+// also claims its file in the register (by device and inode); a second writer
+// of the same file in this process waits for the claim as one in another
+// process waits for the lock.  The claim names the process that took it: a
+// child forked from a writer inherits the descriptor but not the lock, and
+// must not write through it.
 
 namespace {
 
@@ -209,9 +217,14 @@ struct data_file_t {
     ino_t ino;
     bool holds_lock;
     bool parked;
+    pid_t claimed_by;  // the writer's claim: the process that took it, or 0
 };
 
 pthread_mutex_t Data_Files_Mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t Data_Files_Released = PTHREAD_COND_INITIALIZER;
+// Set by a record that takes over an open writer's file in this thread (the
+// writer's record is being replaced, so its claim is this one's).
+thread_local bool Claim_Handed_Over = false;
 data_file_t *P_Data_Files = nullptr;
 qx_uint32_t Total_Data_Files = 0;
 qx_uint32_t Max_Data_Files = 0;
@@ -247,10 +260,108 @@ qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock) {
         }
     }
     if (rc == 0) {
-        P_Data_Files[Total_Data_Files++] = {fd, st.st_dev, st.st_ino, holds_lock != 0, false};
+        P_Data_Files[Total_Data_Files++] = {
+            fd, st.st_dev, st.st_ino, holds_lock != 0, false, holds_lock == 2 ? getpid() : 0};
     }
     pthread_mutex_unlock(&Data_Files_Mutex);
     return rc;
+}
+
+qx_int32_t sr_i_lock_data_file(qx_int32_t fd) {
+    const pid_t self = getpid();
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_uint32_t index = Total_Data_Files;
+    for (;;) {
+        index = Total_Data_Files;
+        for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+            if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) index = i;
+        }
+        if (index == Total_Data_Files) break;
+        bool claimed = false;
+        for (qx_uint32_t i = 0; i < Total_Data_Files && !Claim_Handed_Over; ++i) {
+            const data_file_t &f = P_Data_Files[i];
+            if (i != index && f.dev == P_Data_Files[index].dev &&
+                f.ino == P_Data_Files[index].ino && f.claimed_by == self) {
+                claimed = true;
+            }
+        }
+        if (!claimed) break;
+        pthread_cond_wait(&Data_Files_Released, &Data_Files_Mutex);
+    }
+    if (index == Total_Data_Files) {
+        pthread_mutex_unlock(&Data_Files_Mutex);
+        return SR_ERROR(15);
+    }
+    P_Data_Files[index].claimed_by = self;
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    // Then the lock, for writers in other processes.
+    int err = 0;
+    while (lockf(fd, F_LOCK, 0) != 0) {
+        err = errno;
+        if (err != EINTR) break;
+        err = 0;
+    }
+    if (err == 0) return 0;
+    pthread_mutex_lock(&Data_Files_Mutex);
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        if (P_Data_Files[i].fd == fd) P_Data_Files[i].claimed_by = 0;
+    }
+    pthread_cond_broadcast(&Data_Files_Released);
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return SR_ERROR_SYSCALL("lockf", err);
+}
+
+void sr_i_close_unregistered_data_file(qx_int32_t fd) {
+    struct stat st;
+    bool holder = false;
+    if (fstat(fd, &st) == 0) {
+        pthread_mutex_lock(&Data_Files_Mutex);
+        for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+            const data_file_t &f = P_Data_Files[i];
+            if (f.dev == st.st_dev && f.ino == st.st_ino && f.holds_lock && !f.parked) {
+                holder = true;
+            }
+        }
+        pthread_mutex_unlock(&Data_Files_Mutex);
+    }
+    // Closing it would drop the lock a writer of this process holds on the
+    // file, and there was no memory to park it: one descriptor is given up
+    // rather than the lock.
+    if (!holder) close(fd);
+}
+
+qx_int32_t sr_i_reuse_parked_data_file(const char *p_path) {
+    struct stat st;
+    if (stat(p_path, &st) != 0) return -1;
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_int32_t fd = -1;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        data_file_t &f = P_Data_Files[i];
+        if (f.parked && f.dev == st.st_dev && f.ino == st.st_ino) {
+            f.parked = false;
+            f.holds_lock = false;
+            fd = f.fd;
+            break;
+        }
+    }
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return fd;
+}
+
+bool sr_i_data_file_claimed(qx_int32_t fd) {
+    const pid_t self = getpid();
+    pthread_mutex_lock(&Data_Files_Mutex);
+    bool claimed = false;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        const data_file_t &f = P_Data_Files[i];
+        if (f.fd == fd && !f.parked && f.claimed_by == self) claimed = true;
+    }
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return claimed;
+}
+
+void sr_i_hand_over_claim(bool on) {
+    Claim_Handed_Over = on;
 }
 
 void sr_i_close_data_file(qx_int32_t fd) {
@@ -275,6 +386,10 @@ void sr_i_close_data_file(qx_int32_t fd) {
     const dev_t dev = P_Data_Files[index].dev;
     const ino_t ino = P_Data_Files[index].ino;
     P_Data_Files[index].holds_lock = false;
+    if (P_Data_Files[index].claimed_by != 0) {
+        P_Data_Files[index].claimed_by = 0;
+        pthread_cond_broadcast(&Data_Files_Released);
+    }
     bool other_holder = false;
     for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
         const data_file_t &f = P_Data_Files[i];
@@ -659,6 +774,13 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     const bool writer = (mode & SR_MODE_WRITE) != 0;
     qx_int32_t fd = -1;
     for (;;) {
+        // A reader takes a descriptor of the file parked beside this
+        // process's writer, if there is one, rather than parking one more.
+        fd = writer ? -1 : sr_i_reuse_parked_data_file(sr_i_set_data_path(p_new));
+        if (fd >= 0) {
+            p_new->file_fd = fd;
+            break;
+        }
         fd = sr_i_open_file(sr_i_set_data_path(p_new), writer ? O_RDWR : O_RDONLY, 0644);
         if (fd < 0) {
             rc = SR_ERROR_FILE("open", errno, true);
@@ -667,18 +789,17 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         }
         rc = sr_i_register_data_file(fd, writer ? 1 : 0);
         if (rc != 0) {
-            close(fd);
+            sr_i_close_unregistered_data_file(fd);
             sr_i_close_table(p_new);
             return rc;
         }
         p_new->file_fd = fd;
         if (!writer) break;
         // A writer holds the whole file's lock for as long as the table is
-        // open; a second writer in another process waits here.  Readers rely
-        // on the commit protocol instead.
-        while (lockf(fd, F_LOCK, 0) != 0) {
-            if (errno == EINTR) continue;
-            rc = SR_ERROR_SYSCALL("lockf", errno);
+        // open; a second writer in this or another process waits here.
+        // Readers rely on the commit protocol instead.
+        rc = sr_i_lock_data_file(fd);
+        if (rc != 0) {
             sr_i_close_table(p_new);
             return rc;
         }

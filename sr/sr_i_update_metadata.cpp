@@ -142,12 +142,117 @@ void sr_i_swap_after_metadata_update(sr_i_table_t *p_table, sr_i_table_t *p_new_
     swap(p_table->record_buffer_pool, p_new_table->record_buffer_pool);
     swap(p_table->p_rows_hash_table, p_new_table->p_rows_hash_table);
     swap(p_table->p_rows_free_chain, p_new_table->p_rows_free_chain);
+    // Overlays name columns of the old column array and go with it.
+    swap(p_table->p_overlays, p_new_table->p_overlays);
+    swap(p_table->total_overlays, p_new_table->total_overlays);
+}
+
+// ---------------------------------------------------------------------------
+// Overlays.  An overlay lasts only while the table is open, so no file may
+// ever see it: it changes only the native column copy, never the metadata
+// record that apply and copy write.  Each overlaid column also keeps its
+// definition as the file has it, for a schema change, which builds the new
+// table from the file's definitions, and for putting the overlays back when
+// the native copy is rebuilt from the record.
+
+struct sr_i_overlay_struct {
+    qx_uint32_t column;
+    char file_qualifier[sizeof(sr_qualifier_t)];
+    char file_default[sizeof(qx_value_t)];
+    char overlay_qualifier[sizeof(sr_qualifier_t)];
+    char overlay_default[sizeof(qx_value_t)];
+};
+
+namespace {
+
+constexpr size_t kQualifierAt = offsetof(sr_column_t, qualifier);
+constexpr size_t kDefaultAt = offsetof(sr_column_t, default_value);
+
+void put_definitions(char *p_column_array, const sr_i_overlay_struct *p_overlays,
+                     qx_uint32_t total, bool file_form) {
+    for (qx_uint32_t i = 0; i < total; ++i) {
+        const sr_i_overlay_struct &o = p_overlays[i];
+        char *p_entry = p_column_array + static_cast<size_t>(o.column) * sizeof(sr_column_t);
+        std::memcpy(p_entry + kQualifierAt, file_form ? o.file_qualifier : o.overlay_qualifier,
+                    sizeof o.file_qualifier);
+        std::memcpy(p_entry + kDefaultAt, file_form ? o.file_default : o.overlay_default,
+                    sizeof o.file_default);
+    }
+}
+
+// The overlay record of column c, made (with the file's definition) at the
+// first overlay of the column; nullptr without memory.
+sr_i_overlay_struct *overlay_of(sr_i_table_t *p_table, qx_uint32_t c) {
+    for (qx_uint32_t i = 0; i < p_table->total_overlays; ++i) {
+        if (p_table->p_overlays[i].column == c) return &p_table->p_overlays[i];
+    }
+    auto *p_grown = static_cast<sr_i_overlay_struct *>(
+        sr_i_realloc(p_table->p_overlays, (p_table->total_overlays + 1) * sizeof(sr_i_overlay_struct)));
+    if (p_grown == nullptr) return nullptr;
+    p_table->p_overlays = p_grown;
+    sr_i_overlay_struct &o = p_grown[p_table->total_overlays++];
+    const char *p_entry = reinterpret_cast<const char *>(&p_table->p_columns[c]);
+    o.column = c;
+    std::memcpy(o.file_qualifier, p_entry + kQualifierAt, sizeof o.file_qualifier);
+    std::memcpy(o.file_default, p_entry + kDefaultAt, sizeof o.file_default);
+    std::memcpy(o.overlay_qualifier, o.file_qualifier, sizeof o.file_qualifier);
+    std::memcpy(o.overlay_default, o.file_default, sizeof o.file_default);
+    return &o;
+}
+
+// Hides the overlays of a table for a scope.
+class overlays_hidden_t {
+  public:
+    explicit overlays_hidden_t(sr_i_table_t *p_table) : p_table_(p_table) {
+        sr_i_overlays_hide(p_table_);
+    }
+    ~overlays_hidden_t() { sr_i_overlays_show(p_table_); }
+    overlays_hidden_t(const overlays_hidden_t &) = delete;
+    overlays_hidden_t &operator=(const overlays_hidden_t &) = delete;
+
+  private:
+    sr_i_table_t *p_table_;
+};
+
+// After an overlay changed column c in memory.
+void remember_overlay(sr_i_table_t *p_table, sr_i_overlay_struct *p_overlay) {
+    const char *p_entry = reinterpret_cast<const char *>(&p_table->p_columns[p_overlay->column]);
+    std::memcpy(p_overlay->overlay_qualifier, p_entry + kQualifierAt,
+                sizeof p_overlay->overlay_qualifier);
+    std::memcpy(p_overlay->overlay_default, p_entry + kDefaultAt,
+                sizeof p_overlay->overlay_default);
+}
+
+}  // namespace
+
+void sr_i_overlays_hide(sr_i_table_t *p_table) {
+    if (p_table->overlays_hidden++ == 0) {
+        put_definitions(reinterpret_cast<char *>(p_table->p_columns), p_table->p_overlays,
+                        p_table->total_overlays, true);
+    }
+}
+
+void sr_i_overlays_show(sr_i_table_t *p_table) {
+    if (p_table->overlays_hidden > 0 && --p_table->overlays_hidden == 0) {
+        put_definitions(reinterpret_cast<char *>(p_table->p_columns), p_table->p_overlays,
+                        p_table->total_overlays, false);
+    }
+}
+
+void sr_i_overlays_reapply(sr_i_table_t *p_table) {
+    if (p_table->overlays_hidden == 0) {
+        put_definitions(reinterpret_cast<char *>(p_table->p_columns), p_table->p_overlays,
+                        p_table->total_overlays, false);
+    }
 }
 
 qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_columns,
                                 qx_uint32_t total_new_columns, qx_char_ptr_t p_old_column_name,
                                 qx_char_ptr_t p_new_column_name, qx_value_t *p_new_value,
                                 sr_i_table_t **p_result_table) {
+    // The new file is built from the file's definitions; the overlays end
+    // with the table they were made on.
+    overlays_hidden_t hidden(p_table);
     qx_int32_t rc = check_committed(p_table);
     if (rc != 0) return rc;
     if (total_new_columns != 0 && p_new_columns == nullptr) return SR_ERROR(101);
@@ -229,6 +334,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
 
 qx_int32_t sr_i_delete_columns(sr_i_table_t *p_table, qx_char_ptr_t *column_names,
                                qx_uint32_t array_count, sr_i_table_t **p_p_result_table) {
+    overlays_hidden_t hidden(p_table);
     qx_int32_t rc = check_committed(p_table);
     if (rc != 0) return rc;
     if (column_names == nullptr) return SR_ERROR(101);
@@ -320,7 +426,10 @@ qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_p
     if (c < 0) return SR_ERROR(105);
     sr_column_t column = sr_i_load_column(&p_table->p_columns[c]);
     if ((column.qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD) return SR_ERROR(105);
-    sr_i_set_column_qualifier(p_table, static_cast<qx_uint32_t>(c), new_qualifier);
+    sr_i_overlay_struct *p_overlay = overlay_of(p_table, static_cast<qx_uint32_t>(c));
+    if (p_overlay == nullptr) return SR_ERROR(12);
+    p_table->p_columns[c].qualifier = new_qualifier;
+    remember_overlay(p_table, p_overlay);
     return 0;
 }
 
@@ -329,8 +438,11 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
     const qx_int32_t c = sr_i_find_column(p_table, p_column_name);
     if (c < 0) return SR_ERROR(105);
     const qx_data_type_t type = sr_i_load_column(&p_table->p_columns[c]).type;
+    if (overlay_of(p_table, static_cast<qx_uint32_t>(c)) == nullptr) return SR_ERROR(12);
     if (!sr_i_is_pointer_type(type)) {
-        sr_i_set_column_default(p_table, static_cast<qx_uint32_t>(c), new_default_value);
+        std::memcpy(&p_table->p_columns[c].default_value, &new_default_value,
+                    sizeof new_default_value);
+        remember_overlay(p_table, overlay_of(p_table, static_cast<qx_uint32_t>(c)));
         return 0;
     }
 
@@ -387,9 +499,11 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
         if (rc != 0) {
             rc = SR_ERROR(15);
         } else {
-            sr_i_set_column_default(p_table, static_cast<qx_uint32_t>(c), slot);
+            std::memcpy(&p_table->p_columns[c].default_value, &slot, sizeof slot);
         }
     }
+    // The file's form of the old default stays in the record's area.
+    if (rc == 0) remember_overlay(p_table, overlay_of(p_table, static_cast<qx_uint32_t>(c)));
     std::free(p_form);
     return rc;
 }

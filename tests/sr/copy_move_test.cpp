@@ -169,6 +169,27 @@ TEST_F(CopyMoveTest, EveryCombinationOfMemoryAndFileCarriesTheRows) {
     sr_free_table_metadata_1(p_metadata);
 }
 
+// A table unpacked from a packed buffer reads its rows in the caller's
+// buffer; its memory copy must still have every row, in memory of its own.
+TEST_F(CopyMoveTest, MemoryCopyOfAnUnpackedTableHasEveryRow) {
+    sr_i_table_t *p_source = Make("/t/p", SR_MODE_WRITE, false);
+    for (qx_int64_t k = 1; k <= 3; ++k) ASSERT_EQ(AddRow(p_source, k, "r", 7), 0);
+    sr_opaque_handle_t handles[] = {p_source};
+    qx_uint32_t uncommitted[] = {0};
+    void *p_buffer = nullptr;
+    ASSERT_EQ(sr_pack_tables_1(1, handles, uncommitted, nullptr, nullptr, &p_buffer), 0);
+    ASSERT_EQ(sr_close_table_1(p_source), 0);
+    ASSERT_EQ(sr_delete_table_1(tree_, Text("/t/p")), 0);
+    sr_opaque_handle_t unpacked = nullptr;
+    ASSERT_EQ(sr_unpack_table_1(p_buffer, 0, nullptr, nullptr, tree_, 0, &unpacked), 0);
+    ASSERT_EQ(sr_copy_table_by_handle_1(unpacked, Text("/t/p2"), 0), 0);
+    ASSERT_EQ(sr_close_table_1(unpacked), 0);
+    std::free(p_buffer);
+    sr_i_table_t *p_copy = Open("/t/p2");
+    EXPECT_EQ(Rows(p_copy),
+              (std::map<qx_int64_t, std::string>{{1, "r|7"}, {2, "r|7"}, {3, "r|7"}}));
+}
+
 TEST_F(CopyMoveTest, MemoryCopyOfHashedTableKeepsItsKeyIndexAndTheWorkingVersion) {
     sr_i_table_t *p_source = Make("/t/h", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, true);
     for (qx_int64_t k = 0; k < 300; ++k) ASSERT_EQ(AddRow(p_source, k, "x", 1), 0);

@@ -119,6 +119,33 @@ TEST_F(CreateTableTest, ArgumentChecksComeBeforeTheTreeIsTouched) {
     EXPECT_EQ(last_error().message, "2605-102 <NULL POINTER> is an invalid pathname.\n");
 }
 
+// Another process creates the table between this create's check for it and
+// the rename of the new file into place (here: during the new file's sync).
+// Its table stays and this create reports 201.
+std::string Appearing_Path;
+std::string Appearing_Bytes;
+int SyncWhileATableAppears(int fd) {
+    if (!Appearing_Path.empty()) {
+        qxtest::WriteBytes(Appearing_Path, Appearing_Bytes);
+        Appearing_Path.clear();
+    }
+    return fdatasync(fd);
+}
+
+TEST_F(CreateTableTest, TableThatAppearsDuringCreateIsNotReplaced) {
+    ASSERT_EQ(sr_close_table_1(Create("/m/other", ScalarColumns(3))), 0);
+    Appearing_Bytes = ReadBytes(File("other"));
+    Appearing_Path = File("t");
+    sr_i_file_ops.p_fdatasync = SyncWhileATableAppears;
+    std::vector<sr_column_t> columns = ScalarColumns(2);
+    sr_opaque_handle_t table = nullptr;
+    EXPECT_EQ(sr_create_table_1(tree_, Text("/m/t"), columns.data(), 2, 2, &table),
+              SR_E_TABLE_EXISTS);
+    sr_i_file_ops = sr_i_default_file_ops;
+    EXPECT_EQ(ReadBytes(File("t")), Appearing_Bytes);
+    EXPECT_FALSE(Exists(File("t") + ".rewrite"));
+}
+
 TEST_F(CreateTableTest, CreatedTableIsAlwaysOpenForWrite) {
     auto columns = ScalarColumns(2);
     ASSERT_EQ(TryCreate("/t0", columns, 0), 0);

@@ -215,6 +215,29 @@ TEST(ErrnoCaptureTest, OnlyTheLastCaptureOfTheProcessRemains) {
     EXPECT_EQ("function(sr_i_commit) errno(28) line(77) sccsid(1.4)\n", content);
 }
 
+// The capture name is predictable: a link planted under it must not make the
+// library write (or empty) another file.
+TEST(ErrnoCaptureTest, PlantedLinksAreNotFollowedAndTheirTargetsKept) {
+    qxtest::TempDir dir;
+    char cwd[4096];
+    ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
+    const std::string name = "reginfo_pid." + std::to_string(getpid());
+    const std::string victim = dir.file("victim");
+    for (bool hard : {false, true}) {
+        {
+            std::ofstream out(victim);
+            out << "precious";
+        }
+        unlink(dir.file(name).c_str());
+        ASSERT_EQ(0, hard ? link(victim.c_str(), dir.file(name).c_str())
+                          : symlink(victim.c_str(), dir.file(name).c_str()));
+        ASSERT_EQ(0, chdir(dir.path().c_str()));
+        sr_i_capture_errno("sr_i_fdatasync", 5, 120, "1.1");
+        ASSERT_EQ(0, chdir(cwd));
+        EXPECT_EQ("precious", read_file(victim)) << (hard ? "hard link" : "symbolic link");
+    }
+}
+
 TEST(ErrnoCaptureTest, UnwritableDirectoryIsSkippedQuietly) {
     qxtest::TempDir dir;
     char cwd[4096];

@@ -290,6 +290,48 @@ TEST_F(SchemaTest, OverlaidDefaultIsSeenAtOnceAndGoneAfterReopening) {
     EXPECT_EQ(sr_overlay_memory_default_value_1(p_table, nullptr, I32(1)), 101);
 }
 
+// An overlay lasts while the table is open: a rewrite of the file and a copy
+// into a file, which both write the metadata record, write it without them.
+TEST_F(SchemaTest, OverlaysNeverReachTheFileThroughARewriteOrACopy) {
+    for (bool copy : {false, true}) {
+        SCOPED_TRACE(copy ? "copy" : "rewrite");
+        const std::string source = copy ? "/t/o" : "/m/o";
+        sr_i_table_t *p_table = Filled(source, SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL);
+        ASSERT_EQ(sr_overlay_memory_default_value_1(p_table, Text("s"), Str("overlaid text")), 0);
+        ASSERT_EQ(sr_overlay_memory_default_value_1(p_table, Text("n"), I32(77)), 0);
+        ASSERT_EQ(
+            sr_overlay_memory_column_qualifier_1(p_table, Text("s"), SR_STANDARD | SR_INVISIBLE),
+            0);
+        ASSERT_EQ(AddRow(p_table, 9, "x", 9), 0);
+        if (copy) {
+            ASSERT_EQ(sr_copy_table_by_handle_1(p_table, Text("/m/o2"), 0), 0);
+        } else {
+            ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);  // a complete new image
+            ASSERT_EQ(sr_i_commit(p_table), 0);
+        }
+        // Still overlaid in memory.
+        EXPECT_EQ(sr_i_load_column(&p_table->p_columns[1]).qualifier,
+                  SR_STANDARD | SR_INVISIBLE);
+        sr_i_table_t *p_file = nullptr;
+        if (copy) {
+            ASSERT_EQ(sr_close_table_1(p_table), 0);
+            ASSERT_EQ(sr_delete_table_1(tree_, Text(source)), 0);
+            sr_opaque_handle_t handle = nullptr;
+            ASSERT_EQ(sr_open_table_1(tree_, Text("/m/o2"), SR_MODE_WRITE, &handle), 0);
+            p_file = static_cast<sr_i_table_t *>(handle);
+        } else {
+            p_file = Reopen(p_table, "/m/o");
+        }
+        ASSERT_NE(p_file, nullptr);
+        ASSERT_EQ(Add(p_file, {{"k", I64(6)}}), 0);
+        EXPECT_EQ(TextOf(p_file, 9), "x");
+        EXPECT_EQ(TextOf(p_file, 6), "dflt");
+        EXPECT_EQ(IntOf(p_file, 6), 7);
+        EXPECT_EQ(sr_i_load_column(&p_file->p_columns[1]).qualifier, SR_STANDARD);
+        ASSERT_EQ(sr_close_table_1(p_file), 0);
+    }
+}
+
 TEST_F(SchemaTest, OverlaidQualifierChangesOnlyModifiersOfStandardColumns) {
     sr_i_table_t *p_table = Filled();
     ASSERT_EQ(sr_overlay_memory_column_qualifier_1(p_table, Text("s"), SR_STANDARD | SR_INVISIBLE),

@@ -25,7 +25,9 @@ struct Plan {
     int sync_calls = 0;
     int sync_fail_at = 0;
     int sync_errno = 0;
+    int sync_fail_from = 0;  // this call and every later one fail
     int write_calls = 0;
+    int write_fail_at = 0;
 };
 Plan P;
 
@@ -43,7 +45,8 @@ ssize_t FaultyWritev(int fd, const struct iovec *p_vector, int count) {
 }
 int FaultyFdatasync(int fd) {
     ++P.sync_calls;
-    if (P.sync_calls == P.sync_fail_at) {
+    if (P.sync_calls == P.sync_fail_at ||
+        (P.sync_fail_from > 0 && P.sync_calls >= P.sync_fail_from)) {
         errno = P.sync_errno;
         return -1;
     }
@@ -51,6 +54,10 @@ int FaultyFdatasync(int fd) {
 }
 ssize_t CountingWrite(int fd, const void *p_buffer, size_t length) {
     ++P.write_calls;
+    if (P.write_calls == P.write_fail_at) {
+        errno = EIO;
+        return -1;
+    }
     return write(fd, p_buffer, length);
 }
 
@@ -253,6 +260,69 @@ TEST_F(TransactionFaultTest, FailedSyncOfCommitThenAbortGivesTheCommittedState) 
     ASSERT_EQ(sr_abort_1(p_table), 0);
     EXPECT_EQ(Snapshot(p_table, true), committed_);
     EXPECT_EQ(Reopened("t"), committed_);
+}
+
+// An implicit update is reported as saved only when it is committed: one
+// failed sync of the switch is retried, a lasting one undoes the update and
+// reports the sync's failure, and the next update goes through.
+TEST_F(TransactionFaultTest, ImplicitUpdateWhoseCommitCannotBeSyncedIsRetriedThenAbortedAndFails) {
+    struct Case {
+        int fail_at;    // sync call that fails (apply's sync is the first)
+        int fail_from;  // every sync from this one fails
+        qx_int32_t rc;
+        bool saved;
+    };
+    const Case cases[] = {{2, 0, 0, true}, {0, 2, SR_E_SYSTEM_CALL, false}};
+    int n = 0;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(n);
+        const std::string name = "i" + std::to_string(n++);
+        sr_i_table_t *p_table = Make(name, 2);
+        RowKit rows(p_table);
+        rows.Add(R(1, {1}));
+        ASSERT_EQ(sr_i_implicit_apply_commit(p_table), 0);
+        rows.Add(R(2, {2}));
+        P = Plan{};
+        P.sync_fail_at = c.fail_at;
+        P.sync_fail_from = c.fail_from;
+        P.sync_errno = EIO;
+        Arm();
+        EXPECT_EQ(sr_i_implicit_apply_commit(p_table), c.rc);
+        sr_i_file_ops = sr_i_default_file_ops;
+        EXPECT_EQ(p_table->ready_for_commit, 0u);
+        const State one{{1, R(1, {1})}};
+        State both = one;
+        both[2] = R(2, {2});
+        EXPECT_EQ(Snapshot(p_table, true), c.saved ? both : one);
+        EXPECT_EQ(Reopened(name), c.saved ? both : one);
+        rows.Add(R(3, {3}));
+        EXPECT_EQ(sr_i_implicit_apply_commit(p_table), 0);
+        EXPECT_EQ(Reopened(name).count(3), 1u);
+    }
+}
+
+// The sync of the switch fails and so does the write that puts the old word
+// back: the cache may hold the retired word.  Abort must still leave a file
+// that reads as the committed state.
+TEST_F(TransactionFaultTest, AbortAfterACommitWhoseRestoreFailedLeavesAReadableFile) {
+    sr_i_table_t *p_table = Committed(3);
+    Change(p_table, 1);
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    P.sync_fail_at = 1;
+    P.sync_errno = EIO;
+    P.write_fail_at = 2;
+    Arm();
+    EXPECT_NE(sr_commit_1(p_table), 0);
+    EXPECT_EQ(p_table->ready_for_commit, 1u);
+    sr_i_file_ops = sr_i_default_file_ops;
+    ASSERT_EQ(sr_abort_1(p_table), 0);
+    EXPECT_EQ(Snapshot(p_table, true), committed_);
+    EXPECT_EQ(Reopened("t"), committed_);
+    Change(p_table, 1);
+    const State wanted = Snapshot(p_table, true);
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+    EXPECT_EQ(Reopened("t"), wanted);
 }
 
 TEST_F(TransactionFaultTest, FailedSwitchWriteOfCommitKeepsTheTableApplied) {
