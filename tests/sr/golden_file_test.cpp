@@ -42,9 +42,12 @@ std::string Slot(const qx_value_t &v) {
 // A value as a caller passes it and as the format stores it: the 8-byte slot
 // of a scalar, or the protocol form of a pointer type (its anchor is placed
 // when the enclosing record or form is assembled).
+// All 8 bytes of the slot start as zero: `{}` on a union sets only its first
+// member, and the format's slot of a 4-byte value is zero behind it.
 struct V {
+    V() { std::memset(&value, 0, sizeof value); }
     qx_data_type_t type = QX_UNKNOWN;
-    qx_value_t value{};
+    qx_value_t value;
     bool pointer = false;
     std::string form;
 };
@@ -411,7 +414,8 @@ class GoldenFileTest : public qxtest::TableTest {
                    const std::vector<V> &row) {
         qx_value_t key = row[0].value;
         for (size_t i = 0; i < columns.size(); ++i) {
-            qx_value_t got{};
+            qx_value_t got;
+            std::memset(&got, 0, sizeof got);
             ASSERT_EQ(
                 sr_get_field_by_key_1(table, key, const_cast<char *>(columns[i].p_name), &got), 0)
                 << columns[i].p_name;
