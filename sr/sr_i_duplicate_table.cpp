@@ -226,10 +226,17 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
         sr_i_close_table(p_fresh);
         return rc;
     }
+    // Values other openers read from the old rows stay valid until they
+    // close; the old pool waits for the record's last close.
+    rc = sr_i_retire_record_buffer_pool(p_target);
+    if (rc != 0) {
+        sr_i_rw_unlock_write(&p_target->lock);
+        sr_i_close_table(p_fresh);
+        return rc;
+    }
     sr_i_swap_after_metadata_update(p_target, p_fresh);
     // The copied file's application metadata comes with its rows.
     std::swap(p_target->p_application_metadata, p_fresh->p_application_metadata);
-    // Client values handed out from the old rows die with them.
     qx_int32_t unlock_rc = sr_i_rw_unlock_write(&p_target->lock);
     sr_i_close_table(p_fresh);
     return unlock_rc;
