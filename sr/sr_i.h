@@ -526,6 +526,10 @@ void sr_i_close_data_file(qx_int32_t fd);
  * sr_i_hand_over_claim(true) and (false), this thread's claims ignore the
  * claims of others: for a record that replaces an open writer's. */
 qx_int32_t sr_i_lock_data_file(qx_int32_t fd);
+/* Claims the registered fd without waiting: 211 when another descriptor of
+ * the file is claimed by this process (a writer in another tree, whose
+ * release the caller cannot wait for), 0 otherwise. */
+qx_int32_t sr_i_try_claim_data_file(qx_int32_t fd);
 bool sr_i_data_file_claimed(qx_int32_t fd);
 /* A parked descriptor of the file p_path names, taken back into use for a
  * reader (registered, holding no lock), or -1 when there is none. */

@@ -332,8 +332,16 @@ qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_abso
                 return rc;
             }
         }
+        // A writer of the target in another tree of this process holds the
+        // process's own lock, which lockf would grant again: writing beside
+        // it would overwrite its commits.  Waiting for it could wait for the
+        // caller itself, so the copy is refused.  The claim also keeps such a
+        // writer out until the copy is done.
+        if (given_fd < 0) rc = sr_i_try_claim_data_file(fd);
         // Waits for a writer of the target in another process to close it.
-        if (lock_whole_file(fd, F_LOCK) != 0) {
+        if (rc != 0) {
+            // refused above
+        } else if (lock_whole_file(fd, F_LOCK) != 0) {
             rc = SR_ERROR_SYSCALL("lockf", errno);
         } else {
             off64_t end = lseek64(fd, 0, SEEK_END);

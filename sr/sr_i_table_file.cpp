@@ -360,6 +360,26 @@ bool sr_i_data_file_claimed(qx_int32_t fd) {
     return claimed;
 }
 
+qx_int32_t sr_i_try_claim_data_file(qx_int32_t fd) {
+    const pid_t self = getpid();
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_uint32_t index = Total_Data_Files;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) index = i;
+    }
+    qx_int32_t rc = index == Total_Data_Files ? SR_ERROR(15) : 0;
+    for (qx_uint32_t i = 0; i < Total_Data_Files && rc == 0; ++i) {
+        const data_file_t &f = P_Data_Files[i];
+        if (i != index && f.dev == P_Data_Files[index].dev && f.ino == P_Data_Files[index].ino &&
+            f.claimed_by == self) {
+            rc = SR_ERROR(211);
+        }
+    }
+    if (rc == 0) P_Data_Files[index].claimed_by = self;
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return rc;
+}
+
 void sr_i_hand_over_claim(bool on) {
     Claim_Handed_Over = on;
 }
