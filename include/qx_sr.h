@@ -269,6 +269,11 @@ qx_int32_t sr_change_column_name_1(sr_opaque_handle_t table_handle, qx_char_ptr_
                                    qx_char_ptr_t new_name);
 qx_int32_t sr_change_default_value_1(sr_opaque_handle_t table_handle, qx_char_ptr_t column_name,
                                      qx_value_t new_value);
+/* Overlays change a column's default or qualifier modifiers in this open
+ * table's memory only: no file ever sees them, and they end at the table's
+ * last close or at its next schema change (add, delete or rename columns,
+ * change a default), which builds the table anew from the file's
+ * definitions. */
 qx_int32_t sr_overlay_memory_default_value_1(sr_opaque_handle_t table_handle,
                                              qx_char_ptr_t p_column_name,
                                              qx_value_t new_default_value);

@@ -279,6 +279,9 @@ typedef struct sr_i_table_struct {
     struct sr_i_overlay_struct *p_overlays;
     qx_uint32_t total_overlays;
     qx_uint32_t overlays_hidden;
+    /* Pools of contents replaced by reading the file again for another
+     * opener; values handed out from them stay valid until the last close. */
+    struct sr_i_retired_pool_struct *p_retired_pools;
 } sr_i_table_t;
 
 /* ===========================================================================
@@ -523,6 +526,10 @@ void sr_i_close_data_file(qx_int32_t fd);
  * sr_i_hand_over_claim(true) and (false), this thread's claims ignore the
  * claims of others: for a record that replaces an open writer's. */
 qx_int32_t sr_i_lock_data_file(qx_int32_t fd);
+/* Claims the registered fd without waiting: 211 when another descriptor of
+ * the file is claimed by this process (a writer in another tree, whose
+ * release the caller cannot wait for), 0 otherwise. */
+qx_int32_t sr_i_try_claim_data_file(qx_int32_t fd);
 bool sr_i_data_file_claimed(qx_int32_t fd);
 /* A parked descriptor of the file p_path names, taken back into use for a
  * reader (registered, holding no lock), or -1 when there is none. */
@@ -1112,6 +1119,12 @@ qx_int32_t sr_i_delete_columns(sr_i_table_t *p_table, qx_char_ptr_t *column_name
 /* Exchanges the loaded contents (columns, rows, indexes, pool, file state)
  * of two records of one table; identity stays with each record. */
 void sr_i_swap_after_metadata_update(sr_i_table_t *p_table, sr_i_table_t *p_new_table);
+
+/* Moves p_table's record buffer pool aside, empty in its place, to be freed
+ * at the record's last close: a reload for another opener must not free the
+ * memory that values already handed out point into.  0 or 12 (p_table then
+ * unchanged). */
+qx_int32_t sr_i_retire_record_buffer_pool(sr_i_table_t *p_table);
 /* Writes a rebuilt table over p_table's file as a full rewrite (a persistent
  * table), commits it, and swaps it into p_table; consumes p_new_table.  On
  * failure p_table and its file are as they were. */

@@ -226,10 +226,17 @@ qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
         sr_i_close_table(p_fresh);
         return rc;
     }
+    // Values other openers read from the old rows stay valid until they
+    // close; the old pool waits for the record's last close.
+    rc = sr_i_retire_record_buffer_pool(p_target);
+    if (rc != 0) {
+        sr_i_rw_unlock_write(&p_target->lock);
+        sr_i_close_table(p_fresh);
+        return rc;
+    }
     sr_i_swap_after_metadata_update(p_target, p_fresh);
     // The copied file's application metadata comes with its rows.
     std::swap(p_target->p_application_metadata, p_fresh->p_application_metadata);
-    // Client values handed out from the old rows die with them.
     qx_int32_t unlock_rc = sr_i_rw_unlock_write(&p_target->lock);
     sr_i_close_table(p_fresh);
     return unlock_rc;
@@ -325,8 +332,16 @@ qx_int32_t sr_i_lock_local_tree_and_target_table_if_it_exists(const char *p_abso
                 return rc;
             }
         }
+        // A writer of the target in another tree of this process holds the
+        // process's own lock, which lockf would grant again: writing beside
+        // it would overwrite its commits.  Waiting for it could wait for the
+        // caller itself, so the copy is refused.  The claim also keeps such a
+        // writer out until the copy is done.
+        if (given_fd < 0) rc = sr_i_try_claim_data_file(fd);
         // Waits for a writer of the target in another process to close it.
-        if (lock_whole_file(fd, F_LOCK) != 0) {
+        if (rc != 0) {
+            // refused above
+        } else if (lock_whole_file(fd, F_LOCK) != 0) {
             rc = SR_ERROR_SYSCALL("lockf", errno);
         } else {
             off64_t end = lseek64(fd, 0, SEEK_END);

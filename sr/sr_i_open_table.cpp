@@ -31,9 +31,13 @@ qx_int32_t reload_for_write(sr_i_table_t *p_table, qx_uint32_t mode) {
     qx_int32_t rc = sr_i_open_persistent_table(
         p_table->p_tree, p_table->p_persistent_table_registry_path, sr_i_set_data_path(p_table),
         mode, p_table->block_size, p_hash_table, &p_fresh);
-    if (rc != 0) return rc;
+    if (rc == 0) rc = sr_i_retire_record_buffer_pool(p_table);
+    if (rc != 0) {
+        sr_i_close_table(p_fresh);
+        return rc;
+    }
     // Every holder of the shared record sees the reloaded contents; the fresh
-    // record leaves with the old ones.
+    // record leaves with the old ones, all but the memory of their values.
     sr_i_swap_after_metadata_update(p_table, p_fresh);
     // The application metadata is the file's as much as the rows are: the
     // old copy may predate another process's commit, and the next commit
@@ -45,7 +49,39 @@ qx_int32_t reload_for_write(sr_i_table_t *p_table, qx_uint32_t mode) {
     return 0;
 }
 
+// Releases the client values cached for the records of a pool and frees it.
+void release_pool(sr_i_record_buffer_pool_t *p_pool) {
+    for (sr_i_record_buffer_t *p_buffer = p_pool->p_first_record_buffer; p_buffer != nullptr;
+         p_buffer = p_buffer->p_next) {
+        char *p_begin = sr_i_rb_buffer_data(p_buffer);
+        qx_pmsg_release_client_values_1(
+            p_begin, static_cast<size_t>(sr_i_rb_buffer_end(p_buffer) - p_begin));
+    }
+    sr_i_rb_uninitialize_record_buffer_pool(p_pool);
+}
+
 }  // namespace
+
+struct sr_i_retired_pool_struct {
+    sr_i_record_buffer_pool_t pool;
+    sr_i_retired_pool_struct *p_next;
+};
+
+// Values read through one handle point into the pool and the caller may use
+// them until that handle's table changes the row or closes; a reload done
+// for another opener is neither, so the old pool lives as long as the record.
+// Only reloads retire pools (an upgrade to write at most once per record, a
+// copy over the open table once per copy), so the cost is bounded by them.
+qx_int32_t sr_i_retire_record_buffer_pool(sr_i_table_t *p_table) {
+    auto *p_retired =
+        static_cast<sr_i_retired_pool_struct *>(sr_i_calloc(1, sizeof(sr_i_retired_pool_struct)));
+    if (p_retired == nullptr) return SR_ERROR(12);
+    p_retired->pool = p_table->record_buffer_pool;
+    p_retired->p_next = p_table->p_retired_pools;
+    p_table->p_retired_pools = p_retired;
+    std::memset(&p_table->record_buffer_pool, 0, sizeof p_table->record_buffer_pool);
+    return 0;
+}
 
 qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
                          qx_int32_t mode, sr_hash_table_t *p_rows_hash_table,
@@ -145,11 +181,12 @@ qx_int32_t sr_i_close_table(sr_i_table_t *p_table) {
     if (p_table == nullptr) return 0;
     // Client values handed out from this table's records are cached by slot
     // address; the addresses are about to be freed and reused.
-    for (sr_i_record_buffer_t *p_buffer = p_table->record_buffer_pool.p_first_record_buffer;
-         p_buffer != nullptr; p_buffer = p_buffer->p_next) {
-        char *p_begin = sr_i_rb_buffer_data(p_buffer);
-        qx_pmsg_release_client_values_1(
-            p_begin, static_cast<size_t>(sr_i_rb_buffer_end(p_buffer) - p_begin));
+    release_pool(&p_table->record_buffer_pool);
+    while (p_table->p_retired_pools != nullptr) {
+        sr_i_retired_pool_struct *p_retired = p_table->p_retired_pools;
+        p_table->p_retired_pools = p_retired->p_next;
+        release_pool(&p_retired->pool);
+        std::free(p_retired);
     }
     if (p_table->p_packed_rows_array != nullptr) {
         const qx_array_t *p_rows = p_table->p_packed_rows_array;
@@ -161,7 +198,6 @@ qx_int32_t sr_i_close_table(sr_i_table_t *p_table) {
         std::free(p_table->p_packed_rows_array);
     }
     sr_i_rw_close(&p_table->lock);
-    sr_i_rb_uninitialize_record_buffer_pool(&p_table->record_buffer_pool);
     sr_i_hash_table_close(p_table->p_rows_hash_table);
     std::free(p_table->p_rows_fixed_index);
     std::free(p_table->p_rows_packed_index);

@@ -360,6 +360,26 @@ bool sr_i_data_file_claimed(qx_int32_t fd) {
     return claimed;
 }
 
+qx_int32_t sr_i_try_claim_data_file(qx_int32_t fd) {
+    const pid_t self = getpid();
+    pthread_mutex_lock(&Data_Files_Mutex);
+    qx_uint32_t index = Total_Data_Files;
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) index = i;
+    }
+    qx_int32_t rc = index == Total_Data_Files ? SR_ERROR(15) : 0;
+    for (qx_uint32_t i = 0; i < Total_Data_Files && rc == 0; ++i) {
+        const data_file_t &f = P_Data_Files[i];
+        if (i != index && f.dev == P_Data_Files[index].dev && f.ino == P_Data_Files[index].ino &&
+            f.claimed_by == self) {
+            rc = SR_ERROR(211);
+        }
+    }
+    if (rc == 0) P_Data_Files[index].claimed_by = self;
+    pthread_mutex_unlock(&Data_Files_Mutex);
+    return rc;
+}
+
 void sr_i_hand_over_claim(bool on) {
     Claim_Handed_Over = on;
 }
@@ -522,14 +542,78 @@ bool row_key_is_sound(const char *p_data, qx_uint64_t data_length, qx_uint32_t t
     return length >= sizeof(qx_resource_handle_t);
 }
 
+bool is_torn_commit_switch(qx_int32_t type);
+
+// A file with far fewer blocks on disk than its length has holes; reading it
+// whole would spend memory on bytes no record may need.  Beyond this much
+// slack its records are first walked by their headers alone.
+constexpr qx_uint64_t kHoleSlack = 1u << 20;
+
+// How far from its start the file's records reach, walked by their headers
+// alone without keeping them: through the first commit record (what follows
+// it was left by an apply and is never read), or through a torn commit
+// switch that nothing sound follows.  14 when a header is missing or makes
+// no sense, so that a hole where records must be costs no memory.
+qx_int32_t measure_records(qx_int32_t fd, qx_uint64_t file_length, qx_uint64_t *p_records_end) {
+    constexpr size_t kChunk = 64 * 1024;
+    char *p_chunk = static_cast<char *>(sr_i_malloc(kChunk));
+    if (p_chunk == nullptr) return SR_ERROR(12);
+    qx_uint64_t chunk_at = 0;
+    qx_uint64_t chunk_bytes = 0;
+    qx_uint64_t offset = 0;
+    qx_uint64_t torn_end = 0;
+    qx_int32_t rc = SR_I_RECORD_TYPE_METADATA;  // the type the first record must have
+    for (;;) {
+        if (offset + kHeader > file_length) break;
+        if (offset < chunk_at || offset + kHeader > chunk_at + chunk_bytes) {
+            ssize_t n;
+            do {
+                n = pread64(fd, p_chunk, kChunk, static_cast<off64_t>(offset));
+            } while (n < 0 && errno == EINTR);
+            if (n < 0) {
+                const int err = errno;
+                std::free(p_chunk);
+                return SR_ERROR_SYSCALL("pread64", err);
+            }
+            chunk_at = offset;
+            chunk_bytes = static_cast<qx_uint64_t>(n);
+            if (chunk_bytes < kHeader) break;
+        }
+        const char *p_record = p_chunk + (offset - chunk_at);
+        const qx_uint64_t length = rec_length(p_record);
+        const qx_int32_t type = rec_type(p_record);
+        if (length < kHeader || offset + length > file_length) break;
+        if (rc == SR_I_RECORD_TYPE_METADATA) {
+            if (type != SR_I_RECORD_TYPE_METADATA) break;
+            rc = 0;
+        } else if (type == SR_I_RECORD_TYPE_COMMIT) {
+            std::free(p_chunk);
+            *p_records_end = offset + length;
+            return 0;
+        } else if (is_torn_commit_switch(type)) {
+            if (torn_end == 0) torn_end = offset + length;
+        } else if (type != SR_I_RECORD_TYPE_FREE && type != SR_I_RECORD_TYPE_ROW &&
+                   type != SR_I_RECORD_TYPE_DELETION) {
+            break;
+        }
+        offset += length;
+    }
+    std::free(p_chunk);
+    if (torn_end == 0) return SR_ERROR(14);
+    *p_records_end = torn_end;
+    return 0;
+}
+
 // Reads the whole file into the pool as one record of type 1 whose length is
 // then set back to the metadata record's own, so that the pool walks the
 // file's records from there.  The room is asked for read_guess - 12 data
 // bytes and the file read from its header on.  Returns the image (the
 // metadata record's header), the bytes read and the image's end (the length
-// of its pool record).
+// of its pool record).  A file with holes is read only as far as its records
+// reach (measure_records); *p_records_end is how far they may reach.
 qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_image,
-                           qx_uint64_t *p_bytes_read, qx_uint64_t *p_image_end) {
+                           qx_uint64_t *p_bytes_read, qx_uint64_t *p_image_end,
+                           qx_uint64_t *p_records_end) {
     for (;;) {
         off64_t end = lseek64(fd, 0, SEEK_END);
         if (end < 0) return SR_ERROR_SYSCALL("lseek64", errno);
@@ -537,8 +621,18 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
         // Offsets in the file and its records are 32-bit.
         if (static_cast<qx_uint64_t>(end) > UINT32_MAX - 4 * 4096) return SR_ERROR(14);
         p_table->file_length = static_cast<qx_uint32_t>(end);
+        qx_uint64_t wanted = static_cast<qx_uint64_t>(end);
+        struct stat held;
+        const bool holes = fstat(fd, &held) == 0 &&
+                           static_cast<qx_uint64_t>(held.st_blocks) * 512 + kHoleSlack < wanted;
+        if (holes) {
+            qx_int32_t rc = measure_records(fd, wanted, &wanted);
+            if (rc != 0) return rc;
+        }
         if (lseek64(fd, 0, SEEK_SET) < 0) return SR_ERROR_SYSCALL("lseek64", errno);
-        const qx_uint64_t read_guess = static_cast<qx_uint64_t>(end) + 4096;
+        // Exactly the records of a file with holes; a whole file otherwise,
+        // with room to notice that it grew.
+        const qx_uint64_t read_guess = holes ? wanted : wanted + 4096;
 
         sr_i_rb_uninitialize_record_buffer_pool(&p_table->record_buffer_pool);
         char *p_data = nullptr;
@@ -566,14 +660,12 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
             bytes_read += static_cast<qx_uint64_t>(n);
             // One read normally returns the whole file; only a read cut short
             // before the measured end is repeated.
-            if (n == 0 || bytes_read >= read_guess || bytes_read >= static_cast<qx_uint64_t>(end)) {
-                break;
-            }
+            if (n == 0 || bytes_read >= read_guess || bytes_read >= wanted) break;
         }
         const qx_uint32_t meta_length = rec_length(p_image);
         const qx_int32_t meta_type = rec_type(p_image);
         std::memcpy(p_image, saved_header, kHeader);
-        if (bytes_read == read_guess) continue;  // the file grew meanwhile: again
+        if (!holes && bytes_read == read_guess) continue;  // the file grew meanwhile: again
         if (bytes_read < kHeader + 1) return SR_ERROR(14);
         rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_data, p_previous,
                                      static_cast<qx_uint32_t>(bytes_read - kHeader),
@@ -582,6 +674,7 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
         *p_p_image = p_image;
         *p_bytes_read = bytes_read;
         *p_image_end = rec_length(p_image);
+        *p_records_end = holes || bytes_read > wanted ? bytes_read : wanted;
         // Until the metadata record is known good the image stays one record
         // of the pool, so that a failure can simply close the table.
         if (meta_type != SR_I_RECORD_TYPE_METADATA || meta_length > bytes_read) {
@@ -827,7 +920,8 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     char *p_image = nullptr;
     qx_uint64_t bytes_read = 0;
     qx_uint64_t image_end = 0;
-    rc = read_file_image(p_new, fd, &p_image, &bytes_read, &image_end);
+    qx_uint64_t records_end = 0;
+    rc = read_file_image(p_new, fd, &p_image, &bytes_read, &image_end, &records_end);
     if (rc == 0) {
         rc = check_metadata_record(p_image, rec_length(p_image), &p_new->total_columns,
                                    &p_new->total_variable_length_columns);
@@ -858,10 +952,8 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     if (rc == 0) {
         // Never below the number of row records the file can hold.
         const qx_uint64_t meta_length = rec_length(p_image);
-        const qx_uint64_t measured =
-            bytes_read > p_new->file_length ? bytes_read : p_new->file_length;
         qx_uint64_t maximum_rows =
-            (measured - meta_length) / (8 * static_cast<qx_uint64_t>(p_new->total_columns) + 12);
+            (records_end - meta_length) / (8 * static_cast<qx_uint64_t>(p_new->total_columns) + 12);
         rc = sr_i_establish_rows_index(
             p_new, maximum_rows == 0 ? 100 : static_cast<qx_uint32_t>(maximum_rows));
     }

@@ -281,6 +281,57 @@ TEST_F(CopyMoveTest, CopyOverAnOpenPersistentTargetRefreshesItsHandles) {
     EXPECT_EQ(RowsOf("/m/dst"), Expected({1, 2, 3, 4}));
 }
 
+// A string read by one opener points into the table's memory and stays
+// valid until that opener's table changes the row or closes: another
+// opener's upgrade to write, or a copy over the open table, reads the file
+// again but must not free what was already handed out.
+TEST_F(CopyMoveTest, ValuesHandedOutSurviveAReloadByAnotherOpener) {
+    FileTable("src", {1, 2});
+    FileTable("dst", {7});
+    sr_i_table_t *p_reader = Open("/m/dst", SR_MODE_READ);
+    ASSERT_NE(p_reader, nullptr);
+    qx_value_t before_upgrade{};
+    ASSERT_EQ(Get(p_reader, 0, "s", &before_upgrade), 0);
+    sr_i_table_t *p_writer = Open("/m/dst", SR_MODE_WRITE);  // reads the file again
+    ASSERT_EQ(p_writer, p_reader);
+    qx_value_t before_copy{};
+    ASSERT_EQ(Get(p_reader, 0, "s", &before_copy), 0);
+    ASSERT_EQ(CopyByName("/m/src", "/m/dst", 1), 0);  // refreshes the open record
+    EXPECT_EQ(Rows(p_reader), Expected({1, 2}));
+    EXPECT_STREQ(before_upgrade.ptr_char, "v7");
+    EXPECT_STREQ(before_copy.ptr_char, "v7");
+    sr_close_table_1(p_writer);
+    sr_close_table_1(p_reader);
+}
+
+// A writer of the target in another tree of this process holds the lock the
+// copy would take (the process's own), and waiting for it could wait for the
+// caller itself: the copy and the move are refused and the writer keeps its
+// file and its commits.
+TEST_F(CopyMoveTest, TargetOpenForWriteInAnotherTreeOfTheProcessIsRefused) {
+    FileTable("src", {1, 2});
+    FileTable("dst", {7});
+    sr_opaque_handle_t other = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
+    ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
+    sr_opaque_handle_t writer = nullptr;
+    ASSERT_EQ(sr_open_table_1(other, Text("/m/dst"), SR_MODE_WRITE, &writer), 0);
+    const std::string before = ReadBytes(File("dst"));
+    EXPECT_EQ(CopyByName("/m/src", "/m/dst", 1), 211);
+    EXPECT_EQ(last_error().code, 211);
+    EXPECT_EQ(MoveByName("/m/src", "/m/dst", 1), 211);
+    EXPECT_EQ(ReadBytes(File("dst")), before);
+    EXPECT_FALSE(Exists(File("dst.rewrite")));
+    ASSERT_EQ(AddRow(static_cast<sr_i_table_t *>(writer), 8, "v8", 80), 0);
+    EXPECT_EQ(RowsOf("/m/dst"), Expected({7, 8}));
+    EXPECT_EQ(RowsOf("/m/src"), Expected({1, 2}));
+    // Once the writer has closed, the copy goes ahead.
+    ASSERT_EQ(sr_close_table_1(writer), 0);
+    EXPECT_EQ(CopyByName("/m/src", "/m/dst", 1), 0);
+    EXPECT_EQ(RowsOf("/m/dst"), Expected({1, 2}));
+    sr_close_tree_1(other);
+}
+
 TEST_F(CopyMoveTest, OpenHashedTargetIsRefreshedWhereAnUnhashedOneRefuses) {
     FileTable("src", {1, 2});
     sr_i_table_t *p_hashed = FileTable("hashed", {7}, true, true);

@@ -290,6 +290,23 @@ TEST_F(SchemaTest, OverlaidDefaultIsSeenAtOnceAndGoneAfterReopening) {
     EXPECT_EQ(sr_overlay_memory_default_value_1(p_table, nullptr, I32(1)), 101);
 }
 
+// A schema change builds the table anew from the file's definitions: the
+// overlays end with the table they were made on, in memory as in the file,
+// for surviving columns too.
+TEST_F(SchemaTest, ASchemaChangeEndsTheOverlays) {
+    sr_i_table_t *p_table = Filled();
+    ASSERT_EQ(sr_overlay_memory_default_value_1(p_table, Text("s"), Str("overlaid text")), 0);
+    ASSERT_EQ(sr_overlay_memory_default_value_1(p_table, Text("n"), I32(77)), 0);
+    ASSERT_EQ(sr_change_column_name_1(p_table, Text("n"), Text("m")), 0);
+    ASSERT_EQ(Add(p_table, {{"k", I64(6)}}), 0);
+    EXPECT_EQ(TextOf(p_table, 6), "dflt");
+    sr_table_metadata_t *p_metadata = nullptr;
+    ASSERT_EQ(sr_get_table_metadata_1(p_table, -1, &p_metadata), 0);
+    EXPECT_STREQ(p_metadata->column_definitions[1].default_value.ptr_char, "dflt");
+    EXPECT_EQ(p_metadata->column_definitions[2].default_value.val_int32, 7);
+    sr_free_table_metadata_1(p_metadata);
+}
+
 // An overlay lasts while the table is open: a rewrite of the file and a copy
 // into a file, which both write the metadata record, write it without them.
 TEST_F(SchemaTest, OverlaysNeverReachTheFileThroughARewriteOrACopy) {

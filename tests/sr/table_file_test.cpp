@@ -2,6 +2,10 @@
 // superseding and deletion records, the commit record and its application
 // metadata, records at odd addresses, and the damaged files it must refuse
 // with 14 without reading outside what it read.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,6 +19,12 @@ using qxtest::PutHeader;
 using qxtest::PutU32;
 using qxtest::PutU64;
 using qxtest::SlotValue;
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QX_TEST_CLANG_SANITIZED 1
+#endif
+#endif
 
 namespace {
 
@@ -70,6 +80,54 @@ TEST_F(TableFileTest, TooShortOrWithoutCommitRecordIsUnreadable) {
     ExpectUnreadable(image, "rows but no commit record");
     FileImage empty;
     ExpectUnreadable(empty, "empty");
+}
+
+// A sparse file of nearly 4 GB costs nothing on disk; reading its hole into
+// memory would cost 4 GB, and a row index sized from its length more.  The
+// reader may only spend memory on records the file shows to exist: what
+// follows the commit record is never needed, and a hole where records must
+// be is damage.  The load runs in a child whose address space is capped far
+// below the file's length (not under the sanitizers, which reserve much
+// more), so a large allocation shows as 12.
+TEST_F(TableFileTest, SparseFileNearFourGigabytesCostsOnlyItsRecords) {
+    FileImage committed = NewFile("t");
+    committed.Row(0, {1, 10});
+    committed.Row(0, {2, 20});
+    committed.Commit(5);
+    FileImage metadata_only = NewFile("u");
+    FileImage free_over_hole = NewFile("v");
+    PutHeader(free_over_hole.bytes, 0x80000000u, SR_I_RECORD_TYPE_FREE);
+    const struct {
+        const char *what;
+        const FileImage *p_image;
+        int expected;  // the load's code; 0 also wants both rows
+    } cases[] = {
+        {"rows, commit record, hole", &committed, 0},
+        {"metadata record, hole", &metadata_only, 14},
+        {"free record claiming the hole", &free_over_hole, 14},
+    };
+    for (const auto &c : cases) {
+        qxtest::WriteBytes(File("sparse"), c.p_image->bytes);
+        ASSERT_EQ(truncate(File("sparse").c_str(), UINT32_MAX - 4 * 4096), 0) << c.what;
+        pid_t pid = fork();
+        if (pid == 0) {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && \
+    !defined(QX_TEST_CLANG_SANITIZED)
+            const struct rlimit cap = {1u << 30, 1u << 30};
+            if (setrlimit(RLIMIT_AS, &cap) != 0) _exit(99);
+#endif
+            sr_i_table_t *p_table = nullptr;
+            const qx_int32_t rc = sr_i_open_persistent_table(static_cast<sr_i_tree_t *>(tree_),
+                                                             nullptr, File("sparse").c_str(),
+                                                             SR_MODE_READ, 512, nullptr, &p_table);
+            if (rc != 0) _exit(rc);
+            _exit(p_table->total_committed_rows == 2 ? 0 : 98);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid) << c.what;
+        ASSERT_TRUE(WIFEXITED(status)) << c.what;
+        EXPECT_EQ(WEXITSTATUS(status), c.expected) << c.what;
+    }
 }
 
 TEST_F(TableFileTest, ReaderStopsAtTheFirstCommitRecord) {
