@@ -1421,5 +1421,8 @@ void *sr_i_realloc(void *p_memory, size_t size);
 void sr_i_alloc_fail_after(qx_int64_t successful_allocations);
 /* Non-zero while an armed failure has not happened yet. */
 int sr_i_alloc_failure_pending();
+/* Test device: makes every sr_i_realloc move its block (true) or lets the
+ * heap decide again (false). */
+void sr_i_alloc_move_reallocations(bool move);
 
 #endif /* SR_I_H */

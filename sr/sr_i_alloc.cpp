@@ -3,8 +3,11 @@
 // make exactly one of them fail and then check that the operation reported
 // 12 and left its structure as it was.  Memory from here is ordinary malloc
 // memory: it is released with free(), by the registry and by its callers.
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 
 #include "sr_i.h"
 
@@ -23,6 +26,10 @@ bool alloc_should_fail() {
     return Alloc_Countdown.fetch_sub(1, std::memory_order_relaxed) == 0;
 }
 
+// When set, every reallocation moves its block, so that a test can prove the
+// pointers into a moved array are fixed up whatever the heap would have done.
+std::atomic<bool> Realloc_Moves{false};
+
 }  // namespace
 
 void *sr_i_malloc(size_t size) {
@@ -40,7 +47,20 @@ void *sr_i_calloc(size_t count, size_t size) {
 
 void *sr_i_realloc(void *p_memory, size_t size) {
     if (alloc_should_fail()) return nullptr;
-    return std::realloc(p_memory, size != 0 ? size : 1);
+    if (size == 0) size = 1;
+    if (p_memory != nullptr && Realloc_Moves.load(std::memory_order_relaxed)) {
+        void *p_moved = std::malloc(size);
+        if (p_moved == nullptr) return nullptr;
+        const size_t old_size = malloc_usable_size(p_memory);
+        std::memcpy(p_moved, p_memory, old_size < size ? old_size : size);
+        std::free(p_memory);
+        return p_moved;
+    }
+    return std::realloc(p_memory, size);
+}
+
+void sr_i_alloc_move_reallocations(bool move) {
+    Realloc_Moves.store(move, std::memory_order_relaxed);
 }
 
 void sr_i_alloc_fail_after(qx_int64_t successful_allocations) {
