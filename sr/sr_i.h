@@ -61,9 +61,9 @@ qx_uint32_t sr_i_message_index(qx_int32_t code);
 
 #define SR_ERROR(code) sr_i_set_error(sr_i_this_source, __func__, __LINE__, (code))
 #define SR_ERROR_SYSCALL(name, err) \
-    sr_i_set_error(sr_i_this_source, __func__, __LINE__, 10, (name), (err))
+    sr_i_set_error(sr_i_this_source, __func__, __LINE__, SR_E_SYSTEM_CALL, (name), (err))
 #define SR_ERROR_LIBCALL(name, rc) \
-    sr_i_set_error(sr_i_this_source, __func__, __LINE__, 11, (name), (int)(rc))
+    sr_i_set_error(sr_i_this_source, __func__, __LINE__, SR_E_LIBRARY_CALL, (name), (int)(rc))
 #define SR_ERROR_TEXT(code, text) \
     sr_i_set_error(sr_i_this_source, __func__, __LINE__, (code), (text))
 
@@ -363,9 +363,9 @@ qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame,
     qx_int32_t rc = 0;
     Object *p_object = static_cast<Object *>(handle);
     if (p_object == nullptr) {
-        rc = sr_i_set_error(source, frame.p_function, __LINE__, 100);
+        rc = sr_i_set_error(source, frame.p_function, __LINE__, SR_E_INVALID_HANDLE);
     } else if (!sr_i_required_present(required)) {
-        rc = sr_i_set_error(source, frame.p_function, __LINE__, 101);
+        rc = sr_i_set_error(source, frame.p_function, __LINE__, SR_E_NULL_POINTER);
     } else {
         sr_i_read_write_lock_t *p_lock = &p_object->lock;
         bool write_lock = frame.lock == sr_i_lock_kind::table_write ||
@@ -378,7 +378,7 @@ qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame,
         if (rc == 0) {
             if constexpr (requires { p_object->mode; }) {
                 if (frame.write_mode && (p_object->mode & SR_MODE_WRITE) == 0) {
-                    rc = sr_i_set_error(source, frame.p_function, __LINE__, 206);
+                    rc = sr_i_set_error(source, frame.p_function, __LINE__, SR_E_ACCESS);
                 }
             }
             if (rc == 0) rc = work(p_object);

@@ -186,7 +186,7 @@ qx_int32_t sr_i_common_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_
         }
     } else {
         p_change = static_cast<sr_i_change_entry_t *>(sr_i_malloc(sizeof(sr_i_change_entry_t)));
-        if (p_change == nullptr) return SR_ERROR(12);
+        if (p_change == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     }
     p_change->deletion = deletion;
     p_change->p_index_entry = p_index_entry;
@@ -215,7 +215,7 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
         qx_int32_t rc = sr_i_grow_index(p_table, p_table->maximum_rows);
         if (rc != 0) return rc;
         p_entry = sr_i_rows_free_chain_remove(p_table);
-        if (p_entry == nullptr) return SR_ERROR(15);
+        if (p_entry == nullptr) return SR_ERROR(SR_E_INTERNAL);
     }
     p_entry->p_applied = p_record_data;
     const qx_uint32_t key_qualifier = p_table->p_columns[0].qualifier;
@@ -224,7 +224,7 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
         if ((key_qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY &&
             linear_key_exists(p_table, p_input_key_value)) {
             sr_i_rows_free_chain_insert(p_table, p_entry);
-            return SR_ERROR(108);
+            return SR_ERROR(SR_E_DUPLICATE_KEY);
         }
         *p_p_new_index_entry = p_entry;
         return 0;
@@ -243,11 +243,11 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
         return 0;
     }
     sr_i_rows_free_chain_insert(p_table, p_entry);
-    if (rc != 108) return rc;
+    if (rc != SR_E_DUPLICATE_KEY) return rc;
     // The key is there.  A row deleted since the last commit gives its slot
     // back to the key: the row is revived rather than added.
     sr_i_index_entry_t *p_existing = &p_table->p_rows_fixed_index[p_element->row_index];
-    if (p_existing->p_applied != nullptr) return SR_ERROR(108);
+    if (p_existing->p_applied != nullptr) return SR_ERROR(SR_E_DUPLICATE_KEY);
     p_existing->p_applied = p_record_data;
     *p_p_new_index_entry = p_existing;
     *p_p_existing_hash_table_element = p_element;
@@ -256,13 +256,13 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
 
 qx_int32_t sr_i_add_row(sr_i_table_t *p_table, qx_char_ptr_t *p_column_names,
                         qx_value_t **p_p_values, qx_uint32_t total_values) {
-    if (p_table->ready_for_commit != 0) return SR_ERROR(212);
+    if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
     const qx_uint32_t total_columns = p_table->total_columns;
     const qx_uint32_t fixed = fixed_length(p_table);
     cu_iconv_t *p_handle = to_table_handle(p_table);
 
     qx_uint64_t guess = fixed + 32ull * p_table->total_variable_length_columns;
-    if (guess > UINT32_MAX / 2) return SR_ERROR(12);
+    if (guess > UINT32_MAX / 2) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint32_t length = static_cast<qx_uint32_t>(guess);
     char *p_record = nullptr;
     char *p_previous = nullptr;
@@ -307,7 +307,7 @@ qx_int32_t sr_i_add_row(sr_i_table_t *p_table, qx_char_ptr_t *p_column_names,
                 }
                 ++used;
             } else if (column == 0) {
-                return SR_ERROR(107);
+                return SR_ERROR(SR_E_NO_KEY);
             } else {
                 qx_value_t slot;
                 const char *p_bytes = nullptr;
@@ -327,10 +327,10 @@ qx_int32_t sr_i_add_row(sr_i_table_t *p_table, qx_char_ptr_t *p_column_names,
         if (!need_room) break;
         // Twice the record found, and carry on with the same column.
         length = doubled(length);
-        if (length == 0) return SR_ERROR(12);
+        if (length == 0) return SR_ERROR(SR_E_NO_MEMORY);
     }
-    if (used != total_values) return SR_ERROR(104);
-    if (!have_key) return SR_ERROR(107);
+    if (used != total_values) return SR_ERROR(SR_E_NO_COLUMNS);
+    if (!have_key) return SR_ERROR(SR_E_NO_KEY);
 
     sr_i_index_entry_t *p_entry = nullptr;
     sr_hash_table_element_t *p_existing = nullptr;

@@ -71,15 +71,17 @@ qx_int32_t visible_block(store_t *p_store, qx_uint32_t type,
                          qx_uint32_t uncommitted_updates_visible, qx_binary_t **p_p_block,
                          const char *p_function, int line) {
     element_t *p = find_element(p_store, type);
-    if (p == nullptr) return sr_i_set_error(sr_i_this_source, p_function, line, 202);
+    if (p == nullptr)
+        return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_NO_ROW_FOR_KEY);
     if (uncommitted_updates_visible != 0) {
         // Deleted pending commit.
-        if (p->p_applied == nullptr) return sr_i_set_error(sr_i_this_source, p_function, line, 204);
+        if (p->p_applied == nullptr)
+            return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_ROW_DELETED);
         *p_p_block = p->p_applied;
     } else {
         // Added since the last commit: it does not exist yet.
         if (p->p_committed == nullptr) {
-            return sr_i_set_error(sr_i_this_source, p_function, line, 202);
+            return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_NO_ROW_FOR_KEY);
         }
         *p_p_block = p->p_committed;
     }
@@ -90,14 +92,14 @@ qx_int32_t visible_block(store_t *p_store, qx_uint32_t type,
 
 qx_int32_t sr_i_allocate_application_metadata_buffer(
     qx_uint32_t max_elements, sr_i_application_metadata_t **p_application_metadata) {
-    if (p_application_metadata == nullptr) return SR_ERROR(101);
+    if (p_application_metadata == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     auto *p_store = static_cast<store_t *>(sr_i_calloc(1, sizeof(store_t)));
-    if (p_store == nullptr) return SR_ERROR(12);
+    if (p_store == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     if (max_elements != 0) {
         p_store->p_index = static_cast<element_t *>(sr_i_calloc(max_elements, sizeof(element_t)));
         if (p_store->p_index == nullptr) {
             free(p_store);
-            return SR_ERROR(12);
+            return SR_ERROR(SR_E_NO_MEMORY);
         }
     }
     p_store->max_elements = max_elements;
@@ -121,20 +123,21 @@ qx_int32_t sr_i_add_application_metadata_element(
     sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type, qx_uint32_t length,
     qx_char_ptr_t p_data) {
     store_t *p_store = p_application_metadata;
-    if (p_store == nullptr || (p_data == nullptr && length != 0)) return SR_ERROR(101);
+    if (p_store == nullptr || (p_data == nullptr && length != 0))
+        return SR_ERROR(SR_E_NULL_POINTER);
     // The position after the last element with a smaller type.
     qx_uint32_t position = lower_bound(p_store, type);
     if (position < p_store->total_elements && p_store->p_index[position].type == type) {
-        return SR_ERROR(108);
+        return SR_ERROR(SR_E_DUPLICATE_KEY);
     }
     qx_binary_t *p_block = new_block(length, p_data);
-    if (p_block == nullptr) return SR_ERROR(12);
+    if (p_block == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     if (p_store->total_elements == p_store->max_elements) {
         qx_uint32_t new_max = p_store->max_elements != 0 ? p_store->max_elements * 2 : 1;
         void *p_new = sr_i_realloc(p_store->p_index, sizeof(element_t) * new_max);
         if (p_new == nullptr) {
             free(p_block);
-            return SR_ERROR(12);
+            return SR_ERROR(SR_E_NO_MEMORY);
         }
         p_store->p_index = static_cast<element_t *>(p_new);
         memset(&p_store->p_index[p_store->max_elements], 0,
@@ -150,9 +153,9 @@ qx_int32_t sr_i_add_application_metadata_element(
 
 qx_int32_t sr_i_delete_application_metadata_element(
     sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type) {
-    if (p_application_metadata == nullptr) return SR_ERROR(101);
+    if (p_application_metadata == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     element_t *p = find_element(p_application_metadata, type);
-    if (p == nullptr) return SR_ERROR(202);
+    if (p == nullptr) return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
     if (p->p_applied == nullptr) return 0;
     // The element stays until commit, which removes it.
     if (p->p_applied != p->p_committed) free(p->p_applied);
@@ -164,12 +167,12 @@ qx_int32_t sr_i_set_application_metadata_element(
     sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type, qx_uint32_t length,
     qx_char_ptr_t p_data) {
     if (p_application_metadata == nullptr || (p_data == nullptr && length != 0)) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     element_t *p = find_element(p_application_metadata, type);
-    if (p == nullptr) return SR_ERROR(202);
+    if (p == nullptr) return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
     qx_binary_t *p_block = new_block(length, p_data);
-    if (p_block == nullptr) return SR_ERROR(12);
+    if (p_block == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     if (p->p_applied != nullptr && p->p_applied != p->p_committed) free(p->p_applied);
     p->p_applied = p_block;  // also brings back an element deleted pending commit
     return 0;
@@ -178,7 +181,7 @@ qx_int32_t sr_i_set_application_metadata_element(
 qx_int32_t sr_i_set_application_metadata(sr_i_application_metadata_t *p_application_metadata,
                                          qx_uint32_t type, qx_uint32_t length,
                                          qx_char_ptr_t p_data) {
-    if (p_application_metadata == nullptr) return SR_ERROR(101);
+    if (p_application_metadata == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     if (find_element(p_application_metadata, type) == nullptr) {
         return sr_i_add_application_metadata_element(p_application_metadata, type, length, p_data);
     }
@@ -204,14 +207,14 @@ qx_int32_t sr_i_get_application_metadata_element(
     sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type,
     qx_uint32_t uncommitted_updates_visible, qx_uint32_t *p_length, qx_char_ptr_t *p_p_data) {
     if (p_application_metadata == nullptr || p_length == nullptr || p_p_data == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     qx_binary_t *p_block = nullptr;
     qx_int32_t rc = visible_block(p_application_metadata, type, uncommitted_updates_visible,
                                   &p_block, __func__, __LINE__);
     if (rc != 0) return rc;
     auto *p_copy = static_cast<char *>(sr_i_malloc(p_block->length));
-    if (p_copy == nullptr) return SR_ERROR(12);
+    if (p_copy == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     if (p_block->length != 0) memcpy(p_copy, p_block->data, p_block->length);
     *p_length = p_block->length;
     *p_p_data = p_copy;
@@ -229,14 +232,14 @@ qx_int32_t sr_i_get_application_metadata_element_binary(
     sr_i_application_metadata_t *p_application_metadata, qx_uint32_t type,
     qx_uint32_t uncommitted_updates_visible, qx_binary_t **p_p_application_data) {
     if (p_application_metadata == nullptr || p_p_application_data == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     qx_binary_t *p_block = nullptr;
     qx_int32_t rc = visible_block(p_application_metadata, type, uncommitted_updates_visible,
                                   &p_block, __func__, __LINE__);
     if (rc != 0) return rc;
     qx_binary_t *p_copy = new_block(p_block->length, reinterpret_cast<char *>(p_block->data));
-    if (p_copy == nullptr) return SR_ERROR(12);
+    if (p_copy == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     *p_p_application_data = p_copy;
     return 0;
 }
@@ -271,7 +274,7 @@ qx_int32_t sr_i_duplicate_application_metadata_buffer(
     sr_i_application_metadata_t *p_from_application_metadata,
     sr_i_application_metadata_t **p_p_to_application_metadata) {
     if (p_from_application_metadata == nullptr || p_p_to_application_metadata == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     store_t *p_copy = nullptr;
     qx_int32_t rc = sr_i_allocate_application_metadata_buffer(

@@ -28,7 +28,7 @@ SR_SOURCE_FILE("sr/sr_i_apply", "1.1");
 // Failures are reported as sr_i_apply's own, whichever helper detects them.
 #define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, (code))
 #define TX_ERROR_SYSCALL(call, err) \
-    sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, 10, (call), (err))
+    sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, SR_E_SYSTEM_CALL, (call), (err))
 #define TX_ERROR_FILE(call, err) \
     sr_i_set_file_error(sr_i_this_source, "sr_i_apply", __LINE__, (call), (err), false)
 
@@ -71,7 +71,8 @@ struct batch_t {
     // Queues a record (header address, total length); writes the batch when
     // it is full.
     qx_int32_t add(char *p_record, qx_uint32_t length) {
-        if (static_cast<qx_uint64_t>(offset) + length > kLargestFile) return TX_ERROR(13);
+        if (static_cast<qx_uint64_t>(offset) + length > kLargestFile)
+            return TX_ERROR(SR_E_FILESYSTEM_FULL);
         p_table->io_vector[elements].iov_base = p_record;
         p_table->io_vector[elements].iov_len = length;
         ++elements;
@@ -127,7 +128,7 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
             const qx_uint64_t length = 16 + 4 * static_cast<qx_uint64_t>(total);
             p_deletion = length > kLargestFile ? nullptr : static_cast<char *>(sr_i_malloc(length));
             if (p_deletion == nullptr) {
-                rc = TX_ERROR(12);
+                rc = TX_ERROR(SR_E_NO_MEMORY);
             } else {
                 sr_i_store_u32(p_deletion, static_cast<qx_uint32_t>(length));
                 sr_i_store_u32(p_deletion + 4, 0);
@@ -278,7 +279,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
                       qx_uint64_t table_change_counter) {
     if (p_table->ready_for_commit != 0) {
         trace_apply(kRefused, p_table, rewrite);
-        return TX_ERROR(212);
+        return TX_ERROR(SR_E_APPLIED_NOT_COMMITTED);
     }
     // An implicitly controlled table numbers its commits itself; an explicit
     // caller may choose the number the new commit record carries.
@@ -292,7 +293,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
         return 0;
     }
     // A child forked from the writer inherits the descriptor, not the lock.
-    if (!sr_i_data_file_claimed(p_table->file_fd)) return TX_ERROR(206);
+    if (!sr_i_data_file_claimed(p_table->file_fd)) return TX_ERROR(SR_E_ACCESS);
     char *p_commit_record = nullptr;
     qx_int32_t rc =
         sr_i_create_commit_record(p_table->p_application_metadata, p_table->applied_change_counter,

@@ -26,7 +26,7 @@ SR_SOURCE_FILE("sr/sr_i_commit", "1.1");
 // Failures are reported as sr_i_commit's own, whichever helper detects them.
 #define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, (code))
 #define TX_ERROR_SYSCALL(call, err) \
-    sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, 10, (call), (err))
+    sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, SR_E_SYSTEM_CALL, (call), (err))
 #define TX_ERROR_FILE(call, err) \
     sr_i_set_file_error(sr_i_this_source, "sr_i_commit", __LINE__, (call), (err), false)
 
@@ -120,7 +120,7 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
     char *p_rewrite_path = sr_i_strdup(sr_i_set_rewrite_path(p_table));
     if (p_rewrite_path == nullptr) {
         sr_i_discard_rewrite_file(p_table);
-        return TX_ERROR(12);
+        return TX_ERROR(SR_E_NO_MEMORY);
     }
     sr_i_test_pause("rewrite-before-rename");
     if (sr_i_file_ops.p_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
@@ -197,7 +197,7 @@ qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsy
             p_table->p_delete_rows_change_list == nullptr) {
             return 0;
         }
-        return TX_ERROR(210);
+        return TX_ERROR(SR_E_NOT_APPLIED);
     }
     cancellation_off_t cancellation_off;
     const bool rewritten = p_table->ready_for_commit == 2;
@@ -205,7 +205,7 @@ qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsy
         qx_int32_t rc = 0;
         if (!sr_i_data_file_claimed(p_table->file_fd)) {
             // A child forked from the writer holds no lock on the file.
-            rc = TX_ERROR(206);
+            rc = TX_ERROR(SR_E_ACCESS);
         } else if (rewritten) {
             rc = switch_by_rename(p_table);
         } else {

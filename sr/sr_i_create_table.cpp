@@ -56,34 +56,37 @@ qx_uint32_t byte_order_flag() {
 // Column validation, in its order; returns 0 and the key column's position.
 qx_int32_t validate_columns(const sr_column_t *p_columns, qx_uint32_t total_columns,
                             qx_uint32_t *p_key_index) {
-    if (total_columns == 0) return SR_ERROR(104);
+    if (total_columns == 0) return SR_ERROR(SR_E_NO_COLUMNS);
     qx_uint32_t keys = 0;
     qx_uint32_t key_index = 0;
     for (qx_uint32_t i = 0; i < total_columns; ++i) {
         const sr_column_t &column = p_columns[i];
         qx_uint32_t type = static_cast<qx_uint32_t>(column.type);
         qx_uint32_t base = column.qualifier & SR_QUALIFIER_BASE_MASK;
-        if (!sr_i_valid_column_name(column.name)) return SR_ERROR(105);
-        if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(105);
+        if (!sr_i_valid_column_name(column.name)) return SR_ERROR(SR_E_INVALID_COLUMN);
+        if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(SR_E_INVALID_COLUMN);
         if (base != SR_STANDARD && base != SR_PRIMARY_KEY && base != SR_PRIMARY_KEY_NOCHECK) {
-            return SR_ERROR(105);
+            return SR_ERROR(SR_E_INVALID_COLUMN);
         }
         if (is_structured(type)) {
-            if (column.sd_defn == nullptr) return SR_ERROR(105);
+            if (column.sd_defn == nullptr) return SR_ERROR(SR_E_INVALID_COLUMN);
             for (qx_uint32_t f = 0; f < column.sd_defn->number_of_fields; ++f) {
-                if (column.sd_defn->field_def[f].name == nullptr) return SR_ERROR(105);
+                if (column.sd_defn->field_def[f].name == nullptr)
+                    return SR_ERROR(SR_E_INVALID_COLUMN);
             }
         }
         if (base == SR_PRIMARY_KEY || base == SR_PRIMARY_KEY_NOCHECK) {
-            if (type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR) return SR_ERROR(105);
+            if (type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR)
+                return SR_ERROR(SR_E_INVALID_COLUMN);
             if (keys++ == 0) key_index = i;
         }
     }
-    if (keys == 0) return SR_ERROR(107);
-    if (keys > 1) return SR_ERROR(108);
+    if (keys == 0) return SR_ERROR(SR_E_NO_KEY);
+    if (keys > 1) return SR_ERROR(SR_E_DUPLICATE_KEY);
     for (qx_uint32_t i = 1; i < total_columns; ++i) {
         for (qx_uint32_t j = 0; j < i; ++j) {
-            if (std::strcmp(p_columns[i].name, p_columns[j].name) == 0) return SR_ERROR(106);
+            if (std::strcmp(p_columns[i].name, p_columns[j].name) == 0)
+                return SR_ERROR(SR_E_DUPLICATE_COLUMN);
         }
     }
     *p_key_index = key_index;
@@ -105,7 +108,7 @@ qx_int32_t build_metadata_record(sr_i_table_t *p_table, const sr_column_t *p_col
     const qx_uint64_t array_length = static_cast<qx_uint64_t>(total_columns) * kColumnSize;
     const qx_uint64_t data_length =
         kMetadataFixed + defaults_length + array_length + names_length + sd_length;
-    if (data_length > UINT32_MAX / 2) return SR_ERROR(12);
+    if (data_length > UINT32_MAX / 2) return SR_ERROR(SR_E_NO_MEMORY);
     char *p_data = nullptr;
     qx_int32_t rc =
         sr_i_reserve_record(&p_table->record_buffer_pool, static_cast<qx_uint32_t>(data_length),
@@ -166,7 +169,7 @@ qx_int32_t sr_i_load_columns(sr_i_table_t *p_table) {
     const qx_uint32_t total = p_table->total_columns;
     auto *p_columns =
         static_cast<sr_column_t *>(sr_i_calloc(total != 0 ? total : 1, sizeof(sr_column_t)));
-    if (p_columns == nullptr) return SR_ERROR(12);
+    if (p_columns == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     char *p_data = p_table->p_metadata_record_data;
     char *p_area = sr_i_metadata_indirect_area(p_data, total);
     for (qx_uint32_t i = 0; i < total; ++i) {
@@ -224,7 +227,7 @@ qx_uint32_t sr_i_valid_column_name(const char *column_name) {
 
 qx_int32_t sr_i_create_null_table(sr_i_table_t **p_table) {
     auto *p_new = static_cast<sr_i_table_t *>(sr_i_calloc(1, sizeof(sr_i_table_t)));
-    if (p_new == nullptr) return SR_ERROR(12);
+    if (p_new == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_new->references = 1;
     p_new->implicitly_controlled = 1;
     p_new->change_counter = 1;
@@ -245,7 +248,7 @@ qx_int32_t sr_i_pack_variable_length_default_values(
     *total_variable_length_columns_return = 0;
     qx_uint32_t room = 4096;
     char *p_buffer = static_cast<char *>(sr_i_malloc(room));
-    if (p_buffer == nullptr) return SR_ERROR(12);
+    if (p_buffer == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint32_t used = 0;
     qx_uint32_t total_variable = 0;
     for (qx_uint32_t i = 0; i < total_columns; ++i) {
@@ -267,7 +270,7 @@ qx_int32_t sr_i_pack_variable_length_default_values(
                                  : nullptr;
             if (p_bigger == nullptr) {
                 std::free(p_buffer);
-                return SR_ERROR(12);
+                return SR_ERROR(SR_E_NO_MEMORY);
             }
             p_buffer = p_bigger;
             room *= 2;
@@ -280,7 +283,7 @@ qx_int32_t sr_i_pack_variable_length_default_values(
     }
     if (total_variable == 0) {
         std::free(p_buffer);
-        return 15;  // nothing to pack; the caller accepts it without an error
+        return SR_E_INTERNAL;  // nothing to pack; the caller accepts it without an error
     }
     *p_default_value_indirect_data = p_buffer;
     *default_value_indirect_data_length = used;
@@ -312,7 +315,7 @@ qx_int32_t sr_i_create_transient_table_common(sr_i_tree_t *p_tree, const char *p
     p_new->p_tree = p_tree;
     if (p_name != nullptr) {
         p_new->p_name = sr_i_strdup(p_name);
-        if (p_new->p_name == nullptr) rc = SR_ERROR(12);
+        if (p_new->p_name == nullptr) rc = SR_ERROR(SR_E_NO_MEMORY);
     }
     if (rc == 0) rc = sr_i_establish_rows_index(p_new, 100);
     char *p_defaults = nullptr;
@@ -322,7 +325,7 @@ qx_int32_t sr_i_create_transient_table_common(sr_i_tree_t *p_tree, const char *p
         rc = sr_i_pack_variable_length_default_values(
             p_columns, total_columns, &p_defaults, &defaults_length, &total_variable,
             p_tree != nullptr ? p_tree->p_to_table_string_conversion_handle : nullptr);
-        if (rc == 15) rc = 0;
+        if (rc == SR_E_INTERNAL) rc = 0;
     }
     if (rc == 0) {
         rc = build_metadata_record(p_new, p_columns, total_columns, p_defaults, defaults_length,
@@ -374,7 +377,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
                                         sr_i_table_t **p_table) {
     if (p_file_name == nullptr) {
         sr_i_hash_table_close(p_rows_hash_table);
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     sr_i_table_t *p_new = nullptr;
     qx_int32_t rc = sr_i_create_transient_table(p_tree, p_file_name, p_columns, total_columns, mode,
@@ -387,7 +390,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     if (p_new->p_file_path == nullptr ||
         (p_name != nullptr && p_new->p_persistent_table_registry_path == nullptr)) {
         sr_i_close_table(p_new);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     std::memcpy(p_new->p_file_path, p_file_name, name_length);
     std::memcpy(p_new->p_file_path + name_length, ".rewrite", 9);
@@ -412,7 +415,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         int err = errno;
         close(fd);
         sr_i_close_table(p_new);
-        if (err == EACCES || err == EEXIST || err == EAGAIN) return SR_ERROR(201);
+        if (err == EACCES || err == EEXIST || err == EAGAIN) return SR_ERROR(SR_E_TABLE_EXISTS);
         return SR_ERROR_SYSCALL("lockf", err);
     }
     struct stat st;
@@ -420,7 +423,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         unlink(sr_i_set_rewrite_path(p_new));
         close(fd);
         sr_i_close_table(p_new);
-        return SR_ERROR(201);
+        return SR_ERROR(SR_E_TABLE_EXISTS);
     }
 
     p_new->file_length = 0;
@@ -450,7 +453,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
                 sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_new));
                 close(fd);
                 sr_i_close_table(p_new);
-                return SR_ERROR(201);
+                return SR_ERROR(SR_E_TABLE_EXISTS);
             }
             if (err == ENOSPC) unlink(sr_i_set_data_path(p_new));
             rc = SR_ERROR_FILE("rename", err, false);
@@ -501,7 +504,7 @@ qx_int32_t sr_i_create_read_only_transient_table_from_packed_rows(
         char *p_data = p_header + kHeader;
         const qx_uint32_t length = sr_i_record_length(p_header);
         if (length < kHeader + fixed_length) {
-            rc = SR_ERROR(14);
+            rc = SR_ERROR(SR_E_TABLE_UNREADABLE);
             break;
         }
         // The key in the table's code set, as the uniqueness check compares it
@@ -543,11 +546,11 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
     auto *p_tree = static_cast<sr_i_tree_t *>(tree_handle);
     qx_int32_t rc = 0;
     if (p_tree == nullptr) {
-        rc = SR_ERROR(100);
+        rc = SR_ERROR(SR_E_INVALID_HANDLE);
     } else if (p_columns == nullptr || p_result_table_handle == nullptr) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else if (mode < 0 || mode > 7) {
-        rc = SR_ERROR(103);
+        rc = SR_ERROR(SR_E_INVALID_MODE);
     }
     if (rc != 0) {
         sr_i_hash_table_close(p_rows_hash_table);
@@ -576,11 +579,11 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
         block_size = 0;
     }
     if (rc == 0 && tfind(p_absolute, &p_tree->p_tables, sr_i_string_to_table_compare) != nullptr) {
-        rc = SR_ERROR(201);
+        rc = SR_ERROR(SR_E_TABLE_EXISTS);
     }
     struct stat st;
     if (rc == 0 && block_size != 0 && (stat(p_absolute, &st) == 0 || errno != ENOENT)) {
-        rc = SR_ERROR(201);
+        rc = SR_ERROR(SR_E_TABLE_EXISTS);
     }
     // The anchors of the packed defaults are written into the caller's array;
     // a create that fails must leave that array as it was given.
@@ -588,7 +591,7 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
     if (rc == 0) {
         p_saved_defaults =
             static_cast<qx_value_t *>(sr_i_malloc(sizeof(qx_value_t) * (array_count + 1u)));
-        if (p_saved_defaults == nullptr) rc = SR_ERROR(12);
+        if (p_saved_defaults == nullptr) rc = SR_ERROR(SR_E_NO_MEMORY);
     }
     if (rc != 0) {
         sr_i_hash_table_close(p_rows_hash_table);
@@ -613,7 +616,7 @@ qx_int32_t sr_x_create_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_reg
         if (rc == 0 && tsearch(p_new, &p_tree->p_tables, sr_i_table_compare) == nullptr) {
             if (p_new->p_file_path != nullptr) unlink(sr_i_set_data_path(p_new));
             sr_i_close_table(p_new);
-            rc = SR_ERROR(12);
+            rc = SR_ERROR(SR_E_NO_MEMORY);
         }
         if (rc == 0) {
             *p_result_table_handle = p_new;

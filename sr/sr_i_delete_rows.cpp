@@ -36,9 +36,9 @@ qx_int32_t sr_i_delete_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_current_
 }
 
 qx_int32_t sr_i_delete_rows(sr_i_table_t *p_table, qx_char_ptr_t p_selection_criteria) {
-    if (p_table->ready_for_commit != 0) return SR_ERROR(212);
+    if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
     const qx_uint32_t live = p_table->total_applied_rows - p_table->applied_deletions;
-    if (live == 0) return SR_ERROR(205);
+    if (live == 0) return SR_ERROR(SR_E_NO_ROWS_TO_DELETE);
     if (p_selection_criteria != nullptr) {
         return sr_i_delete_rows_matching(p_table, p_selection_criteria);
     }

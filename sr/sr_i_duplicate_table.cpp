@@ -159,7 +159,7 @@ struct image_writer_t {
     qx_uint32_t written = 0;
 
     qx_int32_t add(const void *p_piece, size_t length) {
-        if (bytes + length > kLargestFile) return SR_ERROR(13);
+        if (bytes + length > kLargestFile) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (elements == SR_I_IO_VECTOR_SIZE) {
             qx_int32_t rc = flush();
             if (rc != 0) return rc;
@@ -279,7 +279,7 @@ qx_int32_t sr_i_lock_tree(const char *p_absolute_path, int lock_type, qx_int32_t
     *p_fd = -1;
     const size_t length = std::strlen(p_absolute_path);
     char *p_lock_path = static_cast<char *>(sr_i_malloc(length + 32));
-    if (p_lock_path == nullptr) return SR_ERROR(12);
+    if (p_lock_path == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     std::memcpy(p_lock_path, p_absolute_path, length + 1);
     char *p_last_slash = std::strrchr(p_lock_path, '/');
     std::memcpy(p_last_slash != nullptr ? p_last_slash : p_lock_path, kLockFile, sizeof kLockFile);
@@ -385,7 +385,7 @@ qx_int32_t sr_i_duplicate_table_from_persistent_to_memory(sr_i_tree_t *p_tree,
     char *p_name = sr_i_strdup(p_target_path);
     if (p_name == nullptr) {
         sr_i_close_table(p_table);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     make_transient(p_table);
     p_table->mode = SR_MODE_WRITE;
@@ -405,7 +405,7 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
     p_new->mode = SR_MODE_WRITE;
     p_new->change_counter = p_source->change_counter;
     p_new->p_name = sr_i_strdup(p_target_path);
-    if (p_new->p_name == nullptr) rc = SR_ERROR(12);
+    if (p_new->p_name == nullptr) rc = SR_ERROR(SR_E_NO_MEMORY);
 
     // Every record at once: one copy of the pool, then each address of the
     // source translated into the copy.
@@ -483,7 +483,7 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
 
 qx_int32_t sr_i_rename_memory_table(sr_i_table_t *p_table, const char *p_target_path) {
     char *p_name = sr_i_strdup(p_target_path);
-    if (p_name == nullptr) return SR_ERROR(12);
+    if (p_name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     std::free(p_table->p_name);
     p_table->p_name = p_name;
     return 0;
@@ -493,7 +493,7 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_persistent(sr_i_table_t *p_source
                                                           char *p_target_rewrite_path,
                                                           const char *p_target_file) {
     char *p_metadata = metadata_image_of(p_source);
-    if (p_metadata == nullptr) return SR_ERROR(12);
+    if (p_metadata == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     char *p_commit_record = nullptr;
     qx_uint32_t commit_length = 0;
     qx_int32_t rc =
@@ -665,7 +665,7 @@ struct duplication_t {
 qx_int32_t duplicate_to_memory(duplication_t &d, const char *p_source_path_resolved,
                                const char *p_target_path, sr_i_table_t *p_target,
                                qx_uint32_t remove_source, qx_int32_t overwrite_target) {
-    if (p_target != nullptr && overwrite_target == 0) return SR_ERROR(201);
+    if (p_target != nullptr && overwrite_target == 0) return SR_ERROR(SR_E_TABLE_EXISTS);
     sr_i_table_t *p_new = nullptr;
     qx_int32_t rc = 0;
     if (d.p_source == nullptr) {
@@ -686,7 +686,7 @@ qx_int32_t duplicate_to_memory(duplication_t &d, const char *p_source_path_resol
         // name the target.  Its name is allocated first so that a failure
         // leaves the source where it was.
         char *p_name = sr_i_strdup(p_target_path);
-        if (p_name == nullptr) return SR_ERROR(12);
+        if (p_name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
         (void)sr_i_remove_table(d.p_source);
         make_transient(d.p_source);
         std::free(d.p_source->p_name);
@@ -696,7 +696,7 @@ qx_int32_t duplicate_to_memory(duplication_t &d, const char *p_source_path_resol
     if (p_target != nullptr) retire_target(d.p_tree, p_target);
     if (tsearch(p_new, &d.p_tree->p_tables, sr_i_table_compare) == nullptr) {
         if (p_new != d.p_source) sr_i_close_table(p_new);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     return 0;
 }
@@ -706,7 +706,7 @@ qx_int32_t duplicate_to_file(duplication_t &d, const char *p_source_path_resolve
                              sr_i_table_t *p_target, qx_uint32_t remove_source,
                              qx_int32_t overwrite_target) {
     d.p_target_rewrite = rewrite_path_of(d.p_target_file);
-    if (d.p_target_rewrite == nullptr) return SR_ERROR(12);
+    if (d.p_target_rewrite == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     // An open writer of the target in this tree already holds the file's
     // lock through its descriptor; a reader's descriptor cannot take one.
     const bool use_open_fd =
@@ -718,7 +718,7 @@ qx_int32_t duplicate_to_file(duplication_t &d, const char *p_source_path_resolve
                                                                        &lock_fd, &target_length);
     if (rc == 0) {
         if (target_length != 0 && overwrite_target == 0) {
-            rc = SR_ERROR(201);
+            rc = SR_ERROR(SR_E_TABLE_EXISTS);
         } else if (d.p_source == nullptr) {
             if (remove_source == 0) {
                 rc = sr_i_duplicate_table_from_persistent_to_persistent(
@@ -764,7 +764,7 @@ qx_int32_t sr_i_duplicate_table(sr_opaque_handle_t tree_handle,
                                 qx_int32_t overwrite_target) {
     duplication_t d;
     d.p_tree = static_cast<sr_i_tree_t *>(tree_handle);
-    if (d.p_tree == nullptr) return SR_ERROR(100);
+    if (d.p_tree == nullptr) return SR_ERROR(SR_E_INVALID_HANDLE);
     qx_int32_t rc = sr_i_rw_lock_write(&d.p_tree->lock);
     if (rc != 0) return rc;
     d.tree_locked = true;
@@ -786,7 +786,7 @@ qx_int32_t sr_i_duplicate_table(sr_opaque_handle_t tree_handle,
         if (p_node != nullptr) {
             d.p_source = *static_cast<sr_i_table_t **>(p_node);
         } else if (block_size == 0) {
-            return SR_ERROR(200);
+            return SR_ERROR(SR_E_NO_TABLE);
         }
     }
 
@@ -802,14 +802,14 @@ qx_int32_t sr_i_duplicate_table(sr_opaque_handle_t tree_handle,
     // A table is never its own target: a move would remove what it made.
     if ((p_target != nullptr && p_target == d.p_source) ||
         (p_source_name != nullptr && std::strcmp(p_source_name, p_target_resolved) == 0)) {
-        return SR_ERROR(201);
+        return SR_ERROR(SR_E_TABLE_EXISTS);
     }
     // An open target with changes in flight cannot be replaced (or, for a
     // file, read again) under its openers; a memory target that is not to be
     // replaced is simply refused below.
     if (p_target != nullptr && has_uncommitted_state(p_target) &&
         (overwrite_target != 0 || target_block_size != 0)) {
-        return SR_ERROR(209);
+        return SR_ERROR(SR_E_NOT_COMMITTED);
     }
 
     if (d.p_source != nullptr) {

@@ -90,12 +90,12 @@ sr_i_file_ops_t sr_i_file_ops = kRealFileOps;
 
 qx_int32_t sr_i_set_file_error(const sr_i_source_t &source, const char *p_function, int line,
                                const char *p_call, int the_errno, bool table_must_exist) {
-    if (the_errno == EACCES) return sr_i_set_error(source, p_function, line, 206);
-    if (the_errno == ENOSPC) return sr_i_set_error(source, p_function, line, 13);
+    if (the_errno == EACCES) return sr_i_set_error(source, p_function, line, SR_E_ACCESS);
+    if (the_errno == ENOSPC) return sr_i_set_error(source, p_function, line, SR_E_FILESYSTEM_FULL);
     if (the_errno == ENOENT && table_must_exist) {
-        return sr_i_set_error(source, p_function, line, 200);
+        return sr_i_set_error(source, p_function, line, SR_E_NO_TABLE);
     }
-    return sr_i_set_error(source, p_function, line, 10, p_call, the_errno);
+    return sr_i_set_error(source, p_function, line, SR_E_SYSTEM_CALL, p_call, the_errno);
 }
 
 qx_int32_t sr_i_open_file(const char *path, int OFlag, mode_t Mode) {
@@ -148,7 +148,7 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
         if (written > expected) {
             // The caller's total undercounts its own vector.
             *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
-            rc = SR_ERROR(15);
+            rc = SR_ERROR(SR_E_INTERNAL);
             break;
         }
         if (written > 0) {
@@ -164,7 +164,7 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
             }
             if (elements == 0) {
                 // More bytes were expected than the vector holds.
-                rc = SR_ERROR(15);
+                rc = SR_ERROR(SR_E_INTERNAL);
                 break;
             }
             p_vector->iov_base = static_cast<char *>(p_vector->iov_base) + done;
@@ -206,7 +206,7 @@ qx_int32_t sr_i_sync_directory_of(const char *p_path) {
     const char *p_slash = std::strrchr(p_path, '/');
     const size_t length = p_slash == nullptr ? 0 : static_cast<size_t>(p_slash - p_path);
     char *p_directory = static_cast<char *>(sr_i_malloc(length + 2));
-    if (p_directory == nullptr) return SR_ERROR(12);
+    if (p_directory == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     if (p_slash == nullptr) {
         std::memcpy(p_directory, ".", 2);
     } else if (length == 0) {

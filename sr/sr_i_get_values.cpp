@@ -56,7 +56,7 @@ qx_int32_t read_column(const sr_i_table_t *p_table, char *p_record, qx_uint32_t 
 
 qx_int32_t packed_to_fixed(const sr_i_table_t *p_table, qx_uint32_t row_index,
                            qx_uint32_t *p_fixed_row_index) {
-    if (row_index >= p_table->total_applied_rows) return SR_ERROR(203);
+    if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     *p_fixed_row_index = p_table->p_rows_packed_index[row_index];
     return 0;
 }
@@ -109,7 +109,7 @@ qx_int32_t sr_i_get_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
                                            qx_uint32_t total_values,
                                            qx_uint32_t uncommitted_updates_visible,
                                            sr_row_state_t *p_row_state) {
-    if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(203);
+    if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     // The state tells the caller about both versions, whichever one it sees
     // and whether or not it could see one at all.
     if (p_row_state != nullptr) {
@@ -117,10 +117,10 @@ qx_int32_t sr_i_get_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
     }
     char *p_record = visible_record(p_table, p_table->p_rows_fixed_index[fixed_row_index],
                                     uncommitted_updates_visible);
-    if (p_record == nullptr) return SR_ERROR(204);
+    if (p_record == nullptr) return SR_ERROR(SR_E_ROW_DELETED);
     for (qx_uint32_t i = 0; i < total_values; ++i) {
         qx_int32_t column = sr_i_find_column(p_table, p_column_names[i]);
-        if (column < 0) return SR_ERROR(105);
+        if (column < 0) return SR_ERROR(SR_E_INVALID_COLUMN);
         qx_int32_t rc =
             read_column(p_table, p_record, static_cast<qx_uint32_t>(column), p_values[i]);
         if (rc != 0) return rc;
@@ -132,12 +132,12 @@ qx_int32_t sr_i_get_value_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fix
                                           qx_char_ptr_t p_column_name, qx_value_t *p_value,
                                           qx_uint32_t uncommitted_updates_visible,
                                           sr_row_state_t *p_row_state) {
-    if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(203);
+    if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     if (sr_i_find_column(p_table, p_column_name) < 0) {
         if (p_row_state != nullptr) {
             *p_row_state = sr_i_get_row_state_for_fixed_index(p_table, fixed_row_index);
         }
-        return SR_ERROR(105);
+        return SR_ERROR(SR_E_INVALID_COLUMN);
     }
     return sr_i_get_values_for_fixed_index(p_table, fixed_row_index, &p_column_name, &p_value, 1,
                                            uncommitted_updates_visible, p_row_state);
@@ -196,7 +196,7 @@ qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t ro
         const void *p_key = sr_i_is_pointer_type(key_type)
                                 ? static_cast<const void *>(row_key.ptr_char)
                                 : static_cast<const void *>(&row_key);
-        if (p_key == nullptr) return SR_ERROR(202);
+        if (p_key == nullptr) return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
         return sr_i_hash_table_get_index(p_table->p_rows_hash_table, p_key, p_fixed_row_index,
                                          nullptr);
     }
@@ -216,7 +216,7 @@ qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t ro
             return 0;
         }
     }
-    return SR_ERROR(202);
+    return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
 }
 
 qx_int32_t sr_i_get_updated_rows(sr_i_table_t *p_table, qx_uint32_t *p_updated_rows_count,
@@ -236,7 +236,7 @@ qx_int32_t sr_i_get_updated_rows(sr_i_table_t *p_table, qx_uint32_t *p_updated_r
     }
     auto *p_indices = static_cast<qx_uint32_t *>(
         sr_i_malloc(sizeof(qx_uint32_t) * (static_cast<size_t>(updated) + deleted)));
-    if (p_indices == nullptr) return SR_ERROR(12);
+    if (p_indices == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint32_t n = 0;
     for (sr_i_change_entry_t *p_list :
          {p_table->p_rows_change_list, p_table->p_delete_rows_change_list}) {

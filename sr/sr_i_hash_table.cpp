@@ -43,7 +43,7 @@ qx_int32_t bucket_of(const sr_hash_table_t *p_hash_table, const void *p_key_valu
                              ? p_hash_table->p_hash_function(p_key_value)
                              : sr_i_default_hash(p_key_value);
     if (bucket >= p_hash_table->total_hash_buckets) {
-        return sr_i_set_error(sr_i_this_source, p_function, line, 15);
+        return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_INTERNAL);
     }
     *p_bucket = bucket;
     return 0;
@@ -93,21 +93,21 @@ qx_int32_t keys_compare(const sr_hash_table_t *p_hash_table, const void *p_key1,
 qx_int32_t sr_i_hash_table_open(qx_uint32_t total_hash_buckets, sr_hash_function_t *p_hash_function,
                                 sr_hash_keys_compare_function_t *p_compare_function,
                                 sr_hash_table_t **p_hash_table) {
-    if (p_hash_table == nullptr) return SR_ERROR(101);
+    if (p_hash_table == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     if (p_hash_function == nullptr) {
         // The defaults go together: resource-handle keys, 16,384 buckets.
         total_hash_buckets = SR_I_DEFAULT_HASH_BUCKETS;
         p_compare_function = cu_rsrc_hndl_cmp_1;
     } else if (p_compare_function == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     auto *p_table = static_cast<sr_hash_table_t *>(sr_i_malloc(sizeof(sr_hash_table_t)));
-    if (p_table == nullptr) return SR_ERROR(12);
+    if (p_table == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     auto *p_elements = static_cast<sr_hash_table_element_t **>(
         sr_i_calloc(total_hash_buckets, sizeof(sr_hash_table_element_t *)));
     if (p_elements == nullptr) {
         free(p_table);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     p_table->total_hash_buckets = total_hash_buckets;
     p_table->p_hash_function = p_hash_function;  // NULL: the default hash
@@ -139,7 +139,7 @@ qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
                                sr_qualifier_t qualifier) {
     if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
         p_p_hash_table_element == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     qx_uint32_t bucket = 0;
     qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
@@ -152,12 +152,12 @@ qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
                 // makes this a duplicate (it may be deleted and revivable).
                 *p_hash_index = bucket;
                 *p_p_hash_table_element = p;
-                return 108;
+                return SR_E_DUPLICATE_KEY;
             }
         }
     }
     sr_hash_table_element_t *p_element = new_element(p_hash_table);
-    if (p_element == nullptr) return SR_ERROR(12);
+    if (p_element == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_element->row_index = row_index;
     p_element->p_key_value = p_key_value;
     p_element->p_next = *p_head;
@@ -168,7 +168,7 @@ qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
 }
 
 qx_int32_t sr_i_hash_table_remove(sr_hash_table_t *p_hash_table, const void *p_key_value) {
-    if (p_hash_table == nullptr || p_key_value == nullptr) return SR_ERROR(101);
+    if (p_hash_table == nullptr || p_key_value == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     qx_uint32_t bucket = 0;
     qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
     if (rc != 0) return rc;
@@ -181,13 +181,14 @@ qx_int32_t sr_i_hash_table_remove(sr_hash_table_t *p_hash_table, const void *p_k
             return 0;
         }
     }
-    return SR_ERROR(202);
+    return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
 }
 
 qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint32_t hash_index,
                                           sr_hash_table_element_t *p_hash_table_element) {
-    if (p_hash_table == nullptr || p_hash_table_element == nullptr) return SR_ERROR(101);
-    if (hash_index >= p_hash_table->total_hash_buckets) return SR_ERROR(202);
+    if (p_hash_table == nullptr || p_hash_table_element == nullptr)
+        return SR_ERROR(SR_E_NULL_POINTER);
+    if (hash_index >= p_hash_table->total_hash_buckets) return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
     for (sr_hash_table_element_t **pp = &p_hash_table->p_elements[hash_index]; *pp != nullptr;
          pp = &(*pp)->p_next) {
         if (*pp == p_hash_table_element) {
@@ -196,13 +197,13 @@ qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint
             return 0;
         }
     }
-    return SR_ERROR(202);
+    return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
 }
 
 qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
                                      qx_uint32_t *row_index, char ***p_p_p_key_value) {
     if (p_hash_table == nullptr || p_key_value == nullptr || row_index == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     qx_uint32_t bucket = 0;
     qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
@@ -215,7 +216,7 @@ qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *
             return 0;
         }
     }
-    return SR_ERROR(202);
+    return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
 }
 
 void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table) {

@@ -67,13 +67,13 @@ void list_directory(sr_i_tree_t *p_tree, const char *p_listing_path, char *p_fil
     void *p_node =
         tfind(p_listing_path, &p_tree->p_mount_points, sr_i_string_to_mount_point_compare);
     if (p_node == nullptr) {
-        p_tree->list_rc = SR_ERROR(15);
+        p_tree->list_rc = SR_ERROR(SR_E_INTERNAL);
         return;
     }
     const sr_i_mount_point_t *p_mount = *static_cast<sr_i_mount_point_t **>(p_node);
     char *p_last_slash = std::strrchr(p_file_path, '/');
     if (p_last_slash == nullptr) {
-        p_tree->list_rc = SR_ERROR(15);
+        p_tree->list_rc = SR_ERROR(SR_E_INTERNAL);
         return;
     }
     // The directory part is cut off in place and the "/" put back after.
@@ -85,7 +85,7 @@ void list_directory(sr_i_tree_t *p_tree, const char *p_listing_path, char *p_fil
     *p_last_slash = '/';
     if (p_directory == nullptr) {
         p_tree->list_rc =
-            open_errno == EACCES ? SR_ERROR(206) : SR_ERROR_SYSCALL("opendir", open_errno);
+            open_errno == EACCES ? SR_ERROR(SR_E_ACCESS) : SR_ERROR_SYSCALL("opendir", open_errno);
         return;
     }
     const size_t mount_length = std::strlen(p_mount->p_name);
@@ -102,7 +102,7 @@ void list_directory(sr_i_tree_t *p_tree, const char *p_listing_path, char *p_fil
         const size_t name_length = std::strlen(p_name);
         char *p_registry_name = static_cast<char *>(sr_i_malloc(mount_length + name_length + 1));
         if (p_registry_name == nullptr) {
-            p_tree->list_rc = SR_ERROR(12);
+            p_tree->list_rc = SR_ERROR(SR_E_NO_MEMORY);
             break;
         }
         std::memcpy(p_registry_name, p_mount->p_name, mount_length);
@@ -130,7 +130,7 @@ void sr_i_list_tables_action(const void *p_node, VISIT visit, int /*level*/) {
     if (std::strncmp(p_table->p_name, p_prefix, std::strlen(p_prefix)) != 0) return;
     char *p_copy = sr_i_strdup(p_table->p_name);
     if (p_copy == nullptr) {
-        p_tree->list_rc = SR_ERROR(12);
+        p_tree->list_rc = SR_ERROR(SR_E_NO_MEMORY);
         return;
     }
     append_name(p_tree, p_copy);
@@ -138,8 +138,8 @@ void sr_i_list_tables_action(const void *p_node, VISIT visit, int /*level*/) {
 
 qx_int32_t sr_i_list_tables(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
                             qx_char_ptr_t **p_p_table_list, qx_uint32_t *p_count) {
-    if (p_registry_path == nullptr) return SR_ERROR_TEXT(102, nullptr);
-    if (p_p_table_list == nullptr || p_count == nullptr) return SR_ERROR(101);
+    if (p_registry_path == nullptr) return SR_ERROR_TEXT(SR_E_INVALID_PATH, nullptr);
+    if (p_p_table_list == nullptr || p_count == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
 
     // A mount point is named with or without its trailing "/"; only its
     // "/"-ended form lies under it.
@@ -148,7 +148,7 @@ qx_int32_t sr_i_list_tables(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
     qx_char_ptr_t p_listing_path = p_registry_path;
     if (length == 0 || p_registry_path[length - 1] != '/') {
         p_directory_form = static_cast<char *>(sr_i_malloc(length + 2));
-        if (p_directory_form == nullptr) return SR_ERROR(12);
+        if (p_directory_form == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
         std::memcpy(p_directory_form, p_registry_path, length);
         p_directory_form[length] = '/';
         p_directory_form[length + 1] = '\0';
@@ -162,7 +162,7 @@ qx_int32_t sr_i_list_tables(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
         sr_i_malloc((static_cast<size_t>(SR_I_LIST_STEP) + 1) * sizeof(qx_char_ptr_t)));
     if (p_tree->p_list == nullptr) {
         std::free(p_directory_form);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     p_tree->max_list_entries = SR_I_LIST_STEP;
     p_tree->total_list_entries = 0;
@@ -192,7 +192,7 @@ qx_int32_t sr_i_list_tables(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
         p_tree->total_list_entries = 0;
         p_tree->max_list_entries = 0;
     } else {
-        rc = p_tree->list_rc == -1 ? SR_ERROR(12) : p_tree->list_rc;
+        rc = p_tree->list_rc == -1 ? SR_ERROR(SR_E_NO_MEMORY) : p_tree->list_rc;
         release_list(p_tree);
     }
     p_tree->p_list_prefix = nullptr;

@@ -75,7 +75,7 @@ struct sr_i_retired_pool_struct {
 qx_int32_t sr_i_retire_record_buffer_pool(sr_i_table_t *p_table) {
     auto *p_retired =
         static_cast<sr_i_retired_pool_struct *>(sr_i_calloc(1, sizeof(sr_i_retired_pool_struct)));
-    if (p_retired == nullptr) return SR_ERROR(12);
+    if (p_retired == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_retired->pool = p_table->record_buffer_pool;
     p_retired->p_next = p_table->p_retired_pools;
     p_table->p_retired_pools = p_retired;
@@ -89,13 +89,13 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
     auto *p_tree = static_cast<sr_i_tree_t *>(tree_handle);
     qx_int32_t rc = 0;
     if (p_tree == nullptr) {
-        rc = SR_ERROR(100);
+        rc = SR_ERROR(SR_E_INVALID_HANDLE);
     } else if (p_result_table_handle == nullptr) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else if (mode == 3 || mode == 7) {
         mode &= ~SR_MODE_READ;  // write implies read
     } else if (mode != 1 && mode != 2 && mode != 6) {
-        rc = SR_ERROR(103);
+        rc = SR_ERROR(SR_E_INVALID_MODE);
     }
     if (rc != 0) {
         sr_i_hash_table_close(p_rows_hash_table);
@@ -127,7 +127,7 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
                 // A table unpacked from a buffer reads the caller's buffer in
                 // place: it stays read-only whoever opens it.
                 --p_table->references;
-                rc = SR_ERROR(206);
+                rc = SR_ERROR(SR_E_ACCESS);
             } else if (p_table->references == 1) {
                 // A transient table kept after its last close: this open sets
                 // its modes afresh.
@@ -136,7 +136,7 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
             } else if ((p_table->mode & SR_MODE_WRITE) != 0 && wants_write) {
                 if (p_table->implicitly_controlled != new_implicit) {
                     --p_table->references;
-                    rc = SR_ERROR(211);
+                    rc = SR_ERROR(SR_E_EXCLUSIVE_MODES);
                 }
             } else if (wants_write) {
                 if (p_table->p_file_path != nullptr) {
@@ -160,14 +160,14 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
                                         p_rows_hash_table, &p_table);
         if (rc == 0 && tsearch(p_table, &p_tree->p_tables, sr_i_table_compare) == nullptr) {
             sr_i_close_table(p_table);
-            rc = SR_ERROR(12);
+            rc = SR_ERROR(SR_E_NO_MEMORY);
         }
         if (rc == 0) {
             *p_result_table_handle = p_table;
             rc = SR_I_NEW_TABLE_RECORD;
         }
     } else {
-        rc = SR_ERROR(200);
+        rc = SR_ERROR(SR_E_NO_TABLE);
     }
     // An open that made no record leaves no index behind.
     if (!hash_table_used && rc != 0) sr_i_hash_table_close(p_rows_hash_table);

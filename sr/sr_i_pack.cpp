@@ -232,7 +232,7 @@ qx_int32_t describe_column(const sr_i_table_t *p_table, qx_uint32_t index,
     const size_t sd_size = QX_SD_SIZE(kColumnElementsWithDefinition);
     const size_t array_size = QX_ARRAY_SIZE(fields);
     auto *p_block = static_cast<char *>(sr_i_calloc(1, sd_size + 2 * array_size));
-    if (p_block == nullptr) return SR_ERROR(12);
+    if (p_block == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     auto *p_sd = reinterpret_cast<qx_structured_data_t *>(p_block);
     p_sd->element_count = definition ? kColumnElementsWithDefinition : kColumnElements;
     qx_value_t value;
@@ -289,7 +289,7 @@ qx_int32_t describe_column(const sr_i_table_t *p_table, qx_uint32_t index,
 qx_int32_t sr_i_get_table_fixed_metadata_SD(sr_i_table_t *p_table, qx_uint32_t view_applied,
                                             qx_structured_data_t **p_p_fixed_metadata) {
     auto *p_sd = static_cast<qx_structured_data_t *>(sr_i_calloc(1, QX_SD_SIZE(kFixedElements)));
-    if (p_sd == nullptr) return SR_ERROR(12);
+    if (p_sd == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_sd->element_count = kFixedElements;
     const char *p_name = p_table->p_persistent_table_registry_path != nullptr
                              ? p_table->p_persistent_table_registry_path
@@ -313,7 +313,7 @@ qx_int32_t sr_i_get_table_column_metadata_array(sr_i_table_t *p_table,
                                                 qx_array_t **p_p_column_metadata_array) {
     auto *p_array =
         static_cast<qx_array_t *>(sr_i_calloc(1, QX_ARRAY_SIZE(p_table->total_columns)));
-    if (p_array == nullptr) return SR_ERROR(12);
+    if (p_array == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     for (qx_uint32_t i = 0; i < p_table->total_columns; ++i) {
         qx_structured_data_t *p_sd = nullptr;
         qx_int32_t rc = describe_column(p_table, i, &p_sd);
@@ -349,7 +349,7 @@ qx_int32_t sr_i_get_table_row_array(sr_i_table_t *p_table, qx_uint32_t view_appl
     const qx_uint32_t wanted =
         view_applied ? p_table->total_applied_rows : p_table->total_committed_rows;
     auto *p_array = static_cast<qx_array_t *>(sr_i_calloc(1, QX_ARRAY_SIZE(wanted)));
-    if (p_array == nullptr) return SR_ERROR(12);
+    if (p_array == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint32_t found = 0;
     // Slots without the view's record (free, deleted, or added and deleted
     // again before commit) are passed over.
@@ -370,17 +370,17 @@ qx_int32_t sr_i_get_table_row_array_by_fixed_index(sr_i_table_t *p_table, qx_uin
                                                    qx_array_t **p_p_row_array) {
     auto *p_array =
         static_cast<qx_array_t *>(sr_i_calloc(1, QX_ARRAY_SIZE(total_row_fixed_indices)));
-    if (p_array == nullptr) return SR_ERROR(12);
+    if (p_array == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     for (qx_uint32_t i = 0; i < total_row_fixed_indices; ++i) {
         const qx_uint32_t f = p_row_fixed_indices[i];
         qx_int32_t rc = 0;
         char *p_record = nullptr;
         if (f >= p_table->maximum_rows) {
-            rc = SR_ERROR(203);
+            rc = SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
         } else {
             const sr_i_index_entry_t &entry = p_table->p_rows_fixed_index[f];
             p_record = view_applied ? entry.p_applied : entry.p_committed;
-            if (p_record == nullptr) rc = SR_ERROR(204);
+            if (p_record == nullptr) rc = SR_ERROR(SR_E_ROW_DELETED);
         }
         if (rc != 0) {
             std::free(p_array);
@@ -403,7 +403,7 @@ qx_int32_t sr_i_pack_tables(qx_uint32_t total_tables, sr_i_table_t **p_tables,
     parts.p_columns = static_cast<qx_array_t **>(sr_i_calloc(total_tables, sizeof(qx_array_t *)));
     parts.p_rows = static_cast<qx_array_t **>(sr_i_calloc(total_tables, sizeof(qx_array_t *)));
     if (parts.p_fixed == nullptr || parts.p_columns == nullptr || parts.p_rows == nullptr) {
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     parts.total = total_tables;
 
@@ -441,10 +441,10 @@ qx_int32_t sr_i_pack_tables(qx_uint32_t total_tables, sr_i_table_t **p_tables,
         total_length += rows_form_length(parts.p_rows[i]);
     }
     // The length word is 32 bits.
-    if (total_length > UINT32_MAX) return SR_ERROR(12);
+    if (total_length > UINT32_MAX) return SR_ERROR(SR_E_NO_MEMORY);
 
     auto *p_buffer = static_cast<char *>(sr_i_calloc(1, static_cast<size_t>(total_length)));
-    if (p_buffer == nullptr) return SR_ERROR(12);
+    if (p_buffer == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     const qx_uint32_t length = static_cast<qx_uint32_t>(total_length);
     sr_i_store_u32(p_buffer, length);
     p_buffer[4] = 0;  // version
@@ -493,10 +493,10 @@ qx_int32_t sr_i_packed_buffer_head(const void *p_buffer, qx_uint32_t *p_total_ta
                                    qx_uint32_t *p_indirect_area_length) {
     const char *p = static_cast<const char *>(p_buffer);
     const qx_uint64_t length = sr_i_load_u32(p);
-    if (length < kHead) return SR_ERROR(14);
+    if (length < kHead) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     const qx_uint32_t total_tables = sr_i_load_u32(p + 32);
     const qx_uint64_t slots_end = kHead + kTableSlots * total_tables;
-    if (slots_end > length) return SR_ERROR(14);
+    if (slots_end > length) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     *p_total_tables = total_tables;
     if (p_p_indirect_area != nullptr) *p_p_indirect_area = p + slots_end;
     if (p_indirect_area_length != nullptr) {
@@ -512,7 +512,8 @@ qx_int32_t sr_i_get_packed_table_name(const void *p_buffer, qx_uint32_t table_in
     qx_uint32_t area_length = 0;
     qx_int32_t rc = sr_i_packed_buffer_head(p_buffer, &total_tables, &p_area, &area_length);
     if (rc != 0) return rc;
-    if (static_cast<qx_uint64_t>(table_index) + 1 > total_tables) return SR_ERROR(203);
+    if (static_cast<qx_uint64_t>(table_index) + 1 > total_tables)
+        return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     const char *p_slot = static_cast<const char *>(p_buffer) + kHead + kTableSlots * table_index;
     // Decoding checks that the text lies in the area and ends in its NUL; an
     // unconverted text is handed out in place, so nothing is allocated.
@@ -541,10 +542,10 @@ qx_int32_t sr_i_convert_packed_table_buffer(void *p_buffer, qx_uint32_t header_a
     // so it is checked before any other word is touched.
     qx_uint32_t length = sr_i_load_u32(p);
     if (header_already_converted == 0) length = __builtin_bswap32(length);
-    if (length < kHead) return SR_ERROR(14);
+    if (length < kHead) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     const qx_uint32_t total_tables = __builtin_bswap32(sr_i_load_u32(p + 32));
     const qx_uint64_t slots_end = kHead + kTableSlots * static_cast<qx_uint64_t>(total_tables);
-    if (slots_end > length) return SR_ERROR(14);
+    if (slots_end > length) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     sr_i_store_u32(p, length);
     // The byte-order mark is converted with the length word, so that the
     // buffer always tells which order it is in: asked again, a converted
@@ -567,7 +568,7 @@ qx_int32_t sr_i_convert_packed_table_buffer(void *p_buffer, qx_uint32_t header_a
             if (fixed_metadata_shape(fixed.ptr_sd)) {
                 total_columns = fixed.ptr_sd->elements[2].value.val_uint32;
             } else {
-                rc = SR_ERROR(14);
+                rc = SR_ERROR(SR_E_TABLE_UNREADABLE);
             }
         }
         std::free(fixed.ptr_sd);
@@ -586,14 +587,14 @@ qx_int32_t sr_i_convert_packed_table_buffer(void *p_buffer, qx_uint32_t header_a
         const qx_array_t *p_columns = columns.ptr_array;
         if (!column_metadata_shape(p_columns) || p_columns->element_count != total_columns) {
             std::free(columns.ptr_array);
-            return SR_ERROR(14);
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         }
         const qx_uint64_t fixed_part = 16 + 8 * static_cast<qx_uint64_t>(total_columns);
         for (qx_uint32_t r = 0; r < total_rows && rc == 0; ++r) {
             char *p_record = p_form + sr_i_load_u32(p_form + 8 + 8 * static_cast<size_t>(r));
             const qx_uint32_t record_length = sr_i_record_length(p_record);
             if (record_length < fixed_part) {
-                rc = SR_ERROR(14);
+                rc = SR_ERROR(SR_E_TABLE_UNREADABLE);
                 break;
             }
             // Link and replaced offset are the packer's own; the type word is
@@ -618,10 +619,10 @@ qx_int32_t sr_i_convert_packed_table_buffer(void *p_buffer, qx_uint32_t header_a
 
 qx_int32_t sr_i_unpack_column_definitions(const qx_array_t *p_column_metadata_array,
                                           qx_uint32_t *p_total_columns, sr_column_t **p_p_columns) {
-    if (!column_metadata_shape(p_column_metadata_array)) return SR_ERROR(14);
+    if (!column_metadata_shape(p_column_metadata_array)) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     const qx_uint32_t total = p_column_metadata_array->element_count;
     auto *p_columns = static_cast<sr_column_t *>(sr_i_calloc(total, sizeof(sr_column_t)));
-    if (p_columns == nullptr) return SR_ERROR(12);
+    if (p_columns == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     for (qx_uint32_t i = 0; i < total; ++i) {
         const qx_structured_data_t *p_sd = p_column_metadata_array->elements[i].ptr_sd;
         sr_column_t &column = p_columns[i];
@@ -645,7 +646,7 @@ qx_int32_t sr_i_unpack_column_definitions(const qx_array_t *p_column_metadata_ar
         auto *p_definition = static_cast<sr_sd_def_t *>(sr_i_calloc(1, size));
         if (p_definition == nullptr) {
             sr_i_free_unpacked_column_definitions(p_columns, total);
-            return SR_ERROR(12);
+            return SR_ERROR(SR_E_NO_MEMORY);
         }
         p_definition->number_of_fields = fields;
         for (qx_uint32_t f = 0; f < fields; ++f) {
@@ -677,9 +678,9 @@ qx_int32_t check_rows(const qx_array_t *p_rows, const sr_column_t *p_columns,
     const qx_uint64_t fixed_part = 16 + 8 * static_cast<qx_uint64_t>(total_columns);
     for (qx_uint32_t r = 0; r < p_rows->element_count; ++r) {
         const char *p_header = p_rows->elements[r].ptr_char;
-        if (p_header == nullptr) return SR_ERROR(14);
+        if (p_header == nullptr) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         const qx_uint32_t record_length = sr_i_record_length(p_header);
-        if (record_length < fixed_part) return SR_ERROR(14);
+        if (record_length < fixed_part) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         const char *p_area = p_header + fixed_part;
         const qx_int64_t area_length = static_cast<qx_int64_t>(record_length - fixed_part);
         for (qx_uint32_t c = 0; c < total_columns; ++c) {
@@ -702,7 +703,7 @@ qx_int32_t rows_in_place(const char *p_rows_slot, const char *p_area, qx_array_t
     const qx_array_t *p_checked = *p_p_rows;
     const qx_uint32_t count = p_checked->element_count;
     auto *p_rows = static_cast<qx_array_t *>(sr_i_malloc(QX_ARRAY_SIZE(count)));
-    if (p_rows == nullptr) return SR_ERROR(12);
+    if (p_rows == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_rows->element_count = count;
     p_rows->pad = 0;
     const char *p_form = p_area + sr_i_load_u32(p_rows_slot);
@@ -738,8 +739,9 @@ qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
     qx_uint32_t area_length = 0;
     qx_int32_t rc = sr_i_packed_buffer_head(p_buffer, &total_tables, &p_area, &area_length);
     if (rc != 0) return rc;
-    if (static_cast<qx_uint64_t>(table_index) + 1 > total_tables) return SR_ERROR(203);
-    if (p_tree == nullptr) return SR_ERROR(100);
+    if (static_cast<qx_uint64_t>(table_index) + 1 > total_tables)
+        return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
+    if (p_tree == nullptr) return SR_ERROR(SR_E_INVALID_HANDLE);
     const char *p_slots = static_cast<const char *>(p_buffer) + kHead + kTableSlots * table_index;
 
     qx_value_t fixed, columns, rows;
@@ -750,11 +752,12 @@ qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
     if (rc == 0) rc = client_value(QX_SD_PTR_ARRAY, p_slots + 16, p_area, area_length, &columns);
     if (rc == 0) rc = client_value(QX_BINARY_PTR_ARRAY, p_slots + 24, p_area, area_length, &rows);
     if (rc == 0) rc = rows_in_place(p_slots + 24, p_area, &rows.ptr_array);
-    if (rc == 0 && !fixed_metadata_shape(fixed.ptr_sd)) rc = SR_ERROR(14);
+    if (rc == 0 && !fixed_metadata_shape(fixed.ptr_sd)) rc = SR_ERROR(SR_E_TABLE_UNREADABLE);
     sr_column_t *p_columns = nullptr;
     qx_uint32_t total_columns = 0;
     if (rc == 0) rc = sr_i_unpack_column_definitions(columns.ptr_array, &total_columns, &p_columns);
-    if (rc == 0 && total_columns != fixed.ptr_sd->elements[2].value.val_uint32) rc = SR_ERROR(14);
+    if (rc == 0 && total_columns != fixed.ptr_sd->elements[2].value.val_uint32)
+        rc = SR_ERROR(SR_E_TABLE_UNREADABLE);
     if (rc == 0) rc = check_rows(rows.ptr_array, p_columns, total_columns);
     // Without the caller's hash function the index takes the defaults, which
     // hash and compare resource handles: they serve a resource-handle key
@@ -762,7 +765,7 @@ qx_int32_t sr_i_unpack_table(void *p_buffer, qx_uint32_t total_hash_buckets,
     // read past any other key.
     if (rc == 0 && total_hash_buckets != 0 && hash_function == nullptr &&
         !resource_handle_key(p_columns, total_columns)) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     }
     sr_hash_table_t *p_hash_table = nullptr;
     if (rc == 0 && total_hash_buckets != 0) {

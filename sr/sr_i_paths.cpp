@@ -29,21 +29,22 @@ bool sr_i_ends_in_dot_component(const char *p_path) {
 }  // namespace
 
 qx_int32_t sr_i_check_path_syntax(qx_char_ptr_t p_path) {
-    if (p_path == nullptr) return SR_ERROR_TEXT(102, nullptr);
+    if (p_path == nullptr) return SR_ERROR_TEXT(SR_E_INVALID_PATH, nullptr);
     size_t length = strnlen(p_path, SR_I_MAX_PATH_LENGTH + 1);
-    if (length == 0 || length > SR_I_MAX_PATH_LENGTH) return SR_ERROR_TEXT(102, p_path);
+    if (length == 0 || length > SR_I_MAX_PATH_LENGTH)
+        return SR_ERROR_TEXT(SR_E_INVALID_PATH, p_path);
     for (size_t i = 0; i < length; ++i) {
         int c = static_cast<unsigned char>(p_path[i]);
-        if (isspace(c)) return SR_ERROR_TEXT(102, p_path);
-        if (!isalnum(c) && c != '_' && c != '/') return SR_ERROR_TEXT(102, p_path);
+        if (isspace(c)) return SR_ERROR_TEXT(SR_E_INVALID_PATH, p_path);
+        if (!isalnum(c) && c != '_' && c != '/') return SR_ERROR_TEXT(SR_E_INVALID_PATH, p_path);
     }
     // Only "//" can still fail after the character check; the rest stay as a
     // second line of defence should the allowed characters ever widen.
     if (strchr(p_path, ',') != nullptr || strstr(p_path, "//") != nullptr ||
         strstr(p_path, "/./") != nullptr || strstr(p_path, "/../") != nullptr) {
-        return SR_ERROR_TEXT(102, p_path);
+        return SR_ERROR_TEXT(SR_E_INVALID_PATH, p_path);
     }
-    if (sr_i_ends_in_dot_component(p_path)) return SR_ERROR_TEXT(102, p_path);
+    if (sr_i_ends_in_dot_component(p_path)) return SR_ERROR_TEXT(SR_E_INVALID_PATH, p_path);
     return 0;
 }
 
@@ -67,7 +68,7 @@ qx_int32_t sr_i_resolve_path(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
     size_t tail_length = strlen(p_tail);
     char *p_file =
         static_cast<char *>(sr_i_malloc(directory_length + tail_length + SR_I_PATH_SLACK));
-    if (p_file == nullptr) return SR_ERROR(12);
+    if (p_file == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     memcpy(p_file, p_mount->p_filesystem_path, directory_length);
     p_file[directory_length] = '/';
     for (size_t i = 1; i < tail_length; ++i) {
@@ -87,12 +88,12 @@ qx_int32_t sr_i_create_all_directories_in_path(qx_char_ptr_t p_path) {
         int result = sr_i_file_ops.p_mkdir(p_path, 0755);
         int the_errno = errno;
         *p_slash = '/';
-        if (result != 0 && the_errno == ENOSPC) return SR_ERROR(13);
+        if (result != 0 && the_errno == ENOSPC) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (result != 0 && the_errno != EEXIST) return SR_ERROR_SYSCALL("mkdir", the_errno);
     }
     if (sr_i_file_ops.p_mkdir(p_path, 0755) != 0) {
         int the_errno = errno;
-        if (the_errno == ENOSPC) return SR_ERROR(13);
+        if (the_errno == ENOSPC) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (the_errno != EEXIST) return SR_ERROR_SYSCALL("mkdir", the_errno);
     }
     return 0;
@@ -117,22 +118,22 @@ qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_p
     if (block_size != 0) {
         // The path already lies under a mount point.
         free(p_resolved);
-        return SR_ERROR(207);
+        return SR_ERROR(SR_E_MOUNT_POINT_EXISTS);
     }
     if (tfind(p_registry_path, &p_tree->p_tables, sr_i_string_to_table_compare) != nullptr) {
         // A transient table of that very name is open: mounting would hide it.
-        return SR_ERROR(201);
+        return SR_ERROR(SR_E_TABLE_EXISTS);
     }
     // The record takes the copy the directories were created from (the
     // creation restores every byte it cuts).
     size_t directory_length = strlen(p_filesystem_path);
     size_t name_length = strlen(p_registry_path);
     auto *p_mount = static_cast<sr_i_mount_point_t *>(sr_i_calloc(1, sizeof(sr_i_mount_point_t)));
-    if (p_mount == nullptr) return SR_ERROR(12);
+    if (p_mount == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_mount->p_filesystem_path = static_cast<char *>(sr_i_malloc(directory_length + 1));
     if (p_mount->p_filesystem_path == nullptr) {
         sr_i_free_mount_point(p_mount);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     memcpy(p_mount->p_filesystem_path, p_filesystem_path, directory_length + 1);
     rc = sr_i_create_all_directories_in_path(p_mount->p_filesystem_path);
@@ -143,7 +144,7 @@ qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_p
     p_mount->p_name = static_cast<char *>(sr_i_malloc(name_length + 2));
     if (p_mount->p_name == nullptr) {
         sr_i_free_mount_point(p_mount);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     // The name ends in "/" so that a plain prefix test finds the mount point
     // of a path: /a/ starts /a/x but not /ab.
@@ -154,17 +155,17 @@ qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_p
     void *p_node = tsearch(p_mount, &p_tree->p_mount_points, sr_i_mount_point_compare);
     if (p_node == nullptr) {
         sr_i_free_mount_point(p_mount);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     if (*static_cast<sr_i_mount_point_t **>(p_node) != p_mount) {
         sr_i_free_mount_point(p_mount);
-        return SR_ERROR(207);
+        return SR_ERROR(SR_E_MOUNT_POINT_EXISTS);
     }
     return 0;
 }
 
 qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
-    if (p_tree->p_mount_points == nullptr) return SR_ERROR(208);
+    if (p_tree->p_mount_points == nullptr) return SR_ERROR(SR_E_NO_MOUNT_POINT);
     qx_char_ptr_t p_resolved = nullptr;
     qx_uint32_t block_size = 0;
     qx_int32_t rc = sr_i_resolve_path(p_tree, p_registry_path, &p_resolved, &block_size);
@@ -175,7 +176,7 @@ qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry
     size_t resolved_length = strlen(p_resolved);
     char *p_key = static_cast<char *>(sr_i_malloc(resolved_length + 2));
     if (p_key == nullptr) {
-        rc = SR_ERROR(12);
+        rc = SR_ERROR(SR_E_NO_MEMORY);
     } else {
         memcpy(p_key, p_resolved, resolved_length);
         p_key[resolved_length] = '/';
@@ -183,7 +184,7 @@ qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry
         void *p_node =
             tfind(p_key, &p_tree->p_mount_points, sr_i_string_to_mount_point_delete_compare);
         if (p_node == nullptr) {
-            rc = SR_ERROR(208);
+            rc = SR_ERROR(SR_E_NO_MOUNT_POINT);
         } else {
             // Open tables of the mount point keep their files; only new
             // resolutions stop mapping into the directory.

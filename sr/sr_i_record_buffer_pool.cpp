@@ -134,7 +134,7 @@ qx_int32_t reserve_directory_slot(buffer_t *p_owner) {
     if (p_owner->total_directory < p_owner->max_directory) return 0;
     qx_uint32_t new_max = p_owner->max_directory * 2;
     void *p_new = sr_i_realloc(p_owner->p_directory, sizeof(sr_i_record_buffer_slot_t) * new_max);
-    if (p_new == nullptr) return SR_ERROR(12);
+    if (p_new == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_owner->p_directory = static_cast<sr_i_record_buffer_slot_t *>(p_new);
     p_owner->max_directory = new_max;
     return 0;
@@ -433,7 +433,7 @@ buffer_t *new_buffer(qx_uint32_t data_bytes) {
 // Gives a pool that has no buffer its first one, with a fresh directory.
 qx_int32_t adopt_first_buffer(sr_i_record_buffer_pool_t *p_pool, buffer_t *p_buffer) {
     void *p_directory = sr_i_malloc(sizeof(sr_i_record_buffer_slot_t) * kInitialDirectory);
-    if (p_directory == nullptr) return SR_ERROR(12);
+    if (p_directory == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_buffer->p_directory = static_cast<sr_i_record_buffer_slot_t *>(p_directory);
     p_buffer->max_directory = kInitialDirectory;
     p_buffer->total_directory = 0;
@@ -452,14 +452,15 @@ qx_int32_t add_buffer(sr_i_record_buffer_pool_t *p_pool, qx_uint32_t data_length
                                : data_length;
     qx_uint64_t block = capacity + kBufferHeader + kHeader;
     // The pool's counters are 32 bits wide and so is every offset in it.
-    if (block > UINT32_MAX || p_pool->total_bytes + block > UINT32_MAX) return SR_ERROR(12);
+    if (block > UINT32_MAX || p_pool->total_bytes + block > UINT32_MAX)
+        return SR_ERROR(SR_E_NO_MEMORY);
     buffer_t *p_owner = directory_owner(p_pool);
     if (p_owner != nullptr) {
         qx_int32_t rc = reserve_directory_slot(p_owner);
         if (rc != 0) return rc;
     }
     buffer_t *p_buffer = new_buffer(static_cast<qx_uint32_t>(capacity + kHeader));
-    if (p_buffer == nullptr) return SR_ERROR(12);
+    if (p_buffer == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_int64_t position = 0;
     if (p_owner == nullptr) {
         qx_int32_t rc = adopt_first_buffer(p_pool, p_buffer);
@@ -487,15 +488,15 @@ qx_int32_t add_buffer(sr_i_record_buffer_pool_t *p_pool, qx_uint32_t data_length
 
 qx_int32_t sr_i_rb_initialize_record_buffer_pool(qx_uint32_t total_pages,
                                                  sr_i_record_buffer_pool_t *p_record_buffer_pool) {
-    if (p_record_buffer_pool == nullptr) return SR_ERROR(101);
+    if (p_record_buffer_pool == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     memset(p_record_buffer_pool, 0, sizeof *p_record_buffer_pool);
     if (total_pages == 0) return 0;
     long page_size = sysconf(_SC_PAGESIZE);
     if (page_size <= 0) page_size = 4096;
     qx_uint64_t size = static_cast<qx_uint64_t>(total_pages) * static_cast<qx_uint64_t>(page_size);
-    if (size > UINT32_MAX) return SR_ERROR(12);
+    if (size > UINT32_MAX) return SR_ERROR(SR_E_NO_MEMORY);
     buffer_t *p_buffer = new_buffer(static_cast<qx_uint32_t>(size) - kBufferHeader);
-    if (p_buffer == nullptr) return SR_ERROR(12);
+    if (p_buffer == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_int32_t rc = adopt_first_buffer(p_record_buffer_pool, p_buffer);
     if (rc != 0) {
         free(p_buffer);
@@ -530,7 +531,7 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
     sr_i_record_buffer_pool_t *p_pool = p_record_buffer_pool;
     if (p_pool == nullptr || p_data == nullptr || p_previous_free_record == nullptr ||
         actual_data_length == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     char *p_previous = nullptr;
     qx_int64_t index = directory_index_of(p_pool, p_pool->p_free_chain);
@@ -614,16 +615,16 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
                                    char *p_previous_free_record, qx_uint32_t data_length,
                                    qx_int32_t record_type) {
     sr_i_record_buffer_pool_t *p_pool = p_record_buffer_pool;
-    if (p_pool == nullptr || p_data == nullptr) return SR_ERROR(101);
+    if (p_pool == nullptr || p_data == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     char *p_record = p_data - kHeader;
     qx_int64_t index = directory_index_of(p_pool, p_record);
-    if (index < 0) return SR_ERROR(15);
+    if (index < 0) return SR_ERROR(SR_E_INTERNAL);
     buffer_t *p_buffer = directory_owner(p_pool)->p_directory[index].p_buffer;
     qx_uint32_t length = sr_i_record_length(p_record);
     qx_uint32_t offset = block_offset_of(p_buffer, p_record);
     if (length < kHeader || offset + static_cast<qx_uint64_t>(length) > p_buffer->total_bytes ||
         data_length > length - kHeader) {
-        return SR_ERROR(15);
+        return SR_ERROR(SR_E_INTERNAL);
     }
 
     // The record's predecessor inside its buffer (0 when it is the buffer's
@@ -652,7 +653,7 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
             }
             walk = next;
         }
-        if (!found) return SR_ERROR(15);
+        if (!found) return SR_ERROR(SR_E_INTERNAL);
     }
     // A last free record's link word is never read (see the file comment).
     bool is_last = p_buffer->last_free == offset;
@@ -694,7 +695,7 @@ qx_int32_t sr_i_rb_allocate_record(sr_i_record_buffer_pool_t *p_record_buffer_po
 
 qx_int32_t sr_i_reserve_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, qx_uint32_t length,
                                qx_int32_t type, char **p_record_data) {
-    if (p_record_data == nullptr) return SR_ERROR(101);
+    if (p_record_data == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     char *p_data = nullptr;
     char *p_previous = nullptr;
     qx_uint32_t actual = 0;
@@ -824,9 +825,9 @@ char *sr_i_rb_next_free_record(const sr_i_record_buffer_pool_t *p_record_buffer_
 }
 
 qx_int32_t sr_i_rb_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, char *p_data) {
-    if (p_record_buffer_pool == nullptr || p_data == nullptr) return SR_ERROR(101);
+    if (p_record_buffer_pool == nullptr || p_data == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     char *p_record = p_data - kHeader;
-    if (directory_index_of(p_record_buffer_pool, p_record) < 0) return SR_ERROR(15);
+    if (directory_index_of(p_record_buffer_pool, p_record) < 0) return SR_ERROR(SR_E_INTERNAL);
     sr_i_set_record_type(p_record, SR_I_RECORD_TYPE_FREE);
     qx_uint32_t freed = sr_i_rb_insert_free_record(p_record_buffer_pool, p_record, nullptr);
     p_record_buffer_pool->used_bytes -= freed;
@@ -837,7 +838,7 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
     sr_i_record_buffer_pool_t *p_from, sr_i_record_buffer_pool_t *p_to,
     sr_i_record_buffer_pool_duplication_map_t **p_duplication_map) {
     if (p_from == nullptr || p_to == nullptr || p_duplication_map == nullptr) {
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     qx_uint32_t total = 0;
     for (buffer_t *p_buffer = p_from->p_first_record_buffer; p_buffer != nullptr;
@@ -846,7 +847,7 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
     }
     auto *p_map = static_cast<sr_i_record_buffer_pool_duplication_map_t *>(
         sr_i_calloc(1, sizeof(sr_i_record_buffer_pool_duplication_map_t)));
-    if (p_map == nullptr) return SR_ERROR(12);
+    if (p_map == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_map->total = total;
     if (total == 0) {
         memset(p_to, 0, sizeof *p_to);
@@ -858,7 +859,7 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
     p_map->p_offset = static_cast<qx_int64_t *>(sr_i_malloc(sizeof(qx_int64_t) * total));
     if (p_map->p_begin == nullptr || p_map->p_end == nullptr || p_map->p_offset == nullptr) {
         sr_i_rb_free_duplication_map(p_map);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     // One buffer, one 8-byte header instead of one per source buffer.
     qx_uint32_t saved = kBufferHeader * total - kBufferHeader;
@@ -866,7 +867,7 @@ qx_int32_t sr_i_rb_duplicate_record_buffer_pool(
     buffer_t *p_copy = new_buffer(copy_total - kBufferHeader);
     if (p_copy == nullptr) {
         sr_i_rb_free_duplication_map(p_map);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     sr_i_record_buffer_pool_t copy;
     memset(&copy, 0, sizeof copy);

@@ -15,7 +15,7 @@ SR_SOURCE_FILE("sr/sr_i_repair", "1.1");
 qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
                               qx_uint32_t array_count) {
     if (array_count == 0) return 0;
-    if (p_table_names == nullptr) return SR_ERROR(101);
+    if (p_table_names == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     for (qx_uint32_t i = 0; i < array_count; ++i) {
         qx_char_ptr_t p_file = nullptr;
         qx_uint32_t block_size = 0;

@@ -61,14 +61,14 @@ qx_int32_t append_number(qx_uint32_t *p_current, qx_uint32_t *p_max, qx_char_ptr
                          qx_char_ptr_t *p_to, const char *p_format, T value) {
     char local[64];
     int n = snprintf(local, sizeof local, p_format, value);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof local) return SR_ERROR(15);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof local) return SR_ERROR(SR_E_INTERNAL);
     return sr_i_append_buffer_to_result(p_current, p_max, static_cast<qx_uint32_t>(n), p_result,
                                         p_to, local);
 }
 
 qx_int32_t append_text(qx_uint32_t *p_current, qx_uint32_t *p_max, qx_char_ptr_t *p_result,
                        qx_char_ptr_t *p_to, const char *p_text, size_t length) {
-    if (length > UINT32_MAX / 2) return SR_ERROR(12);
+    if (length > UINT32_MAX / 2) return SR_ERROR(SR_E_NO_MEMORY);
     return sr_i_append_buffer_to_result(p_current, p_max, static_cast<qx_uint32_t>(length),
                                         p_result, p_to, const_cast<char *>(p_text));
 }
@@ -87,10 +87,10 @@ qx_int32_t sr_i_append_buffer_to_result(qx_uint32_t *currentResultBytes,
     if (needed > *maxResultBytes) {
         qx_uint64_t room = *maxResultBytes;
         while (room < needed) room += kResultStep;
-        if (room > UINT32_MAX) return SR_ERROR(12);
+        if (room > UINT32_MAX) return SR_ERROR(SR_E_NO_MEMORY);
         const size_t written = static_cast<size_t>(*to - *result);
         char *p_grown = static_cast<char *>(sr_i_realloc(*result, static_cast<size_t>(room)));
-        if (p_grown == nullptr) return SR_ERROR(12);
+        if (p_grown == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
         *result = p_grown;
         *to = p_grown + written;
         *maxResultBytes = static_cast<qx_uint32_t>(room);
@@ -108,7 +108,7 @@ qx_int32_t sr_i_select_printf(qx_char_ptr_t *result, qx_char_ptr_t selectionCrit
     qx_uint32_t current = 0;
     qx_uint32_t max = kResultStep;
     char *p_result = static_cast<char *>(sr_i_malloc(max));
-    if (p_result == nullptr) return SR_ERROR(12);
+    if (p_result == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     char *p_to = p_result;
     const char *p = selectionCriteria;
     qx_int32_t rc = 0;
@@ -147,7 +147,7 @@ qx_int32_t sr_i_select_printf(qx_char_ptr_t *result, qx_char_ptr_t selectionCrit
                     rc = append_number(&current, &max, &p_result, &p_to, "%-llu",
                                        static_cast<unsigned long long>(va_arg(ap, qx_uint64_t)));
                 } else {
-                    rc = SR_ERROR_TEXT(109, selectionCriteria);
+                    rc = SR_ERROR_TEXT(SR_E_INVALID_SUBSTITUTION, selectionCriteria);
                     break;
                 }
                 ++p;
@@ -184,7 +184,7 @@ qx_int32_t sr_i_select_printf(qx_char_ptr_t *result, qx_char_ptr_t selectionCrit
             }
             case 'R': {
                 if (upper(p_dollar[2]) != 'H') {
-                    rc = SR_ERROR_TEXT(109, selectionCriteria);
+                    rc = SR_ERROR_TEXT(SR_E_INVALID_SUBSTITUTION, selectionCriteria);
                     break;
                 }
                 ++p;
@@ -206,7 +206,7 @@ qx_int32_t sr_i_select_printf(qx_char_ptr_t *result, qx_char_ptr_t selectionCrit
             }
             default:
                 // Any other letter, and a `$` that ends the string.
-                rc = SR_ERROR_TEXT(109, selectionCriteria);
+                rc = SR_ERROR_TEXT(SR_E_INVALID_SUBSTITUTION, selectionCriteria);
                 break;
         }
     }
@@ -256,7 +256,7 @@ qx_int32_t sr_i_compile_expression(qx_char_ptr_t p_selection_criteria, sr_i_tabl
                                    void **p_compiled_expression,
                                    cu_iconv_t *p_string_conversion_handle) {
     *p_compiled_expression = nullptr;
-    if (p_string_conversion_handle == nullptr) return SR_ERROR(15);
+    if (p_string_conversion_handle == nullptr) return SR_ERROR(SR_E_INTERNAL);
     char *p_converted = nullptr;
     int rc = cu_iconv_str_1(p_string_conversion_handle, 0, p_selection_criteria, &p_converted);
     if (rc != 0) return SR_ERROR_LIBCALL("cu_iconv_str", rc);
@@ -314,7 +314,7 @@ qx_int32_t sr_i_get_selected_rows(sr_i_table_t *p_table, qx_char_ptr_t p_selecti
                                  : p_table->total_applied_rows - p_table->applied_deletions;
     auto *p_indices = static_cast<qx_uint32_t *>(
         sr_i_malloc(sizeof(qx_uint32_t) * (rows != 0 ? static_cast<size_t>(rows) : 1)));
-    if (p_indices == nullptr) return SR_ERROR(12);
+    if (p_indices == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     CompiledGuard compiled;
     if (p_selection_criteria != nullptr) {
         qx_int32_t rc = sr_i_compile_expression(p_selection_criteria, p_table, &compiled.p,
@@ -366,11 +366,11 @@ qx_int32_t sr_i_copy_row(sr_i_table_t *p_table, qx_char_ptr_t p_from_record_data
         qx_pmsg_anchor_t anchor;
         memcpy(&anchor, sr_i_row_slot(p_from_record_data, c), sizeof anchor);
         if (static_cast<qx_int64_t>(anchor.offset) + anchor.length > from_limit) {
-            return SR_ERROR(14);
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         }
         indirect += anchor.length;
     }
-    if (fixed + indirect > UINT32_MAX / 2) return SR_ERROR(12);
+    if (fixed + indirect > UINT32_MAX / 2) return SR_ERROR(SR_E_NO_MEMORY);
     const qx_uint32_t length = static_cast<qx_uint32_t>(fixed + indirect);
     char *p_data = nullptr;
     qx_int32_t rc = sr_i_reserve_record(&p_new_table->record_buffer_pool, length,
@@ -392,7 +392,7 @@ qx_int32_t sr_i_copy_row(sr_i_table_t *p_table, qx_char_ptr_t p_from_record_data
         if (sr_i_place_indirect_bytes(p_slot, p_area, static_cast<qx_uint32_t>(indirect), &running,
                                       p_from_area + anchor.offset, anchor.length) != 0) {
             sr_i_free_row_record(p_new_table, p_data);
-            return SR_ERROR(15);
+            return SR_ERROR(SR_E_INTERNAL);
         }
     }
 
@@ -403,7 +403,7 @@ qx_int32_t sr_i_copy_row(sr_i_table_t *p_table, qx_char_ptr_t p_from_record_data
         if (rc == 0) p_entry = sr_i_rows_free_chain_remove(p_new_table);
         if (p_entry == nullptr) {
             sr_i_free_row_record(p_new_table, p_data);
-            return rc != 0 ? rc : SR_ERROR(15);
+            return rc != 0 ? rc : SR_ERROR(SR_E_INTERNAL);
         }
     }
     const qx_uint32_t fixed_index =
@@ -417,7 +417,7 @@ qx_int32_t sr_i_copy_row(sr_i_table_t *p_table, qx_char_ptr_t p_from_record_data
         if (rc != 0) {
             sr_i_rows_free_chain_insert(p_new_table, p_entry);
             sr_i_free_row_record(p_new_table, p_data);
-            return rc == 108 ? SR_ERROR(108) : rc;
+            return rc == SR_E_DUPLICATE_KEY ? SR_ERROR(SR_E_DUPLICATE_KEY) : rc;
         }
         p_entry->hash_index = bucket;
         p_entry->p_hash_table_element = p_element;
@@ -441,21 +441,21 @@ qx_int32_t choose_columns(const sr_i_table_t *p_table, qx_char_ptr_t *p_column_n
     const qx_uint32_t room =
         total_column_names == 0 ? p_table->total_columns : total_column_names + 1;
     auto *p_indices = static_cast<qx_uint32_t *>(sr_i_malloc(sizeof(qx_uint32_t) * room));
-    if (p_indices == nullptr) return SR_ERROR(12);
+    if (p_indices == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint32_t total = 0;
     if (total_column_names == 0) {
         for (qx_uint32_t c = 0; c < p_table->total_columns; ++c) p_indices[total++] = c;
     } else {
         if (p_column_names == nullptr) {
             free(p_indices);
-            return SR_ERROR(104);
+            return SR_ERROR(SR_E_NO_COLUMNS);
         }
         p_indices[total++] = 0;
         for (qx_uint32_t i = 0; i < total_column_names; ++i) {
             const qx_int32_t c = sr_i_find_column(p_table, p_column_names[i]);
             if (c < 0) {
                 free(p_indices);
-                return SR_ERROR(105);
+                return SR_ERROR(SR_E_INVALID_COLUMN);
             }
             bool present = false;
             for (qx_uint32_t k = 0; k < total && !present; ++k) {
@@ -477,7 +477,7 @@ qx_int32_t create_result_table(sr_i_table_t *p_table, const qx_uint32_t *p_indic
     qx_int32_t rc = sr_i_get_table_metadata(p_table, -1, &p_metadata);
     if (rc != 0) return rc;
     auto *p_columns = static_cast<sr_column_t *>(sr_i_malloc(sizeof(sr_column_t) * total));
-    if (p_columns == nullptr) rc = SR_ERROR(12);
+    if (p_columns == nullptr) rc = SR_ERROR(SR_E_NO_MEMORY);
     sr_hash_table_t *p_hash_table = nullptr;
     if (rc == 0) {
         // Shallow copies: creating the table packs the defaults and replaces
@@ -557,12 +557,12 @@ qx_int32_t sr_i_get_duplicate_rows(sr_i_table_t *p_table, qx_value_t *p_key_valu
     qx_uint32_t room = 10;
     qx_uint32_t count = 0;
     auto *p_indices = static_cast<qx_uint32_t *>(sr_i_malloc(sizeof(qx_uint32_t) * room));
-    if (p_indices == nullptr) return SR_ERROR(12);
+    if (p_indices == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     auto collect = [&](qx_uint32_t fixed) -> qx_int32_t {
         if (count == room) {
             auto *p_grown = static_cast<qx_uint32_t *>(
                 sr_i_realloc(p_indices, sizeof(qx_uint32_t) * (static_cast<size_t>(room) + 10)));
-            if (p_grown == nullptr) return SR_ERROR(12);
+            if (p_grown == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
             p_indices = p_grown;
             room += 10;
         }
@@ -582,14 +582,14 @@ qx_int32_t sr_i_get_duplicate_rows(sr_i_table_t *p_table, qx_value_t *p_key_valu
                                 : static_cast<const void *>(p_key_value);
         if (p_key == nullptr) {
             free(p_indices);
-            return SR_ERROR(101);
+            return SR_ERROR(SR_E_NULL_POINTER);
         }
         qx_uint32_t bucket = p_hash->p_hash_function != nullptr
                                  ? p_hash->p_hash_function(p_key)
                                  : (sr_i_load_u32(static_cast<const char *>(p_key) + 16) & 0x3FFF);
         if (bucket >= p_hash->total_hash_buckets) {
             free(p_indices);
-            return SR_ERROR(15);
+            return SR_ERROR(SR_E_INTERNAL);
         }
         sr_hash_keys_compare_function_t *p_compare =
             p_hash->p_compare_function != nullptr ? p_hash->p_compare_function : cu_rsrc_hndl_cmp_1;
@@ -618,7 +618,7 @@ qx_int32_t sr_i_get_duplicate_rows(sr_i_table_t *p_table, qx_value_t *p_key_valu
             }
         }
     }
-    if (rc == 0 && count == 0) rc = SR_ERROR(202);
+    if (rc == 0 && count == 0) rc = SR_ERROR(SR_E_NO_ROW_FOR_KEY);
     if (rc != 0) {
         free(p_indices);
         return rc;

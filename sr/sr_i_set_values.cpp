@@ -34,12 +34,12 @@ qx_uint32_t grown(qx_uint32_t length, qx_uint32_t more) {
 qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fixed_row_index,
                                            qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
                                            qx_uint32_t total_values) {
-    if (p_table->ready_for_commit != 0) return SR_ERROR(212);
-    if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(203);
+    if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
+    if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[fixed_row_index];
     // Sets always start from the working version, whatever readers see.
     char *p_current = p_entry->p_applied;
-    if (p_current == nullptr) return SR_ERROR(204);
+    if (p_current == nullptr) return SR_ERROR(SR_E_ROW_DELETED);
 
     const qx_uint32_t total_columns = p_table->total_columns;
     const qx_uint32_t fixed = 4 + 8 * total_columns;
@@ -49,7 +49,7 @@ qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
 
     qx_uint32_t usable = sr_i_record_length(p_current - kHeader) - kHeader;
     qx_uint32_t length = grown(usable, usable);
-    if (length == 0) return SR_ERROR(12);
+    if (length == 0) return SR_ERROR(SR_E_NO_MEMORY);
     char *p_record = p_current;
     char *p_indirect = nullptr;
     char *p_previous = nullptr;
@@ -68,7 +68,7 @@ qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
         qx_uint32_t more = 0;  // bytes to grow by before trying this column again
         qx_int64_t i = find_name(p_column_names, total_values, definition.name);
         if (i >= 0) {
-            if (definition.qualifier & SR_PROTECTED) return SR_ERROR(105);
+            if (definition.qualifier & SR_PROTECTED) return SR_ERROR(SR_E_INVALID_COLUMN);
             if (pointer) {
                 qx_value_t value;
                 sr_i_dup_nonscalar_value(definition.type, p_p_values[i], &value);
@@ -112,14 +112,14 @@ qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
             continue;
         }
         length = grown(length, more);
-        if (length == 0) return SR_ERROR(12);
+        if (length == 0) return SR_ERROR(SR_E_NO_MEMORY);
         rc = acquire_row_record(p_table, running, &length, &p_record, nullptr, &p_indirect,
                                 &p_previous);
         if (rc != 0) return rc;
     }
     // Setting reports an unknown or repeated name as an unknown column,
     // where adding a row says 104: callers tell the two apart.
-    if (used != total_values) return SR_ERROR(105);
+    if (used != total_values) return SR_ERROR(SR_E_INVALID_COLUMN);
 
     sr_i_store_u32(p_record, p_entry->file_offset);
     rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_record, p_previous,
@@ -154,7 +154,7 @@ qx_int32_t sr_i_set_value_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fix
 qx_int32_t sr_i_set_values_for_packed_index(sr_i_table_t *p_table, qx_uint32_t row_index,
                                             qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
                                             qx_uint32_t total_values) {
-    if (row_index >= p_table->total_applied_rows) return SR_ERROR(203);
+    if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     return sr_i_set_values_for_fixed_index(p_table, p_table->p_rows_packed_index[row_index],
                                            p_column_names, p_p_values, total_values);
 }

@@ -185,11 +185,11 @@ char *sr_i_row_key_value(const sr_i_table_t *p_table, char *p_record_data) {
 qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_rows) {
     if (maximum_rows == 0) maximum_rows = kDefaultRows;
     auto *p_packed = static_cast<qx_uint32_t *>(sr_i_calloc(maximum_rows, sizeof(qx_uint32_t)));
-    if (p_packed == nullptr) return SR_ERROR(12);
+    if (p_packed == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     auto *p_fixed = static_cast<sr_i_index_entry_t *>(sr_i_malloc(index_bytes(maximum_rows)));
     if (p_fixed == nullptr) {
         free(p_packed);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     p_table->p_rows_packed_index = p_packed;
     p_table->p_rows_fixed_index = p_fixed;
@@ -202,18 +202,18 @@ qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows) {
     // Growing by nothing would hand the caller an empty chain again.
     if (total_new_rows == 0) total_new_rows = kDefaultRows;
     qx_uint64_t wanted = static_cast<qx_uint64_t>(p_table->maximum_rows) + total_new_rows;
-    if (wanted > UINT32_MAX) return SR_ERROR(12);
+    if (wanted > UINT32_MAX) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint32_t n = static_cast<qx_uint32_t>(wanted);
 
     // The packed index first: if the fixed index then cannot grow, the table
     // keeps working with a packed index that is merely larger than needed.
     void *p_packed = sr_i_realloc(p_table->p_rows_packed_index, sizeof(qx_uint32_t) * n);
-    if (p_packed == nullptr) return SR_ERROR(12);
+    if (p_packed == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_table->p_rows_packed_index = static_cast<qx_uint32_t *>(p_packed);
 
     uintptr_t old_base = reinterpret_cast<uintptr_t>(p_table->p_rows_fixed_index);
     void *p_fixed = sr_i_realloc(p_table->p_rows_fixed_index, index_bytes(n));
-    if (p_fixed == nullptr) return SR_ERROR(12);
+    if (p_fixed == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_table->p_rows_fixed_index = static_cast<sr_i_index_entry_t *>(p_fixed);
 
     qx_uint32_t first_new = p_table->maximum_rows;

@@ -68,9 +68,9 @@ qx_int32_t sr_i_create_commit_record(sr_i_application_metadata_t *p_application_
         }
     }
     if (elements > 0) length += 4;
-    if (length > UINT32_MAX) return SR_ERROR(12);
+    if (length > UINT32_MAX) return SR_ERROR(SR_E_NO_MEMORY);
     char *p_record = static_cast<char *>(sr_i_malloc(length));
-    if (p_record == nullptr) return SR_ERROR(12);
+    if (p_record == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     sr_i_store_u32(p_record, static_cast<qx_uint32_t>(length));
     sr_i_store_u32(p_record + 4, 0);
     sr_i_store_u32(p_record + 8, static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT));
@@ -126,12 +126,12 @@ qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
                                    sr_i_application_metadata_t *p_application_metadata,
                                    qx_uint64_t *p_change_counter) {
     qx_uint64_t record_length = rec_length(p_commit_record);
-    if (record_length < SR_I_COMMIT_RECORD_LENGTH) return SR_ERROR(14);
+    if (record_length < SR_I_COMMIT_RECORD_LENGTH) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     qx_uint64_t following = sr_i_load_u32(p_commit_record + 12);
-    if (16 + following > record_length || following < 8) return SR_ERROR(14);
+    if (16 + following > record_length || following < 8) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     *p_change_counter = sr_i_load_u64(p_commit_record + 16);
     if (following < 9) return 0;
-    if (following < 12) return SR_ERROR(14);
+    if (following < 12) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     // Every element is checked against the record before the store is touched,
     // so a lying count or length leaves the store as it was.
     const qx_uint64_t end = 16 + following;
@@ -139,12 +139,12 @@ qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
     qx_uint64_t at = 28;
     bool ascending = true;  // as commit writes them
     for (qx_uint32_t i = 0, previous = 0; i < elements; ++i) {
-        if (at + 8 > end) return SR_ERROR(14);
+        if (at + 8 > end) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         qx_uint32_t type = sr_i_load_u32(p_commit_record + at);
         if (i > 0 && type <= previous) ascending = false;
         previous = type;
         qx_uint64_t data_length = sr_i_load_u32(p_commit_record + at + 4);
-        if (at + 8 + data_length > end) return SR_ERROR(14);
+        if (at + 8 + data_length > end) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         at += 8 + data_length;
     }
     // The store is sorted by type, so elements in ascending order are each
@@ -159,9 +159,9 @@ qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
     placed_t *p_order = nullptr;
     if (!ascending) {
         const qx_uint64_t order_bytes = static_cast<qx_uint64_t>(elements) * sizeof(placed_t);
-        if (order_bytes > SIZE_MAX) return SR_ERROR(12);  // 32-bit hosts
+        if (order_bytes > SIZE_MAX) return SR_ERROR(SR_E_NO_MEMORY);  // 32-bit hosts
         p_order = static_cast<placed_t *>(sr_i_malloc(static_cast<size_t>(order_bytes)));
-        if (p_order == nullptr) return SR_ERROR(12);
+        if (p_order == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
         at = 28;
         for (qx_uint32_t i = 0; i < elements; ++i) {
             p_order[i] = placed_t{sr_i_load_u32(p_commit_record + at), at};
@@ -184,7 +184,7 @@ qx_int32_t sr_i_open_commit_record(const char *p_commit_record,
     free(p_order);
     // Two elements of one type cannot come from a commit record this library
     // wrote: the file is damaged, not the caller's key.
-    if (rc == SR_E_DUPLICATE_KEY) rc = SR_ERROR(14);
+    if (rc == SR_E_DUPLICATE_KEY) rc = SR_ERROR(SR_E_TABLE_UNREADABLE);
     qx_int32_t commit_rc = sr_i_commit_application_metadata_buffer_updates(p_application_metadata);
     return rc != 0 ? rc : commit_rc;
 }
@@ -253,7 +253,7 @@ qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock) {
         auto *p_new = static_cast<data_file_t *>(
             sr_i_realloc(P_Data_Files, static_cast<size_t>(new_max) * sizeof(data_file_t)));
         if (p_new == nullptr) {
-            rc = SR_ERROR(12);
+            rc = SR_ERROR(SR_E_NO_MEMORY);
         } else {
             P_Data_Files = p_new;
             Max_Data_Files = new_max;
@@ -290,7 +290,7 @@ qx_int32_t sr_i_lock_data_file(qx_int32_t fd) {
     }
     if (index == Total_Data_Files) {
         pthread_mutex_unlock(&Data_Files_Mutex);
-        return SR_ERROR(15);
+        return SR_ERROR(SR_E_INTERNAL);
     }
     P_Data_Files[index].claimed_by = self;
     pthread_mutex_unlock(&Data_Files_Mutex);
@@ -367,12 +367,12 @@ qx_int32_t sr_i_try_claim_data_file(qx_int32_t fd) {
     for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
         if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) index = i;
     }
-    qx_int32_t rc = index == Total_Data_Files ? SR_ERROR(15) : 0;
+    qx_int32_t rc = index == Total_Data_Files ? SR_ERROR(SR_E_INTERNAL) : 0;
     for (qx_uint32_t i = 0; i < Total_Data_Files && rc == 0; ++i) {
         const data_file_t &f = P_Data_Files[i];
         if (i != index && f.dev == P_Data_Files[index].dev && f.ino == P_Data_Files[index].ino &&
             f.claimed_by == self) {
-            rc = SR_ERROR(211);
+            rc = SR_ERROR(SR_E_EXCLUSIVE_MODES);
         }
     }
     if (rc == 0) P_Data_Files[index].claimed_by = self;
@@ -453,50 +453,52 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
                                  qx_uint32_t *p_total_columns,
                                  qx_uint32_t *p_total_variable_length_columns) {
     const char *p_data = p_image + kHeader;
-    if (meta_length < kHeader + kMetadataFixed) return SR_ERROR(14);
+    if (meta_length < kHeader + kMetadataFixed) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     const qx_uint64_t data_length = meta_length - kHeader;
     qx_uint64_t total_columns = sr_i_load_u32(p_data + 8);
     qx_uint32_t total_variable = sr_i_load_u32(p_data + 12);
-    if (total_columns == 0) return SR_ERROR(14);
+    if (total_columns == 0) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     const qx_uint64_t area_start = kMetadataFixed + total_columns * kColumnSize;
-    if (area_start > data_length) return SR_ERROR(14);
+    if (area_start > data_length) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     const qx_uint64_t area_length = data_length - area_start;
     const char *p_area = p_data + area_start;
     qx_uint32_t counted_variable = 0;
     for (qx_uint64_t i = 0; i < total_columns; ++i) {
         const char *p_entry = p_data + kMetadataFixed + i * kColumnSize;
         const qx_uint32_t type = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_TYPE);
-        if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(14);
+        if (type < QX_INT32 || type > QX_SD_PTR_ARRAY) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         const qx_uint32_t qualifier = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_QUALIFIER);
         qx_uint64_t name = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_NAME);
         if (name >= area_length ||
             std::memchr(p_area + name, '\0', area_length - name) == nullptr) {
-            return SR_ERROR(14);
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         }
-        if (!sr_i_valid_column_name(p_area + name)) return SR_ERROR(14);
+        if (!sr_i_valid_column_name(p_area + name)) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         for (qx_uint64_t j = 0; j < i; ++j) {
             const qx_uint32_t other =
                 sr_i_load_u32(p_data + kMetadataFixed + j * kColumnSize + SR_I_COLUMN_ENTRY_NAME);
-            if (std::strcmp(p_area + name, p_area + other) == 0) return SR_ERROR(14);
+            if (std::strcmp(p_area + name, p_area + other) == 0)
+                return SR_ERROR(SR_E_TABLE_UNREADABLE);
         }
         // Column 0 is the key and the only one: the row index and any hashed
         // key index read it from every row.
         const qx_uint32_t base = qualifier & SR_QUALIFIER_BASE_MASK;
         const bool key = base == SR_PRIMARY_KEY || base == SR_PRIMARY_KEY_NOCHECK;
-        if (!key && base != SR_STANDARD) return SR_ERROR(14);
-        if (key != (i == 0)) return SR_ERROR(14);
-        if (key && type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR) return SR_ERROR(14);
+        if (!key && base != SR_STANDARD) return SR_ERROR(SR_E_TABLE_UNREADABLE);
+        if (key != (i == 0)) return SR_ERROR(SR_E_TABLE_UNREADABLE);
+        if (key && type > QX_CHAR_PTR && type != QX_RSRC_HANDLE_PTR)
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         qx_uint64_t sd = sr_i_load_u32(p_entry + SR_I_COLUMN_ENTRY_SD_DEFN);
         const bool structured = type == QX_SD_PTR || type == QX_SD_PTR_ARRAY;
-        if ((sd != 0) != structured) return SR_ERROR(14);
+        if ((sd != 0) != structured) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         if (sd != 0) {
-            if (sd + 4 > area_length) return SR_ERROR(14);
+            if (sd + 4 > area_length) return SR_ERROR(SR_E_TABLE_UNREADABLE);
             qx_uint32_t fields = sr_i_load_u32(p_area + sd);
             qx_uint64_t at = sd + 4;
             for (qx_uint32_t f = 0; f < fields; ++f) {
-                if (at + 4 >= area_length) return SR_ERROR(14);
+                if (at + 4 >= area_length) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 const void *p_nul = std::memchr(p_area + at + 4, '\0', area_length - at - 4);
-                if (p_nul == nullptr) return SR_ERROR(14);
+                if (p_nul == nullptr) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 at = static_cast<qx_uint64_t>(static_cast<const char *>(p_nul) - p_area) + 1;
             }
         }
@@ -508,18 +510,18 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
             qx_pmsg_anchor_t anchor;
             std::memcpy(&anchor, p_default, sizeof anchor);
             if (static_cast<qx_uint64_t>(anchor.offset) + anchor.length > area_length) {
-                return SR_ERROR(14);
+                return SR_ERROR(SR_E_TABLE_UNREADABLE);
             }
             qx_value_t value;
             int pmsg_rc = qx_pmsg_build_conv_packed_client_value_1(
                 nullptr, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP,
                 static_cast<qx_data_type_t>(type), &value, p_default, p_area,
                 static_cast<qx_int64_t>(area_length));
-            if (pmsg_rc != 0) return SR_ERROR(14);
+            if (pmsg_rc != 0) return SR_ERROR(SR_E_TABLE_UNREADABLE);
             std::free(value.ptr_char);
         }
     }
-    if (counted_variable != total_variable) return SR_ERROR(14);
+    if (counted_variable != total_variable) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     *p_total_columns = static_cast<qx_uint32_t>(total_columns);
     *p_total_variable_length_columns = total_variable;
     return 0;
@@ -557,7 +559,7 @@ constexpr qx_uint64_t kHoleSlack = 1u << 20;
 qx_int32_t measure_records(qx_int32_t fd, qx_uint64_t file_length, qx_uint64_t *p_records_end) {
     constexpr size_t kChunk = 64 * 1024;
     char *p_chunk = static_cast<char *>(sr_i_malloc(kChunk));
-    if (p_chunk == nullptr) return SR_ERROR(12);
+    if (p_chunk == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     qx_uint64_t chunk_at = 0;
     qx_uint64_t chunk_bytes = 0;
     qx_uint64_t offset = 0;
@@ -599,7 +601,7 @@ qx_int32_t measure_records(qx_int32_t fd, qx_uint64_t file_length, qx_uint64_t *
         offset += length;
     }
     std::free(p_chunk);
-    if (torn_end == 0) return SR_ERROR(14);
+    if (torn_end == 0) return SR_ERROR(SR_E_TABLE_UNREADABLE);
     *p_records_end = torn_end;
     return 0;
 }
@@ -617,9 +619,10 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
     for (;;) {
         off64_t end = lseek64(fd, 0, SEEK_END);
         if (end < 0) return SR_ERROR_SYSCALL("lseek64", errno);
-        if (end < kHeader + 1) return SR_ERROR(14);
+        if (end < kHeader + 1) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         // Offsets in the file and its records are 32-bit.
-        if (static_cast<qx_uint64_t>(end) > UINT32_MAX - 4 * 4096) return SR_ERROR(14);
+        if (static_cast<qx_uint64_t>(end) > UINT32_MAX - 4 * 4096)
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         p_table->file_length = static_cast<qx_uint32_t>(end);
         qx_uint64_t wanted = static_cast<qx_uint64_t>(end);
         struct stat held;
@@ -666,7 +669,7 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
         const qx_int32_t meta_type = rec_type(p_image);
         std::memcpy(p_image, saved_header, kHeader);
         if (!holes && bytes_read == read_guess) continue;  // the file grew meanwhile: again
-        if (bytes_read < kHeader + 1) return SR_ERROR(14);
+        if (bytes_read < kHeader + 1) return SR_ERROR(SR_E_TABLE_UNREADABLE);
         rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_data, p_previous,
                                      static_cast<qx_uint32_t>(bytes_read - kHeader),
                                      SR_I_RECORD_TYPE_METADATA);
@@ -678,7 +681,7 @@ qx_int32_t read_file_image(sr_i_table_t *p_table, qx_int32_t fd, char **p_p_imag
         // Until the metadata record is known good the image stays one record
         // of the pool, so that a failure can simply close the table.
         if (meta_type != SR_I_RECORD_TYPE_METADATA || meta_length > bytes_read) {
-            return SR_ERROR(14);
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         }
         sr_i_set_record_length(p_image, meta_length);
         return 0;
@@ -731,12 +734,14 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
     sr_i_record_buffer_pool_t *p_pool = &p_table->record_buffer_pool;
     qx_uint64_t current = meta_length;
     for (;;) {
-        if (current + kHeader > bytes_read) return SR_ERROR(14);  // no commit record
+        if (current + kHeader > bytes_read)
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);  // no commit record
         char *p_record = p_image + current;
         const qx_uint64_t length = rec_length(p_record);
         qx_int32_t type = rec_type(p_record);
         // A length below the header would stall or reverse the walk.
-        if (length < kHeader || current + length > bytes_read) return SR_ERROR(14);
+        if (length < kHeader || current + length > bytes_read)
+            return SR_ERROR(SR_E_TABLE_UNREADABLE);
         char *p_data = p_record + kHeader;
         if (is_torn_commit_switch(type)) {
             // Commit switched this commit record off with a 4-byte write that
@@ -755,7 +760,7 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
             case SR_I_RECORD_TYPE_ROW: {
                 if (length < row_minimum ||
                     !row_key_is_sound(p_data, length - kHeader, total_columns, key_type)) {
-                    return SR_ERROR(14);
+                    return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 }
                 qx_uint64_t replaces = sr_i_load_u32(p_data);
                 sr_i_index_entry_t *p_entry = nullptr;
@@ -764,18 +769,18 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                     // index; it must name a slot whose current record is the
                     // one at that very offset.
                     if (replaces < meta_length || replaces + kHeader + 4 > current) {
-                        return SR_ERROR(14);
+                        return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     qx_uint32_t fixed = sr_i_load_u32(p_image + replaces + kHeader);
-                    if (fixed >= p_table->maximum_rows) return SR_ERROR(14);
+                    if (fixed >= p_table->maximum_rows) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     p_entry = &p_table->p_rows_fixed_index[fixed];
                     if (p_entry->p_committed == nullptr || p_entry->file_offset != replaces) {
-                        return SR_ERROR(14);
+                        return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     sr_i_rb_free_record(p_pool, p_entry->p_committed);
                 } else {
                     p_entry = sr_i_rows_free_chain_remove(p_table);
-                    if (p_entry == nullptr) return SR_ERROR(14);
+                    if (p_entry == nullptr) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     ++p_table->total_applied_rows;
                 }
                 p_entry->p_applied = p_data;
@@ -788,20 +793,20 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 break;
             }
             case SR_I_RECORD_TYPE_DELETION: {
-                if (length < kHeader + 4) return SR_ERROR(14);
+                if (length < kHeader + 4) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 const qx_uint64_t count = sr_i_load_u32(p_data);
-                if (kHeader + 4 + 4 * count > length) return SR_ERROR(14);
+                if (kHeader + 4 + 4 * count > length) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 for (qx_uint64_t i = 0; i < count; ++i) {
                     qx_uint64_t offset = sr_i_load_u32(p_data + 4 + 4 * i);
                     if (offset < meta_length || offset + kHeader + 4 > current) {
-                        return SR_ERROR(14);
+                        return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     qx_uint32_t fixed = sr_i_load_u32(p_image + offset + kHeader);
-                    if (fixed >= p_table->maximum_rows) return SR_ERROR(14);
+                    if (fixed >= p_table->maximum_rows) return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[fixed];
                     // A row listed twice is free by its second mention.
                     if (p_entry->p_committed == nullptr || p_entry->file_offset != offset) {
-                        return SR_ERROR(14);
+                        return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     sr_i_rb_free_record(p_pool, p_entry->p_committed);
                     sr_i_rows_free_chain_insert(p_table, p_entry);
@@ -823,7 +828,7 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 return 0;
             }
             default:
-                return SR_ERROR(14);
+                return SR_ERROR(SR_E_TABLE_UNREADABLE);
         }
         current += length;
     }
@@ -847,7 +852,7 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     p_new->implicitly_controlled = (mode & SR_MODE_EXPLICIT_CONTROL) ? 0 : 1;
     if (p_file_name == nullptr) {
         sr_i_close_table(p_new);
-        return SR_ERROR(101);
+        return SR_ERROR(SR_E_NULL_POINTER);
     }
     size_t name_length = std::strlen(p_file_name);
     p_new->p_name = sr_i_strdup(p_file_name);
@@ -857,7 +862,7 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         (p_name != nullptr && p_new->p_persistent_table_registry_path == nullptr) ||
         p_new->p_file_path == nullptr) {
         sr_i_close_table(p_new);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     std::memcpy(p_new->p_file_path, p_file_name, name_length);
     std::memcpy(p_new->p_file_path + name_length, ".rewrite", 9);

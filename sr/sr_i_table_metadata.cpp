@@ -24,7 +24,7 @@ qx_int32_t copy_sd_definition(const char *p_packed, sr_sd_def_t **p_p_copy) {
     const size_t size = offsetof(sr_sd_def_t, field_def) +
                         sizeof(sr_sd_field_def_t) * (count != 0 ? static_cast<size_t>(count) : 1);
     auto *p_copy = static_cast<sr_sd_def_t *>(sr_i_calloc(1, size));
-    if (p_copy == nullptr) return SR_ERROR(12);
+    if (p_copy == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_copy->number_of_fields = count;
     const char *p = p_packed + 4;
     for (qx_uint32_t f = 0; f < count; ++f) {
@@ -33,7 +33,7 @@ qx_int32_t copy_sd_definition(const char *p_packed, sr_sd_def_t **p_p_copy) {
         if (p_copy->field_def[f].name == nullptr) {
             for (qx_uint32_t g = 0; g < f; ++g) std::free(p_copy->field_def[g].name);
             std::free(p_copy);
-            return SR_ERROR(12);
+            return SR_ERROR(SR_E_NO_MEMORY);
         }
         p += 4 + std::strlen(p + 4) + 1;
     }
@@ -49,7 +49,7 @@ qx_int32_t copy_column(const sr_i_table_t *p_table, qx_uint32_t column, sr_colum
     p_to->qualifier = from.qualifier;
     p_to->properties = from.properties;
     p_to->name = sr_i_strdup(from.name);
-    if (p_to->name == nullptr) return SR_ERROR(12);
+    if (p_to->name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     if (is_structured(from.type) && from.sd_defn != nullptr) {
         qx_int32_t rc =
             copy_sd_definition(reinterpret_cast<const char *>(from.sd_defn), &p_to->sd_defn);
@@ -69,7 +69,7 @@ qx_int32_t copy_column(const sr_i_table_t *p_table, qx_uint32_t column, sr_colum
     int rc = qx_pmsg_build_conv_packed_client_value_1(
         p_handle, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP, from.type, &value,
         &from.default_value, p_defaults, -1);
-    if (rc == QX_PMSG_E_NOMEM) return SR_ERROR(12);
+    if (rc == QX_PMSG_E_NOMEM) return SR_ERROR(SR_E_NO_MEMORY);
     if (rc != 0) return SR_ERROR_LIBCALL("qx_pmsg_build_conv_packed_client_value", rc);
     p_to->default_value = value;
     return 0;
@@ -96,7 +96,7 @@ qx_int32_t sr_i_get_table_metadata(sr_i_table_t *p_table, qx_int32_t all_metadat
                                    sr_table_metadata_t **p_p_metadata) {
     auto *p_metadata =
         static_cast<sr_table_metadata_t *>(sr_i_calloc(1, sizeof(sr_table_metadata_t)));
-    if (p_metadata == nullptr) return SR_ERROR(12);
+    if (p_metadata == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_metadata->number_of_columns = p_table->total_columns;
     p_metadata->number_of_rows = p_table->uncommitted_updates_visible != 0
                                      ? p_table->total_applied_rows
@@ -111,12 +111,12 @@ qx_int32_t sr_i_get_table_metadata(sr_i_table_t *p_table, qx_int32_t all_metadat
     p_metadata->name = sr_i_strdup(p_name);
     if (p_metadata->name == nullptr) {
         std::free(p_metadata);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     if (all_metadata != 0) {
         auto *p_columns = static_cast<sr_column_t *>(sr_i_calloc(
             p_table->total_columns != 0 ? p_table->total_columns : 1, sizeof(sr_column_t)));
-        qx_int32_t rc = p_columns == nullptr ? SR_ERROR(12) : 0;
+        qx_int32_t rc = p_columns == nullptr ? SR_ERROR(SR_E_NO_MEMORY) : 0;
         qx_uint32_t copied = 0;
         for (qx_uint32_t c = 0; rc == 0 && c < p_table->total_columns; ++c) {
             if (all_metadata != kAllColumns && (p_table->p_columns[c].qualifier & SR_INVISIBLE)) {

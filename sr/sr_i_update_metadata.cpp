@@ -37,11 +37,11 @@ bool application_metadata_pending(const sr_i_application_metadata_t *p_metadata)
 // The preconditions of every rebuild: open for write (206), nothing pending
 // or applied (209).
 qx_int32_t check_committed(const sr_i_table_t *p_table) {
-    if ((p_table->mode & SR_MODE_WRITE) == 0) return SR_ERROR(206);
+    if ((p_table->mode & SR_MODE_WRITE) == 0) return SR_ERROR(SR_E_ACCESS);
     if (p_table->ready_for_commit != 0 || p_table->p_rows_change_list != nullptr ||
         p_table->p_delete_rows_change_list != nullptr ||
         application_metadata_pending(p_table->p_application_metadata)) {
-        return SR_ERROR(209);
+        return SR_ERROR(SR_E_NOT_COMMITTED);
     }
     return 0;
 }
@@ -70,7 +70,7 @@ qx_int32_t copy_rows(sr_i_table_t *p_table, sr_i_table_t *p_new, qx_char_ptr_t *
                      qx_char_ptr_t *p_new_names, qx_uint32_t total) {
     auto *p_values = static_cast<qx_value_t *>(sr_i_calloc(total, sizeof(qx_value_t)));
     auto *p_p_values = static_cast<qx_value_t **>(sr_i_calloc(total, sizeof(qx_value_t *)));
-    qx_int32_t rc = p_values == nullptr || p_p_values == nullptr ? SR_ERROR(12) : 0;
+    qx_int32_t rc = p_values == nullptr || p_p_values == nullptr ? SR_ERROR(SR_E_NO_MEMORY) : 0;
     for (qx_uint32_t i = 0; i < total && rc == 0; ++i) p_p_values[i] = &p_values[i];
     for (qx_uint32_t row = 0; row < p_table->total_committed_rows && rc == 0; ++row) {
         sr_row_state_t state;
@@ -168,8 +168,8 @@ namespace {
 constexpr size_t kQualifierAt = offsetof(sr_column_t, qualifier);
 constexpr size_t kDefaultAt = offsetof(sr_column_t, default_value);
 
-void put_definitions(char *p_column_array, const sr_i_overlay_struct *p_overlays,
-                     qx_uint32_t total, bool file_form) {
+void put_definitions(char *p_column_array, const sr_i_overlay_struct *p_overlays, qx_uint32_t total,
+                     bool file_form) {
     for (qx_uint32_t i = 0; i < total; ++i) {
         const sr_i_overlay_struct &o = p_overlays[i];
         char *p_entry = p_column_array + static_cast<size_t>(o.column) * sizeof(sr_column_t);
@@ -186,8 +186,8 @@ sr_i_overlay_struct *overlay_of(sr_i_table_t *p_table, qx_uint32_t c) {
     for (qx_uint32_t i = 0; i < p_table->total_overlays; ++i) {
         if (p_table->p_overlays[i].column == c) return &p_table->p_overlays[i];
     }
-    auto *p_grown = static_cast<sr_i_overlay_struct *>(
-        sr_i_realloc(p_table->p_overlays, (p_table->total_overlays + 1) * sizeof(sr_i_overlay_struct)));
+    auto *p_grown = static_cast<sr_i_overlay_struct *>(sr_i_realloc(
+        p_table->p_overlays, (p_table->total_overlays + 1) * sizeof(sr_i_overlay_struct)));
     if (p_grown == nullptr) return nullptr;
     p_table->p_overlays = p_grown;
     sr_i_overlay_struct &o = p_grown[p_table->total_overlays++];
@@ -255,7 +255,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
     overlays_hidden_t hidden(p_table);
     qx_int32_t rc = check_committed(p_table);
     if (rc != 0) return rc;
-    if (total_new_columns != 0 && p_new_columns == nullptr) return SR_ERROR(101);
+    if (total_new_columns != 0 && p_new_columns == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     sr_table_metadata_t *p_metadata = nullptr;
     rc = sr_i_get_table_metadata(p_table, -1, &p_metadata);
     if (rc != 0) return rc;
@@ -273,7 +273,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
     auto *p_new_names =
         static_cast<qx_char_ptr_t *>(sr_i_malloc(sizeof(qx_char_ptr_t) * old_total));
     if (p_columns == nullptr || p_old_names == nullptr || p_new_names == nullptr) {
-        rc = SR_ERROR(12);
+        rc = SR_ERROR(SR_E_NO_MEMORY);
     }
     if (rc == 0) {
         for (qx_uint32_t i = 0; i < old_total; ++i) {
@@ -289,7 +289,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
                 if (std::strcmp(p_columns[i].name, p_old_column_name) == 0) found = i;
             }
             if (found == old_total) {
-                rc = SR_ERROR(105);
+                rc = SR_ERROR(SR_E_INVALID_COLUMN);
             } else if (p_new_column_name != nullptr) {
                 p_columns[found].name = p_new_column_name;
             } else if (p_new_value != nullptr) {
@@ -337,19 +337,19 @@ qx_int32_t sr_i_delete_columns(sr_i_table_t *p_table, qx_char_ptr_t *column_name
     overlays_hidden_t hidden(p_table);
     qx_int32_t rc = check_committed(p_table);
     if (rc != 0) return rc;
-    if (column_names == nullptr) return SR_ERROR(101);
-    if (array_count == 0) return SR_ERROR(104);
+    if (column_names == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
+    if (array_count == 0) return SR_ERROR(SR_E_NO_COLUMNS);
     const qx_uint32_t total = p_table->total_columns;
     auto *p_deleted = static_cast<bool *>(sr_i_calloc(total, sizeof(bool)));
     auto *p_keep = static_cast<qx_char_ptr_t *>(sr_i_malloc(sizeof(qx_char_ptr_t) * total));
-    if (p_deleted == nullptr || p_keep == nullptr) rc = SR_ERROR(12);
+    if (p_deleted == nullptr || p_keep == nullptr) rc = SR_ERROR(SR_E_NO_MEMORY);
     for (qx_uint32_t i = 0; i < array_count && rc == 0; ++i) {
         const qx_int32_t c =
             column_names[i] != nullptr ? sr_i_find_column(p_table, column_names[i]) : -1;
         if (c < 0) {
-            rc = SR_ERROR(105);
+            rc = SR_ERROR(SR_E_INVALID_COLUMN);
         } else if (c == 0) {
-            rc = SR_ERROR(107);  // every table keeps exactly one key column
+            rc = SR_ERROR(SR_E_NO_KEY);  // every table keeps exactly one key column
         } else {
             p_deleted[c] = true;
         }
@@ -421,13 +421,15 @@ qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new
 qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                                 sr_qualifier_t new_qualifier) {
     // Only the modifier bits of a standard column can change this way.
-    if ((new_qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD) return SR_ERROR(105);
+    if ((new_qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD)
+        return SR_ERROR(SR_E_INVALID_COLUMN);
     const qx_int32_t c = sr_i_find_column(p_table, p_column_name);
-    if (c < 0) return SR_ERROR(105);
+    if (c < 0) return SR_ERROR(SR_E_INVALID_COLUMN);
     sr_column_t column = sr_i_load_column(&p_table->p_columns[c]);
-    if ((column.qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD) return SR_ERROR(105);
+    if ((column.qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD)
+        return SR_ERROR(SR_E_INVALID_COLUMN);
     sr_i_overlay_struct *p_overlay = overlay_of(p_table, static_cast<qx_uint32_t>(c));
-    if (p_overlay == nullptr) return SR_ERROR(12);
+    if (p_overlay == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_table->p_columns[c].qualifier = new_qualifier;
     remember_overlay(p_table, p_overlay);
     return 0;
@@ -436,9 +438,10 @@ qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_p
 qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                              qx_value_t new_default_value) {
     const qx_int32_t c = sr_i_find_column(p_table, p_column_name);
-    if (c < 0) return SR_ERROR(105);
+    if (c < 0) return SR_ERROR(SR_E_INVALID_COLUMN);
     const qx_data_type_t type = sr_i_load_column(&p_table->p_columns[c]).type;
-    if (overlay_of(p_table, static_cast<qx_uint32_t>(c)) == nullptr) return SR_ERROR(12);
+    if (overlay_of(p_table, static_cast<qx_uint32_t>(c)) == nullptr)
+        return SR_ERROR(SR_E_NO_MEMORY);
     if (!sr_i_is_pointer_type(type)) {
         std::memcpy(&p_table->p_columns[c].default_value, &new_default_value,
                     sizeof new_default_value);
@@ -459,7 +462,7 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
         char *p_grown = static_cast<char *>(sr_i_realloc(p_form, room));
         if (p_grown == nullptr) {
             std::free(p_form);
-            return SR_ERROR(12);
+            return SR_ERROR(SR_E_NO_MEMORY);
         }
         p_form = p_grown;
         running = 0;
@@ -469,7 +472,7 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
         if (build_rc != QX_PMSG_E_ROOM || room > UINT32_MAX / 4) {
             std::free(p_form);
             return build_rc == QX_PMSG_E_NOMEM
-                       ? SR_ERROR(12)
+                       ? SR_ERROR(SR_E_NO_MEMORY)
                        : SR_ERROR_LIBCALL("qx_pmsg_build_conv_protocol_value", build_rc);
         }
         room *= 2;
@@ -486,7 +489,7 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
     const qx_uint64_t new_length = static_cast<qx_uint64_t>(old_length) + anchor.length;
     if (new_length > UINT32_MAX / 2) {
         std::free(p_form);
-        return SR_ERROR(12);
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     char *p_data = nullptr;
     qx_int32_t rc = move_metadata_record(p_table, static_cast<qx_uint32_t>(new_length), &p_data);
@@ -497,7 +500,7 @@ qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_
                                        static_cast<qx_uint32_t>(new_length) - area_start, &place,
                                        p_form + anchor.offset, anchor.length);
         if (rc != 0) {
-            rc = SR_ERROR(15);
+            rc = SR_ERROR(SR_E_INTERNAL);
         } else {
             std::memcpy(&p_table->p_columns[c].default_value, &slot, sizeof slot);
         }

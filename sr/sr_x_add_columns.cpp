@@ -14,7 +14,7 @@ extern "C" qx_int32_t sr_add_columns_1(sr_opaque_handle_t table_handle, sr_colum
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle, {.pointers = {columns}},
         [&](sr_i_table_t *p_table) {
-            if (array_count == 0) return SR_ERROR(104);
+            if (array_count == 0) return SR_ERROR(SR_E_NO_COLUMNS);
             sr_i_table_t *p_new = nullptr;
             qx_int32_t rc = sr_i_update_metadata(p_table, columns, array_count, nullptr, nullptr,
                                                  nullptr, &p_new);

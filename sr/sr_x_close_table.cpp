@@ -44,7 +44,7 @@ extern "C" qx_int32_t sr_close_table_1(sr_opaque_handle_t table_handle) {
     auto *p_table = static_cast<sr_i_table_t *>(table_handle);
     qx_int32_t rc = 0;
     if (p_table == nullptr) {
-        rc = SR_ERROR(100);
+        rc = SR_ERROR(SR_E_INVALID_HANDLE);
     } else if (p_table->p_tree == nullptr) {
         sr_i_close_table(p_table);
     } else {

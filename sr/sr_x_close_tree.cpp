@@ -12,7 +12,7 @@ extern "C" qx_int32_t sr_close_tree_1(sr_opaque_handle_t tree_handle) {
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (tree_handle == nullptr) {
-        rc = SR_ERROR(100);
+        rc = SR_ERROR(SR_E_INVALID_HANDLE);
     } else {
         int lock_rc = pthread_mutex_lock(&Registry_Trees_Mutex);
         if (lock_rc != 0) {

@@ -12,7 +12,7 @@ extern "C" qx_int32_t sr_convert_packed_table_buffer_1(void *p_buffer,
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (!sr_i_required_present({.pointers = {p_buffer}})) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else {
         rc = sr_i_convert_packed_table_buffer(p_buffer, header_already_converted, do_conversion);
     }

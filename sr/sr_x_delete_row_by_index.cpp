@@ -15,7 +15,7 @@ extern "C" qx_int32_t sr_delete_row_by_index_1(sr_opaque_handle_t table_handle,
                                          .implicit = true};
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (row_index >= p_table->total_applied_rows) return SR_ERROR(203);
+            if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
             // Neither a pending apply nor an earlier deletion of the row is
             // looked at here; sr_i_delete_row refuses the missing record.
             sr_i_index_entry_t *p_entry =

@@ -28,7 +28,7 @@ qx_int32_t delete_table(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
         if (p_table->references == 0) sr_i_close_table(p_table);
     }
     if (block_size == 0) {
-        if (p_node == nullptr) rc = SR_ERROR(200);
+        if (p_node == nullptr) rc = SR_ERROR(SR_E_NO_TABLE);
         return rc;
     }
     size_t length = std::strlen(p_absolute);

@@ -13,7 +13,8 @@ extern "C" qx_int32_t sr_i_get_directory_list_compat(sr_opaque_handle_t tree_han
                                                      sr_entry_metadata_t **entry_list,
                                                      qx_uint32_t *array_count) {
     if (!sr_i_required_present({.pointers = {entry_list, array_count}})) {
-        return sr_i_set_error(sr_i_this_source, "sr_i_get_directory_list_compat", __LINE__, 101);
+        return sr_i_set_error(sr_i_this_source, "sr_i_get_directory_list_compat", __LINE__,
+                              SR_E_NULL_POINTER);
     }
     qx_char_ptr_t *p_names = nullptr;
     qx_uint32_t total = 0;
@@ -30,7 +31,8 @@ extern "C" qx_int32_t sr_i_get_directory_list_compat(sr_opaque_handle_t tree_han
         static_cast<sr_entry_metadata_t *>(sr_i_calloc(total, sizeof(sr_entry_metadata_t)));
     if (p_entries == nullptr) {
         sr_free_table_list_1(p_names, total);
-        return sr_i_set_error(sr_i_this_source, "sr_i_get_directory_list_compat", __LINE__, 12);
+        return sr_i_set_error(sr_i_this_source, "sr_i_get_directory_list_compat", __LINE__,
+                              SR_E_NO_MEMORY);
     }
     // The entries share the listed names; every entry carries the whole name
     // array so that the free call can find it from the first entry.

@@ -11,7 +11,7 @@ extern "C" qx_int32_t sr_free_table_list_1(qx_char_ptr_t *p_table_list, qx_uint3
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (!sr_i_required_present({.pointers = {p_table_list}})) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else {
         for (qx_uint32_t i = 0; i < array_count; ++i) std::free(p_table_list[i]);
         std::free(p_table_list);

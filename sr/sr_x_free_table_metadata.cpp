@@ -12,7 +12,7 @@ extern "C" qx_int32_t sr_free_table_metadata_1(sr_table_metadata_t *p_metadata) 
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (!sr_i_required_present({.pointers = {p_metadata}})) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else {
         sr_i_free_column_metadata(p_metadata->column_definitions, p_metadata->number_of_columns);
         std::free(p_metadata->column_definitions);

@@ -10,7 +10,7 @@ extern "C" qx_int32_t sr_get_packed_table_name_1(void *p_buffer, qx_uint32_t tab
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (!sr_i_required_present({.pointers = {p_buffer, p_table_name}})) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else {
         rc = sr_i_get_packed_table_name(p_buffer, table_index, p_table_name);
     }

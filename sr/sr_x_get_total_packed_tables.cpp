@@ -10,7 +10,7 @@ extern "C" qx_int32_t sr_get_total_packed_tables_1(void *p_buffer,
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (!sr_i_required_present({.pointers = {p_buffer, p_total_packed_tables}})) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else {
         rc = sr_i_packed_buffer_head(p_buffer, p_total_packed_tables, nullptr, nullptr);
     }

@@ -18,7 +18,7 @@ extern "C" qx_int32_t sr_open_hashed_key_table_1(
             // for this call, so this is still before any.
             if (total_hash_buckets == 0 || p_hash_function == nullptr ||
                 p_compare_function == nullptr) {
-                return SR_ERROR(101);
+                return SR_ERROR(SR_E_NULL_POINTER);
             }
             sr_hash_table_t *p_hash_table = nullptr;
             qx_int32_t rc = sr_i_hash_table_open(total_hash_buckets, p_hash_function,

@@ -17,11 +17,11 @@ extern "C" qx_int32_t sr_open_tree_1(sr_opaque_handle_t *tree_handle,
     qx_int32_t rc = 0;
     if (tree_handle == nullptr) {
         // A missing out-pointer is reported as an invalid handle.
-        rc = SR_ERROR(100);
+        rc = SR_ERROR(SR_E_INVALID_HANDLE);
     } else {
         auto *p_tree = static_cast<sr_i_tree_t *>(std::calloc(1, sizeof(sr_i_tree_t)));
         if (p_tree == nullptr) {
-            rc = SR_ERROR(12);
+            rc = SR_ERROR(SR_E_NO_MEMORY);
         } else {
             sr_i_rw_open(&p_tree->lock);
             rc = sr_i_get_string_conversion_handles(&p_tree->p_to_table_string_conversion_handle,
@@ -33,7 +33,7 @@ extern "C" qx_int32_t sr_open_tree_1(sr_opaque_handle_t *tree_handle,
                     rc = SR_ERROR_SYSCALL("pthread_mutex_lock", errno);
                 } else {
                     if (tsearch(p_tree, &P_Registry_Trees, sr_i_pointer_compare) == nullptr) {
-                        rc = SR_ERROR(12);
+                        rc = SR_ERROR(SR_E_NO_MEMORY);
                     }
                     pthread_mutex_unlock(&Registry_Trees_Mutex);
                 }

@@ -31,16 +31,16 @@ extern "C" qx_int32_t sr_pack_tables_1(qx_uint32_t total_tables,
     if (!sr_i_required_present({.pointers = {p_p_buffer}}) ||
         (total_tables != 0 &&
          !sr_i_required_present({.pointers = {p_table_handles, p_uncommitted_updates_visible}}))) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     }
     // A fixed-index list is needed as soon as any table asks for chosen rows.
     if (rc == 0 && p_total_row_fixed_indices != nullptr && p_row_fixed_indices == nullptr) {
         for (qx_uint32_t i = 0; i < total_tables && rc == 0; ++i) {
-            if (p_total_row_fixed_indices[i] != 0) rc = SR_ERROR(101);
+            if (p_total_row_fixed_indices[i] != 0) rc = SR_ERROR(SR_E_NULL_POINTER);
         }
     }
     for (qx_uint32_t i = 0; i < total_tables && rc == 0; ++i) {
-        if (p_tables[i] == nullptr) rc = SR_ERROR(100);
+        if (p_tables[i] == nullptr) rc = SR_ERROR(SR_E_INVALID_HANDLE);
     }
     qx_uint32_t total_locked = 0;
     while (rc == 0 && total_locked < total_tables) {
@@ -56,7 +56,7 @@ extern "C" qx_int32_t sr_pack_tables_1(qx_uint32_t total_tables,
     if (rc == 0) {
         // A table whose readers see uncommitted updates is packed that way too.
         p_view_applied = static_cast<qx_uint32_t *>(sr_i_calloc(total_tables, sizeof(qx_uint32_t)));
-        if (p_view_applied == nullptr) rc = SR_ERROR(12);
+        if (p_view_applied == nullptr) rc = SR_ERROR(SR_E_NO_MEMORY);
         for (qx_uint32_t i = 0; i < total_tables && rc == 0; ++i) {
             p_view_applied[i] =
                 p_uncommitted_updates_visible[i] != 0 || p_tables[i]->uncommitted_updates_visible;

@@ -34,7 +34,7 @@ extern "C" qx_int32_t sr_select_1(sr_opaque_handle_t table_handle, qx_char_ptr_t
         sr_i_this_source, kFrame, table_handle, {.pointers = {result}},
         [&](sr_i_table_t *p_table) -> qx_int32_t {
             sr_i_tree_t *p_tree = p_table->p_tree;
-            if (p_tree == nullptr) return SR_ERROR(15);
+            if (p_tree == nullptr) return SR_ERROR(SR_E_INTERNAL);
             qx_int32_t work_rc = sr_i_rw_lock_write(&p_tree->lock);
             if (work_rc != 0) return work_rc;
             work_rc = sr_i_rw_lock_read(&p_table->lock);
@@ -55,7 +55,7 @@ extern "C" qx_int32_t sr_select_1(sr_opaque_handle_t table_handle, qx_char_ptr_t
             if (work_rc == 0) {
                 if (tsearch(p_new, &p_tree->p_unnamed_tables, sr_i_pointer_compare) == nullptr) {
                     sr_i_close_table(p_new);
-                    work_rc = SR_ERROR(12);
+                    work_rc = SR_ERROR(SR_E_NO_MEMORY);
                 } else {
                     *result = p_new;
                 }

@@ -14,7 +14,7 @@ extern "C" qx_int32_t sr_unpack_table_1(void *p_buffer, qx_uint32_t total_hash_b
     sr_i_trace_entry(kEntry);
     qx_int32_t rc = 0;
     if (!sr_i_required_present({.pointers = {p_buffer, p_table}})) {
-        rc = SR_ERROR(101);
+        rc = SR_ERROR(SR_E_NULL_POINTER);
     } else {
         rc = sr_i_unpack_table(p_buffer, total_hash_buckets, hash_function, compare_function,
                                static_cast<sr_i_tree_t *>(tree_handle), table_index, p_table);
