@@ -418,10 +418,6 @@ qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame,
 /* Length of a commit record without application metadata. */
 #define SR_I_COMMIT_RECORD_LENGTH 24
 
-/* Returned by do_open_table when it made a new table record, which then owns
- * the hashed key index passed in; its callers turn it into 0. */
-#define SR_I_NEW_TABLE_RECORD 999999
-
 /* Alignment-safe loads and stores: records, slots and column entries lie at
  * any alignment in a file image, a pool or a packed buffer. */
 inline qx_uint32_t sr_i_load_u32(const void *p) {
@@ -574,12 +570,13 @@ qx_int32_t sr_i_pack_variable_length_default_values(sr_column_t *p_columns,
                                                     cu_iconv_t *p_string_conversion_handle);
 void sr_i_swap_columns(sr_column_t *p_column1, sr_column_t *p_column2);
 
-/* Opening and closing.  do_open_table returns SR_I_NEW_TABLE_RECORD when the
- * new record took p_rows_hash_table, 0 when it handed out a shared record
- * (the caller still owns the index), and on failure has released it. */
+/* Opening and closing.  On success do_open_table sets *p_new_record (when
+ * given) to whether it made a new record, which then owns p_rows_hash_table;
+ * a shared record leaves the index with the caller.  On failure it has
+ * released the index. */
 qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
                          qx_int32_t mode, sr_hash_table_t *p_rows_hash_table,
-                         sr_opaque_handle_t *p_result_table_handle);
+                         sr_opaque_handle_t *p_result_table_handle, bool *p_new_record);
 /* Frees a table record and everything it owns; writes nothing. */
 qx_int32_t sr_i_close_table(sr_i_table_t *p_table);
 

@@ -85,8 +85,9 @@ qx_int32_t sr_i_retire_record_buffer_pool(sr_i_table_t *p_table) {
 
 qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
                          qx_int32_t mode, sr_hash_table_t *p_rows_hash_table,
-                         sr_opaque_handle_t *p_result_table_handle) {
+                         sr_opaque_handle_t *p_result_table_handle, bool *p_new_record) {
     auto *p_tree = static_cast<sr_i_tree_t *>(tree_handle);
+    if (p_new_record != nullptr) *p_new_record = false;
     qx_int32_t rc = 0;
     if (p_tree == nullptr) {
         rc = SR_ERROR(SR_E_INVALID_HANDLE);
@@ -164,7 +165,7 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
         }
         if (rc == 0) {
             *p_result_table_handle = p_table;
-            rc = SR_I_NEW_TABLE_RECORD;
+            if (p_new_record != nullptr) *p_new_record = true;
         }
     } else {
         rc = SR_ERROR(SR_E_NO_TABLE);
@@ -173,7 +174,7 @@ qx_int32_t do_open_table(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registr
     if (!hash_table_used && rc != 0) sr_i_hash_table_close(p_rows_hash_table);
     if (block_size != 0) std::free(p_absolute);
     qx_int32_t unlock_rc = sr_i_rw_unlock_write(&p_tree->lock);
-    if (unlock_rc != 0 && (rc == 0 || rc == SR_I_NEW_TABLE_RECORD)) return unlock_rc;
+    if (unlock_rc != 0 && rc == 0) return unlock_rc;
     return rc;
 }
 

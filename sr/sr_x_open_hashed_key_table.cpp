@@ -24,10 +24,12 @@ extern "C" qx_int32_t sr_open_hashed_key_table_1(
             qx_int32_t rc = sr_i_hash_table_open(total_hash_buckets, p_hash_function,
                                                  p_compare_function, &p_hash_table);
             if (rc != 0) return rc;
-            rc = do_open_table(p_tree, p_registry_path, mode, p_hash_table, p_result_table_handle);
+            bool new_record = false;
+            rc = do_open_table(p_tree, p_registry_path, mode, p_hash_table, p_result_table_handle,
+                               &new_record);
             // A table already open keeps the index it has; the new one is
             // not used.
-            if (rc == 0) sr_i_hash_table_close(p_hash_table);
-            return rc == SR_I_NEW_TABLE_RECORD ? 0 : rc;
+            if (rc == 0 && !new_record) sr_i_hash_table_close(p_hash_table);
+            return rc;
         });
 }

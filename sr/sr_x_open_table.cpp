@@ -12,8 +12,7 @@ extern "C" qx_int32_t sr_open_table_1(sr_opaque_handle_t tree_handle, qx_char_pt
     return sr_i_api_call<sr_i_tree_t>(
         sr_i_this_source, kFrame, tree_handle, {.pointers = {p_result_table_handle}},
         [&](sr_i_tree_t *p_tree) {
-            qx_int32_t rc =
-                do_open_table(p_tree, p_registry_path, mode, nullptr, p_result_table_handle);
-            return rc == SR_I_NEW_TABLE_RECORD ? 0 : rc;
+            return do_open_table(p_tree, p_registry_path, mode, nullptr, p_result_table_handle,
+                                 nullptr);
         });
 }
