@@ -1310,11 +1310,6 @@ void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table);
  * sr_i_load_u32 and the other loads above).  A row record's data starts with the 4-byte
  * replaces_offset word; column i's 8-byte slot lies at 4 + 8 * i; the indirect data area follows
  * the last slot. */
-static inline qx_int32_t sr_i_load_i32(const void *p) {
-    qx_int32_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
 static inline void sr_i_store_i32(void *p, qx_int32_t v) {
     memcpy(p, &v, sizeof v);
 }

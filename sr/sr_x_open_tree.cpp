@@ -19,7 +19,7 @@ extern "C" qx_int32_t sr_open_tree_1(sr_opaque_handle_t *tree_handle,
         // A missing out-pointer is reported as an invalid handle.
         rc = SR_ERROR(SR_E_INVALID_HANDLE);
     } else {
-        auto *p_tree = static_cast<sr_i_tree_t *>(std::calloc(1, sizeof(sr_i_tree_t)));
+        auto *p_tree = static_cast<sr_i_tree_t *>(sr_i_calloc(1, sizeof(sr_i_tree_t)));
         if (p_tree == nullptr) {
             rc = SR_ERROR(SR_E_NO_MEMORY);
         } else {
