@@ -20,6 +20,7 @@
 #include <string.h>
 #include <sys/uio.h>
 
+#include <atomic>
 #include <initializer_list>
 
 #include "qx_cu.h"
@@ -86,16 +87,33 @@ extern const tr_category_description_t Sr_Trace_Categories[3];
 #define SR_DV_TRACE(fmt, ...) \
     tr_record_fmt_string_1(SR_TRACE_COMPONENT, TR_CATEGORY_ALWAYS, fmt, __VA_ARGS__)
 
-/* The reader/writer lock of every tree and table. */
+/* The reader/writer lock of every tree and table.  Readers count themselves
+ * in one of several shards (each on its own cache line, chosen per thread)
+ * so that readers on different cores never write the same line; a writer
+ * announces itself in `writers` and waits for the shards to sum to zero.
+ * The lock has no owner, so a release may land on another shard than its
+ * acquire: a shard may go negative, only the sum means anything. */
+#define SR_I_RW_SHARDS 8
+typedef struct sr_i_read_write_shard_struct_t {
+    std::atomic<qx_int32_t> readers;
+    char padding[64 - sizeof(std::atomic<qx_int32_t>)];
+} sr_i_read_write_shard_t;
+
 typedef struct sr_i_read_write_lock_struct_t {
-    pthread_mutex_t lock;
+    sr_i_read_write_shard_t shards[SR_I_RW_SHARDS];
+    std::atomic<qx_int32_t> writers; /* writers waiting or holding: readers' fast path reads it */
+    char padding[64 - sizeof(std::atomic<qx_int32_t>)];
+    pthread_mutex_t lock; /* guards the fields below and every wait */
     pthread_cond_t read_condition;
     pthread_cond_t write_condition;
-    qx_int32_t lock_count;      /* readers holding it; -1 for a writer; 0 free */
+    qx_int32_t writer_holding;
     qx_int32_t waiting_readers;
     qx_int32_t waiting_writers; /* writers that have come (never decremented on success) */
 } sr_i_read_write_lock_t;
 
+/* Readers holding it (counting readers that wait for a writer), -1 while a
+ * writer holds it, 0 when free.  Exact only when nothing changes it. */
+qx_int32_t sr_i_rw_state(sr_i_read_write_lock_t *p_rwlock);
 void sr_i_rw_open(sr_i_read_write_lock_t *p_rwlock);
 void sr_i_rw_close(sr_i_read_write_lock_t *p_rwlock);
 qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock);

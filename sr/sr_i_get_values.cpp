@@ -133,14 +133,17 @@ qx_int32_t sr_i_get_value_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fix
                                           qx_uint32_t uncommitted_updates_visible,
                                           sr_row_state_t *p_row_state) {
     if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
-    if (sr_i_find_column(p_table, p_column_name) < 0) {
-        if (p_row_state != nullptr) {
-            *p_row_state = sr_i_get_row_state_for_fixed_index(p_table, fixed_row_index);
-        }
-        return SR_ERROR(SR_E_INVALID_COLUMN);
+    // The one-value path of sr_i_get_values_for_fixed_index, looking the
+    // column up once: this is the path of every lookup by key.
+    const qx_int32_t column = sr_i_find_column(p_table, p_column_name);
+    if (p_row_state != nullptr) {
+        *p_row_state = sr_i_get_row_state_for_fixed_index(p_table, fixed_row_index);
     }
-    return sr_i_get_values_for_fixed_index(p_table, fixed_row_index, &p_column_name, &p_value, 1,
-                                           uncommitted_updates_visible, p_row_state);
+    if (column < 0) return SR_ERROR(SR_E_INVALID_COLUMN);
+    char *p_record = visible_record(p_table, p_table->p_rows_fixed_index[fixed_row_index],
+                                    uncommitted_updates_visible);
+    if (p_record == nullptr) return SR_ERROR(SR_E_ROW_DELETED);
+    return read_column(p_table, p_record, static_cast<qx_uint32_t>(column), p_value);
 }
 
 qx_int32_t sr_i_get_value_for_packed_index(sr_i_table_t *p_table, qx_uint32_t row_index,

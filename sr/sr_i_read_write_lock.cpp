@@ -1,8 +1,19 @@
-// The reader/writer lock of every tree and table: one mutex, two condition
-// variables, reader preference.  A thread cancelled while it waits leaves
-// the counters as if it had never come (its clean-up handler drops its
-// waiting count; the wait re-acquires the mutex, which the clean-up path
-// releases).  The lock has no owner and is not re-entrant.
+// The reader/writer lock of every tree and table, reader preference.
+//
+// Readers do not touch a shared line on the way in or out: each thread
+// counts itself in its own shard, then checks `writers` (both sequentially
+// consistent, so a reader and an arriving writer cannot both miss each
+// other).  Only when a writer is waiting or holding does a reader take the
+// mutex.  A writer takes the mutex, raises `writers`, and waits until no
+// writer holds and the shards sum to zero; the last reader out signals it.
+// Readers are preferred: a reader waits only while a writer holds the lock,
+// never for a writer that merely waits, and a writer's release wakes every
+// waiting reader before any other writer.
+//
+// A thread cancelled while it waits leaves the counters as if it had never
+// come (its clean-up handler undoes its counts; the wait re-acquires the
+// mutex, which the clean-up path releases).  The lock has no owner and is
+// not re-entrant.
 #include <pthread.h>
 
 #include <cerrno>
@@ -10,25 +21,54 @@
 
 #include "sr_i.h"
 
-SR_SOURCE_FILE("sr/sr_i_read_write_lock", "1.1");
+SR_SOURCE_FILE("sr/sr_i_read_write_lock", "1.2");
 
 namespace {
 
-struct cleanup_arg {
+// The shard of the calling thread: threads are numbered as they first come,
+// so the first SR_I_RW_SHARDS threads never share one.
+std::atomic<qx_uint32_t> next_thread_number{0};
+
+std::atomic<qx_int32_t> &my_shard(sr_i_read_write_lock_t *p_rwlock) {
+    static thread_local qx_uint32_t number = 0;  // 1 + the shard; 0 before the first call
+    if (number == 0)
+        number = next_thread_number.fetch_add(1, std::memory_order_relaxed) % SR_I_RW_SHARDS + 1;
+    return p_rwlock->shards[number - 1].readers;
+}
+
+qx_int32_t readers(const sr_i_read_write_lock_t *p_rwlock) {
+    qx_int32_t sum = 0;
+    for (const auto &shard : p_rwlock->shards) sum += shard.readers.load();
+    return sum;
+}
+
+// With the mutex held: wakes one waiting writer if it may now go in.
+int signal_writer_if_free(sr_i_read_write_lock_t *p_rwlock) {
+    if (p_rwlock->writer_holding == 0 && p_rwlock->writers.load() != 0 && readers(p_rwlock) == 0)
+        return pthread_cond_signal(&p_rwlock->write_condition);
+    return 0;
+}
+
+struct reader_cleanup {
     sr_i_read_write_lock_t *p_rwlock;
+    std::atomic<qx_int32_t> *p_shard;
 };
 
 // Cancellation clean-up: runs with the lock's mutex held (re-acquired by
-// the cancelled wait), drops the waiting count and releases the mutex.
+// the cancelled wait), drops the thread's counts and releases the mutex.
 extern "C" void decrement_readers_if_thread_cancelled(void *p_arg) {
-    auto *p_rwlock = static_cast<sr_i_read_write_lock_t *>(p_arg);
+    auto *p_cleanup = static_cast<reader_cleanup *>(p_arg);
+    sr_i_read_write_lock_t *p_rwlock = p_cleanup->p_rwlock;
     if (p_rwlock->waiting_readers != 0) --p_rwlock->waiting_readers;
+    p_cleanup->p_shard->fetch_sub(1);
+    signal_writer_if_free(p_rwlock);
     pthread_mutex_unlock(&p_rwlock->lock);
 }
 
 extern "C" void decrement_writers_if_thread_cancelled(void *p_arg) {
     auto *p_rwlock = static_cast<sr_i_read_write_lock_t *>(p_arg);
     if (p_rwlock->waiting_writers != 0) --p_rwlock->waiting_writers;
+    p_rwlock->writers.fetch_sub(1);
     pthread_mutex_unlock(&p_rwlock->lock);
 }
 
@@ -36,13 +76,17 @@ extern "C" void decrement_writers_if_thread_cancelled(void *p_arg) {
 // failure under errno as callers of this lock have always seen it.
 qx_int32_t lock_failure(const char *p_call, const char *p_function, int line, int rc) {
     if (rc != 0) errno = rc;
-    return sr_i_set_error(sr_i_this_source, p_function, line, 10, p_call, errno);
+    return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_SYSTEM_CALL, p_call, errno);
 }
 
 }  // namespace
 
 void sr_i_rw_open(sr_i_read_write_lock_t *p_rwlock) {
-    std::memset(p_rwlock, 0, sizeof *p_rwlock);
+    for (auto &shard : p_rwlock->shards) shard.readers.store(0, std::memory_order_relaxed);
+    p_rwlock->writers.store(0, std::memory_order_relaxed);
+    p_rwlock->writer_holding = 0;
+    p_rwlock->waiting_readers = 0;
+    p_rwlock->waiting_writers = 0;
     pthread_mutex_init(&p_rwlock->lock, nullptr);
     pthread_cond_init(&p_rwlock->read_condition, nullptr);
     pthread_cond_init(&p_rwlock->write_condition, nullptr);
@@ -54,16 +98,35 @@ void sr_i_rw_close(sr_i_read_write_lock_t *p_rwlock) {
     pthread_cond_destroy(&p_rwlock->read_condition);
 }
 
+qx_int32_t sr_i_rw_state(sr_i_read_write_lock_t *p_rwlock) {
+    pthread_mutex_lock(&p_rwlock->lock);
+    qx_int32_t state = p_rwlock->writer_holding != 0 ? -1 : readers(p_rwlock);
+    pthread_mutex_unlock(&p_rwlock->lock);
+    return state;
+}
+
 qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock) {
+    std::atomic<qx_int32_t> &shard = my_shard(p_rwlock);
+    shard.fetch_add(1);
+    if (p_rwlock->writers.load() == 0) return 0;
+
+    // A writer waits or holds: decide under the mutex, still counted, so a
+    // waiting writer keeps waiting for this reader.
     int rc = pthread_mutex_lock(&p_rwlock->lock);
-    if (rc != 0) return lock_failure("pthread_mutex_lock", __func__, __LINE__, rc);
+    if (rc != 0) {
+        shard.fetch_sub(1);
+        return lock_failure("pthread_mutex_lock", __func__, __LINE__, rc);
+    }
     ++p_rwlock->waiting_readers;
     qx_int32_t result = 0;
-    pthread_cleanup_push(decrement_readers_if_thread_cancelled, p_rwlock);
-    while (p_rwlock->lock_count < 0) {
+    reader_cleanup cleanup{p_rwlock, &shard};
+    pthread_cleanup_push(decrement_readers_if_thread_cancelled, &cleanup);
+    while (p_rwlock->writer_holding != 0) {
         rc = pthread_cond_wait(&p_rwlock->read_condition, &p_rwlock->lock);
         if (rc != 0) {
             --p_rwlock->waiting_readers;
+            shard.fetch_sub(1);
+            signal_writer_if_free(p_rwlock);
             pthread_mutex_unlock(&p_rwlock->lock);
             result = lock_failure("pthread_cond_wait", __func__, __LINE__, rc);
             break;
@@ -71,7 +134,6 @@ qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock) {
     }
     pthread_cleanup_pop(0);
     if (result != 0) return result;
-    ++p_rwlock->lock_count;
     --p_rwlock->waiting_readers;
     rc = pthread_mutex_unlock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_unlock", __func__, __LINE__, rc);
@@ -79,16 +141,16 @@ qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock) {
 }
 
 qx_int32_t sr_i_rw_unlock_read(sr_i_read_write_lock_t *p_rwlock) {
+    my_shard(p_rwlock).fetch_sub(1);
+    if (p_rwlock->writers.load() == 0) return 0;
+
+    // A writer waits: the last reader out wakes one.
     int rc = pthread_mutex_lock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_lock", __func__, __LINE__, rc);
-    if (--p_rwlock->lock_count == 0) {
-        // The last reader out wakes one writer.
-        rc = pthread_cond_signal(&p_rwlock->write_condition);
-        if (rc != 0) {
-            ++p_rwlock->lock_count;
-            pthread_mutex_unlock(&p_rwlock->lock);
-            return lock_failure("pthread_cond_signal", __func__, __LINE__, rc);
-        }
+    rc = signal_writer_if_free(p_rwlock);
+    if (rc != 0) {
+        pthread_mutex_unlock(&p_rwlock->lock);
+        return lock_failure("pthread_cond_signal", __func__, __LINE__, rc);
     }
     rc = pthread_mutex_unlock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_unlock", __func__, __LINE__, rc);
@@ -99,13 +161,15 @@ qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock) {
     int rc = pthread_mutex_lock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_lock", __func__, __LINE__, rc);
     ++p_rwlock->waiting_writers;
+    p_rwlock->writers.fetch_add(1);
     qx_int32_t result = 0;
     pthread_cleanup_push(decrement_writers_if_thread_cancelled, p_rwlock);
-    while (p_rwlock->lock_count != 0) {
+    while (p_rwlock->writer_holding != 0 || readers(p_rwlock) != 0) {
         rc = pthread_cond_wait(&p_rwlock->write_condition, &p_rwlock->lock);
         if (rc != 0) {
-            pthread_mutex_unlock(&p_rwlock->lock);
             --p_rwlock->waiting_writers;
+            p_rwlock->writers.fetch_sub(1);
+            pthread_mutex_unlock(&p_rwlock->lock);
             result = lock_failure("pthread_cond_wait", __func__, __LINE__, rc);
             break;
         }
@@ -114,7 +178,7 @@ qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock) {
     if (result != 0) return result;
     // waiting_writers is deliberately left as it is: it records that
     // writers have come, and nothing decides anything by it.
-    p_rwlock->lock_count = -1;
+    p_rwlock->writer_holding = 1;
     rc = pthread_mutex_unlock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_unlock", __func__, __LINE__, rc);
     return 0;
@@ -123,8 +187,8 @@ qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock) {
 qx_int32_t sr_i_rw_unlock_write(sr_i_read_write_lock_t *p_rwlock) {
     int rc = pthread_mutex_lock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_lock", __func__, __LINE__, rc);
-    qx_int32_t previous = p_rwlock->lock_count;
-    p_rwlock->lock_count = 0;
+    p_rwlock->writer_holding = 0;
+    p_rwlock->writers.fetch_sub(1);
     const char *p_call;
     if (p_rwlock->waiting_readers != 0) {
         // Readers first: every waiting reader proceeds together.
@@ -132,10 +196,11 @@ qx_int32_t sr_i_rw_unlock_write(sr_i_read_write_lock_t *p_rwlock) {
         rc = pthread_cond_broadcast(&p_rwlock->read_condition);
     } else {
         p_call = "pthread_cond_signal";
-        rc = pthread_cond_signal(&p_rwlock->write_condition);
+        rc = signal_writer_if_free(p_rwlock);
     }
     if (rc != 0) {
-        p_rwlock->lock_count = previous;
+        p_rwlock->writers.fetch_add(1);
+        p_rwlock->writer_holding = 1;
         pthread_mutex_unlock(&p_rwlock->lock);
         return lock_failure(p_call, __func__, __LINE__, rc);
     }

@@ -163,12 +163,12 @@ TEST(CallFrameTest, RefusesNullHandleAndReadOnlyTableWithoutWorking) {
     EXPECT_EQ(206, last_error().code);
     EXPECT_FALSE(worked);
     // The lock was released on the refusal path.
-    EXPECT_EQ(0, table.lock.lock_count);
+    EXPECT_EQ(0, sr_i_rw_state(&table.lock));
     table.mode = SR_MODE_WRITE;
     EXPECT_EQ(0, sr_i_api_call<FakeTable>(sr_i_this_source, kWriterFrame, &table, work));
     EXPECT_TRUE(worked);
     EXPECT_EQ(0, last_error().code) << "success clears the thread's error";
-    EXPECT_EQ(0, table.lock.lock_count);
+    EXPECT_EQ(0, sr_i_rw_state(&table.lock));
     sr_i_rw_close(&table.lock);
 }
 
@@ -179,7 +179,7 @@ TEST(CallFrameTest, WorkRunsUnderTheLockAndItsFailurePassesThrough) {
     int seen_lock_count = 0;
     qx_int32_t rc =
         sr_i_api_call<FakeTable>(sr_i_this_source, kWriterFrame, &table, [&](FakeTable *p) {
-            seen_lock_count = p->lock.lock_count;
+            seen_lock_count = sr_i_rw_state(&p->lock);
             return SR_ERROR(202);
         });
     EXPECT_EQ(202, rc);
@@ -188,7 +188,7 @@ TEST(CallFrameTest, WorkRunsUnderTheLockAndItsFailurePassesThrough) {
     constexpr sr_i_frame_t kReader{"sr_fake_read_1",           43,    false,
                                    sr_i_lock_kind::table_read, false, false};
     sr_i_api_call<FakeTable>(sr_i_this_source, kReader, &table, [&](FakeTable *p) {
-        seen_lock_count = p->lock.lock_count;
+        seen_lock_count = sr_i_rw_state(&p->lock);
         return 0;
     });
     EXPECT_EQ(1, seen_lock_count);

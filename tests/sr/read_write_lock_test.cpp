@@ -49,7 +49,7 @@ TEST_F(RwLockConcurrencyTest, TwoReadersHoldItTogether) {
     });
     reader.join();
     EXPECT_TRUE(second_in.load());
-    EXPECT_EQ(1, counter(&sr_i_read_write_lock_t::lock_count));
+    EXPECT_EQ(1, sr_i_rw_state(&lock_));
     EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
 }
 
@@ -69,7 +69,7 @@ TEST_F(RwLockConcurrencyTest, WriterWaitsForTheLastReader) {
     EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));  // the second release wakes it
     writer.join();
     EXPECT_TRUE(writing.load());
-    EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::lock_count));
+    EXPECT_EQ(0, sr_i_rw_state(&lock_));
     // The writer count only records that a writer came.
     EXPECT_EQ(1, counter(&sr_i_read_write_lock_t::waiting_writers));
 }
@@ -92,10 +92,10 @@ TEST_F(RwLockConcurrencyTest, WriterReleaseWakesAllWaitingReaders) {
     EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     for (int i = 0; i < 2000 && inside.load() < 3; ++i) std::this_thread::sleep_for(1ms);
     EXPECT_EQ(3, inside.load()) << "all readers hold the lock together after the writer";
-    EXPECT_EQ(3, counter(&sr_i_read_write_lock_t::lock_count));
+    EXPECT_EQ(3, sr_i_rw_state(&lock_));
     release = true;
     for (auto &reader : readers) reader.join();
-    EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::lock_count));
+    EXPECT_EQ(0, sr_i_rw_state(&lock_));
     EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::waiting_readers));
 }
 
@@ -158,6 +158,66 @@ TEST_F(RwLockConcurrencyTest, CancelledWaitingWriterLeavesTheLockClean) {
     ASSERT_EQ(0, pthread_join(thread, nullptr));
     EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::waiting_writers));
     EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
+    EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
+    EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
+}
+
+// Readers on their fast path and writers racing: a writer is always alone,
+// readers never see a writer, and some releases land on another thread than
+// their acquire (the lock has no owner).
+TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
+    std::atomic<int> readers_inside{0};
+    std::atomic<int> writers_inside{0};
+    std::atomic<int> violations{0};
+    std::atomic<int> handed_over{0};  // reads acquired here, released by the writers' thread
+    std::atomic<bool> writers_done{false};
+    auto reader = [&] {
+        for (int i = 0; !writers_done.load(); ++i) {
+            ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
+            ++readers_inside;
+            for (int spin = 0; spin < 20; ++spin)
+                if (writers_inside.load() != 0) ++violations;
+            --readers_inside;
+            if (i % 64 == 0) {
+                ++handed_over;
+            } else {
+                ASSERT_EQ(0, sr_i_rw_unlock_read(&lock_));
+            }
+        }
+    };
+    auto writer = [&] {
+        for (int i = 0; i < 500; ++i) {
+            ASSERT_EQ(0, sr_i_rw_lock_write(&lock_));
+            if (++writers_inside != 1) ++violations;
+            for (int spin = 0; spin < 4; ++spin) {
+                std::this_thread::yield();  // give a wrongly admitted reader time to show
+                if (readers_inside.load() != 0) ++violations;
+            }
+            --writers_inside;
+            ASSERT_EQ(0, sr_i_rw_unlock_write(&lock_));
+        }
+    };
+    std::atomic<bool> done{false};
+    std::thread releaser([&] {
+        // Releases the handed-over reads from a thread that acquired none.
+        while (!done.load() || handed_over.load() != 0) {
+            if (handed_over.load() != 0) {
+                --handed_over;
+                ASSERT_EQ(0, sr_i_rw_unlock_read(&lock_));
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    });
+    std::thread readers[] = {std::thread(reader), std::thread(reader)};
+    std::thread writers[] = {std::thread(writer), std::thread(writer)};
+    for (auto &thread : writers) thread.join();
+    writers_done = true;
+    for (auto &thread : readers) thread.join();
+    done = true;
+    releaser.join();
+    EXPECT_EQ(0, violations.load());
+    EXPECT_EQ(0, sr_i_rw_state(&lock_));
     EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
     EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
 }
