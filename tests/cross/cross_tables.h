@@ -379,6 +379,26 @@ inline int described_rows(const std::string &description) {
     return rows;
 }
 
+// The two views every exchange writes and reads, in file-name order.
+inline const char *const kViews[] = {"committed", "working"};
+
+inline bool read_file(const std::string &path, std::string *p_bytes) {
+    FILE *p = std::fopen(path.c_str(), "rb");
+    if (p == nullptr) return false;
+    char chunk[65536];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, p)) > 0) p_bytes->append(chunk, n);
+    std::fclose(p);
+    return true;
+}
+
+inline bool write_file(const std::string &path, const void *p_bytes, size_t length) {
+    FILE *p = std::fopen(path.c_str(), "wb");
+    if (p == nullptr) return false;
+    const bool ok = std::fwrite(p_bytes, 1, length, p) == length;
+    return std::fclose(p) == 0 && ok;
+}
+
 }  // namespace qxcross
 
 #endif  // QX_TESTS_CROSS_CROSS_TABLES_H

@@ -25,28 +25,13 @@
 
 namespace {
 
-const char *const kViews[] = {"committed", "working"};
-
-bool read_file(const std::string &path, std::string *p_bytes) {
-    FILE *p = std::fopen(path.c_str(), "rb");
-    if (p == nullptr) return false;
-    char chunk[65536];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, p)) > 0) p_bytes->append(chunk, n);
-    std::fclose(p);
-    return true;
-}
-
-bool write_file(const std::string &path, const void *p_bytes, size_t length) {
-    FILE *p = std::fopen(path.c_str(), "wb");
-    if (p == nullptr) return false;
-    const bool ok = std::fwrite(p_bytes, 1, length, p) == length;
-    return std::fclose(p) == 0 && ok;
-}
+using qxcross::kViews;
+using qxcross::read_file;
+using qxcross::write_file;
 
 int fail(const char *what, int rc) {
-    std::fprintf(stderr, "word_size_exchange (%zu-bit): %s failed: %d\n", 8 * sizeof(void *),
-                 what, rc);
+    std::fprintf(stderr, "word_size_exchange (%zu-bit): %s failed: %d\n", 8 * sizeof(void *), what,
+                 rc);
     return 1;
 }
 
