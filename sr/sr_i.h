@@ -318,6 +318,18 @@ struct sr_i_frame_t {
     bool implicit = false;                       /* apply and commit an implicit table */
 };
 
+/* The frame of a row or application-metadata update: ForkMutex and the
+ * table's write lock for the whole call, including the apply and commit an
+ * implicitly controlled table makes at once, after the write-mode check. */
+constexpr sr_i_frame_t sr_i_update_frame(const char *p_function, qx_uint32_t entry_id) {
+    return {.p_function = p_function,
+            .entry_id = entry_id,
+            .api_mutex = true,
+            .lock = sr_i_lock_kind::table_write,
+            .write_mode = true,
+            .implicit = true};
+}
+
 /* The pointer arguments a call requires (101 when one is NULL): each of
  * `pointers`, and, when `count` is not 0, each array of `arrays` and its
  * first `count` entries (pointers themselves: names, value pointers) and

@@ -6,14 +6,7 @@ SR_SOURCE_FILE("sr/sr_x_add_row", "1.1");
 
 extern "C" qx_int32_t sr_add_row_1(sr_opaque_handle_t table_handle, qx_char_ptr_t *p_column_names,
                                    qx_value_t **p_p_fields, qx_uint32_t total_values) {
-    // ForkMutex and the table's write lock for the whole call, including the
-    // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{.p_function = "sr_add_row_1",
-                                         .entry_id = 5,
-                                         .api_mutex = true,
-                                         .lock = sr_i_lock_kind::table_write,
-                                         .write_mode = true,
-                                         .implicit = true};
+    static constexpr sr_i_frame_t kFrame = sr_i_update_frame("sr_add_row_1", 5);
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle,
         {.arrays = {p_column_names, p_p_fields}, .count = total_values},

@@ -9,14 +9,7 @@ SR_SOURCE_FILE("sr/sr_x_delete_rows", "1.1");
 
 extern "C" qx_int32_t sr_delete_rows_1(sr_opaque_handle_t table_handle,
                                        qx_char_ptr_t selection_criteria, ...) {
-    // ForkMutex and the table's write lock for the whole call, including the
-    // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{.p_function = "sr_delete_rows_1",
-                                         .entry_id = 31,
-                                         .api_mutex = true,
-                                         .lock = sr_i_lock_kind::table_write,
-                                         .write_mode = true,
-                                         .implicit = true};
+    static constexpr sr_i_frame_t kFrame = sr_i_update_frame("sr_delete_rows_1", 31);
     // The criteria are formatted with the values after them; the text is
     // freed before the lock is released.
     va_list ap;

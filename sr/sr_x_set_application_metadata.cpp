@@ -9,14 +9,7 @@ SR_SOURCE_FILE("sr/sr_x_set_application_metadata", "1.1");
 
 extern "C" qx_int32_t sr_set_application_metadata_1(sr_opaque_handle_t table_handle,
                                                     qx_binary_t *p_application_metadata) {
-    // ForkMutex and the table's write lock for the whole call, including the
-    // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{.p_function = "sr_set_application_metadata_1",
-                                         .entry_id = 91,
-                                         .api_mutex = true,
-                                         .lock = sr_i_lock_kind::table_write,
-                                         .write_mode = true,
-                                         .implicit = true};
+    static constexpr sr_i_frame_t kFrame = sr_i_update_frame("sr_set_application_metadata_1", 91);
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle, {.pointers = {p_application_metadata}},
         [&](sr_i_table_t *p_table) -> qx_int32_t {

@@ -8,14 +8,7 @@ extern "C" qx_int32_t sr_set_fields_by_fixed_index_1(sr_opaque_handle_t table_ha
                                                      qx_char_ptr_t *column_names,
                                                      qx_value_t **new_fields,
                                                      qx_uint32_t array_count) {
-    // ForkMutex and the table's write lock for the whole call, including the
-    // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{.p_function = "sr_set_fields_by_fixed_index_1",
-                                         .entry_id = 99,
-                                         .api_mutex = true,
-                                         .lock = sr_i_lock_kind::table_write,
-                                         .write_mode = true,
-                                         .implicit = true};
+    static constexpr sr_i_frame_t kFrame = sr_i_update_frame("sr_set_fields_by_fixed_index_1", 99);
     return sr_i_api_call<sr_i_table_t>(sr_i_this_source, kFrame, table_handle,
                                        {.arrays = {column_names, new_fields}, .count = array_count},
                                        [&](sr_i_table_t *p_table) -> qx_int32_t {

@@ -6,14 +6,7 @@ SR_SOURCE_FILE("sr/sr_x_set_fields_by_key", "1.1");
 extern "C" qx_int32_t sr_set_fields_by_key_1(sr_opaque_handle_t table_handle, qx_value_t row_key,
                                              qx_char_ptr_t *column_names, qx_value_t **new_values,
                                              qx_uint32_t array_count) {
-    // ForkMutex and the table's write lock for the whole call, including the
-    // apply and commit an implicitly controlled table makes at once.
-    static constexpr sr_i_frame_t kFrame{.p_function = "sr_set_fields_by_key_1",
-                                         .entry_id = 103,
-                                         .api_mutex = true,
-                                         .lock = sr_i_lock_kind::table_write,
-                                         .write_mode = true,
-                                         .implicit = true};
+    static constexpr sr_i_frame_t kFrame = sr_i_update_frame("sr_set_fields_by_key_1", 103);
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle,
         {.arrays = {column_names, new_values}, .count = array_count},
