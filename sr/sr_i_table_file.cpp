@@ -234,6 +234,28 @@ void remove_data_file(qx_uint32_t i) {
     --Total_Data_Files;
 }
 
+// The entry of a descriptor in use (not parked), or Total_Data_Files.  A
+// descriptor has at most one such entry.  Caller holds Data_Files_Mutex.
+qx_uint32_t live_entry(qx_int32_t fd) {
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) return i;
+    }
+    return Total_Data_Files;
+}
+
+// Whether this process has claimed the file of entry `index` for writing
+// through another entry.  Caller holds Data_Files_Mutex.
+bool claimed_elsewhere(qx_uint32_t index, pid_t self) {
+    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
+        const data_file_t &f = P_Data_Files[i];
+        if (i != index && f.dev == P_Data_Files[index].dev && f.ino == P_Data_Files[index].ino &&
+            f.claimed_by == self) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock) {
@@ -272,20 +294,9 @@ qx_int32_t sr_i_lock_data_file(qx_int32_t fd) {
     pthread_mutex_lock(&Data_Files_Mutex);
     qx_uint32_t index = Total_Data_Files;
     for (;;) {
-        index = Total_Data_Files;
-        for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
-            if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) index = i;
-        }
+        index = live_entry(fd);
         if (index == Total_Data_Files) break;
-        bool claimed = false;
-        for (qx_uint32_t i = 0; i < Total_Data_Files && !Claim_Handed_Over; ++i) {
-            const data_file_t &f = P_Data_Files[i];
-            if (i != index && f.dev == P_Data_Files[index].dev &&
-                f.ino == P_Data_Files[index].ino && f.claimed_by == self) {
-                claimed = true;
-            }
-        }
-        if (!claimed) break;
+        if (Claim_Handed_Over || !claimed_elsewhere(index, self)) break;
         pthread_cond_wait(&Data_Files_Released, &Data_Files_Mutex);
     }
     if (index == Total_Data_Files) {
@@ -351,11 +362,8 @@ qx_int32_t sr_i_reuse_parked_data_file(const char *p_path) {
 bool sr_i_data_file_claimed(qx_int32_t fd) {
     const pid_t self = getpid();
     pthread_mutex_lock(&Data_Files_Mutex);
-    bool claimed = false;
-    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
-        const data_file_t &f = P_Data_Files[i];
-        if (f.fd == fd && !f.parked && f.claimed_by == self) claimed = true;
-    }
+    const qx_uint32_t index = live_entry(fd);
+    const bool claimed = index != Total_Data_Files && P_Data_Files[index].claimed_by == self;
     pthread_mutex_unlock(&Data_Files_Mutex);
     return claimed;
 }
@@ -363,18 +371,9 @@ bool sr_i_data_file_claimed(qx_int32_t fd) {
 qx_int32_t sr_i_try_claim_data_file(qx_int32_t fd) {
     const pid_t self = getpid();
     pthread_mutex_lock(&Data_Files_Mutex);
-    qx_uint32_t index = Total_Data_Files;
-    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
-        if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) index = i;
-    }
+    const qx_uint32_t index = live_entry(fd);
     qx_int32_t rc = index == Total_Data_Files ? SR_ERROR(SR_E_INTERNAL) : 0;
-    for (qx_uint32_t i = 0; i < Total_Data_Files && rc == 0; ++i) {
-        const data_file_t &f = P_Data_Files[i];
-        if (i != index && f.dev == P_Data_Files[index].dev && f.ino == P_Data_Files[index].ino &&
-            f.claimed_by == self) {
-            rc = SR_ERROR(SR_E_EXCLUSIVE_MODES);
-        }
-    }
+    if (rc == 0 && claimed_elsewhere(index, self)) rc = SR_ERROR(SR_E_EXCLUSIVE_MODES);
     if (rc == 0) P_Data_Files[index].claimed_by = self;
     pthread_mutex_unlock(&Data_Files_Mutex);
     return rc;
@@ -387,13 +386,7 @@ void sr_i_hand_over_claim(bool on) {
 void sr_i_close_data_file(qx_int32_t fd) {
     if (fd < 0) return;
     pthread_mutex_lock(&Data_Files_Mutex);
-    qx_uint32_t index = Total_Data_Files;
-    for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
-        if (P_Data_Files[i].fd == fd && !P_Data_Files[i].parked) {
-            index = i;
-            break;
-        }
-    }
+    const qx_uint32_t index = live_entry(fd);
     struct stat st;
     if (index == Total_Data_Files || fstat(fd, &st) != 0 || st.st_dev != P_Data_Files[index].dev ||
         st.st_ino != P_Data_Files[index].ino) {
