@@ -218,6 +218,7 @@ struct data_file_t {
     bool holds_lock;
     bool parked;
     pid_t claimed_by;  // the writer's claim: the process that took it, or 0
+    pid_t opened_by;   // a forked child shares the descriptor's file offset
 };
 
 pthread_mutex_t Data_Files_Mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -283,7 +284,8 @@ qx_int32_t sr_i_register_data_file(qx_int32_t fd, qx_uint32_t holds_lock) {
     }
     if (rc == 0) {
         P_Data_Files[Total_Data_Files++] = {
-            fd, st.st_dev, st.st_ino, holds_lock != 0, false, holds_lock == 2 ? getpid() : 0};
+            fd,      st.st_dev, st.st_ino, holds_lock != 0, false, holds_lock == 2 ? getpid() : 0,
+            getpid()};
     }
     pthread_mutex_unlock(&Data_Files_Mutex);
     return rc;
@@ -344,11 +346,15 @@ void sr_i_close_unregistered_data_file(qx_int32_t fd) {
 qx_int32_t sr_i_reuse_parked_data_file(const char *p_path) {
     struct stat st;
     if (stat(p_path, &st) != 0) return -1;
+    // Only a descriptor this process opened: one inherited across fork
+    // shares its file offset with the parent, whose reads would move it
+    // under ours.
+    const pid_t self = getpid();
     pthread_mutex_lock(&Data_Files_Mutex);
     qx_int32_t fd = -1;
     for (qx_uint32_t i = 0; i < Total_Data_Files; ++i) {
         data_file_t &f = P_Data_Files[i];
-        if (f.parked && f.dev == st.st_dev && f.ino == st.st_ino) {
+        if (f.parked && f.opened_by == self && f.dev == st.st_dev && f.ino == st.st_ino) {
             f.parked = false;
             f.holds_lock = false;
             fd = f.fd;
