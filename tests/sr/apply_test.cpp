@@ -180,7 +180,7 @@ TEST_F(ApplyTest, RowsAndTheCommitRecordGoOutInGatherWritesOfSixteen) {
     EXPECT_TRUE(Writes.empty());
 }
 
-TEST_F(ApplyTest, ChangeCountersAndApplicationMetadataInTheCommitRecord) {
+TEST_F(ApplyTest, ChangeCountersInTheCommitRecord) {
     sr_i_table_t *p_table = Make("t");
     for (int i = 0; i < 7; ++i) ASSERT_EQ(ApplyCommit(p_table), 0);
     // An explicit counter lands in the record, even below the committed one.
@@ -200,28 +200,6 @@ TEST_F(ApplyTest, ChangeCountersAndApplicationMetadataInTheCommitRecord) {
     ASSERT_EQ(sr_apply_1(p_implicit, 5), 0);
     EXPECT_EQ(p_implicit->applied_change_counter, 2u);
     ASSERT_EQ(sr_commit_1(p_implicit), 0);
-
-    alignas(8) unsigned char storage[16] = {};
-    auto *p_block = reinterpret_cast<qx_binary_t *>(storage);
-    p_block->length = 3;
-    std::memcpy(p_block->data, "abc", 3);
-    ASSERT_EQ(sr_set_application_metadata_1(p_table, p_block), 0);
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    const std::string bytes = ReadBytes(File("t"));
-    const qx_uint32_t at = p_table->applied_commit_record_offset;
-    EXPECT_EQ(U32At(bytes, at), 28u + 8 + 3);
-    EXPECT_EQ(U32At(bytes, at + 24), 1u);
-    EXPECT_EQ(U32At(bytes, at + 28), 0u);
-    EXPECT_EQ(U32At(bytes, at + 32), 3u);
-    EXPECT_EQ(bytes.substr(at + 36, 3), "abc");
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-    sr_opaque_handle_t handle = nullptr;
-    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 1, &handle), 0);
-    qx_binary_t *p_read = nullptr;
-    ASSERT_EQ(sr_get_application_metadata_1(handle, &p_read), 0);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(p_read->data), p_read->length), "abc");
-    free(p_read);
 }
 
 TEST_F(ApplyTest, RewriteFileHoldsOnlyMetadataLiveRowsInIndexOrderAndACommitRecord) {

@@ -1,15 +1,11 @@
 // Selection: `$` items and their texts, expressions over every column type,
 // rows skipped by per-row outcomes, deleting by criteria, the committed view,
-// the table sr_select_1 builds, duplicate keys, a randomized comparison with
-// a model, and readers selecting at once.
+// the table sr_select_1 builds, duplicate keys, and readers selecting at once.
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
-#include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -342,7 +338,6 @@ TEST_F(SelectTest, SelectBuildsAnUnnamedTableWithTheKeyFirstAndOnce) {
     EXPECT_EQ(105, sr_select_1(p, const_cast<qx_char_ptr_t *>(unknown), 1, &result, nullptr));
     EXPECT_EQ(104, sr_select_1(p, nullptr, 2, &result, nullptr));
     EXPECT_EQ(100, sr_select_1(nullptr, nullptr, 0, &result, nullptr));
-    EXPECT_EQ(101, sr_select_1(p, nullptr, 0, nullptr, nullptr));
     EXPECT_EQ(109, sr_select_1(p, nullptr, 0, &result, const_cast<char *>("k == $")));
     EXPECT_EQ(11, sr_select_1(p, nullptr, 0, &result, const_cast<char *>("nosuch > 1")));
     EXPECT_EQ(nullptr, static_cast<sr_i_tree_t *>(tree_)->p_unnamed_tables);
@@ -370,78 +365,7 @@ TEST_F(SelectTest, DuplicateRowsThroughAnUnhashedAndAHashedTable) {
         EXPECT_EQ(25u, duplicates(1, 1).size());
         EXPECT_EQ((std::set<qx_uint32_t>{1202}), duplicates(2, 1));
         EXPECT_EQ((std::set<qx_uint32_t>{2}), duplicates(3, 1));
-        qx_uint32_t *p_rows = nullptr;
-        EXPECT_EQ(101, sr_get_duplicate_rows_1(p, I64(3), nullptr, &p_rows, 1));
         ASSERT_EQ(0, sr_abort_1(p));
-    }
-}
-
-// Random rows and random predicates: the selection agrees with the same
-// predicate evaluated here on the model rows.
-TEST_F(SelectTest, RandomSelectionsAgreeWithTheModel) {
-    sr_i_table_t *p = MakeTable("/t/random");
-    qx_uint64_t seed = 0x2545F4914F6CDD1Dull;
-    auto rnd = [&seed](qx_uint32_t bound) {
-        seed ^= seed << 13;
-        seed ^= seed >> 7;
-        seed ^= seed << 17;
-        return static_cast<qx_uint32_t>(seed % bound);
-    };
-    const char *words[] = {"ant", "bee", "cat", "dog", "eel", "fox"};
-    std::map<qx_uint32_t, Model> model;  // by fixed index
-    for (qx_int64_t k = 0; k < 300; ++k) {
-        Model m{};
-        m.k = k;
-        m.name = std::string(words[rnd(6)]) + std::to_string(rnd(10));
-        m.n = static_cast<qx_int32_t>(rnd(200)) - 100;
-        m.level = static_cast<qx_int32_t>(rnd(10));
-        m.label = words[rnd(6)];
-        for (qx_uint32_t i = rnd(4); i > 0; --i) m.nums.push_back(static_cast<qx_int32_t>(rnd(5)));
-        ASSERT_EQ(0, AddModel(p, m));
-        if (k % 17 != 5) model[static_cast<qx_uint32_t>(k)] = m;
-    }
-    // Deletions leave holes in the fixed index.
-    ASSERT_EQ(0, sr_delete_rows_1(p, const_cast<char *>("k % 17 == 5")));
-    using Test = std::function<bool(const Model &)>;
-    auto atom = [&]() -> std::pair<std::string, Test> {
-        qx_int32_t c = static_cast<qx_int32_t>(rnd(200)) - 100;
-        std::string w = words[rnd(6)];
-        qx_int32_t e = static_cast<qx_int32_t>(rnd(5));
-        switch (rnd(6)) {
-            case 0:
-                return {"n < " + std::to_string(c), [c](const Model &m) { return m.n < c; }};
-            case 1:
-                return {"n % 3 == " + std::to_string(e % 3),
-                        [e](const Model &m) { return m.n % 3 == e % 3; }};
-            case 2:
-                return {"name LIKE '" + w + "%'",
-                        [w](const Model &m) { return m.name.rfind(w, 0) == 0; }};
-            case 3:
-                return {"info.level >= " + std::to_string(e * 2),
-                        [e](const Model &m) { return m.level >= e * 2; }};
-            case 4:
-                return {"nums CONTAINS " + std::to_string(e), [e](const Model &m) {
-                            return std::find(m.nums.begin(), m.nums.end(), e) != m.nums.end();
-                        }};
-            default:
-                return {"info.label IN ('" + w + "', 'cat')",
-                        [w](const Model &m) { return m.label == w || m.label == "cat"; }};
-        }
-    };
-    for (int iter = 0; iter < 60; ++iter) {
-        auto [a, ta] = atom();
-        auto [b, tb] = atom();
-        auto [c, tc] = atom();
-        const bool nested = rnd(2) == 0;
-        const std::string text = nested ? "NOT (" + a + ") && (" + b + " || " + c + ")"
-                                        : "(" + a + ") AND (" + b + ") OR " + c;
-        Rows rows, expected;
-        ASSERT_EQ(0, Selected(p, 1, &rows, text.c_str())) << text;
-        for (const auto &[fixed, m] : model) {
-            if (nested ? !ta(m) && (tb(m) || tc(m)) : (ta(m) && tb(m)) || tc(m))
-                expected.push_back(fixed);
-        }
-        EXPECT_EQ(expected, rows) << text;
     }
 }
 
