@@ -1,7 +1,6 @@
-// Creating, opening, closing and deleting tables: column validation, the
-// bytes of a new table file, open modes and their conflicts, shared records,
-// transient tables that outlive their last close, deletion while open, and
-// what a failed create leaves behind.
+// Creating, opening, closing and deleting tables: column validation, open
+// modes and their conflicts, shared records, transient tables that outlive
+// their last close, deletion while open, and what a failed create leaves.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -34,17 +33,12 @@ class CreateOpenTest : public qxtest::RowsTest {
     }
     // Column c1 of the row with key `key`, or -1.
     static qx_int64_t ValueOf(sr_opaque_handle_t table, qx_int64_t key) {
-        qx_value_t result{};
-        if (sr_get_field_by_key_1(table, I64(key), const_cast<char *>("c1"), &result) != 0)
-            return -1;
-        return result.val_int64;
+        qx_value_t v{};
+        return sr_get_field_by_key_1(table, I64(key), const_cast<char *>("c1"), &v) ? -1
+                                                                                    : v.val_int64;
     }
-    static qx_int32_t AddC1(sr_i_table_t *p_table, qx_int64_t key, qx_value_t value) {
-        char k[] = "k", c1[] = "c1";
-        qx_char_ptr_t names[] = {k, c1};
-        qx_value_t key_value = I64(key);
-        qx_value_t *values[] = {&key_value, &value};
-        return sr_add_row_1(p_table, names, values, 2);
+    qx_int32_t AddC1(sr_i_table_t *p_table, qx_int64_t key, qx_value_t value) {
+        return Add(p_table, {{"k", I64(key)}, {"c1", value}});
     }
 };
 
@@ -254,29 +248,6 @@ TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
         EXPECT_EQ(rc, 12) << n;
     }
     EXPECT_EQ(ValueOf(table, 20), 200);
-    // A resource handle key gets the default hashed index; the handle inside
-    // the record is the key after a load.
-    columns[0].type = QX_RSRC_HANDLE_PTR;
-    columns[0].default_value.ptr_rsrc_handle = nullptr;
-    ASSERT_EQ(TryCreate("/m/rh", columns), 0);
-    p_table = Open("/m/rh", 2);
-    EXPECT_EQ(p_table->p_rows_hash_table->total_hash_buckets, 16384u);
-    qx_resource_handle_t handles[2] = {{1, {2, 3, 4, 5}}, {1, {2, 3, 4, 6}}};
-    for (qx_resource_handle_t &h : handles) {
-        qx_value_t key{}, value = I64(h.id.id4);
-        key.ptr_rsrc_handle = &h;
-        qx_value_t *values[] = {&key, &value};
-        char k[] = "k", c1[] = "c1";
-        qx_char_ptr_t names[] = {k, c1};
-        ASSERT_EQ(sr_add_row_1(p_table, names, values, 2), 0);
-    }
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-    p_table = Open("/m/rh", 1);
-    qx_value_t key{}, value{};
-    key.ptr_rsrc_handle = &handles[1];
-    ASSERT_EQ(sr_get_field_by_key_1(p_table, key, const_cast<char *>("c1"), &value), 0);
-    EXPECT_EQ(value.val_int64, 6);
 }
 
 TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
@@ -305,8 +276,7 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     EXPECT_EQ(Open("/t5", 6)->implicitly_controlled, 0u);
 
     sr_i_table_t *p_reader = Open("/m/t", 1);
-    const qx_int32_t read_fd = p_reader->file_fd;
-    EXPECT_EQ(fcntl(read_fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+    EXPECT_EQ(fcntl(p_reader->file_fd, F_GETFL) & O_ACCMODE, O_RDONLY);
     // A reader becomes the writer by reloading the file.
     sr_i_table_t *p_writer = Open("/m/t", 2);
     ASSERT_EQ(p_writer, p_reader);

@@ -80,6 +80,8 @@ TEST(SelectPrintfTest, ItemsFormatAsTheirTypesAndBadItemsAre109) {
     }
 }
 
+const char *const kNames[] = {"k", "name", "n", "blob", "owner", "info", "nums", "f", "u"};
+
 // Columns: k INT64 key, name CHAR_PTR, n INT32, blob BINARY_PTR, owner
 // RSRC_HANDLE_PTR, info SD_PTR (level INT32, label CHAR_PTR), nums
 // INT32_ARRAY, f FLOAT32, u UINT64.
@@ -105,23 +107,17 @@ class SelectTest : public RowsTest {
         p_def->number_of_fields = 2;
         p_def->field_def[0] = {QX_INT32, Text("level")};
         p_def->field_def[1] = {QX_CHAR_PTR, Text("label")};
-        const std::pair<const char *, qx_data_type_t> kinds[] = {{"k", QX_INT64},
-                                                                 {"name", QX_CHAR_PTR},
-                                                                 {"n", QX_INT32},
-                                                                 {"blob", QX_BINARY_PTR},
-                                                                 {"owner", QX_RSRC_HANDLE_PTR},
-                                                                 {"info", QX_SD_PTR},
-                                                                 {"nums", QX_INT32_ARRAY},
-                                                                 {"f", QX_FLOAT32},
-                                                                 {"u", QX_UINT64}};
+        const qx_data_type_t types[] = {QX_INT64,       QX_CHAR_PTR,        QX_INT32,
+                                        QX_BINARY_PTR,  QX_RSRC_HANDLE_PTR, QX_SD_PTR,
+                                        QX_INT32_ARRAY, QX_FLOAT32,         QX_UINT64};
         std::vector<sr_column_t> columns;
-        for (const auto &[name, type] : kinds) {
-            sr_column_t c{};
-            c.name = Text(name);
-            c.type = type;
-            c.qualifier = columns.empty() ? key_qualifier : SR_STANDARD;
-            if (type == QX_SD_PTR) c.sd_defn = p_def;
-            columns.push_back(c);
+        for (int i = 0; i < 9; ++i) {
+            columns.push_back({Text(kNames[i]),
+                               types[i],
+                               i == 0 ? key_qualifier : SR_STANDARD,
+                               0,
+                               types[i] == QX_SD_PTR ? p_def : nullptr,
+                               {}});
         }
         return Make(path, columns, mode, hashed);
     }
@@ -151,22 +147,16 @@ class SelectTest : public RowsTest {
         auto *p_arr = reinterpret_cast<qx_array_t *>(arr.data());
         p_arr->element_count = static_cast<qx_uint32_t>(m.nums.size());
         for (size_t i = 0; i < m.nums.size(); ++i) p_arr->elements[i] = I32(m.nums[i]);
-        qx_value_t f{}, u{}, bv{}, ov{}, sv{}, av{};
-        f.val_float32 = m.f;
-        u.val_uint64 = m.u;
-        bv.ptr_binary = reinterpret_cast<qx_binary_t *>(bin.data());
-        ov.ptr_rsrc_handle = &owner;
-        sv.ptr_sd = p_sd;
-        av.ptr_array = p_arr;
-        return Add(static_cast<sr_i_table_t *>(table), {{"k", I64(m.k)},
-                                                        {"name", Str(m.name.c_str())},
-                                                        {"n", I32(m.n)},
-                                                        {"blob", bv},
-                                                        {"owner", ov},
-                                                        {"info", sv},
-                                                        {"nums", av},
-                                                        {"f", f},
-                                                        {"u", u}});
+        qx_value_t v[9] = {I64(m.k), Str(m.name.c_str()), I32(m.n)};
+        v[3].ptr_binary = reinterpret_cast<qx_binary_t *>(bin.data());
+        v[4].ptr_rsrc_handle = &owner;
+        v[5].ptr_sd = p_sd;
+        v[6].ptr_array = p_arr;
+        v[7].val_float32 = m.f;
+        v[8].val_uint64 = m.u;
+        qx_value_t *values[9];
+        for (int i = 0; i < 9; ++i) values[i] = &v[i];
+        return sr_add_row_1(table, const_cast<qx_char_ptr_t *>(kNames), values, 9);
     }
 
     // Three rows; fixed indices 0, 1, 2 in this order.
