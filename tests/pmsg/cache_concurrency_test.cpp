@@ -29,9 +29,8 @@ struct Rows {
     qx_value_t read(int i) const {
         qx_value_t back;
         back.ptr_array = nullptr;
-        if (qx_pmsg_build_conv_packed_client_value_1(nullptr, 0, QX_SD_PTR_ARRAY, &back,
-                                                     &built[i].slot, built[i].p_area,
-                                                     built[i].used) != 0) {
+        if (pmsg_test::read(QX_SD_PTR_ARRAY, &back, &built[i].slot, built[i].p_area,
+                            built[i].used) != 0) {
             ADD_FAILURE() << "read failed";
         }
         return back;
@@ -116,9 +115,8 @@ TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadAndReleaseCanRead) {
         if (pid == 0) {
             for (int i = 0; i < 32; i++) {
                 qx_value_t back;
-                if (qx_pmsg_build_conv_packed_client_value_1(nullptr, 0, QX_SD_PTR_ARRAY, &back,
-                                                             &rows.built[i].slot,
-                                                             rows.built[i].p_area, -1) != 0)
+                if (pmsg_test::read(QX_SD_PTR_ARRAY, &back, &rows.built[i].slot,
+                                    rows.built[i].p_area, -1))
                     _exit(1);
             }
             qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);

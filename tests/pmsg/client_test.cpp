@@ -15,11 +15,7 @@ using pmsg_test::Arena;
 using pmsg_test::Built;
 using pmsg_test::ValueMaker;
 
-int read_value(int type, qx_value_t *p_result, const void *p_slot, const void *p_area,
-               qx_int64_t limit, qx_uint32_t flags = 0) {
-    return qx_pmsg_build_conv_packed_client_value_1(
-        nullptr, flags, static_cast<qx_data_type_t>(type), p_result, p_slot, p_area, limit);
-}
+using pmsg_test::read;
 
 class PmsgClientValueTest : public ::testing::Test {
   protected:
@@ -44,7 +40,7 @@ TEST_F(PmsgClientValueTest, WhereValuesPointInEachOwnershipMode) {
             Built built;
             ASSERT_EQ(0, pmsg_test::build_value(nullptr, type, value, &built, shift));
             const char *p_form = reinterpret_cast<char *>(built.p_area) + built.slot.anchor.offset;
-            ASSERT_EQ(0, read_value(type, &back, &built.slot, built.p_area, built.used));
+            ASSERT_EQ(0, read(type, &back, &built.slot, built.p_area, built.used));
             if (shift == 0 && in_place) {
                 EXPECT_EQ(p_form, back.ptr_char);
                 EXPECT_EQ(0u, pmsg_i::cache_entry_count()) << "nothing was built or cached";
@@ -56,12 +52,12 @@ TEST_F(PmsgClientValueTest, WhereValuesPointInEachOwnershipMode) {
             EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(back.ptr_char) % alignment);
             std::string why;
             EXPECT_TRUE(pmsg_test::values_equal(type, value, back, &why)) << why;
-            ASSERT_EQ(0, read_value(type, &back, &built.slot, built.p_area, built.used,
-                                    QX_PMSG_CLIENT_MALLOC));
+            ASSERT_EQ(
+                0, read(type, &back, &built.slot, built.p_area, built.used, QX_PMSG_CLIENT_MALLOC));
             EXPECT_NE(p_form, back.ptr_char);
             free(back.ptr_char);
-            ASSERT_EQ(0, read_value(type, &deep[shift != 0], &built.slot, built.p_area, built.used,
-                                    QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP));
+            ASSERT_EQ(0, read(type, &deep[shift != 0], &built.slot, built.p_area, built.used,
+                              QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP));
         }
         for (qx_value_t &copy : deep) {
             std::string why;
@@ -80,11 +76,11 @@ TEST_F(PmsgClientValueTest, WhereValuesPointInEachOwnershipMode) {
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_SD_PTR, value, &built));
     qx_value_t back;
-    ASSERT_EQ(0, read_value(QX_SD_PTR, &back, &built.slot, built.p_area, built.used));
+    ASSERT_EQ(0, read(QX_SD_PTR, &back, &built.slot, built.p_area, built.used));
     EXPECT_EQ(reinterpret_cast<qx_structured_data_t *>(built.p_area), back.ptr_sd);
     sd->elements[1] = {QX_CHAR_PTR, 0, {.ptr_char = arena.text("in place")}};
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_SD_PTR, value, &built));
-    ASSERT_EQ(0, read_value(QX_SD_PTR, &back, &built.slot, built.p_area, built.used));
+    ASSERT_EQ(0, read(QX_SD_PTR, &back, &built.slot, built.p_area, built.used));
     EXPECT_NE(reinterpret_cast<qx_structured_data_t *>(built.p_area), back.ptr_sd);
     EXPECT_EQ(built.p_area + 40,
               reinterpret_cast<uint8_t *>(back.ptr_sd->elements[1].value.ptr_char));
@@ -95,8 +91,8 @@ TEST_F(PmsgClientValueTest, WhereValuesPointInEachOwnershipMode) {
     rows->elements[1].ptr_binary = arena.binary("row one!");
     value.ptr_array = rows;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_BINARY_PTR_ARRAY, value, &built));
-    ASSERT_EQ(0, read_value(QX_BINARY_PTR_ARRAY, &back, &built.slot, built.p_area, built.used,
-                            QX_PMSG_CLIENT_MALLOC));
+    ASSERT_EQ(0, read(QX_BINARY_PTR_ARRAY, &back, &built.slot, built.p_area, built.used,
+                      QX_PMSG_CLIENT_MALLOC));
     uint8_t *p_form = built.p_area + built.slot.anchor.offset;
     EXPECT_EQ(p_form + pmsg_test::rd32(p_form + 8),
               reinterpret_cast<uint8_t *>(back.ptr_array->elements[0].ptr_binary));
@@ -109,7 +105,7 @@ TEST_F(PmsgClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemory
     std::vector<qx_value_t> first(QX_NUMBER_OF_DATA_TYPES);
     for (int type = QX_INT32; type <= QX_SD_PTR_ARRAY; type++) {
         ASSERT_EQ(0, pmsg_test::build_value(nullptr, type, maker.make(type), &row[type], 5));
-        ASSERT_EQ(0, read_value(type, &first[type], &row[type].slot, row[type].p_area, -1));
+        ASSERT_EQ(0, read(type, &first[type], &row[type].slot, row[type].p_area, -1));
     }
     size_t entries = pmsg_i::cache_entry_count();
     EXPECT_GT(entries, 0u);
@@ -117,7 +113,7 @@ TEST_F(PmsgClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemory
     for (int round = 0; round < 1000000 / (QX_SD_PTR_ARRAY - 1); round++) {
         for (int type = QX_INT32; type <= QX_SD_PTR_ARRAY; type++) {
             qx_value_t again;
-            ASSERT_EQ(0, read_value(type, &again, &row[type].slot, row[type].p_area, -1));
+            ASSERT_EQ(0, read(type, &again, &row[type].slot, row[type].p_area, -1));
             ASSERT_EQ(first[type].val_uint64, again.val_uint64);
         }
     }
@@ -138,7 +134,7 @@ TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDrop
         qx_uint32_t running = 0;
         ASSERT_EQ(0, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_CHAR_PTR_ARRAY, &value,
                                                          &slot, area.data(), 128, &running));
-        ASSERT_EQ(0, read_value(QX_CHAR_PTR_ARRAY, &back, &slot, area.data(), 128));
+        ASSERT_EQ(0, read(QX_CHAR_PTR_ARRAY, &back, &slot, area.data(), 128));
         EXPECT_STREQ(text, back.ptr_array->elements[0].ptr_char);
     }
     EXPECT_EQ(1u, pmsg_i::cache_entry_count()) << "the stale value was dropped, not kept";
@@ -151,8 +147,8 @@ TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDrop
     std::vector<uint8_t> record(1000);
     for (int i = 0; i < 4; i++) {
         memcpy(record.data() + 301 + 8 * i, &built.slot, 8);
-        ASSERT_EQ(0, read_value(QX_SD_PTR_ARRAY, &back, record.data() + 301 + 8 * i, built.p_area,
-                                built.used));
+        ASSERT_EQ(
+            0, read(QX_SD_PTR_ARRAY, &back, record.data() + 301 + 8 * i, built.p_area, built.used));
     }
     ASSERT_EQ(4u, pmsg_i::cache_entry_count());
     qx_pmsg_release_client_values_1(record.data() + 309, 16); /* the second and third */
@@ -168,29 +164,27 @@ TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
     qx_pmsg_value_t slot{};
     qx_value_t result;
     result.val_uint64 = 0x1234;
-    EXPECT_EQ(QX_PMSG_E_INVAL, read_value(QX_CHAR_PTR, nullptr, &slot, area, 16));
-    EXPECT_EQ(QX_PMSG_E_INVAL, read_value(QX_CHAR_PTR, &result, nullptr, area, 16));
-    EXPECT_EQ(QX_PMSG_E_INVAL, read_value(QX_CHAR_PTR, &result, &slot, nullptr, 16));
-    EXPECT_EQ(QX_PMSG_E_INVAL, read_value(QX_CHAR_PTR, &result, &slot, area, -2));
-    EXPECT_EQ(QX_PMSG_E_INVAL, read_value(QX_CHAR_PTR, &result, &slot, area, 16, 4));
-    EXPECT_EQ(QX_PMSG_E_INVAL,
-              read_value(QX_CHAR_PTR, &result, &slot, area, 16, QX_PMSG_CLIENT_DEEP));
-    for (int type : {0, 1, 23, -5})
-        EXPECT_EQ(QX_PMSG_E_TYPE, read_value(type, &result, &slot, area, 16));
+    EXPECT_EQ(QX_PMSG_E_INVAL, read(QX_CHAR_PTR, nullptr, &slot, area, 16));
+    EXPECT_EQ(QX_PMSG_E_INVAL, read(QX_CHAR_PTR, &result, nullptr, area, 16));
+    EXPECT_EQ(QX_PMSG_E_INVAL, read(QX_CHAR_PTR, &result, &slot, nullptr, 16));
+    EXPECT_EQ(QX_PMSG_E_INVAL, read(QX_CHAR_PTR, &result, &slot, area, -2));
+    EXPECT_EQ(QX_PMSG_E_INVAL, read(QX_CHAR_PTR, &result, &slot, area, 16, 4));
+    EXPECT_EQ(QX_PMSG_E_INVAL, read(QX_CHAR_PTR, &result, &slot, area, 16, QX_PMSG_CLIENT_DEEP));
+    for (int type : {0, 1, 23, -5}) EXPECT_EQ(QX_PMSG_E_TYPE, read(type, &result, &slot, area, 16));
     EXPECT_EQ(0x1234u, result.val_uint64);
 
     slot.anchor = {60, 8};
-    EXPECT_EQ(QX_PMSG_E_BOUNDS, read_value(QX_CHAR_PTR, &result, &slot, area, 64));
+    EXPECT_EQ(QX_PMSG_E_BOUNDS, read(QX_CHAR_PTR, &result, &slot, area, 64));
     slot.anchor = {0xFFFFFFFF, 0xFFFFFFFF};
-    EXPECT_EQ(QX_PMSG_E_BOUNDS, read_value(QX_BINARY_PTR, &result, &slot, area, 64));
+    EXPECT_EQ(QX_PMSG_E_BOUNDS, read(QX_BINARY_PTR, &result, &slot, area, 64));
     /* An array of one text whose nested anchor reaches past the array. */
     const uint32_t form[] = {1, 0, 16, 9};
     memcpy(area, form, sizeof form);
     memcpy(reinterpret_cast<uint8_t *>(area) + 16, "abcdefgh", 9);
     slot.anchor = {0, 24};
-    EXPECT_EQ(QX_PMSG_E_BOUNDS, read_value(QX_CHAR_PTR_ARRAY, &result, &slot, area, 64));
+    EXPECT_EQ(QX_PMSG_E_BOUNDS, read(QX_CHAR_PTR_ARRAY, &result, &slot, area, 64));
     slot.anchor.length = 25;
-    ASSERT_EQ(0, read_value(QX_CHAR_PTR_ARRAY, &result, &slot, area, 64, QX_PMSG_CLIENT_MALLOC));
+    ASSERT_EQ(0, read(QX_CHAR_PTR_ARRAY, &result, &slot, area, 64, QX_PMSG_CLIENT_MALLOC));
     EXPECT_STREQ("abcdefgh", result.ptr_array->elements[0].ptr_char);
     free(result.ptr_array);
 }
@@ -234,12 +228,12 @@ TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
         memset(area, 0, sizeof area);
         memcpy(area, c.words.data(), c.words.size() * 4);
         slot.anchor = {0, c.length};
-        int rc = read_value(c.type, &result, &slot, area, sizeof area);
+        int rc = read(c.type, &result, &slot, area, sizeof area);
         EXPECT_NE(0, rc);
         if (c.overlap) {
             EXPECT_EQ(QX_PMSG_E_CORRUPT, rc);
         }
-        EXPECT_NE(0, read_value(c.type, &result, &slot, area, sizeof area, QX_PMSG_CLIENT_MALLOC));
+        EXPECT_NE(0, read(c.type, &result, &slot, area, sizeof area, QX_PMSG_CLIENT_MALLOC));
     }
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
@@ -262,11 +256,10 @@ TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow)
     qx_pmsg_value_t slot;
     qx_value_t result;
     slot.anchor = {0, sd_chain(area, 32)};
-    ASSERT_EQ(0, read_value(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    ASSERT_EQ(0, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
     EXPECT_EQ(1u, result.ptr_sd->elements[0].value.ptr_sd->element_count);
     slot.anchor = {0, sd_chain(area, 33)};
-    EXPECT_EQ(QX_PMSG_E_CORRUPT,
-              read_value(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    EXPECT_EQ(QX_PMSG_E_CORRUPT, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
     /* The same chain written on a machine of the other byte order. */
     for (size_t i = 0; i < area.size() * 2; i++)
         pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(area.data()) + 4 * i);

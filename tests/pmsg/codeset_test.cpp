@@ -42,10 +42,9 @@ class PmsgCodeSetTest : public ::testing::Test {
         uselocale(previous_);
         freelocale(latin1_);
     }
-    int read_value(int type, const Built &built, qx_value_t *p_result, qx_uint32_t flags = 0) {
-        return qx_pmsg_build_conv_packed_client_value_1(from_table_, flags,
-                                                        static_cast<qx_data_type_t>(type), p_result,
-                                                        &built.slot, built.p_area, built.used);
+    int read(int type, const Built &built, qx_value_t *p_result, qx_uint32_t flags = 0) {
+        return pmsg_test::read(type, p_result, &built.slot, built.p_area, built.used, flags,
+                               from_table_);
     }
 
     locale_t latin1_ = nullptr;
@@ -59,16 +58,16 @@ TEST_F(PmsgCodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytesWhereverN
     qx_value_t value;
     value.ptr_char = arena_.text(kLatin1);
     qx_uint32_t size = 0;
-    ASSERT_EQ(0, qx_pmsg_size_conv_protocol_value_1(to_table_, 0, QX_CHAR_PTR, &value, &size));
+    ASSERT_EQ(0, pmsg_test::size_of(QX_CHAR_PTR, value, &size, to_table_));
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(to_table_, QX_CHAR_PTR, value, &built));
     EXPECT_EQ(size, built.used);
     EXPECT_EQ(sizeof kUtf8, built.slot.anchor.length);
     EXPECT_STREQ(kUtf8, reinterpret_cast<char *>(built.p_area));
     qx_value_t back, again;
-    ASSERT_EQ(0, read_value(QX_CHAR_PTR, built, &back));
+    ASSERT_EQ(0, read(QX_CHAR_PTR, built, &back));
     EXPECT_STREQ(kLatin1, back.ptr_char);
-    ASSERT_EQ(0, read_value(QX_CHAR_PTR, built, &again));
+    ASSERT_EQ(0, read(QX_CHAR_PTR, built, &again));
     EXPECT_EQ(back.ptr_char, again.ptr_char) << "converted text is built once per slot";
 
     qx_array_t *texts = arena_.array(2);
@@ -84,7 +83,7 @@ TEST_F(PmsgCodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytesWhereverN
     EXPECT_NE(std::string::npos, stored.find("\xC3\xA9t\xC3\xA9"));
     for (qx_uint32_t flags :
          {0u, QX_PMSG_CLIENT_MALLOC, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP}) {
-        ASSERT_EQ(0, read_value(QX_SD_PTR, built, &back, flags));
+        ASSERT_EQ(0, read(QX_SD_PTR, built, &back, flags));
         std::string why;
         EXPECT_TRUE(pmsg_test::values_equal(QX_SD_PTR, value, back, &why)) << why;
         if (flags != 0) free(back.ptr_sd);
@@ -104,8 +103,8 @@ TEST_F(PmsgCodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
         built.used = 64;
         qx_value_t back;
         back.ptr_char = nullptr;
-        EXPECT_EQ(QX_PMSG_E_CONVERT, read_value(QX_CHAR_PTR, built, &back));
-        EXPECT_EQ(QX_PMSG_E_CONVERT, read_value(QX_CHAR_PTR, built, &back, QX_PMSG_CLIENT_MALLOC));
+        EXPECT_EQ(QX_PMSG_E_CONVERT, read(QX_CHAR_PTR, built, &back));
+        EXPECT_EQ(QX_PMSG_E_CONVERT, read(QX_CHAR_PTR, built, &back, QX_PMSG_CLIENT_MALLOC));
         EXPECT_EQ(nullptr, back.ptr_char);
     }
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
@@ -117,8 +116,7 @@ TEST_F(PmsgCodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
     qx_pmsg_value_t slot{};
     qx_uint32_t running = 0;
     EXPECT_EQ(QX_PMSG_E_CONVERT,
-              qx_pmsg_build_conv_protocol_value_1(from_table_, 0, QX_CHAR_PTR, &value, &slot,
-                                                  area.data(), 32, &running));
+              pmsg_test::build(QX_CHAR_PTR, &value, &slot, area.data(), 32, &running, from_table_));
     EXPECT_EQ(0u, running);
 }
 

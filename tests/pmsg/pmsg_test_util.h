@@ -227,6 +227,23 @@ inline void value_to_other_order(int type, uint8_t *p_anchor, uint8_t *p_area) {
     }
 }
 
+/* The library's calls with the type as an int and the handle last. */
+inline int size_of(int type, const qx_value_t &value, qx_uint32_t *p_size,
+                   cu_iconv_t *p_handle = nullptr) {
+    return qx_pmsg_size_conv_protocol_value_1(p_handle, 0, static_cast<qx_data_type_t>(type),
+                                              &value, p_size);
+}
+inline int build(int type, const qx_value_t *p_value, void *p_slot, void *p_area, qx_uint32_t room,
+                 qx_uint32_t *p_running, cu_iconv_t *p_handle = nullptr, qx_uint32_t flags = 0) {
+    return qx_pmsg_build_conv_protocol_value_1(p_handle, flags, static_cast<qx_data_type_t>(type),
+                                               p_value, p_slot, p_area, room, p_running);
+}
+inline int read(int type, qx_value_t *p_result, const void *p_slot, const void *p_area,
+                qx_int64_t limit, qx_uint32_t flags = 0, cu_iconv_t *p_handle = nullptr) {
+    return qx_pmsg_build_conv_packed_client_value_1(
+        p_handle, flags, static_cast<qx_data_type_t>(type), p_result, p_slot, p_area, limit);
+}
+
 /* An 8-aligned indirect area (plus a slot) for one value, built with the
  * library; `shift` moves the area off 8-alignment. */
 struct Built {
@@ -239,16 +256,14 @@ struct Built {
 
 inline int build_value(cu_iconv_t *p_handle, int type, const qx_value_t &value, Built *p_out,
                        size_t shift = 0) {
-    const auto t = static_cast<qx_data_type_t>(type);
     qx_uint32_t size = 0;
-    int rc = qx_pmsg_size_conv_protocol_value_1(p_handle, 0, t, &value, &size);
+    int rc = size_of(type, value, &size, p_handle);
     if (rc != 0) return rc;
     p_out->storage.assign((size + shift) / 8 + 2, 0);
     p_out->p_area = reinterpret_cast<uint8_t *>(p_out->storage.data()) + shift;
     p_out->room = size;
     p_out->used = 0;
-    return qx_pmsg_build_conv_protocol_value_1(p_handle, 0, t, &value, &p_out->slot, p_out->p_area,
-                                               p_out->room, &p_out->used);
+    return build(type, &value, &p_out->slot, p_out->p_area, p_out->room, &p_out->used, p_handle);
 }
 
 }  // namespace pmsg_test

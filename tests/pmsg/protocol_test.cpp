@@ -19,10 +19,10 @@ struct Area {
 };
 
 int build(int type, const qx_value_t &value, Area &area, qx_pmsg_value_t *p_slot,
-          qx_uint32_t *p_running, qx_uint32_t room = sizeof(Area::words)) {
-    return qx_pmsg_build_conv_protocol_value_1(nullptr, 0, static_cast<qx_data_type_t>(type),
-                                               &value, p_slot, area.bytes(), room, p_running);
+          qx_uint32_t *p_running) {
+    return pmsg_test::build(type, &value, p_slot, area.words, sizeof area.words, p_running);
 }
+using pmsg_test::size_of;
 
 /* Forms lie end to end from the running offset, at whatever alignment that
  * gives, and nothing before or after a form is touched. */
@@ -107,11 +107,10 @@ TEST(PmsgProtocolFormTest, EachFormHasItsDocumentedBytes) {
     /* Scalars need no room and leave the offset alone. */
     value.val_int64 = -5;
     qx_uint32_t size = 99;
-    ASSERT_EQ(0, qx_pmsg_size_conv_protocol_value_1(nullptr, 0, QX_INT64, &value, &size));
+    ASSERT_EQ(0, size_of(QX_INT64, value, &size));
     EXPECT_EQ(0u, size);
     running = 13;
-    ASSERT_EQ(0, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_INT64, &value, &slot, nullptr,
-                                                     0, &running));
+    ASSERT_EQ(0, pmsg_test::build(QX_INT64, &value, &slot, nullptr, 0, &running));
     EXPECT_EQ(13u, running);
     EXPECT_EQ(-5, slot.val_int64);
 }
@@ -126,8 +125,7 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
             SCOPED_TRACE("seed " + std::to_string(seed) + " type " + std::to_string(type));
             qx_value_t value = maker.make(type);
             qx_uint32_t size = 0;
-            ASSERT_EQ(0, qx_pmsg_size_conv_protocol_value_1(
-                             nullptr, 0, static_cast<qx_data_type_t>(type), &value, &size));
+            ASSERT_EQ(0, size_of(type, value, &size));
             qx_uint32_t start = maker.below(25);
             std::vector<uint8_t> area(start + size, 0x5A);
             std::vector<uint8_t> before = area;
@@ -135,15 +133,13 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
             memset(&slot, 0x33, sizeof slot);
             qx_pmsg_value_t slot_before = slot;
             qx_uint32_t running = start;
-            EXPECT_EQ(QX_PMSG_E_ROOM, qx_pmsg_build_conv_protocol_value_1(
-                                          nullptr, 0, static_cast<qx_data_type_t>(type), &value,
-                                          &slot, area.data(), start + size - 1, &running));
+            EXPECT_EQ(QX_PMSG_E_ROOM, pmsg_test::build(type, &value, &slot, area.data(),
+                                                       start + size - 1, &running));
             EXPECT_EQ(start, running);
             EXPECT_EQ(0, memcmp(&slot, &slot_before, sizeof slot));
             EXPECT_TRUE(area == before) << "a refused build writes nothing";
-            ASSERT_EQ(0, qx_pmsg_build_conv_protocol_value_1(
-                             nullptr, 0, static_cast<qx_data_type_t>(type), &value, &slot,
-                             area.data(), start + size, &running));
+            ASSERT_EQ(0,
+                      pmsg_test::build(type, &value, &slot, area.data(), start + size, &running));
             EXPECT_EQ(start + size, running);
             EXPECT_EQ(start, slot.anchor.offset);
         }
@@ -154,8 +150,7 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
     qx_value_t value;
     value.ptr_binary = &header;
     qx_uint32_t size = 0;
-    EXPECT_EQ(QX_PMSG_E_TOO_LARGE,
-              qx_pmsg_size_conv_protocol_value_1(nullptr, 0, QX_BINARY_PTR, &value, &size));
+    EXPECT_EQ(QX_PMSG_E_TOO_LARGE, size_of(QX_BINARY_PTR, value, &size));
     Area area;
     qx_pmsg_value_t slot;
     qx_uint32_t running = 0;
@@ -169,35 +164,24 @@ TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
     qx_pmsg_value_t slot;
     qx_uint32_t running = 0;
     qx_uint32_t size = 0;
-    qx_value_t value;
-    value.ptr_char = nullptr;
+    qx_value_t value{.ptr_char = nullptr};
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
         EXPECT_EQ(QX_PMSG_E_INVAL, build(type, value, area, &slot, &running)) << type;
-        EXPECT_EQ(QX_PMSG_E_INVAL,
-                  qx_pmsg_size_conv_protocol_value_1(nullptr, 0, static_cast<qx_data_type_t>(type),
-                                                     &value, &size));
+        EXPECT_EQ(QX_PMSG_E_INVAL, size_of(type, value, &size));
     }
     value.val_int32 = 1;
     for (int type : {0, 1, 23, -1, 0x7fffffff}) {
         EXPECT_EQ(QX_PMSG_E_TYPE, build(type, value, area, &slot, &running));
-        EXPECT_EQ(QX_PMSG_E_TYPE,
-                  qx_pmsg_size_conv_protocol_value_1(nullptr, 0, static_cast<qx_data_type_t>(type),
-                                                     &value, &size));
+        EXPECT_EQ(QX_PMSG_E_TYPE, size_of(type, value, &size));
     }
     uint8_t *p = area.bytes();
-    EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_build_conv_protocol_value_1(nullptr, 1, QX_INT32, &value,
-                                                                   &slot, p, 8, &running));
-    EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_INT32, nullptr,
-                                                                   &slot, p, 8, &running));
-    EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_INT32, &value,
-                                                                   nullptr, p, 8, &running));
+    EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_INT32, &value, &slot, p, 8, &running, 0, 1));
+    EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_INT32, nullptr, &slot, p, 8, &running));
+    EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_INT32, &value, nullptr, p, 8, &running));
     value.ptr_char = const_cast<char *>("x");
-    EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_CHAR_PTR, &value,
-                                                                   &slot, nullptr, 8, &running));
-    EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_CHAR_PTR, &value,
-                                                                   &slot, p, 8, nullptr));
-    EXPECT_EQ(QX_PMSG_E_INVAL,
-              qx_pmsg_size_conv_protocol_value_1(nullptr, 0, QX_CHAR_PTR, &value, nullptr));
+    EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_CHAR_PTR, &value, &slot, nullptr, 8, &running));
+    EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_CHAR_PTR, &value, &slot, p, 8, nullptr));
+    EXPECT_EQ(QX_PMSG_E_INVAL, size_of(QX_CHAR_PTR, value, nullptr));
 
     qx_array_t *texts = arena.array(2);
     texts->elements[0].ptr_char = arena.text("fine");
@@ -210,8 +194,7 @@ TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
     EXPECT_EQ(QX_PMSG_E_TYPE, build(QX_SD_PTR, value, area, &slot, &running));
     sd->elements[0].data_type = QX_SD_PTR;  // a structure that contains itself
     sd->elements[0].value.ptr_sd = sd;
-    EXPECT_EQ(QX_PMSG_E_INVAL,
-              qx_pmsg_size_conv_protocol_value_1(nullptr, 0, QX_SD_PTR, &value, &size));
+    EXPECT_EQ(QX_PMSG_E_INVAL, size_of(QX_SD_PTR, value, &size));
     qx_sbs_t *sbs = arena.sbs("abc");
     sbs->length = -3;
     value.ptr_sbs = sbs;

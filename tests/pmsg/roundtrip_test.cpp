@@ -18,11 +18,8 @@ using pmsg_test::ValueMaker;
 
 void expect_round_trip(int type, const qx_value_t &original, const Built &built,
                        qx_uint32_t flags) {
-    qx_value_t back;
-    back.val_uint64 = 0;
-    ASSERT_EQ(0, qx_pmsg_build_conv_packed_client_value_1(nullptr, flags,
-                                                          static_cast<qx_data_type_t>(type), &back,
-                                                          &built.slot, built.p_area, built.used));
+    qx_value_t back{.val_uint64 = 0};
+    ASSERT_EQ(0, pmsg_test::read(type, &back, &built.slot, built.p_area, built.used, flags));
     std::string why;
     EXPECT_TRUE(pmsg_test::values_equal(type, original, back, &why)) << why;
     if ((flags & QX_PMSG_CLIENT_MALLOC) != 0 && !pmsg_test::is_scalar_type(type))
@@ -128,19 +125,15 @@ TEST(PmsgRoundTripTest, ScalarsTravelInTheSlotAndThirtyTwoBitOnesReadZeroAbove) 
     value.val_uint64 = 0xdeadbeef00000000ull | 0x11223344u; /* garbage above a 32-bit value */
     unsigned char slot[8];
     memset(slot, 0xAA, sizeof slot);
-    ASSERT_EQ(0, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_UINT32, &value, slot, nullptr,
-                                                     0, nullptr));
+    ASSERT_EQ(0, pmsg_test::build(QX_UINT32, &value, slot, nullptr, 0, nullptr));
     const unsigned char zeros[4] = {0, 0, 0, 0};
     EXPECT_EQ(0, memcmp(slot + 4, zeros, 4)) << "forms are reproducible byte for byte";
     qx_value_t back;
-    ASSERT_EQ(0, qx_pmsg_build_conv_packed_client_value_1(nullptr, 0, QX_UINT32, &back, slot,
-                                                          nullptr, -1));
+    ASSERT_EQ(0, pmsg_test::read(QX_UINT32, &back, slot, nullptr, -1));
     EXPECT_EQ(0x11223344u, back.val_uint64);
     value.val_float64 = -2.5e300;
-    ASSERT_EQ(0, qx_pmsg_build_conv_protocol_value_1(nullptr, 0, QX_FLOAT64, &value, slot, nullptr,
-                                                     0, nullptr));
-    ASSERT_EQ(0, qx_pmsg_build_conv_packed_client_value_1(nullptr, 0, QX_FLOAT64, &back, slot,
-                                                          nullptr, -1));
+    ASSERT_EQ(0, pmsg_test::build(QX_FLOAT64, &value, slot, nullptr, 0, nullptr));
+    ASSERT_EQ(0, pmsg_test::read(QX_FLOAT64, &back, slot, nullptr, -1));
     EXPECT_EQ(-2.5e300, back.val_float64);
 }
 
@@ -155,8 +148,7 @@ TEST(PmsgRoundTripTest, ValuesShareAnAreaAndMoveWithIt) {
     for (int type = QX_INT32; type <= QX_SD_PTR_ARRAY; type++) {
         values.push_back(maker.make(type));
         qx_uint32_t size = 0;
-        ASSERT_EQ(0, qx_pmsg_size_conv_protocol_value_1(
-                         nullptr, 0, static_cast<qx_data_type_t>(type), &values.back(), &size));
+        ASSERT_EQ(0, pmsg_test::size_of(type, values.back(), &size));
         total += size;
     }
     std::vector<uint64_t> storage(total / 8 + 1);
@@ -164,9 +156,8 @@ TEST(PmsgRoundTripTest, ValuesShareAnAreaAndMoveWithIt) {
     std::vector<qx_pmsg_value_t> slots(values.size());
     qx_uint32_t running = 0;
     for (size_t i = 0; i < values.size(); i++) {
-        ASSERT_EQ(0, qx_pmsg_build_conv_protocol_value_1(
-                         nullptr, 0, static_cast<qx_data_type_t>(QX_INT32 + i), &values[i],
-                         &slots[i], p_area, static_cast<qx_uint32_t>(total), &running));
+        ASSERT_EQ(0, pmsg_test::build(QX_INT32 + static_cast<int>(i), &values[i], &slots[i], p_area,
+                                      static_cast<qx_uint32_t>(total), &running));
     }
     EXPECT_EQ(total, running);
     std::vector<uint64_t> moved(storage.size() + 8);
@@ -176,10 +167,8 @@ TEST(PmsgRoundTripTest, ValuesShareAnAreaAndMoveWithIt) {
         const int type = QX_INT32 + static_cast<int>(i);
         if (!pmsg_test::is_scalar_type(type)) slots[i].anchor.offset += 64;
         qx_value_t back;
-        ASSERT_EQ(0, qx_pmsg_build_conv_packed_client_value_1(
-                         nullptr, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP,
-                         static_cast<qx_data_type_t>(type), &back, &slots[i], moved.data(),
-                         static_cast<qx_int64_t>(moved.size() * 8)));
+        ASSERT_EQ(0, pmsg_test::read(type, &back, &slots[i], moved.data(), moved.size() * 8,
+                                     QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP));
         std::string why;
         EXPECT_TRUE(pmsg_test::values_equal(type, values[i], back, &why)) << why;
         if (!pmsg_test::is_scalar_type(type)) free(back.ptr_char);
