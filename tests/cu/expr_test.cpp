@@ -33,9 +33,7 @@ Bytes slot_of(const void *p, size_t n) {
 }
 
 Bytes text_form(const std::string &s) {
-    Bytes b(s.begin(), s.end());
-    b.push_back(0);
-    return b;
+    return Bytes(s.c_str(), s.c_str() + s.size() + 1);
 }
 
 Bytes bin_form(const Bytes &data) {
@@ -45,24 +43,25 @@ Bytes bin_form(const Bytes &data) {
     return b;
 }
 
-// Count, 0, then the 8-byte slots.
-Bytes scalar_array_form(const std::vector<Bytes> &slots) {
-    Bytes b(8, 0);
-    put32(b, 0, static_cast<uint32_t>(slots.size()));
-    for (const Bytes &s : slots) b.insert(b.end(), s.begin(), s.end());
-    return b;
+// Appends `form` to `area` at the next multiple of 8 and writes its anchor
+// (offset in `area`, length) into `anchors` at `at`.
+void anchor(Bytes &area, Bytes &anchors, size_t at, const Bytes &form) {
+    pad8(area);
+    put32(anchors, at, static_cast<uint32_t>(area.size()));
+    put32(anchors, at + 4, static_cast<uint32_t>(form.size()));
+    area.insert(area.end(), form.begin(), form.end());
 }
 
-// Count, 0, anchors relative to the form, then each nested form 8-aligned.
-Bytes ptr_array_form(const std::vector<Bytes> &forms) {
-    Bytes b(8 + 8 * forms.size(), 0);
-    put32(b, 0, static_cast<uint32_t>(forms.size()));
-    for (size_t i = 0; i < forms.size(); ++i) {
-        pad8(b);
-        put32(b, 8 + 8 * i, static_cast<uint32_t>(b.size()));
-        put32(b, 12 + 8 * i, static_cast<uint32_t>(forms[i].size()));
-        b.insert(b.end(), forms[i].begin(), forms[i].end());
+// Count, 0, then the 8-byte slots or the anchors of the nested forms.
+Bytes array_form(const std::vector<Bytes> &elements, bool scalars = false) {
+    Bytes b(8, 0);
+    put32(b, 0, static_cast<uint32_t>(elements.size()));
+    if (scalars) {
+        for (const Bytes &s : elements) b.insert(b.end(), s.begin(), s.end());
+        return b;
     }
+    b.resize(8 + 8 * elements.size());
+    for (size_t i = 0; i < elements.size(); ++i) anchor(b, b, 8 + 8 * i, elements[i]);
     return b;
 }
 
@@ -77,16 +76,12 @@ Bytes sd_form(const std::vector<Element> &elements) {
     Bytes b(8 + 16 * elements.size(), 0);
     put32(b, 0, static_cast<uint32_t>(elements.size()));
     for (size_t i = 0; i < elements.size(); ++i) {
-        size_t at = 8 + 16 * i;
-        put32(b, at, static_cast<uint32_t>(elements[i].type));
-        if (!elements[i].is_form) {
-            memcpy(b.data() + at + 8, elements[i].slot_or_form.data(), 8);
-            continue;
+        put32(b, 8 + 16 * i, static_cast<uint32_t>(elements[i].type));
+        if (elements[i].is_form) {
+            anchor(b, b, 16 + 16 * i, elements[i].slot_or_form);
+        } else {
+            memcpy(b.data() + 16 + 16 * i, elements[i].slot_or_form.data(), 8);
         }
-        pad8(b);
-        put32(b, at + 8, static_cast<uint32_t>(b.size()));
-        put32(b, at + 12, static_cast<uint32_t>(elements[i].slot_or_form.size()));
-        b.insert(b.end(), elements[i].slot_or_form.begin(), elements[i].slot_or_form.end());
     }
     return b;
 }
@@ -105,12 +100,8 @@ struct Row {
         slots.insert(slots.end(), s.begin(), s.end());
     }
     void form(const Bytes &f) {
-        pad8(area);
-        Bytes s(8, 0);
-        put32(s, 0, static_cast<uint32_t>(area.size()));
-        put32(s, 4, static_cast<uint32_t>(f.size()));
-        area.insert(area.end(), f.begin(), f.end());
-        slots.insert(slots.end(), s.begin(), s.end());
+        slots.resize(slots.size() + 8);
+        anchor(area, slots, slots.size() - 8, f);
     }
     uint32_t slot_count() const { return static_cast<uint32_t>(slots.size() / 8); }
 };
@@ -120,24 +111,15 @@ struct Column {
     qx_data_type_t type;
 };
 
-const Column kColumns[] = {{"i32", QX_INT32},
-                           {"u32", QX_UINT32},
-                           {"i64", QX_INT64},
-                           {"u64", QX_UINT64},
-                           {"f32", QX_FLOAT32},
-                           {"f64", QX_FLOAT64},
-                           {"name", QX_CHAR_PTR},
-                           {"blob", QX_BINARY_PTR},
-                           {"owner", QX_RSRC_HANDLE_PTR},
-                           {"info", QX_SD_PTR},
-                           {"sbs", QX_SBS_PTR},
-                           {"nums", QX_INT32_ARRAY},
-                           {"tags", QX_CHAR_PTR_ARRAY},
-                           {"parts", QX_SD_PTR_ARRAY},
-                           {"weird name", QX_INT32},
-                           {"AND", QX_INT32},
-                           {"doubles", QX_FLOAT64_ARRAY},
-                           {"blobs", QX_BINARY_PTR_ARRAY}};
+// clang-format off
+const Column kColumns[] = {
+    {"i32", QX_INT32}, {"u32", QX_UINT32}, {"i64", QX_INT64}, {"u64", QX_UINT64},
+    {"f32", QX_FLOAT32}, {"f64", QX_FLOAT64}, {"name", QX_CHAR_PTR}, {"blob", QX_BINARY_PTR},
+    {"owner", QX_RSRC_HANDLE_PTR}, {"info", QX_SD_PTR}, {"sbs", QX_SBS_PTR},
+    {"nums", QX_INT32_ARRAY}, {"tags", QX_CHAR_PTR_ARRAY}, {"parts", QX_SD_PTR_ARRAY},
+    {"weird name", QX_INT32}, {"AND", QX_INT32}, {"doubles", QX_FLOAT64_ARRAY},
+    {"blobs", QX_BINARY_PTR_ARRAY}};
+// clang-format on
 const Column kInfoFields[] = {{"level", QX_INT32}, {"label", QX_CHAR_PTR}, {"ratio", QX_FLOAT64}};
 const Column kPartFields[] = {{"id", QX_UINT32}, {"what", QX_CHAR_PTR}};
 
@@ -194,10 +176,10 @@ Row sample_row() {
     r.form(bin_form({0x01, 0x02}));  // an SBS has the same byte form
     std::vector<Bytes> nums;
     for (int32_t v : {3, 1, 4, 1, 5}) nums.push_back(slot_of(&v, 4));
-    r.form(scalar_array_form(nums));
-    r.form(ptr_array_form({text_form("red"), text_form("green"), text_form("")}));
+    r.form(array_form(nums, true));
+    r.form(array_form({text_form("red"), text_form("green"), text_form("")}));
     uint32_t id0 = 10, id1 = 11;
-    r.form(ptr_array_form(
+    r.form(array_form(
         {sd_form({scalar_element(QX_UINT32, &id0, 4), {QX_CHAR_PTR, text_form("wheel"), true}}),
          sd_form({scalar_element(QX_UINT32, &id1, 4), {QX_CHAR_PTR, text_form("axle"), true}})}));
     int32_t weird = 99, and_col = 1;
@@ -205,8 +187,8 @@ Row sample_row() {
     r.scalar(&and_col, 4);
     std::vector<Bytes> doubles;
     for (double v : {0.5, -1.0}) doubles.push_back(slot_of(&v, 8));
-    r.form(scalar_array_form(doubles));
-    r.form(ptr_array_form({bin_form({}), bin_form({0xff})}));
+    r.form(array_form(doubles, true));
+    r.form(array_form({bin_form({}), bin_form({0xff})}));
     return r;
 }
 
@@ -510,7 +492,7 @@ TEST(ExprEvalTest, RowsOfAnotherShapeOrWithBadAnchorsAreSkippedNotFollowed) {
     put32(t.slots, 6 * 8 + 4, 3);  // the last byte is not the NUL
     EXPECT_EQ(CU_EXPR_BAD_ROW, run("name == 'x'", t, &match));
     Row a = sample_row();
-    Bytes bad = ptr_array_form({text_form("red")});
+    Bytes bad = array_form({text_form("red")});
     put32(bad, 8, 4000);  // a nested anchor leaving its array
     a.slots.resize(12 * 8);
     a.form(bad);
