@@ -163,17 +163,15 @@ TEST(MismatchedTextTest, ConversionsThatDoNotFitTheRecordedValuesPrintQuestionMa
     const struct {
         const char *text;
         const char *expected;
-    } cases[] = {
-        {"[%1$s][%3$s]", "[?][?]"},
-        {"[%2$d][%2$f][%2$c][%3$d][%1$f]", "[?][?][?][?][?]"},
-        {"[%4$s] %2$s", "[?] text"},
-        {"%1$x %1$lld %1$d", "ffffffff -1 -1"},
-        {"[%1$*2$d]", "[?]"},
-        {"[%2$*1$s]", "[text]"},
-        {"%999999999d", "%999999999d"},
-        {"[%2$#0-5s]", "[text ]"},
-        {"[%1$#d][%1$#x]", "[-1][0xffffffff]"},
-    };
+    } cases[] = {{"[%1$s][%3$s]", "[?][?]"},
+                 {"[%2$d][%2$f][%2$c][%3$d][%1$f]", "[?][?][?][?][?]"},
+                 {"[%4$s] %2$s", "[?] text"},
+                 {"%1$x %1$lld %1$d", "ffffffff -1 -1"},
+                 {"[%1$*2$d]", "[?]"},
+                 {"[%2$*1$s]", "[text]"},
+                 {"%999999999d", "%999999999d"},
+                 {"[%2$#0-5s]", "[text ]"},
+                 {"[%1$#d][%1$#x]", "[-1][0xffffffff]"}};
     for (const auto &c : cases) EXPECT_EQ(c.expected, format(c.text, args)) << c.text;
     EXPECT_EQ("?", format("%1$d"));
     // Widths taken from a value are bounded in both signs.

@@ -205,27 +205,25 @@ TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
         uint32_t length;
         const char *what;
         bool overlap = false;
-    } cases[] = {
-        {QX_CHAR_PTR, {0x61616161}, 4, "text without its NUL"},
-        {QX_CHAR_PTR, {0}, 0, "text of no bytes"},
-        {QX_BINARY_PTR, {5, 0}, 8, "binary length disagrees with the anchor"},
-        {QX_BINARY_PTR, {0}, 3, "binary shorter than its length word"},
-        {QX_SBS_PTR, {0xFFFFFFFF}, 4, "negative sbs length"},
-        {QX_RSRC_HANDLE_PTR, {1, 2, 3, 4}, 16, "resource handle of 16 bytes"},
-        {QX_INT64_ARRAY, {2, 0, 1, 2}, 16, "array count beyond its bytes"},
-        {QX_INT64_ARRAY, {0x20000000, 0}, 8, "array count that overflows 32 bits"},
-        {QX_CHAR_PTR_ARRAY, {3, 0, 0, 0}, 16, "anchors beyond the form"},
-        {QX_SD_PTR, {1, 0, 0, 0, 0, 0}, 24, "element of type 0"},
-        {QX_SD_PTR, {1, 0, 99, 0, 0, 0}, 24, "element of type 99"},
-        {QX_SD_PTR, {2, 0, 2, 0, 0, 0}, 24, "elements beyond the form"},
-        {QX_CHAR_PTR_ARRAY, {2, 0, 24, 4, 24, 4, 0x00636261}, 28, "one text twice", true},
-        {QX_CHAR_PTR_ARRAY, {1, 0, 4, 4}, 16, "a text over the anchors", true},
-        {QX_CHAR_PTR_ARRAY,
-         {2, 0, 32, 4, 24, 4, 0x00636261, 0, 0x00666564},
-         36,
-         "out of order",
-         true},
-    };
+    } cases[] = {{QX_CHAR_PTR, {0x61616161}, 4, "text without its NUL"},
+                 {QX_CHAR_PTR, {0}, 0, "text of no bytes"},
+                 {QX_BINARY_PTR, {5, 0}, 8, "binary length disagrees with the anchor"},
+                 {QX_BINARY_PTR, {0}, 3, "binary shorter than its length word"},
+                 {QX_SBS_PTR, {0xFFFFFFFF}, 4, "negative sbs length"},
+                 {QX_RSRC_HANDLE_PTR, {1, 2, 3, 4}, 16, "resource handle of 16 bytes"},
+                 {QX_INT64_ARRAY, {2, 0, 1, 2}, 16, "array count beyond its bytes"},
+                 {QX_INT64_ARRAY, {0x20000000, 0}, 8, "array count that overflows 32 bits"},
+                 {QX_CHAR_PTR_ARRAY, {3, 0, 0, 0}, 16, "anchors beyond the form"},
+                 {QX_SD_PTR, {1, 0, 0, 0, 0, 0}, 24, "element of type 0"},
+                 {QX_SD_PTR, {1, 0, 99, 0, 0, 0}, 24, "element of type 99"},
+                 {QX_SD_PTR, {2, 0, 2, 0, 0, 0}, 24, "elements beyond the form"},
+                 {QX_CHAR_PTR_ARRAY, {2, 0, 24, 4, 24, 4, 0x00636261}, 28, "one text twice", true},
+                 {QX_CHAR_PTR_ARRAY, {1, 0, 4, 4}, 16, "a text over the anchors", true},
+                 {QX_CHAR_PTR_ARRAY,
+                  {2, 0, 32, 4, 24, 4, 0x00636261, 0, 0x00666564},
+                  36,
+                  "out of order",
+                  true}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         memset(area, 0, sizeof area);
