@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -61,11 +60,6 @@ class TraceFixture : public ::testing::Test {
     std::string dir_;
     std::string trace_file_;
 };
-
-inline bool FileExists(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
 
 inline std::string ReadAll(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
