@@ -122,115 +122,103 @@ TEST_F(DumpTest, NamesPrintfAndHexStorage) {
     EXPECT_EQ(Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x8); }), "");
 }
 
-TEST_F(DumpTest, HeaderNameAndStateLinesFollowTheirBits) {
-    sr_i_table_t *p_table = KeyOnly("/d/t");
+// A table with a column of every kind, an uncommitted row and application
+// metadata: each detail bit prints its own lines, every one of them with all.
+TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
+    std::vector<sr_column_t> columns = {
+        Column("k", QX_INT32, SR_PRIMARY_KEY | SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED),
+        Column("s", QX_CHAR_PTR, SR_STANDARD),
+        Column("u", QX_UINT32, SR_STANDARD),
+        Column("i", QX_INT64, SR_STANDARD),
+        Column("w", QX_UINT64, SR_STANDARD),
+        Column("f", QX_FLOAT32, SR_STANDARD),
+        Column("d", QX_FLOAT64, SR_STANDARD),
+        Column("b", QX_BINARY_PTR, SR_STANDARD),
+        Column("sd", QX_SD_PTR, SR_STANDARD)};
+    columns[1].default_value.ptr_char = arena_.text("dflt");
+    columns[2].default_value.val_uint32 = 4000000000u;
+    columns[3].default_value.val_int64 = -5000000000ll;
+    columns[4].default_value.val_uint64 = 18000000000000000000ull;
+    columns[5].default_value.val_float32 = 0.5f;
+    columns[6].default_value.val_float64 = -1.25;
+    columns[7].default_value.ptr_binary = qxcross::make_binary(arena_, 2);
+    columns[8].sd_defn = qxcross::sd_definition(arena_);
+    sr_i_table_t *p_table = Table("/d/q", columns, 6);
+    qx_value_t key{}, text{};
+    key.val_int32 = 42;
+    text.ptr_char = arena_.text("hello");
+    ASSERT_EQ(Add(p_table, {key, text}), 0);
+    char data[] = "abc";
+    ASSERT_EQ(sr_i_set_application_metadata(p_table->p_application_metadata, 7, 3, data), 0);
+    const std::string header = "Table p_table(" + Address(p_table) + ")\n";
     EXPECT_EQ(Dump(p_table, 0), "");
     EXPECT_EQ(Dump(p_table, 0xFFFFFFFF00000000ull), "");  // not the table dump's bits
-    EXPECT_EQ(Dump(p_table, 1), "Table p_table(" + Address(p_table) + ")\n  p_name(/d/t)\n");
+    EXPECT_EQ(Dump(p_table, SR_I_DUMP_NAME), header + "  p_name(/d/q)\n");
+    EXPECT_EQ(Dump(p_table, SR_I_DUMP_REFERENCES), header + "  references(1)\n");
+    EXPECT_EQ(
+        Dump(p_table, SR_I_DUMP_COLUMN_MODIFIERS),
+        header + "    qualifier_modifiers(SR_PROTECTED|SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)\n");
+    const Lines rows = Split(
+        Dump(p_table, SR_I_DUMP_ROWS | SR_I_DUMP_APPLIED_RECORDS | SR_I_DUMP_COMMITTED_RECORDS));
+    ASSERT_GT(rows.size(), 6u);
+    EXPECT_EQ(rows[1].rfind("  row(0) p_applied(0x", 0), 0u);
+    EXPECT_NE(rows[1].find(" p_committed(0x0) "), std::string::npos);
+    EXPECT_NE(rows[1].find(" file_offset(0) applied_file_offset(0)"), std::string::npos);
+    EXPECT_EQ(Lines(rows.begin() + 2, rows.begin() + 5),
+              (Lines{"    APPLIED ROW RECORD: replaces_offset(0), COLUMN VALUES:",
+                     "      k(QX_INT32): 42", "      s(QX_CHAR_PTR): hello"}));
+    EXPECT_EQ(rows.back(), "    COMMITTED ROW RECORD: NONE");
+    const std::string all = Dump(p_table, SR_I_DUMP_ALL);
+    EXPECT_EQ(Split(all)[2], "  references(1)");
+    for (const char *line : {"  column(0)",
+                             "    name(k)",
+                             "    type(QX_INT32)",
+                             "    qualifier(SR_PRIMARY_KEY)",
+                             "    qualifier(SR_STANDARD)",
+                             "    properties(0)",
+                             "    default_value: 0",
+                             "    default_value: dflt",
+                             "    default_value: 4000000000",
+                             "    default_value: -5000000000",
+                             "    default_value: 18000000000000000000",
+                             "    default_value: 0.5",
+                             "    default_value: -1.25",
+                             "    default_value: length(7), data:",
+                             "        number_of_fields(2)",
+                             "            type(QX_CHAR_PTR)",
+                             "            name(b)",
+                             "  total_columns(9)",
+                             "  total_variable_length_columns(3)",
+                             "  total_applied_rows(1) total_committed_rows(0) maximum_rows(100)",
+                             "  applied_deletions(0)",
+                             "  change_counter(1)",
+                             "  implicitly_controlled(0)",
+                             "  mode(2)",
+                             "  file_fd(-1)",
+                             "  p_persistent_table_registry_path()",
+                             "    max_elements(1)",
+                             "    total_elements(1)",
+                             "        APPLIED: length(3), data:",
+                             "        COMMITTED: NONE",
+                             "      k(QX_INT32): 42"}) {
+        EXPECT_TRUE(HasLine(all, line)) << line << "\n" << all;
+    }
+    EXPECT_NE(all.find("      0: type(7) p_applied(0x"), std::string::npos);
+    EXPECT_NE(all.find(" 616263"), std::string::npos);
+    // A type no column may have, as a damaged record would carry it.
+    sr_column_t column = sr_i_load_column(&p_table->p_columns[2]);
+    column.type = static_cast<qx_data_type_t>(23);
+    std::memcpy(&p_table->p_columns[2], &column, sizeof column);
+    const std::string garbage = Dump(p_table, SR_I_DUMP_COLUMN_TYPE | SR_I_DUMP_COLUMN_DEFAULT);
+    EXPECT_TRUE(HasLine(garbage, "    type(GARBAGE)")) << garbage;
+    EXPECT_TRUE(HasLine(garbage, "    default_value: GARBAGE")) << garbage;
     EXPECT_EQ(Dump(nullptr, SR_I_DUMP_ALL), "Table p_table(0x00000000)\n");
-    std::vector<sr_column_t> columns = {Column("k", QX_INT32, SR_PRIMARY_KEY)};
     sr_i_table_t *p_unnamed = nullptr;
     ASSERT_EQ(sr_i_create_transient_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
                                           columns.data(), 1, SR_MODE_WRITE, nullptr, &p_unnamed),
               0);
     EXPECT_TRUE(HasLine(Dump(p_unnamed, 1), "  p_name(UNNAMED TABLE)"));
     sr_i_close_table(p_unnamed);
-    const std::string text =
-        Dump(p_table, SR_I_DUMP_REFERENCES | SR_I_DUMP_TOTAL_COLUMNS | SR_I_DUMP_ROW_COUNTS |
-                          SR_I_DUMP_CHANGE_COUNTER | SR_I_DUMP_IMPLICITLY_CONTROLLED |
-                          SR_I_DUMP_VARIABLE_LENGTH_COLUMNS | SR_I_DUMP_FILE_STATE);
-    for (const char *line :
-         {"  references(1)", "  total_columns(1)", "  total_variable_length_columns(0)",
-          "  total_applied_rows(0) total_committed_rows(0) maximum_rows(100)",
-          "  applied_deletions(0)", "  change_counter(1)", "  implicitly_controlled(1)",
-          "  mode(2)", "  file_fd(-1)", "  p_persistent_table_registry_path()"}) {
-        EXPECT_TRUE(HasLine(text, line)) << line << "\n" << text;
-    }
-    EXPECT_FALSE(HasLine(text, "  p_name(/d/t)"));
-    EXPECT_EQ(text.find("applied_change_counter"), std::string::npos);
-    EXPECT_EQ(text.find("p_rows_fixed_index"), std::string::npos);
-    // Application metadata: both versions.
-    char data[] = "abc";
-    ASSERT_EQ(sr_i_set_application_metadata(p_table->p_application_metadata, 7, 3, data), 0);
-    const Lines lines = Split(Dump(p_table, SR_I_DUMP_APPLICATION_METADATA));
-    ASSERT_EQ(lines.size(), 8u);
-    EXPECT_EQ(lines[2], "    max_elements(1)");
-    EXPECT_EQ(lines[3], "    total_elements(1)");
-    EXPECT_EQ(lines[4].rfind("      0: type(7) p_applied(0x", 0), 0u);
-    EXPECT_EQ(lines[5], "        APPLIED: length(3), data:");
-    EXPECT_NE(lines[6].find(" 616263"), std::string::npos);
-    EXPECT_EQ(lines[7], "        COMMITTED: NONE");
-}
-
-// Every column line, default values of every scalar type, text, binary and a
-// structured-data definition; a type no column may have prints GARBAGE.
-TEST_F(DumpTest, ColumnsPrintTheirDefinitionsAndDefaults) {
-    std::vector<sr_column_t> columns = {
-        Column("k", QX_INT32, SR_PRIMARY_KEY | SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED),
-        Column("u", QX_UINT32, SR_STANDARD),
-        Column("i", QX_INT64, SR_STANDARD),
-        Column("w", QX_UINT64, SR_STANDARD),
-        Column("f", QX_FLOAT32, SR_STANDARD),
-        Column("d", QX_FLOAT64, SR_STANDARD),
-        Column("s", QX_CHAR_PTR, SR_STANDARD),
-        Column("b", QX_BINARY_PTR, SR_STANDARD),
-        Column("sd", QX_SD_PTR, SR_STANDARD)};
-    columns[1].default_value.val_uint32 = 4000000000u;
-    columns[2].default_value.val_int64 = -5000000000ll;
-    columns[3].default_value.val_uint64 = 18000000000000000000ull;
-    columns[4].default_value.val_float32 = 0.5f;
-    columns[5].default_value.val_float64 = -1.25;
-    columns[6].default_value.ptr_char = arena_.text("dflt");
-    columns[7].default_value.ptr_binary = qxcross::make_binary(arena_, 2);
-    columns[8].sd_defn = qxcross::sd_definition(arena_);
-    sr_i_table_t *p_table = Table("/d/q", columns);
-    const std::string text =
-        Dump(p_table, SR_I_DUMP_COLUMN | SR_I_DUMP_COLUMN_NAME | SR_I_DUMP_COLUMN_TYPE |
-                          SR_I_DUMP_COLUMN_QUALIFIER | SR_I_DUMP_COLUMN_MODIFIERS |
-                          SR_I_DUMP_COLUMN_DEFAULT | SR_I_DUMP_COLUMN_SD_DEFN);
-    const Lines lines = Split(text);
-    ASSERT_GT(lines.size(), 8u) << text;
-    EXPECT_EQ(
-        Lines(lines.begin() + 1, lines.begin() + 8),
-        (Lines{"  column(0)", "    name(k)", "    type(QX_INT32)", "    qualifier(SR_PRIMARY_KEY)",
-               "    qualifier_modifiers(SR_PROTECTED|SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)",
-               "    sd_defn(0x00000000)", "    default_value: 0"}))
-        << text;
-    for (const char *line :
-         {"    qualifier(SR_STANDARD)", "    default_value: 4000000000",
-          "    default_value: -5000000000", "    default_value: 18000000000000000000",
-          "    default_value: 0.5", "    default_value: -1.25", "    default_value: dflt",
-          "    default_value: length(7), data:", "        number_of_fields(2)",
-          "            type(QX_CHAR_PTR)", "            name(b)"}) {
-        EXPECT_TRUE(HasLine(text, line)) << line << "\n" << text;
-    }
-    // Without a modifier bit set there is no modifiers line at all.
-    EXPECT_EQ(Split(Dump(p_table, SR_I_DUMP_COLUMN_MODIFIERS)).size(), 2u);
-    sr_column_t column = sr_i_load_column(&p_table->p_columns[1]);
-    column.type = static_cast<qx_data_type_t>(23);  // as a damaged record would carry it
-    std::memcpy(&p_table->p_columns[1], &column, sizeof column);
-    const std::string garbage = Dump(p_table, SR_I_DUMP_COLUMN_TYPE | SR_I_DUMP_COLUMN_DEFAULT);
-    EXPECT_TRUE(HasLine(garbage, "    type(GARBAGE)")) << garbage;
-    EXPECT_TRUE(HasLine(garbage, "    default_value: GARBAGE")) << garbage;
-}
-
-TEST_F(DumpTest, RowsShowTheirRecordsAndColumnValues) {
-    sr_i_table_t *p_table = Table(
-        "/d/r", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("s", QX_CHAR_PTR, SR_STANDARD)}, 6);
-    qx_value_t key{}, text{};
-    key.val_int32 = 42;
-    text.ptr_char = arena_.text("hello");
-    ASSERT_EQ(Add(p_table, {key, text}), 0);
-    const Lines lines = Split(
-        Dump(p_table, SR_I_DUMP_ROWS | SR_I_DUMP_APPLIED_RECORDS | SR_I_DUMP_COMMITTED_RECORDS));
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[1].rfind("  row(0) p_applied(0x", 0), 0u);
-    EXPECT_NE(lines[1].find(" p_committed(0x0) "), std::string::npos);
-    EXPECT_NE(lines[1].find(" file_offset(0) applied_file_offset(0)"), std::string::npos);
-    EXPECT_EQ(Lines(lines.begin() + 2, lines.end()),
-              (Lines{"    APPLIED ROW RECORD: replaces_offset(0), COLUMN VALUES:",
-                     "      k(QX_INT32): 42", "      s(QX_CHAR_PTR): hello",
-                     "    COMMITTED ROW RECORD: NONE"}));
 }
 
 // A new file of two int32 columns: 120 bytes (metadata record 96, commit
