@@ -79,43 +79,6 @@ TEST(ErrorReportTest, RecordsCarryTheirValuesPerThreadAndSuccessClears) {
     EXPECT_EQ(0, sr_close_tree_1(b));
 }
 
-// A stand-in for a table, enough for the frame: a lock and a mode.
-struct FakeTable {
-    sr_i_read_write_lock_t lock;
-    qx_uint32_t mode;
-};
-
-TEST(CallFrameTest, RefusesBeforeWorkingAndWorksUnderTheLock) {
-    constexpr sr_i_frame_t kWriter{.p_function = "sr_fake_update_1",
-                                   .entry_id = 41,
-                                   .api_mutex = true,
-                                   .lock = sr_i_lock_kind::table_write,
-                                   .write_mode = true};
-    constexpr sr_i_frame_t kReader{
-        .p_function = "sr_fake_read_1", .entry_id = 43, .lock = sr_i_lock_kind::table_read};
-    int seen = 0;
-    auto work = [&](FakeTable *p) {
-        seen = sr_i_rw_state(&p->lock);
-        return seen == -1 ? SR_ERROR(202) : 0;
-    };
-    EXPECT_EQ(100, sr_i_api_call<FakeTable>(sr_i_this_source, kWriter, nullptr, work));
-    FakeTable table{};
-    sr_i_rw_open(&table.lock);
-    table.mode = SR_MODE_READ;
-    EXPECT_EQ(206, sr_i_api_call<FakeTable>(sr_i_this_source, kWriter, &table, work));
-    EXPECT_EQ(0, seen);
-    EXPECT_EQ(0, sr_i_rw_state(&table.lock));
-    table.mode = SR_MODE_WRITE;
-    EXPECT_EQ(202, sr_i_api_call<FakeTable>(sr_i_this_source, kWriter, &table, work));
-    EXPECT_EQ(-1, seen);
-    EXPECT_EQ(202, last_error().code);
-    EXPECT_EQ(0, sr_i_api_call<FakeTable>(sr_i_this_source, kReader, &table, work));
-    EXPECT_EQ(1, seen);
-    EXPECT_EQ(0, last_error().code);
-    EXPECT_EQ(0, sr_i_rw_state(&table.lock));
-    sr_i_rw_close(&table.lock);
-}
-
 std::string read_file(const std::string &path) {
     std::ifstream in(path);
     std::stringstream buffer;
