@@ -251,10 +251,8 @@ TEST_F(PoolTest, MisuseIsRefusedAndChangesNothing) {
 
 // A table's file is read straight into room found in an empty pool, over the
 // room's own header, and the room is taken as one record: the link words the
-// file brings along never become part of the chain.  The loader then frees
-// the dead records in file order and, now and then, an earlier row a later
-// record supersedes.
-TEST_F(PoolTest, RecordsOfAFileImageFreedInFileOrderAreChainedInOrder) {
+// file brings along never become part of the chain.
+TEST_F(PoolTest, LinkWordsOfAFileImageNeverReachTheChain) {
     constexpr qx_uint32_t kImage = 300;
     char *p_previous = nullptr;
     char *p_data = find(kImage + 500 - kHeader, &p_previous);
@@ -275,31 +273,6 @@ TEST_F(PoolTest, RecordsOfAFileImageFreedInFileOrderAreChainedInOrder) {
     ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_room + 100 + kHeader));
     EXPECT_EQ((Records{p_room + 100, p_room + kImage}), free_chain(pool_));
     EXPECT_TRUE(pool_is_consistent(pool_));
-    sr_i_rb_uninitialize_record_buffer_pool(&pool_);
-
-    constexpr qx_uint32_t kRecords = 4000, kLength = 40;
-    char *p_first = reserve(kRecords * kLength - kHeader, SR_I_RECORD_TYPE_METADATA) - kHeader;
-    for (qx_uint32_t i = 0; i < kRecords; ++i) {
-        char *p = p_first + i * kLength;
-        sr_i_set_record_length(p, kLength);
-        sr_i_set_record_link(p, 0xDEAD0000u + i);
-        sr_i_set_record_type(p, i % 3 == 1 ? SR_I_RECORD_TYPE_FREE : SR_I_RECORD_TYPE_ROW);
-    }
-    std::mt19937 random(4);
-    std::set<qx_uint32_t> superseded;
-    for (qx_uint32_t i = 0; i < kRecords; ++i) {
-        qx_uint32_t dead = i;
-        if (i % 3 != 1) {
-            dead = (random() % std::max(1u, i / 3)) * 3;  // a row record before this one
-            if (i <= 10 || random() % 4 != 0 || !superseded.insert(dead).second) continue;
-        }
-        ASSERT_EQ(0, sr_i_rb_free_record(&pool_, p_first + dead * kLength + kHeader));
-    }
-    ASSERT_TRUE(pool_is_consistent(pool_));
-    // Each superseded row lies just before a dead record and merges with it.
-    const qx_uint32_t dead = kRecords / 3 + static_cast<qx_uint32_t>(superseded.size());
-    EXPECT_EQ(kRecords / 3, free_chain(pool_).size());
-    EXPECT_EQ(pool_.total_bytes - (dead * kLength - kRecords / 3 * kHeader), pool_.used_bytes);
 }
 
 TEST_F(PoolTest, DuplicatingThreeBuffersYieldsOneBufferSixteenBytesSmaller) {
