@@ -5,6 +5,7 @@
 // those bytes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -20,11 +21,8 @@ using qxtest::ReadBytes;
 
 // Where two byte strings first differ, or -1: readable for kilobytes.
 long FirstDifference(const std::string &a, const std::string &b) {
-    const size_t n = std::min(a.size(), b.size());
-    for (size_t i = 0; i < n; ++i) {
-        if (a[i] != b[i]) return static_cast<long>(i);
-    }
-    return a.size() == b.size() ? -1 : static_cast<long>(n);
+    if (a == b) return -1;
+    return std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
 }
 
 template <typename T>
