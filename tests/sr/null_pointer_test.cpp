@@ -12,13 +12,6 @@
 
 namespace {
 
-qx_uint32_t Hash(const void *) {
-    return 0;
-}
-qx_int32_t Compare(const void *, const void *) {
-    return 0;
-}
-
 qx_int32_t SelectedRows(sr_opaque_handle_t table, qx_uint32_t *p_total, qx_uint32_t **p_p_rows,
                         ...) {
     va_list ap;
@@ -37,6 +30,8 @@ TEST_F(NullPointerTest, EveryExportedCallGives101ForEachMissingPointerBeforeLock
     sr_opaque_handle_t t = nullptr;
     ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), SR_MODE_READ, &t), 0);
     sr_opaque_handle_t r = tree_;
+    auto Hash = [](const void *) -> qx_uint32_t { return 0; };
+    auto Compare = [](const void *, const void *) -> qx_int32_t { return 0; };
 
     char *k = Text("k"), *c1 = Text("c1");
     qx_value_t v{}, key{};
