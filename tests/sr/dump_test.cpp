@@ -1,10 +1,9 @@
 // Diagnostic dumps: which detail bit prints which line, the exact line forms,
-// the hex dump, the type and qualifier names, and the tree dump on standard
-// output.
+// the hex dump, the type and qualifier names, and the tree dump.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,8 +18,9 @@
 namespace {
 
 using qxcross::Arena;
+using Lines = std::vector<std::string>;
 
-// Runs `dump` against a memory stream and returns what it printed.
+// What `dump` printed to a memory stream.
 template <typename Dump>
 std::string Capture(Dump &&dump) {
     char *p_text = nullptr;
@@ -33,18 +33,22 @@ std::string Capture(Dump &&dump) {
     return text;
 }
 
-std::vector<std::string> Lines(const std::string &text) {
-    std::vector<std::string> lines;
+Lines Split(const std::string &text) {
+    Lines lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 bool HasLine(const std::string &text, const std::string &line) {
-    for (const std::string &l : Lines(text)) {
-        if (l == line) return true;
-    }
-    return false;
+    const Lines lines = Split(text);
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+std::string Address(const void *p) {
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%.8lx", static_cast<unsigned long>(uintptr_t(p)));
+    return text;
 }
 
 class DumpTest : public ::testing::Test {
@@ -52,12 +56,11 @@ class DumpTest : public ::testing::Test {
     void SetUp() override { ASSERT_EQ(sr_open_tree_1(&tree_, 0, 0), 0); }
     void TearDown() override { sr_close_tree_1(tree_); }
 
-    sr_i_table_t *Table(const std::string &path, std::vector<sr_column_t> columns) {
+    sr_i_table_t *Table(const std::string &path, std::vector<sr_column_t> columns, int mode = 2) {
         sr_opaque_handle_t handle = nullptr;
-        EXPECT_EQ(
-            sr_create_table_1(tree_, arena_.text(path), columns.data(),
-                              static_cast<qx_uint32_t>(columns.size()), SR_MODE_WRITE, &handle),
-            0);
+        EXPECT_EQ(sr_create_table_1(tree_, arena_.text(path), columns.data(),
+                                    static_cast<qx_uint32_t>(columns.size()), mode, &handle),
+                  0);
         return static_cast<sr_i_table_t *>(handle);
     }
     sr_column_t Column(const char *name, qx_data_type_t type, qx_uint32_t qualifier) {
@@ -67,66 +70,24 @@ class DumpTest : public ::testing::Test {
         c.qualifier = qualifier;
         return c;
     }
+    sr_i_table_t *KeyOnly(const std::string &path) {
+        return Table(path, {Column("k", QX_INT32, SR_PRIMARY_KEY)});
+    }
     std::string Dump(sr_i_table_t *p_table, qx_uint64_t flags) {
         return Capture([&](FILE *p) { EXPECT_EQ(sr_i_dump_table(p_table, p, flags), 0); });
+    }
+    qx_int32_t Add(sr_i_table_t *p_table, std::vector<qx_value_t> values) {
+        qx_char_ptr_t names[] = {arena_.text("k"), arena_.text("s")};
+        qx_value_t *p_values[] = {&values[0], &values[1]};
+        return sr_add_row_1(p_table, names, p_values, 2);
     }
 
     sr_opaque_handle_t tree_ = nullptr;
     Arena arena_;
 };
 
-TEST_F(DumpTest, NoDetailBitsPrintNothingAtAll) {
-    sr_i_table_t *p_table = Table("/d/t", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
-    EXPECT_EQ(Dump(p_table, 0), "");
-    // The high word is not the table dump's either.
-    EXPECT_EQ(Dump(p_table, 0xFFFFFFFF00000000ull), "");
-}
-
-TEST_F(DumpTest, NameBitPrintsTheHeaderAndTheNameOnly) {
-    sr_i_table_t *p_table = Table("/d/t", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
-    char header[64];
-    std::snprintf(header, sizeof header, "Table p_table(0x%.8lx)\n",
-                  static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p_table)));
-    EXPECT_EQ(Dump(p_table, 1), std::string(header) + "  p_name(/d/t)\n");
-}
-
-TEST_F(DumpTest, TableWithoutNameAndNullTable) {
-    std::vector<sr_column_t> columns = {Column("k", QX_INT32, SR_PRIMARY_KEY)};
-    sr_i_table_t *p_unnamed = nullptr;
-    ASSERT_EQ(sr_i_create_transient_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
-                                          columns.data(), 1, SR_MODE_WRITE, nullptr, &p_unnamed),
-              0);
-    EXPECT_TRUE(HasLine(Dump(p_unnamed, 1), "  p_name(UNNAMED TABLE)"));
-    sr_i_close_table(p_unnamed);
-    EXPECT_EQ(Dump(nullptr, SR_I_DUMP_ALL), "Table p_table(0x00000000)\n");
-}
-
-TEST_F(DumpTest, KeyWithModifiersPrintsItsQualifierAndModifiersLines) {
-    sr_i_table_t *p_table =
-        Table("/d/q", {Column("v", QX_UINT32, SR_STANDARD),
-                       Column("k", QX_CHAR_PTR,
-                              SR_PRIMARY_KEY | SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)});
-    const std::string text =
-        Dump(p_table, SR_I_DUMP_COLUMN | SR_I_DUMP_COLUMN_NAME | SR_I_DUMP_COLUMN_TYPE |
-                          SR_I_DUMP_COLUMN_QUALIFIER | SR_I_DUMP_COLUMN_MODIFIERS);
-    const std::vector<std::string> lines = Lines(text);
-    ASSERT_EQ(lines.size(), 10u) << text;
-    // The key is column 0.
-    EXPECT_EQ(lines[1], "  column(0)");
-    EXPECT_EQ(lines[2], "    name(k)");
-    EXPECT_EQ(lines[3], "    type(QX_CHAR_PTR)");
-    EXPECT_EQ(lines[4], "    qualifier(SR_PRIMARY_KEY)");
-    EXPECT_EQ(lines[5], "    qualifier_modifiers(SR_PROTECTED|SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)");
-    EXPECT_EQ(lines[6], "  column(1)");
-    EXPECT_EQ(lines[9], "    qualifier(SR_STANDARD)");
-    // Without a modifier bit set there is no modifiers line at all.
-    const std::string plain = Dump(p_table, SR_I_DUMP_COLUMN_MODIFIERS);
-    EXPECT_EQ(Lines(plain).size(), 2u) << plain;
-}
-
-TEST_F(DumpTest, TypeAndQualifierNames) {
+TEST_F(DumpTest, NamesPrintfAndHexStorage) {
     EXPECT_STREQ(sr_i_get_type_string(QX_UNKNOWN), "QX_UNKNOWN");
-    EXPECT_STREQ(sr_i_get_type_string(QX_INT32), "QX_INT32");
     EXPECT_STREQ(sr_i_get_type_string(QX_RSRC_HANDLE_PTR), "QX_RSRC_HANDLE_PTR");
     EXPECT_STREQ(sr_i_get_type_string(QX_SD_PTR_ARRAY), "QX_SD_PTR_ARRAY");
     EXPECT_STREQ(sr_i_get_type_string(static_cast<qx_data_type_t>(23)), "GARBAGE");
@@ -137,234 +98,154 @@ TEST_F(DumpTest, TypeAndQualifierNames) {
                  "SR_PRIMARY_KEY_NOCHECK");
     EXPECT_STREQ(sr_i_get_qualifier_type_string(5), "GARBAGE");
     EXPECT_STREQ(sr_i_get_qualifier_type_string(15 | SR_PROTECTED), "GARBAGE");
-}
-
-TEST_F(DumpTest, TypeTwentyThreeInAColumnPrintsGarbage) {
-    sr_i_table_t *p_table =
-        Table("/d/g", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("v", QX_INT64, SR_STANDARD)});
-    // Overlay the type in memory, as a damaged record would carry it.
-    sr_column_t column = sr_i_load_column(&p_table->p_columns[1]);
-    column.type = static_cast<qx_data_type_t>(23);
-    std::memcpy(&p_table->p_columns[1], &column, sizeof column);
-    const std::string text = Dump(p_table, SR_I_DUMP_COLUMN_TYPE | SR_I_DUMP_COLUMN_DEFAULT);
-    EXPECT_TRUE(HasLine(text, "    type(GARBAGE)")) << text;
-    EXPECT_TRUE(HasLine(text, "    default_value: GARBAGE")) << text;
-}
-
-TEST_F(DumpTest, PrintfPrintsOnlyWithARequiredBit) {
     EXPECT_EQ(Capture([](FILE *p) { EXPECT_EQ(sr_i_printf(0x10, 0x0F, p, "x%d", 1), 0); }), "");
     EXPECT_EQ(Capture([](FILE *p) { EXPECT_EQ(sr_i_printf(0x18, 0x08, p, "x%d", 12), 3); }), "x12");
-}
-
-TEST_F(DumpTest, StorageLinesHoldWidthWordsGroupedByFour) {
+    // Lines of `width` words grouped by four, the last one left unended.
     unsigned char bytes[70];
     for (int i = 0; i < 70; ++i) bytes[i] = static_cast<unsigned char>(i);
     const std::string text =
         Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x4); });
-    const std::vector<std::string> lines = Lines(text);
+    const Lines lines = Split(text);
     ASSERT_EQ(lines.size(), 2u);
-    char prefix[32];
-    std::snprintf(prefix, sizeof prefix, ">>0x%.8lx ",
-                  static_cast<unsigned long>(reinterpret_cast<uintptr_t>(bytes)));
-    EXPECT_EQ(lines[0].rfind(prefix, 0), 0u);
-    EXPECT_EQ(lines[0].substr(std::strlen(prefix), 18), "00010203 04050607 ");
-    // 64 bytes: 16 groups of 8 hex digits and a blank.
-    EXPECT_EQ(lines[0].size(), std::strlen(prefix) + 16 * 9);
-    std::snprintf(prefix, sizeof prefix, ">>0x%.8lx ",
-                  static_cast<unsigned long>(reinterpret_cast<uintptr_t>(bytes + 64)));
-    EXPECT_EQ(lines[1], std::string(prefix) + "40414243 4445");
-    // The last line is not ended: the caller ends it.
+    const std::string prefix = ">>" + Address(bytes) + " ";
+    EXPECT_EQ(lines[0].rfind(prefix + "00010203 04050607 ", 0), 0u);
+    EXPECT_EQ(lines[0].size(), prefix.size() + 16 * 9);
+    EXPECT_EQ(lines[1], ">>" + Address(bytes + 64) + " 40414243 4445");
     EXPECT_NE(text.back(), '\n');
     EXPECT_EQ(Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x8); }), "");
 }
 
-TEST_F(DumpTest, CountersAndStateLinesFollowTheirBits) {
-    sr_i_table_t *p_table = Table("/d/c", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
-    const std::string text =
-        Dump(p_table, SR_I_DUMP_REFERENCES | SR_I_DUMP_TOTAL_COLUMNS | SR_I_DUMP_ROW_COUNTS |
-                          SR_I_DUMP_CHANGE_COUNTER | SR_I_DUMP_IMPLICITLY_CONTROLLED |
-                          SR_I_DUMP_VARIABLE_LENGTH_COLUMNS | SR_I_DUMP_FILE_STATE);
-    EXPECT_TRUE(HasLine(text, "  references(1)")) << text;
-    EXPECT_TRUE(HasLine(text, "  total_columns(1)"));
-    EXPECT_TRUE(HasLine(text, "  total_variable_length_columns(0)"));
-    EXPECT_TRUE(HasLine(text, "  total_applied_rows(0) total_committed_rows(0) maximum_rows(100)"));
-    EXPECT_TRUE(HasLine(text, "  applied_deletions(0)"));
-    EXPECT_TRUE(HasLine(text, "  change_counter(1)"));
-    EXPECT_TRUE(HasLine(text, "  implicitly_controlled(1)"));
-    EXPECT_TRUE(HasLine(text, "  mode(2)"));
-    EXPECT_TRUE(HasLine(text, "  file_fd(-1)"));
-    EXPECT_TRUE(HasLine(text, "  p_persistent_table_registry_path()"));
-    EXPECT_FALSE(HasLine(text, "  p_name(/d/c)"));
-    EXPECT_EQ(text.find("applied_change_counter"), std::string::npos);
-    EXPECT_EQ(text.find("p_rows_fixed_index"), std::string::npos);
-}
-
-TEST_F(DumpTest, DefaultValuesPrintByType) {
+// A table with a column of every kind, an uncommitted row and application
+// metadata: each detail bit prints its own lines, every one of them with all.
+TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     std::vector<sr_column_t> columns = {
-        Column("k", QX_INT32, SR_PRIMARY_KEY), Column("i", QX_INT64, SR_STANDARD),
-        Column("s", QX_CHAR_PTR, SR_STANDARD), Column("b", QX_BINARY_PTR, SR_STANDARD)};
-    columns[1].default_value.val_int64 = -5000000000ll;
-    columns[2].default_value.ptr_char = arena_.text("dflt");
-    qx_binary_t *p_binary = static_cast<qx_binary_t *>(arena_.alloc(QX_BINARY_SIZE(3)));
-    p_binary->length = 3;
-    p_binary->data[0] = 0xAB;
-    p_binary->data[1] = 0xCD;
-    p_binary->data[2] = 0xEF;
-    columns[3].default_value.ptr_binary = p_binary;
-    sr_i_table_t *p_table = Table("/d/v", columns);
-    const std::vector<std::string> lines = Lines(Dump(p_table, SR_I_DUMP_COLUMN_DEFAULT));
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[1], "    default_value: 0");
-    EXPECT_EQ(lines[2], "    default_value: -5000000000");
-    EXPECT_EQ(lines[3], "    default_value: dflt");
-    EXPECT_EQ(lines[4], "    default_value: length(7), data:");
-    // The binary's protocol form: its length word (3) and its bytes.
-    EXPECT_NE(lines[5].find(" 03000000 abcdef"), std::string::npos) << lines[5];
-}
-
-TEST_F(DumpTest, RowsShowTheirRecordsAndColumnValues) {
-    sr_i_table_t *p_table = Table(
-        "/d/r", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("s", QX_CHAR_PTR, SR_STANDARD)});
-    p_table->implicitly_controlled = 0;  // keep the added row uncommitted
-    qx_value_t key, text;
-    key.val_uint64 = 0;
+        Column("k", QX_INT32, SR_PRIMARY_KEY | SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED),
+        Column("s", QX_CHAR_PTR, SR_STANDARD),
+        Column("u", QX_UINT32, SR_STANDARD),
+        Column("i", QX_INT64, SR_STANDARD),
+        Column("w", QX_UINT64, SR_STANDARD),
+        Column("f", QX_FLOAT32, SR_STANDARD),
+        Column("d", QX_FLOAT64, SR_STANDARD),
+        Column("b", QX_BINARY_PTR, SR_STANDARD),
+        Column("sd", QX_SD_PTR, SR_STANDARD)};
+    columns[1].default_value.ptr_char = arena_.text("dflt");
+    columns[2].default_value.val_uint32 = 4000000000u;
+    columns[3].default_value.val_int64 = -5000000000ll;
+    columns[4].default_value.val_uint64 = 18000000000000000000ull;
+    columns[5].default_value.val_float32 = 0.5f;
+    columns[6].default_value.val_float64 = -1.25;
+    columns[7].default_value.ptr_binary = qxcross::make_binary(arena_, 2);
+    columns[8].sd_defn = qxcross::sd_definition(arena_);
+    sr_i_table_t *p_table = Table("/d/q", columns, 6);
+    qx_value_t key{}, text{};
     key.val_int32 = 42;
     text.ptr_char = arena_.text("hello");
-    qx_char_ptr_t names[] = {arena_.text("k"), arena_.text("s")};
-    qx_value_t *values[] = {&key, &text};
-    ASSERT_EQ(sr_add_row_1(p_table, names, values, 2), 0);
-    const std::string text_dump =
-        Dump(p_table, SR_I_DUMP_ROWS | SR_I_DUMP_APPLIED_RECORDS | SR_I_DUMP_COMMITTED_RECORDS);
-    const std::vector<std::string> lines = Lines(text_dump);
-    ASSERT_EQ(lines.size(), 6u) << text_dump;
-    EXPECT_EQ(lines[1].rfind("  row(0) p_applied(0x", 0), 0u);
-    EXPECT_NE(lines[1].find(" p_committed(0x0) "), std::string::npos);
-    EXPECT_NE(lines[1].find(" file_offset(0) applied_file_offset(0)"), std::string::npos);
-    EXPECT_EQ(lines[2], "    APPLIED ROW RECORD: replaces_offset(0), COLUMN VALUES:");
-    EXPECT_EQ(lines[3], "      k(QX_INT32): 42");
-    EXPECT_EQ(lines[4], "      s(QX_CHAR_PTR): hello");
-    EXPECT_EQ(lines[5], "    COMMITTED ROW RECORD: NONE");
-}
-
-TEST_F(DumpTest, PoolDumpTotalsAgreeWithThePool) {
-    sr_i_table_t *p_table = Table(
-        "/d/p", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("s", QX_CHAR_PTR, SR_STANDARD)});
-    qx_char_ptr_t names[] = {arena_.text("k"), arena_.text("s")};
-    for (int i = 0; i < 20; ++i) {
-        qx_value_t key, text;
-        key.val_uint64 = 0;
-        key.val_int32 = i;
-        text.ptr_char = arena_.text(std::string(static_cast<size_t>(i) * 7, 'x'));
-        qx_value_t *values[] = {&key, &text};
-        ASSERT_EQ(sr_add_row_1(p_table, names, values, 2), 0);
-    }
-    ASSERT_EQ(sr_delete_row_by_index_1(p_table, 4), 0);
-    const std::string text = Dump(p_table, SR_I_DUMP_RECORD_BUFFER_POOL);
-    char line[96];
-    std::snprintf(line, sizeof line, "  cumulative_total_bytes(%u)",
-                  p_table->record_buffer_pool.total_bytes);
-    EXPECT_TRUE(HasLine(text, line)) << text;
-    std::snprintf(line, sizeof line, "  cumulative_used_bytes(%u)",
-                  p_table->record_buffer_pool.used_bytes);
-    EXPECT_TRUE(HasLine(text, line)) << text;
-    int records = 0;
-    for (const std::string &l : Lines(text)) records += l.rfind("    record(", 0) == 0;
-    EXPECT_GE(records, 21);  // the metadata record, the live rows and free space
-}
-
-TEST_F(DumpTest, ApplicationMetadataShowsBothVersions) {
-    sr_i_table_t *p_table = Table("/d/a", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
+    ASSERT_EQ(Add(p_table, {key, text}), 0);
     char data[] = "abc";
     ASSERT_EQ(sr_i_set_application_metadata(p_table->p_application_metadata, 7, 3, data), 0);
-    const std::vector<std::string> lines = Lines(Dump(p_table, SR_I_DUMP_APPLICATION_METADATA));
-    ASSERT_EQ(lines.size(), 8u);
-    EXPECT_EQ(lines[2], "    max_elements(1)");
-    EXPECT_EQ(lines[3], "    total_elements(1)");
-    EXPECT_EQ(lines[4].rfind("      0: type(7) p_applied(0x", 0), 0u);
-    EXPECT_EQ(lines[5], "        APPLIED: length(3), data:");
-    EXPECT_NE(lines[6].find(" 616263"), std::string::npos);
-    EXPECT_EQ(lines[7], "        COMMITTED: NONE");
+    const std::string header = "Table p_table(" + Address(p_table) + ")\n";
+    EXPECT_EQ(Dump(p_table, 0), "");
+    EXPECT_EQ(Dump(p_table, 0xFFFFFFFF00000000ull), "");  // not the table dump's bits
+    EXPECT_EQ(Dump(p_table, SR_I_DUMP_NAME), header + "  p_name(/d/q)\n");
+    EXPECT_EQ(Dump(p_table, SR_I_DUMP_REFERENCES), header + "  references(1)\n");
+    EXPECT_EQ(
+        Dump(p_table, SR_I_DUMP_COLUMN_MODIFIERS),
+        header + "    qualifier_modifiers(SR_PROTECTED|SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)\n");
+    const Lines rows = Split(
+        Dump(p_table, SR_I_DUMP_ROWS | SR_I_DUMP_APPLIED_RECORDS | SR_I_DUMP_COMMITTED_RECORDS));
+    ASSERT_GT(rows.size(), 6u);
+    EXPECT_EQ(rows[1].rfind("  row(0) p_applied(0x", 0), 0u);
+    EXPECT_NE(rows[1].find(" p_committed(0x0) "), std::string::npos);
+    EXPECT_NE(rows[1].find(" file_offset(0) applied_file_offset(0)"), std::string::npos);
+    EXPECT_EQ(Lines(rows.begin() + 2, rows.begin() + 5),
+              (Lines{"    APPLIED ROW RECORD: replaces_offset(0), COLUMN VALUES:",
+                     "      k(QX_INT32): 42", "      s(QX_CHAR_PTR): hello"}));
+    EXPECT_EQ(rows.back(), "    COMMITTED ROW RECORD: NONE");
+    const std::string all = Dump(p_table, SR_I_DUMP_ALL);
+    EXPECT_EQ(Split(all)[2], "  references(1)");
+    for (const char *line : {"  column(0)",
+                             "    name(k)",
+                             "    type(QX_INT32)",
+                             "    qualifier(SR_PRIMARY_KEY)",
+                             "    qualifier(SR_STANDARD)",
+                             "    properties(0)",
+                             "    default_value: 0",
+                             "    default_value: dflt",
+                             "    default_value: 4000000000",
+                             "    default_value: -5000000000",
+                             "    default_value: 18000000000000000000",
+                             "    default_value: 0.5",
+                             "    default_value: -1.25",
+                             "    default_value: length(7), data:",
+                             "        number_of_fields(2)",
+                             "            type(QX_CHAR_PTR)",
+                             "            name(b)",
+                             "  total_columns(9)",
+                             "  total_variable_length_columns(3)",
+                             "  total_applied_rows(1) total_committed_rows(0) maximum_rows(100)",
+                             "  applied_deletions(0)",
+                             "  change_counter(1)",
+                             "  implicitly_controlled(0)",
+                             "  mode(2)",
+                             "  file_fd(-1)",
+                             "  p_persistent_table_registry_path()",
+                             "    max_elements(1)",
+                             "    total_elements(1)",
+                             "        APPLIED: length(3), data:",
+                             "        COMMITTED: NONE",
+                             "      k(QX_INT32): 42"}) {
+        EXPECT_TRUE(HasLine(all, line)) << line << "\n" << all;
+    }
+    EXPECT_NE(all.find("      0: type(7) p_applied(0x"), std::string::npos);
+    EXPECT_NE(all.find(" 616263"), std::string::npos);
+    // A type no column may have, as a damaged record would carry it.
+    sr_column_t column = sr_i_load_column(&p_table->p_columns[2]);
+    column.type = static_cast<qx_data_type_t>(23);
+    std::memcpy(&p_table->p_columns[2], &column, sizeof column);
+    const std::string garbage = Dump(p_table, SR_I_DUMP_COLUMN_TYPE | SR_I_DUMP_COLUMN_DEFAULT);
+    EXPECT_TRUE(HasLine(garbage, "    type(GARBAGE)")) << garbage;
+    EXPECT_TRUE(HasLine(garbage, "    default_value: GARBAGE")) << garbage;
+    EXPECT_EQ(Dump(nullptr, SR_I_DUMP_ALL), "Table p_table(0x00000000)\n");
+    sr_i_table_t *p_unnamed = nullptr;
+    ASSERT_EQ(sr_i_create_transient_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
+                                          columns.data(), 1, SR_MODE_WRITE, nullptr, &p_unnamed),
+              0);
+    EXPECT_TRUE(HasLine(Dump(p_unnamed, 1), "  p_name(UNNAMED TABLE)"));
+    sr_i_close_table(p_unnamed);
 }
 
-TEST_F(DumpTest, TreeDumpGoesToStandardOutputWithTablesAndMountPoints) {
-    qxtest::TempDir dir;
-    ASSERT_EQ(sr_mount_local_tree_1(tree_, arena_.text("/m"), arena_.text(dir.path()), 1), 0);
-    Table("/d/one", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
-    Table("/m/two", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
-    const std::string out_path = dir.file("stdout.txt");
-    std::fflush(stdout);
-    const int saved = dup(1);
-    FILE *p_file = std::fopen(out_path.c_str(), "w");
-    ASSERT_NE(p_file, nullptr);
-    dup2(fileno(p_file), 1);
-    EXPECT_EQ(sr_i_dump_tree(static_cast<sr_i_tree_t *>(tree_)), 0);
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    std::fclose(p_file);
-    FILE *p_in = std::fopen(out_path.c_str(), "r");
-    std::string text;
-    for (int c; (c = std::fgetc(p_in)) != EOF;) text += static_cast<char>(c);
-    std::fclose(p_in);
-    const std::vector<std::string> lines = Lines(text);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines[0].rfind("Tree p_tree(0x", 0), 0u);
-    EXPECT_TRUE(HasLine(text, "  p_name(/d/one)")) << text;
-    EXPECT_TRUE(HasLine(text, "  p_name(" + dir.file("two") + ")"));
-    EXPECT_TRUE(HasLine(text, "    p_name(/m/)"));
-    EXPECT_TRUE(HasLine(text, "    p_filesystem_path(" + dir.path() + ")"));
-    EXPECT_EQ(lines.back().rfind("  p_from_table_string_conversion_handle(0x", 0), 0u);
-    // Every table is dumped with every detail.
-    int tables = 0;
-    for (const std::string &l : lines) tables += l.rfind("Table p_table(0x", 0) == 0;
-    EXPECT_EQ(tables, 2);
-    EXPECT_TRUE(HasLine(text, "  p_persistent_table_registry_path(/m/two)"));
-}
-
-// The pool numbers of a new table file with two int32 columns: a 120-byte
-// file (metadata record 96, commit record 24), a first pool buffer of 8,420
-// bytes (a hundred times the 84 data bytes asked for, plus 20) of which 116
-// are used, and the metadata record first in it.  A row of an int32 key, a
-// uint32, an int64 and "one" adds a 52-byte record: values end to end.
-TEST_F(DumpTest, NewTwoColumnFileAndItsPoolHaveTheFormatsNumbers) {
+// A new file of two int32 columns: 120 bytes (metadata record 96, commit
+// record 24), a first pool buffer of 8,420 bytes (a hundred times the 84
+// asked for, plus 20), 116 used, the metadata record first.  The tree dump
+// goes to standard output with every table in every detail.
+TEST_F(DumpTest, NewFileItsPoolAndTheTree) {
     qxtest::TempDir dir;
     ASSERT_EQ(sr_mount_local_tree_1(tree_, arena_.text("/m"), arena_.text(dir.path()), 1), 0);
     sr_i_table_t *p_table =
         Table("/m/t", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("v", QX_INT32, SR_STANDARD)});
-    ASSERT_NE(p_table, nullptr);
     struct stat st;
     ASSERT_EQ(stat(dir.file("t").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 120);
     const std::string text = Dump(p_table, SR_I_DUMP_RECORD_BUFFER_POOL);
-    EXPECT_TRUE(HasLine(text, "  total_bytes(8420)")) << text;
-    EXPECT_TRUE(HasLine(text, "  used_bytes(116)")) << text;
-    std::string first;
-    for (const std::string &line : Lines(text)) {
-        if (first.empty() && line.rfind("    record(", 0) == 0) first = line;
+    for (const char *line : {"  total_bytes(8420)", "  used_bytes(116)",
+                             "  cumulative_total_bytes(8420)", "  cumulative_used_bytes(116)"}) {
+        EXPECT_TRUE(HasLine(text, line)) << line << "\n" << text;
     }
-    EXPECT_EQ(first.rfind("    record(0:", 0), 0u) << text;
-    EXPECT_NE(first.find("length(96) type(1)"), std::string::npos) << text;
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
-
-    p_table =
-        Table("/m/r", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("u", QX_UINT32, SR_STANDARD),
-                       Column("i", QX_INT64, SR_STANDARD), Column("s", QX_CHAR_PTR, SR_STANDARD)});
-    ASSERT_NE(p_table, nullptr);
-    ASSERT_EQ(stat(dir.file("r").c_str(), &st), 0);
-    const off_t created = st.st_size;
-    qx_value_t values[4];
-    values[0].val_int32 = 1;
-    values[1].val_uint32 = 2;
-    values[2].val_int64 = 3;
-    values[3].ptr_char = arena_.text("one");
-    qx_value_t *p_values[4] = {&values[0], &values[1], &values[2], &values[3]};
-    qx_char_ptr_t names[4] = {arena_.text("k"), arena_.text("u"), arena_.text("i"),
-                              arena_.text("s")};
-    ASSERT_EQ(sr_add_row_1(p_table, names, p_values, 4), 0);
-    ASSERT_EQ(stat(dir.file("r").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size - created, 52 + 24);  // the row and the new commit record
-    EXPECT_EQ(sr_i_record_length(p_table->p_rows_fixed_index[0].p_committed - 12), 52u);
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
+    const size_t first = text.find("\n    record(");
+    EXPECT_EQ(text.compare(first + 1, 13, "    record(0:"), 0) << text;
+    EXPECT_NE(text.find("length(96) type(1)", first), std::string::npos);
+    KeyOnly("/d/one");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(sr_i_dump_tree(static_cast<sr_i_tree_t *>(tree_)), 0);
+    const std::string tree = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(tree.rfind("Tree p_tree(0x", 0), 0u);
+    for (const std::string &line :
+         Lines{"  p_name(/d/one)", "  p_persistent_table_registry_path(/m/t)",
+               "  p_name(" + dir.file("t") + ")", "    p_name(/m/)",
+               "    p_filesystem_path(" + dir.path() + ")"}) {
+        EXPECT_TRUE(HasLine(tree, line)) << line << "\n" << tree;
+    }
+    EXPECT_EQ(Split(tree).back().rfind("  p_from_table_string_conversion_handle(0x", 0), 0u);
 }
 
 }  // namespace

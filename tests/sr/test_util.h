@@ -22,11 +22,9 @@ inline LastError last_error() {
     LastError result;
     cu_error_t *p_error = nullptr;
     char *p_message = nullptr;
-    if (cu_get_error_1(&p_error) == 0 && p_error != nullptr) {
-        result.code = p_error->cu_error_id;
-        if (result.code != 0 && cu_get_errmsg_1(p_error, &p_message) == 0 && p_message) {
-            result.message = p_message;
-        }
+    if (cu_get_error_1(&p_error) == 0 && p_error != nullptr) result.code = p_error->cu_error_id;
+    if (result.code != 0 && cu_get_errmsg_1(p_error, &p_message) == 0 && p_message) {
+        result.message = p_message;
     }
     cu_rel_errmsg_1(p_message);
     cu_rel_error_1(p_error);
@@ -39,16 +37,10 @@ class TempDir {
     TempDir() {
         const char *base = getenv("TMPDIR");
         std::string templ = std::string(base != nullptr ? base : "/tmp") + "/qxsr-test-XXXXXX";
-        char *made = mkdtemp(templ.data());
-        if (made != nullptr) path_ = made;
+        if (mkdtemp(templ.data()) != nullptr) path_ = templ;
     }
     ~TempDir() {
-        if (!path_.empty()) {
-            std::string command = "rm -rf '" + path_ + "'";
-            if (system(command.c_str()) != 0) {
-                // Nothing useful to do: the directory is under TMPDIR.
-            }
-        }
+        if (!path_.empty() && system(("rm -rf '" + path_ + "'").c_str()) != 0) path_.clear();
     }
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
