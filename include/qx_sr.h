@@ -216,6 +216,12 @@ qx_int32_t sr_i_delete_directory_compat(void);
 /* ---------------------------------------------------------------------------
  * Creating, opening, closing, deleting, copying, moving and repairing tables.
  */
+/* A successful create writes over the default_value of every pointer-type
+ * column in the caller's array: it then holds where that default was packed
+ * in the table's metadata (offset and length), not the caller's pointer.
+ * Callers have long read it there.  To create another table from the same
+ * array, set those defaults again first.  A failed create leaves the array
+ * exactly as it was given. */
 qx_int32_t sr_create_table_1(sr_opaque_handle_t tree_handle, qx_char_ptr_t p_registry_path,
                              sr_column_t *p_columns, qx_uint32_t array_count, qx_int32_t mode,
                              sr_opaque_handle_t *p_result_table_handle);
