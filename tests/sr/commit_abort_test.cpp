@@ -41,15 +41,6 @@ class CommitAbortTest : public TransactionTest {
         sr_i_file_ops.p_writev = CountingWritev;
         sr_i_file_ops.p_fdatasync = CountingFdatasync;
     }
-    // Through the exported call, whose frame runs the implicit cycle.
-    qx_int32_t AddRow(sr_i_table_t *p_table, qx_int64_t key, qx_int64_t value) {
-        qx_char_ptr_t names[2] = {Text("k"), Text("c1")};
-        qx_value_t values[2] = {};
-        values[0].val_int64 = key;
-        values[1].val_int64 = value;
-        qx_value_t *p_values[2] = {&values[0], &values[1]};
-        return sr_add_row_1(p_table, names, p_values, 2);
-    }
 };
 
 TEST_F(CommitAbortTest, NothingToDoOnDiskWritesNothing) {
@@ -115,29 +106,6 @@ TEST_F(CommitAbortTest, CommitAfterAppendIsOneFourByteWriteOfZeroAndOneSync) {
     qx_uint64_t counter = 0;
     EXPECT_EQ(Reopened("t", &counter), (State{{1, R(1, {1})}}));
     EXPECT_EQ(counter, 2u);
-}
-
-TEST_F(CommitAbortTest, HashElementPointsAtTheKeyOfTheCommittedRecord) {
-    sr_i_table_t *p_table = MakeHashed("t");
-    RowKit rows(p_table);
-    qx_uint32_t f = rows.Add(R(5, {1}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    rows.Set(f, R(5, {2}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    qx_int64_t key = 5;
-    qx_uint32_t row = 0;
-    char **p_p_key = nullptr;
-    ASSERT_EQ(sr_i_hash_table_get_index(p_table->p_rows_hash_table, &key, &row, &p_p_key), 0);
-    EXPECT_EQ(row, f);
-    EXPECT_EQ(*p_p_key, sr_i_row_key_value(p_table, p_table->p_rows_fixed_index[f].p_committed));
-    // A deletion takes the key out of the index at commit.
-    rows.Delete(f);
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(sr_i_hash_table_get_index(p_table->p_rows_hash_table, &key, &row, &p_p_key),
-              SR_E_NO_ROW_FOR_KEY);
 }
 
 TEST_F(CommitAbortTest, AbortAfterAppendOrRewriteLeavesTheCommittedFile) {

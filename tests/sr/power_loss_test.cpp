@@ -234,15 +234,6 @@ class PowerLossTest : public TransactionTest {
         Rec.ops.push_back(Op{Kind::end});
     }
 
-    qx_int32_t AddRow(sr_opaque_handle_t table, qx_int64_t k) {
-        char *names[] = {Text("k"), Text("c1")};
-        qx_value_t key{}, other{};
-        key.val_int64 = k;
-        other.val_int64 = k * 10;
-        qx_value_t *values[] = {&key, &other};
-        return sr_add_row_1(table, names, values, 2);
-    }
-
     // What the tables of a directory read as: one line per table file.
     std::string Read(const std::map<std::string, int> &names,
                      const std::map<int, std::string> &contents) {
@@ -290,7 +281,7 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     std::vector<sr_column_t> columns = ScalarColumns(2);
     Durable("create",
             [&] { return sr_create_table_1(tree_, Text("/m/t"), columns.data(), 2, 2, &t); });
-    for (int k = 1; k <= 4; ++k) Durable("implicit add", [&] { return AddRow(t, k); });
+    for (int k = 1; k <= 4; ++k) Durable("implicit add", [&] { return AddRow(t, k, k * 10); });
     Durable("implicit set", [&] {
         qx_value_t key{}, v{};
         key.val_int64 = 2;
@@ -306,21 +297,21 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
         c.default_value.val_int64 = 5;
         return sr_add_columns_1(t, &c, 1);
     });
-    Durable("implicit add", [&] { return AddRow(t, 5); });
+    Durable("implicit add", [&] { return AddRow(t, 5, 50); });
     Durable("create explicit",
             [&] { return sr_create_table_1(tree_, Text("/m/e"), columns.data(), 2, 6, &e); });
-    EXPECT_EQ(AddRow(e, 1), 0);
-    EXPECT_EQ(AddRow(e, 2), 0);
+    EXPECT_EQ(AddRow(e, 1, 10), 0);
+    EXPECT_EQ(AddRow(e, 2, 20), 0);
     Durable("apply", [&] { return sr_apply_1(e, 0); });
     Durable("commit", [&] { return sr_commit_1(e); });
-    EXPECT_EQ(AddRow(e, 3), 0);
+    EXPECT_EQ(AddRow(e, 3, 30), 0);
     Durable("apply by rewrite", [&] { return sr_i_apply(static_cast<sr_i_table_t *>(e), 1, 0); });
     Durable("commit by rename", [&] { return sr_commit_1(e); });
-    EXPECT_EQ(AddRow(e, 4), 0);
+    EXPECT_EQ(AddRow(e, 4, 40), 0);
     Durable("apply", [&] { return sr_apply_1(e, 0); });
     Durable("abort", [&] { return sr_abort_1(e); });
     Durable("copy", [&] { return sr_copy_table_by_name_1(tree_, Text("/m/t"), Text("/m/c"), 0); });
-    Durable("implicit add", [&] { return AddRow(t, 6); });
+    Durable("implicit add", [&] { return AddRow(t, 6, 60); });
     Durable("copy over",
             [&] { return sr_copy_table_by_name_1(tree_, Text("/m/t"), Text("/m/c"), 1); });
     Durable("move", [&] { return sr_move_table_by_name_1(tree_, Text("/m/c"), Text("/m/d"), 0); });

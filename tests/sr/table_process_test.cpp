@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "sr/table_test_util.h"
+#include "sr/transaction_test_util.h"
 
 using qxtest::Exists;
 using qxtest::FileImage;
@@ -68,7 +68,7 @@ int OpenDescriptors() {
     return count;
 }
 
-class TableProcessConcurrencyTest : public qxtest::TableTest {
+class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
   protected:
     // A tree of its own with the same mount (in a child: _exit on failure).
     sr_opaque_handle_t OtherTree(bool child = false) {
@@ -107,15 +107,6 @@ class TableProcessConcurrencyTest : public qxtest::TableTest {
         return status == 1;
     }
 
-    // Adds row k (its other column k * 10) through the exported call.
-    qx_int32_t AddRow(sr_opaque_handle_t table, qx_int64_t k) {
-        char *names[] = {Text("k"), Text("c1")};
-        qx_value_t key{}, other{};
-        key.val_int64 = k;
-        other.val_int64 = k * 10;
-        qx_value_t *values[] = {&key, &other};
-        return sr_add_row_1(table, names, values, 2);
-    }
     // A rewrite: a complete new image renamed over the file.
     void CommitRewrite(sr_i_table_t *p_table) {
         ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
@@ -136,12 +127,12 @@ TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIn
         if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
         done.Send(NowMs());
         done.Send(static_cast<sr_i_table_t *>(table)->total_committed_rows);
-        done.Send(AddRow(table, 2));
+        done.Send(AddRow(table, 2, 20));
         _exit(0);
     }
     ASSERT_EQ(ready.Receive(5000), 1);
     EXPECT_EQ(done.Receive(400), -1) << "the second writer did not wait";
-    ASSERT_EQ(AddRow(p_table, 1), 0);
+    ASSERT_EQ(AddRow(p_table, 1, 10), 0);
     CommitRewrite(p_table);
     const qx_int64_t closed_at = NowMs();
     ASSERT_EQ(sr_close_table_1(p_table), 0);
@@ -168,10 +159,10 @@ TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrit
     }
     ASSERT_EQ(ready.Receive(5000), 1);
     EXPECT_EQ(done.Receive(300), -1) << "the copy did not wait for the writer";
-    ASSERT_EQ(AddRow(p_writer, 1), 0);
+    ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
     CommitRewrite(p_writer);
     EXPECT_EQ(done.Receive(300), -1) << "the copy went ahead under the writer";
-    ASSERT_EQ(AddRow(p_writer, 2), 0);
+    ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
     ASSERT_EQ(sr_apply_1(p_writer, 0), 0);
     ASSERT_EQ(sr_commit_1(p_writer), 0);
     sr_opaque_handle_t other = OtherTree();
@@ -201,11 +192,11 @@ TEST_F(TableProcessConcurrencyTest, OtherProcessesReadTheCommittedStateAndCannot
         auto *p = static_cast<sr_i_table_t *>(table);
         report.Send(p ? p->total_committed_rows * 100 + static_cast<qx_int64_t>(p->change_counter)
                       : -1);
-        _exit(AddRow(writer, 8) == SR_E_ACCESS ? 0 : 1);
+        _exit(AddRow(writer, 8, 80) == SR_E_ACCESS ? 0 : 1);
     }
     EXPECT_EQ(report.Receive(5000), 204);
     EXPECT_EQ(WaitChild(pid), 0);
-    ASSERT_EQ(AddRow(writer, 9), 0);
+    ASSERT_EQ(AddRow(writer, 9, 90), 0);
     EXPECT_EQ(sr_close_table_1(writer), 0);
     EXPECT_EQ(CommittedRows(tree_), 3u);
 }
@@ -256,14 +247,14 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     });
     usleep(300000);
     EXPECT_EQ(opened_at.load(), 0) << "the second writer did not wait";
-    ASSERT_EQ(AddRow(p_writer, 1), 0);
+    ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
     const qx_int64_t closed_at = NowMs();
     ASSERT_EQ(sr_close_table_1(p_writer), 0);
     second.join();
     ASSERT_GE(opened_at.load(), closed_at);
     EXPECT_EQ(static_cast<sr_i_table_t *>(writer2)->total_committed_rows, 1u);
     EXPECT_TRUE(LockedForOthers()) << "while the second writer has it";
-    ASSERT_EQ(AddRow(writer2, 2), 0);
+    ASSERT_EQ(AddRow(writer2, 2, 20), 0);
     ASSERT_EQ(sr_close_table_1(writer2), 0);
     EXPECT_FALSE(LockedForOthers()) << "after both writers closed";
     EXPECT_EQ(CommittedRows(other), 2u);
@@ -288,7 +279,7 @@ TEST_F(TableProcessConcurrencyTest, ReloadForWriteKeepsTheLockAndTakesTheFilesMe
     sr_close_tree_1(other);
     ASSERT_EQ(Open(tree_, 2), reader);  // the reload
     EXPECT_TRUE(LockedForOthers()) << "after the reload";
-    ASSERT_EQ(AddRow(reader, 1), 0);
+    ASSERT_EQ(AddRow(reader, 1, 10), 0);
     ASSERT_EQ(sr_close_table_1(reader), 0);
     EXPECT_TRUE(LockedForOthers()) << "while one open remains";
     ASSERT_EQ(sr_close_table_1(reader), 0);

@@ -253,6 +253,16 @@ class TransactionTest : public TableTest {
         return static_cast<sr_i_table_t *>(table);
     }
 
+    // Adds row (k: key, c1: value) through the exported call and its frame.
+    qx_int32_t AddRow(sr_opaque_handle_t table, qx_int64_t key, qx_int64_t value) {
+        char *names[] = {Text("k"), Text("c1")};
+        qx_value_t values[2] = {};
+        values[0].val_int64 = key;
+        values[1].val_int64 = value;
+        qx_value_t *p_values[] = {&values[0], &values[1]};
+        return sr_add_row_1(table, names, p_values, 2);
+    }
+
     // The committed state of /m/<name> as a fresh open of its file reads it.
     State Reopened(const std::string &name, qx_uint64_t *p_change_counter = nullptr) {
         sr_i_table_t *p_table = nullptr;
