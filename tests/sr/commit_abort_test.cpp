@@ -1,5 +1,4 @@
-// Commit and abort: the switch on disk, the walks in memory, the implicit
-// cycle, and a long random sequence of transactions checked against a model.
+// Commit and abort: the switch on disk, the walks in memory, the implicit cycle, and a model.
 #include <pthread.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -129,8 +128,7 @@ TEST_F(CommitAbortTest, AbortAfterAppendOrRewriteLeavesTheCommittedFile) {
     ASSERT_EQ(sr_abort_1(p_table), 0);
     EXPECT_FALSE(Exists(File("t.rewrite")));
     EXPECT_EQ(ReadBytes(File("t")), bytes);
-    // The committed row's record lost its first word to the rewrite; the next
-    // append still works.
+    // The committed record lost its first word to the rewrite; appends still work.
     rows.Set(static_cast<qx_uint32_t>(rows.Find(1)), R(1, {5}));
     ASSERT_EQ(sr_apply_1(p_table, 0), 0);
     ASSERT_EQ(sr_commit_1(p_table), 0);
@@ -217,8 +215,7 @@ void *CommitWithCancelPending(void *p_argument) {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     pthread_cancel(pthread_self());
-    // write and fdatasync are cancellation points: were cancellation on
-    // inside commit, the thread would die between the switch and the walks.
+    // write and fdatasync are cancellation points: commit must not die between its steps.
     sr_i_commit(p_run->p_table);
     p_run->ready_after = p_run->p_table->ready_for_commit;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &p_run->state_after);
@@ -240,8 +237,7 @@ TEST_F(CommitConcurrencyTest, CommitRunsToItsEndWithACancelPendingAndRestoresThe
     EXPECT_EQ(Reopened("t"), (State{{1, R(1, {1})}}));
 }
 
-// Random adds, sets, deletes, applies, commits, aborts, implicit cycles,
-// rewrites and reopens, checked after every step against a model.
+// Random transaction steps, rewrites and reopens, checked after every step against a model.
 class TransactionModelTest : public TransactionTest,
                              public ::testing::WithParamInterface<std::tuple<bool, bool>> {
   protected:

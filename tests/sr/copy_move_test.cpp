@@ -1,6 +1,4 @@
-// Copying and moving tables between memory and files: what the target holds,
-// when an existing target may be replaced, what happens to the source, open
-// targets refreshed in place, and failures that leave nothing half-made.
+// Copying and moving tables between memory and files, over open targets, and failing.
 #include <errno.h>
 #include <search.h>
 #include <sys/stat.h>
@@ -89,8 +87,7 @@ TEST_F(CopyMoveTest, ExistingTargetsAreReplacedOnlyWithOverwrite) {
     EXPECT_TRUE(Exists(File("src")));
     EXPECT_EQ(Copy("/m/src", "/m/dst", 1), 0);
     EXPECT_EQ(RowsOf("/m/dst"), Expected({1, 2}));
-    // In memory the same rule; the replaced table lives on, like a deleted
-    // one, for the handle that still holds it.
+    // In memory too; the replaced table lives on for the handle that holds it.
     Table("/t/a", {});
     sr_i_table_t *p_old_b = Table("/t/b", {});
     EXPECT_EQ(Copy("/t/a", "/t/b"), 201);
@@ -129,8 +126,7 @@ TEST_F(CopyMoveTest, EveryCombinationOfMemoryAndFileCarriesTheRows) {
     EXPECT_STREQ(p_metadata->column_definitions[1].name, "s");
     EXPECT_STREQ(p_metadata->column_definitions[1].default_value.ptr_char, "dflt");
     sr_free_table_metadata_1(p_metadata);
-    // A table unpacked from a buffer reads its rows in the caller's buffer;
-    // its memory copy has every row in memory of its own.
+    // An unpacked table's rows lie in the caller's buffer; its copy has its own.
     sr_opaque_handle_t handles[] = {p_memory};
     qx_uint32_t uncommitted[] = {0};
     void *p_buffer = nullptr;
@@ -202,9 +198,7 @@ TEST_F(CopyMoveTest, MovesRemoveTheSourceOnlyOnceTheTargetExists) {
     EXPECT_EQ(RowsOf(p_open), Expected({1, 2, 3}));
 }
 
-// A copy over an open table reads its file again; a string a reader was
-// handed before (or before another opener's upgrade to write) stays valid,
-// and the writer's updates reach the new file.
+// A copy over an open table refreshes it; strings handed out before stay valid.
 TEST_F(CopyMoveTest, CopyOverAnOpenTargetRefreshesItAndKeepsValuesHandedOut) {
     Table("/m/src", {1, 2, 3}, false);
     Table("/m/dst", {7}, false);
@@ -222,8 +216,7 @@ TEST_F(CopyMoveTest, CopyOverAnOpenTargetRefreshesItAndKeepsValuesHandedOut) {
     sr_close_table_1(p_reader);
     sr_close_table_1(p_reader);
     EXPECT_EQ(RowsOf("/m/dst"), Expected({1, 2, 3, 4}));
-    // An open hashed target is read again from its unchanged file (the index's
-    // result stands in for the refusal); an unhashed one refuses.
+    // An open hashed target is only reread (its index answers); an unhashed one refuses.
     sr_i_table_t *p_hashed = Table("/m/hashed", {7}, true, true);
     const std::string hashed_before = ReadBytes(File("hashed"));
     EXPECT_EQ(Copy("/m/src", "/m/hashed"), 0);
@@ -234,8 +227,7 @@ TEST_F(CopyMoveTest, CopyOverAnOpenTargetRefreshesItAndKeepsValuesHandedOut) {
     EXPECT_EQ(RowsOf(p_plain), Expected({7}));
 }
 
-// A writer of the target in another tree of this process holds the lock the
-// copy would take, and waiting could wait for the caller itself: refused.
+// The process's own writer in another tree holds the lock: waiting could deadlock, so 211.
 TEST_F(CopyMoveTest, TargetOpenForWriteInAnotherTreeOfTheProcessIsRefused) {
     Table("/m/src", {1, 2}, false);
     Table("/m/dst", {7}, false);

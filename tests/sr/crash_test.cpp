@@ -1,7 +1,4 @@
-// Crash safety: a writer process killed with SIGKILL at each step of apply
-// and commit leaves a file that opens as exactly the last committed state, or
-// exactly the new one once commit's switch reached the file; and a reader
-// process opening the table while another commits never sees half of one.
+// A writer killed at any step leaves exactly the last or the new commit; readers never see half.
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -103,8 +100,7 @@ class CrashConcurrencyTest : public TransactionTest {
         return static_cast<sr_i_table_t *>(handle);
     }
 
-    // Forks a writer that opens /m/t with `mode` and runs `work` with the
-    // pause point armed; returns once the child has stopped there.
+    // A child that opens /m/t and runs `work`, returned once stopped at the pause point.
     pid_t StopChildAt(const std::string &point, int mode,
                       const std::function<qx_int32_t(sr_i_table_t *)> &work) {
         pid_t pid = fork();
@@ -210,9 +206,7 @@ TEST_F(CrashConcurrencyTest, PausePointCanLeaveAMarkerAndWaitToBeKilled) {
     EXPECT_EQ(Reopened("t"), After(After(old_, 1), 2));
 }
 
-// A writer that commits generation after generation, now and then by a
-// rewrite, killed at random moments: every kill leaves one whole generation,
-// never older than one seen before.
+// A writer killed at random leaves one whole generation, never older than one seen before.
 TEST_F(CrashConcurrencyTest, RandomKillsAlwaysLeaveOneWholeCommittedGeneration) {
     std::mt19937 rng(4242);
     qx_int64_t last = 0;

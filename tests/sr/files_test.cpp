@@ -1,6 +1,4 @@
-// The file primitives through their system-call seam: interrupted calls,
-// short writes and failing disks, checked by the bytes that reach a real
-// file, the codes and messages, the retry records and the errno capture file.
+// The file primitives through their system-call seam: retries, short writes, failures, captures.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -24,8 +22,7 @@ namespace {
 
 SR_SOURCE_FILE("tests/sr/files_test", "9.9");
 
-// Whole-text match of a POSIX extended expression (the C library's matcher:
-// the standard regex templates trip GCC's analysis in sanitized builds).
+// Whole-text ERE match (std::regex trips GCC's analysis in sanitized builds).
 bool Matches(const std::string &text, const std::string &pattern) {
     regex_t re;
     if (regcomp(&re, ("^(" + pattern + ")$").c_str(), REG_EXTENDED) != 0) return false;
@@ -34,8 +31,7 @@ bool Matches(const std::string &text, const std::string &pattern) {
     return ok;
 }
 
-// One scripted outcome: -1 fails with `error`; n >= 0 lets at most n bytes
-// through to the real call.
+// One scripted outcome: -1 fails with `error`; n >= 0 lets at most n bytes through.
 struct Step {
     ssize_t result;
     int error;
@@ -89,8 +85,7 @@ std::string ReadFile(const std::string &path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// A real file in a private directory that is also the working directory
-// (the capture file lands there); "_SRA" development records go to a trace.
+// A real file in a private working directory (for the capture file); "_SRA" records traced.
 class FilesTest : public ::testing::Test {
   protected:
     void SetUp() override {

@@ -1,7 +1,4 @@
-// Table management across processes: copies into one directory wait for its
-// ",Lock" file and lose nothing when two processes race; a process killed in
-// a copy into a file or in a schema change's rewrite leaves the target absent
-// or complete and the source intact, and repair clears the ".rewrite" file.
+// Copies across processes wait for ",Lock" and lose nothing; killed ones leave whole tables.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -65,8 +62,7 @@ class ManagementProcessConcurrencyTest : public RowsTest {
         for (int k = 0; k < rows; ++k) text += name + std::to_string(k) + ",";
         return text;
     }
-    // Forks a child that runs `work` in a tree of its own with the pause
-    // point armed, and kills it once it has stopped there.
+    // Runs `work` in a child with the pause point armed, and kills it there.
     void KillChildAt(const std::string &point,
                      const std::function<qx_int32_t(sr_opaque_handle_t)> &work) {
         pid_t pid = fork();

@@ -1,6 +1,4 @@
-// Registry paths and mount points: the path syntax, resolution through mount
-// points onto flattened file names, the directories a mount makes, which
-// mounts and unmounts are refused, and repair of left-over ".rewrite" files.
+// Registry paths, mount points, the directories a mount makes, and repair of ".rewrite" files.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -197,8 +195,7 @@ TEST_F(MountTest, DirectoryCreation) {
     EXPECT_EQ(last_error().message, "2605-013 The filesystem containing the local tree is full.\n");
 }
 
-// Repair removes the ".rewrite" files of the named tables, in order, up to
-// the first bad name; tables and other names are left alone.
+// Repair removes the named tables' ".rewrite" files in order, up to the first bad name.
 TEST_F(MountTest, RepairRemovesLeftOverRewriteFiles) {
     ASSERT_EQ(Mount("/m", "d"), 0);
     std::vector<sr_column_t> columns(2);
@@ -236,8 +233,7 @@ TEST_F(MountTest, RepairRemovesLeftOverRewriteFiles) {
 
 }  // namespace
 
-// Threads mounting and unmounting on one tree neither lose nor double a
-// mount point.
+// Threads mounting and unmounting on one tree neither lose nor double a mount point.
 TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     qxtest::TempDir tmp;
     sr_opaque_handle_t tree = nullptr;

@@ -1,10 +1,6 @@
-// Power loss: a workload of every kind of durable call runs with every write,
-// truncation, sync, rename and unlink recorded at the file-call table.  The
-// recording is cut at every point and turned into crash states: what was
-// synced persists; of the rest, each 512-byte sector keeps its old or new
-// bytes or is torn, each file its old or new length, and each unsynced name
-// change is kept or lost.  Every state must read as the state after the last
-// call that returned or after the call in flight.
+// Power loss: every durable call's file operations are recorded, cut at every point and
+// mixed (synced data persists; unsynced sectors old, new or torn; lengths and names either)
+// into crash states, each of which must read as after the last returned call or the one in flight.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -42,8 +38,7 @@ struct Op {
     std::string a, b;   // names
 };
 
-// Files are numbered as they come into being, so that an inode number the
-// system reuses is a new file here.
+// Files are numbered as they come into being: a reused inode number is a new file.
 struct Recorder {
     bool on = false;
     std::vector<Op> ops;
@@ -173,8 +168,7 @@ void ApplyName(std::map<std::string, int> &names, const Op &op) {
     }
 }
 
-// One file as a power loss may leave it: old is what was synced, now what the
-// cache held.
+// One file as a power loss may leave it: old was synced, now is what the cache held.
 std::string Mix(const std::string &old, const std::string &now, std::mt19937 &rng) {
     const size_t length = rng() % 2 ? old.size() : now.size();
     std::string out(length, '\0');

@@ -1,6 +1,4 @@
-// The reader/writer lock with real threads: readers share, a writer waits
-// for the last reader, a release wakes the waiters, a cancelled waiter
-// leaves the lock usable, and racing threads keep exclusion.
+// The reader/writer lock with real threads.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -129,9 +127,7 @@ TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
     }
 }
 
-// Readers on their fast path and writers racing: a writer is always alone,
-// readers never see a writer, and some releases land on another thread than
-// their acquire (the lock has no owner).
+// Racing readers and writers keep exclusion; some reads are released by another thread.
 TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
     std::atomic<int> readers_inside{0};
     std::atomic<int> writers_inside{0};

@@ -1,6 +1,4 @@
-// The table file reader on hand-made files: the valid prefix, superseding and
-// deletion records, the commit record and its application metadata, records
-// at odd addresses, and damaged files refused with 14.
+// The table file reader on hand-made files, and damaged files refused with 14.
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,8 +35,7 @@ class TableFileTest : public qxtest::TableTest {
         EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n") << what;
     }
 
-    // Loads `image`, expects `rows` committed rows and `counter`, checks the
-    // pool tiles its buffers exactly, and returns the table.
+    // Loads `image`: `rows` committed rows, `counter`, a pool whose records tile its buffers.
     sr_i_table_t *Expect(const std::string &name, const FileImage &image, qx_uint32_t rows,
                          qx_uint64_t counter) {
         sr_i_table_t *p_table = nullptr;
@@ -75,9 +72,8 @@ class TableFileTest : public qxtest::TableTest {
     }
 };
 
-// A sparse file of nearly 4 GB: the reader may spend memory only on records
-// the file shows to exist.  The load runs in a child whose address space is
-// capped far below the file's length (not under the sanitizers).
+// A sparse file of nearly 4 GB costs only its records: loaded in a child with a capped address
+// space.
 TEST_F(TableFileTest, SparseFileNearFourGigabytesCostsOnlyItsRecords) {
     FileImage committed = NewFile("t");
     committed.Row(0, {1, 10});
@@ -145,9 +141,7 @@ TEST_F(TableFileTest, ReaderStopsAtTheFirstCommitRecordAndSkipsFreeRecords) {
     sr_i_close_table(p_table);
 }
 
-// Commit overwrites the old commit record's type word (-1) with 0 in one
-// 4-byte write that may straddle a sector and be torn: such a word is the old
-// commit record when nothing valid follows it, free space when the new does.
+// A torn 4-byte commit switch is the old commit record unless a valid new one follows.
 TEST_F(TableFileTest, ATornCommitSwitchIsReadAsOneSideOfTheSwitch) {
     for (qx_uint32_t torn : {0xFFFF0000u, 0x0000FFFFu, 0xFF000000u, 0x00FFFF00u, 0xFF00FF00u}) {
         SCOPED_TRACE(torn);
@@ -160,8 +154,7 @@ TEST_F(TableFileTest, ATornCommitSwitchIsReadAsOneSideOfTheSwitch) {
         FileImage synced = image;
         synced.Commit(6);
         sr_i_close_table(Expect(name, synced, 2, 6));
-        // No valid commit record after it (none, one cut short, one whose
-        // length lies): still the old state.
+        // None, one cut short, one whose length lies: still the old state.
         FileImage cut = synced;
         cut.bytes.resize(cut.bytes.size() - 1);
         FileImage lying = synced;
@@ -212,8 +205,7 @@ TEST_F(TableFileTest, SupersedingAndDeletionRecordsKeepFixedIndexesAndFreeSlots)
     sr_i_close_table(p_table);
 }
 
-// Elements in any order are read into the same sorted store and written back
-// sorted, unaligned and unpadded; a pending deletion is not yet written.
+// Metadata elements are read sorted and written back sorted, unpadded; pending deletions not yet.
 TEST_F(TableFileTest, ApplicationMetadataIsReadSortedAndWrittenBackSorted) {
     FileImage image = NewFile("t");
     image.Row(0, {1, 10});
@@ -251,8 +243,7 @@ TEST_F(TableFileTest, ApplicationMetadataIsReadSortedAndWrittenBackSorted) {
     sr_i_close_table(p_table);
 }
 
-// Odd-length application metadata in a committed-over commit record puts
-// every later record at an odd address; the reader and the index work there.
+// Odd-length metadata in a retired commit record puts later records at odd addresses.
 TEST_F(TableFileTest, RecordsAfterOddLengthMetadataAreReadAtOddAddresses) {
     FileImage image = NewFile("t");
     qx_uint32_t r0 = image.Row(0, {1, 10});
@@ -317,8 +308,7 @@ TEST_F(TableFileTest, DamagedRecordsAreUnreadable) {
     const FileImage base = NewFile("t");
     const qx_uint32_t m = base.End();  // where the first record after the metadata goes
     const qx_uint32_t kCommit = static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT);
-    // Rows are {32, link, 2, replaces, key, 0, value, 0}; deletion records
-    // {length, link, 3, count, offsets...}; free records {length, link, 0, ...}.
+    // Row {32, link, 2, replaces, key, 0, value, 0}; deletion {length, link, 3, count, offsets}.
     const struct {
         const char *what;
         size_t keep;  // of the base's bytes
@@ -417,8 +407,7 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
         image.Commit(1);
         ExpectUnreadable(image, "bad name");
     }
-    // A string column named like the int32 key with a qualifier of no kind
-    // could not have come from create: a row added by the name would bind both.
+    // A string column named like the int32 key, of no qualifier: create could not have made it.
     std::string data;
     for (qx_uint32_t w : {0u,
                           0u,

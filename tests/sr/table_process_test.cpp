@@ -1,6 +1,4 @@
-// Tables shared between processes: the writer's file lock (a second writer
-// waits; the lock survives other opens and closes of the file in its
-// process), readers that take no lock, and two processes creating one table.
+// Tables shared between processes: the writer's file lock, lock-free readers, racing creates.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -92,8 +90,7 @@ class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
         return rows;
     }
 
-    // Whether another process holds a lock on the file (asked from a child,
-    // since a process never conflicts with its own locks).
+    // Whether another process holds a lock on the file (a child asks: own locks never conflict).
     bool LockedForOthers() {
         pid_t pid = fork();
         if (pid == 0) {
@@ -114,8 +111,8 @@ class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
     }
 };
 
-// The first writer commits a rewrite while the second waits in the lock on
-// the file it opened before: the second must work on the new file.
+// A writer waiting in the lock while the first renames a rewrite over the file must use the new
+// one.
 TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIntoPlace) {
     sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2), 6);
     Channel ready, done;
@@ -143,8 +140,7 @@ TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIn
     EXPECT_EQ(CommittedRows(tree_), 2u) << "the waiter's row went to an unlinked file";
 }
 
-// A copy over a table waits for the table's writer, also across a rewrite
-// that renames the file it waited on away and frees that file's lock.
+// A copy over a table waits for its writer, also across a rewrite that frees the old file's lock.
 TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrite) {
     ASSERT_EQ(sr_close_table_1(Create("/m/s", ScalarColumns(2))), 0);
     sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2), 6);
@@ -173,9 +169,7 @@ TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrit
     EXPECT_EQ(WaitChild(pid), 0);
 }
 
-// A reader in another process sees the committed state without waiting for
-// the writer; a child forked from the writer inherits the handle but not the
-// lock, and its updates are refused.
+// Readers elsewhere see the committed state unblocked; a forked child has the handle, not the lock.
 TEST_F(TableProcessConcurrencyTest, OtherProcessesReadTheCommittedStateAndCannotWrite) {
     FileImage image = NewFile("t");
     image.Row(0, {1, 10});
@@ -229,16 +223,14 @@ TEST_F(TableProcessConcurrencyTest, TwoProcessesCreatingOneTableOneWinsTheOtherG
     }
 }
 
-// A lockf lock dies with the first close of any descriptor of its file in
-// the process; the writer's lock must outlive other opens of the same file.
+// A lockf lock dies with any close of its file in the process: it must outlive other opens.
 TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosingTheFile) {
     sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
     ASSERT_TRUE(LockedForOthers());
     sr_opaque_handle_t other = OtherTree();
     ASSERT_EQ(sr_close_table_1(Open(other, 1)), 0);
     EXPECT_TRUE(LockedForOthers()) << "after a reader in another tree closed";
-    // A second writer of the same process waits for the first as one in
-    // another process would, then works on what the first committed.
+    // A second writer of the same process waits as another process's would.
     std::atomic<qx_int64_t> opened_at{0};
     sr_opaque_handle_t writer2 = nullptr;
     std::thread second([&] {
@@ -261,9 +253,7 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     sr_close_tree_1(other);
 }
 
-// A reader's record upgraded to a writer's keeps the lock across the reload
-// and is read again from the file: the application metadata another tree
-// committed meanwhile comes with the rows, not written back stale.
+// A reader upgraded to writer keeps the lock and rereads the file, metadata included.
 TEST_F(TableProcessConcurrencyTest, ReloadForWriteKeepsTheLockAndTakesTheFilesMetadata) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
     sr_opaque_handle_t reader = Open(tree_, 1);
@@ -292,10 +282,7 @@ TEST_F(TableProcessConcurrencyTest, ReloadForWriteKeepsTheLockAndTakesTheFilesMe
     std::free(p_read);
 }
 
-// Beside this process's writer a reader's descriptor cannot be closed (that
-// would drop the lock) and is parked: readers that come and go reuse parked
-// descriptors, and readers whose open runs out of memory at any allocation
-// (the register growing among them) never drop the lock either.
+// Beside a writer, readers' descriptors are parked, reused, and never closed (even on ENOMEM).
 TEST_F(TableProcessConcurrencyTest, ReadersBesideAWriterReuseDescriptorsAndKeepItsLock) {
     sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
     sr_opaque_handle_t other = OtherTree();
@@ -334,9 +321,7 @@ TEST_F(TableProcessConcurrencyTest, ReadersBesideAWriterReuseDescriptorsAndKeepI
     sr_i_close_data_file(-1);
 }
 
-// Threads with trees of their own open and close one table for read and
-// write side by side, and threads of one tree share its one record: every
-// descriptor is closed in the end and no lock is left.
+// Threads of several trees, then of one tree, open and close one table: nothing is left behind.
 TEST_F(TableProcessConcurrencyTest, ThreadsOpenAndCloseOneTable) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
     const int before = OpenDescriptors();
@@ -384,8 +369,7 @@ TEST_F(TableProcessConcurrencyTest, ThreadsOpenAndCloseOneTable) {
     EXPECT_FALSE(LockedForOthers());
 }
 
-// A thread cancelled while an exported call waits in lockf: the call must
-// finish, or the tree's lock it holds would never be released.
+// A thread cancelled in lockf inside a call must not leave the tree's lock held.
 class CancellationTest : public TableProcessConcurrencyTest {};
 
 TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) {

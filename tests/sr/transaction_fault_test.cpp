@@ -1,7 +1,4 @@
-// Faults injected through the file primitives and the allocation seam during
-// apply and commit: the file stays readable as the committed state, the table
-// stays abortable, and a failed sync of commit's switch puts the old switch
-// back and leaves the table applied.
+// Faults in apply and commit: the file reads as the committed state and the table aborts.
 #include <errno.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -15,8 +12,7 @@
 namespace qxtest::tx {
 namespace {
 
-// The n-th call (1-based) of a primitive fails; calls before it go through,
-// writev's optionally cut short.
+// The n-th call (1-based) of a primitive fails; writev's may be cut short.
 struct Plan {
     int writev_fail_at = 0;
     int writev_errno = EIO;
@@ -92,8 +88,7 @@ class TransactionFaultTest : public TransactionTest {
         for (int i = 0; i < added; ++i) rows.Add(R(1000 + i, {i}));
         return Snapshot(p_table, true);
     }
-    // The file reads as the committed state, abort brings memory back, and
-    // the same changes then go through.
+    // The file reads as committed, abort restores memory, and changes then go through.
     void ExpectRecoverable(sr_i_table_t *p_table) {
         EXPECT_EQ(p_table->ready_for_commit, 0u);
         EXPECT_EQ(Reopened("t"), committed_);
@@ -160,9 +155,7 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
     }
 }
 
-// A failed rewrite leaves the column definitions in pointer form, and
-// appending the very same changes then must still supersede the committed
-// record of an updated row, not add it twice.
+// After a failed rewrite, an append still supersedes an updated row's record.
 TEST_F(TransactionFaultTest, AppendAfterAFailedRewriteKeepsUpdatesAsUpdates) {
     sr_i_table_t *p_table = Committed(4);
     const State wanted = Change(p_table, 2);
@@ -209,9 +202,7 @@ TEST_F(TransactionFaultTest, FailedSyncOfCommitRestoresTheSwitchAndLeavesTheTabl
     }
 }
 
-// The switch cannot be written, or its sync fails and so does the write that
-// puts the old word back (the cache may hold the retired word): abort must
-// still leave a file that reads as the committed state.
+// Neither the switch nor its restore can be written: abort still leaves the committed file.
 TEST_F(TransactionFaultTest, CommitWhoseSwitchOrRestoreFailsIsAbortable) {
     Plan switch_fails, restore_fails;
     switch_fails.write_fail_at = -1;
@@ -232,9 +223,7 @@ TEST_F(TransactionFaultTest, CommitWhoseSwitchOrRestoreFailsIsAbortable) {
     }
 }
 
-// An implicit update is reported as saved only when it is committed: a failed
-// apply aborts it, one failed sync of the switch is retried, a lasting one
-// undoes the update and reports the failure; the next update goes through.
+// An implicit update is saved only when committed; one failed switch sync is retried.
 TEST_F(TransactionFaultTest, ImplicitUpdateIsSavedOnlyWhenCommitted) {
     Plan apply_fails, retried, lasting;
     apply_fails.writev_fail_at = 1;
@@ -267,9 +256,7 @@ TEST_F(TransactionFaultTest, ImplicitUpdateIsSavedOnlyWhenCommitted) {
     }
 }
 
-// A rewrite's commit that cannot rename (no memory for the path, or a
-// directory standing where the data file was) removes the rewrite file and
-// leaves the table applied and abortable.
+// A rewrite that cannot be renamed into place is removed; the table stays abortable.
 TEST_F(TransactionFaultTest, RewriteCommitThatCannotRenameLeavesTheTableAbortable) {
     for (bool no_memory : {true, false}) {
         SCOPED_TRACE(no_memory);
