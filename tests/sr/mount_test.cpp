@@ -1,28 +1,35 @@
-// Mount points: which mounts and unmounts are refused, with which codes, and
-// what a tree's path resolution sees afterwards.
+// Registry paths, mount points, the directories a mount makes, and repair of ".rewrite" files.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <list>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "sr/test_util.h"
-#include "sr_i.h"
+#include "sr/table_test_util.h"
 
+using qxtest::Exists;
 using qxtest::last_error;
 
 namespace {
+
+bool IsDirectory(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
 
 class MountTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(sr_open_tree_1(&tree_, 0, 0), 0); }
     void TearDown() override {
         sr_i_alloc_fail_after(-1);
-        sr_close_tree_1(tree_);
+        sr_i_file_ops = sr_i_default_file_ops;
+        sr_close_tree_1(tree_);  // LeakSanitizer checks the mount points go with it
     }
 
     char *Text(const std::string &s) {
@@ -33,16 +40,26 @@ class MountTest : public ::testing::Test {
         return sr_mount_local_tree_1(tree_, Text(path), Text(tmp_.file(dir)), create);
     }
     int Unmount(const std::string &path) { return sr_unmount_local_tree_1(tree_, Text(path)); }
+    bool NoMountPoints() { return static_cast<sr_i_tree_t *>(tree_)->p_mount_points == nullptr; }
 
-    // The block size a registry path resolves with (0: transient).
-    qx_uint32_t BlockSize(const std::string &path) {
+    // The file a registry path resolves to: "" when transient, "<rc>" on error.
+    std::string Resolve(const std::string &path) {
+        char *p_path = Text(path);
         qx_char_ptr_t p_result = nullptr;
-        qx_uint32_t block_size = 0;
-        EXPECT_EQ(sr_i_resolve_path(static_cast<sr_i_tree_t *>(tree_), Text(path), &p_result,
-                                    &block_size),
-                  0);
-        if (block_size != 0) free(p_result);
-        return block_size;
+        qx_uint32_t block_size = 99;
+        int rc =
+            sr_i_resolve_path(static_cast<sr_i_tree_t *>(tree_), p_path, &p_result, &block_size);
+        if (rc != 0) return "<" + std::to_string(rc) + ">";
+        if (block_size == 0) {
+            EXPECT_EQ(p_result, p_path) << "a transient path is returned as itself";
+            return "";
+        }
+        EXPECT_EQ(block_size, 512u);
+        // The name has room for 31 more bytes (".rewrite" and such).
+        std::strcat(p_result, ".rewrite.and.some.more.bytes.xx");
+        std::string result(p_result, std::strlen(p_result) - 31);
+        free(p_result);
+        return result;
     }
 
     qxtest::TempDir tmp_;
@@ -50,140 +67,173 @@ class MountTest : public ::testing::Test {
     std::list<std::string> texts_;
 };
 
-bool IsDirectory(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+TEST_F(MountTest, PathSyntax) {
+    for (std::string bad : {std::string(), std::string(256, 'a'), std::string(100000, 'a'),
+                            std::string("/a b"), std::string("/a\tb"), std::string("/a\nb")}) {
+        EXPECT_EQ(sr_i_check_path_syntax(bad.data()), 102) << bad;
+    }
+    for (const char *bad : {"/a.b", "/a,b", "/a-b", "/a//b", "//", "/a/.", "/a/..", "/./a", "/../a",
+                            ".", "/a:b", "/a\\b"}) {
+        EXPECT_EQ(sr_i_check_path_syntax(Text(bad)), 102) << bad;
+    }
+    for (std::string good : {std::string(255, 'a'), "/" + std::string(254, 'a'),
+                             std::string("/a/b/"), std::string("a_b"), std::string("/"),
+                             std::string("/config/nodes/table1"), std::string("A9/_/z")}) {
+        EXPECT_EQ(sr_i_check_path_syntax(good.data()), 0) << good;
+    }
+    EXPECT_EQ(sr_i_check_path_syntax(Text("/a b")), 102);
+    EXPECT_EQ(last_error().message, "2605-102 /a b is an invalid pathname.\n");
+    EXPECT_EQ(sr_i_check_path_syntax(nullptr), 102);
+    EXPECT_EQ(last_error().message, "2605-102 <NULL POINTER> is an invalid pathname.\n");
 }
 
-TEST_F(MountTest, MountMapsThePrefixAndCreatesTheDirectoryEvenWithCreateZero) {
-    EXPECT_EQ(Mount("/a", "deep/er/d", 0), 0);
-    EXPECT_TRUE(IsDirectory(tmp_.file("deep/er/d")));
-    EXPECT_EQ(BlockSize("/a/t"), 512u);
-    EXPECT_EQ(BlockSize("/b/t"), 0u);
+TEST_F(MountTest, MountedPathsResolveToFlatFileNames) {
+    EXPECT_EQ(Mount("/a", "deep/er/d", 0), 0);  // makes the directory even with create 0
+    const std::string d = tmp_.file("deep/er/d");
+    EXPECT_TRUE(IsDirectory(d));
     EXPECT_EQ(last_error().code, 0);
+    EXPECT_EQ(Resolve("/a/x"), d + "/x");
+    EXPECT_EQ(Resolve("/a/x/y/z9_"), d + "/x,y,z9_");
+    for (const char *transient : {"/ab", "/a", "/b/x", "a/x"}) EXPECT_EQ(Resolve(transient), "");
+    EXPECT_EQ(Resolve("/a/x.y"), "<102>");
+    EXPECT_EQ(Resolve("/a//x"), "<102>");
+    sr_i_alloc_fail_after(0);
+    EXPECT_EQ(Resolve("/a/x"), "<12>");
+    EXPECT_EQ(last_error().code, 12);
 }
 
-TEST_F(MountTest, SamePathTwiceIs207) {
+TEST_F(MountTest, RefusedMountsLeaveTheTreeUnchanged) {
     ASSERT_EQ(Mount("/a", "d1"), 0);
     EXPECT_EQ(Mount("/a", "d2"), 207);
     EXPECT_EQ(last_error().message, "2605-207 A mount point containing the path already exists.\n");
-    // The first mount still maps to its own directory.
-    qx_char_ptr_t p_result = nullptr;
-    qx_uint32_t block_size = 0;
-    ASSERT_EQ(
-        sr_i_resolve_path(static_cast<sr_i_tree_t *>(tree_), Text("/a/t"), &p_result, &block_size),
-        0);
-    EXPECT_EQ(std::string(p_result), tmp_.file("d1") + "/t");
-    free(p_result);
-}
+    EXPECT_EQ(Resolve("/a/t"), tmp_.file("d1") + "/t");
+    EXPECT_EQ(Mount("/a/b", "d5"), 207);
+    EXPECT_FALSE(IsDirectory(tmp_.file("d5")));
+    EXPECT_EQ(Mount("/x/y", "d3"), 0);
+    EXPECT_EQ(Mount("/x", "d4"), 0) << "a prefix of a mount point is accepted";
 
-TEST_F(MountTest, PathUnderAnExistingMountPointIs207) {
-    ASSERT_EQ(Mount("/a", "d1"), 0);
-    EXPECT_EQ(Mount("/a/b", "d2"), 207);
-    EXPECT_FALSE(IsDirectory(tmp_.file("d2")));
-}
-
-TEST_F(MountTest, PrefixOfAnExistingMountPointIsAccepted) {
-    ASSERT_EQ(Mount("/a/b", "d1"), 0);
-    EXPECT_EQ(Mount("/a", "d2"), 0);
-}
-
-TEST_F(MountTest, BadArgumentsGive100And101And102) {
-    EXPECT_EQ(sr_mount_local_tree_1(nullptr, Text("/a"), Text(tmp_.file("d")), 1), 100);
-    EXPECT_EQ(sr_mount_local_tree_1(tree_, Text("/a"), nullptr, 1), 101);
-    EXPECT_EQ(last_error().code, 101);
+    EXPECT_EQ(sr_mount_local_tree_1(nullptr, Text("/b"), Text(tmp_.file("d")), 1), 100);
+    EXPECT_EQ(sr_mount_local_tree_1(tree_, Text("/b"), nullptr, 1), 101);
     EXPECT_EQ(sr_mount_local_tree_1(tree_, nullptr, Text(tmp_.file("d")), 1), 102);
-    EXPECT_EQ(last_error().message, "2605-102 <NULL POINTER> is an invalid pathname.\n");
     EXPECT_EQ(Mount("/a.b", "d"), 102);
     EXPECT_EQ(sr_unmount_local_tree_1(nullptr, Text("/a")), 100);
-    EXPECT_EQ(static_cast<sr_i_tree_t *>(tree_)->p_mount_points, nullptr);
-}
-
-TEST_F(MountTest, DirectoryThatCannotBeMadeFailsAndLeavesTheTreeUnchanged) {
-    std::string blocker = tmp_.file("plain");
-    FILE *p_file = fopen(blocker.c_str(), "w");
-    ASSERT_NE(p_file, nullptr);
-    fclose(p_file);
-    EXPECT_EQ(Mount("/a", "plain/d"), 10);
-    EXPECT_EQ(static_cast<sr_i_tree_t *>(tree_)->p_mount_points, nullptr);
-    EXPECT_EQ(Mount("/a", "d"), 0);
-}
-
-TEST_F(MountTest, TransientTableOfTheSameNameIs201) {
-    sr_column_t columns[2] = {};
-    columns[0].name = Text("key");
-    columns[0].type = QX_UINT32;
-    columns[0].qualifier = SR_PRIMARY_KEY;
-    columns[1].name = Text("value");
-    columns[1].type = QX_INT32;
-    columns[1].qualifier = SR_STANDARD;
+    qxtest::WriteBytes(tmp_.file("plain"), "");
+    EXPECT_EQ(Mount("/b", "plain/d"), 10);
+    EXPECT_EQ(Resolve("/b/t"), "");
+    // A transient table of the name; a path below it is no table.
+    std::vector<sr_column_t> columns(2);
+    columns[0] = {Text("key"), QX_UINT32, SR_PRIMARY_KEY, 0, nullptr, {}};
+    columns[1] = {Text("value"), QX_INT32, SR_STANDARD, 0, nullptr, {}};
     sr_opaque_handle_t table = nullptr;
-    ASSERT_EQ(sr_create_table_1(tree_, Text("/t"), columns, 2, 2, &table), 0);
+    ASSERT_EQ(sr_create_table_1(tree_, Text("/t"), columns.data(), 2, 2, &table), 0);
     EXPECT_EQ(Mount("/t", "d"), 201);
     EXPECT_EQ(last_error().message, "2605-201 The table already exists.\n");
-    EXPECT_EQ(static_cast<sr_i_tree_t *>(tree_)->p_mount_points, nullptr);
-    // A path below the table's name is no table: that mount is accepted.
     EXPECT_EQ(Mount("/t/u", "d"), 0);
-    EXPECT_EQ(sr_close_table_1(table), 0);
-    EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
 }
 
 TEST_F(MountTest, AllocationFailuresAre12AndLeaveNothingBehind) {
-    // Each allocation of the mount in turn; LeakSanitizer checks the frees.
     for (int n = 0; n < 3; ++n) {
         sr_i_alloc_fail_after(n);
         EXPECT_EQ(Mount("/a", "d"), 12) << n;
-        EXPECT_EQ(static_cast<sr_i_tree_t *>(tree_)->p_mount_points, nullptr);
+        EXPECT_TRUE(NoMountPoints());
     }
     sr_i_alloc_fail_after(-1);
     ASSERT_EQ(Mount("/a", "d"), 0);
     sr_i_alloc_fail_after(0);
     EXPECT_EQ(Unmount("/a"), 12);
     sr_i_alloc_fail_after(-1);
-    EXPECT_EQ(BlockSize("/a/t"), 512u);
+    EXPECT_NE(Resolve("/a/t"), "");
 }
 
 TEST_F(MountTest, UnmountTakesTheNameAsMounted) {
-    ASSERT_EQ(Mount("/a", "d"), 0);
-    // "/a/" lies under the mount point itself, so it names no mount point.
-    EXPECT_EQ(Unmount("/a/"), 208);
-    EXPECT_EQ(last_error().message, "2605-208 The specified mount point does not exist.\n");
-    EXPECT_EQ(Unmount("/b"), 208);
-    EXPECT_EQ(Unmount("/a"), 0);
-    EXPECT_EQ(BlockSize("/a/t"), 0u);
-    // Files on disk are never touched.
-    EXPECT_TRUE(IsDirectory(tmp_.file("d")));
-    EXPECT_EQ(Unmount("/a"), 208);
-}
-
-TEST_F(MountTest, UnmountWithoutMountPointsIs208BeforeThePathIsLookedAt) {
-    EXPECT_EQ(Unmount("not a path"), 208);
+    EXPECT_EQ(Unmount("not a path"), 208) << "no mount points: before the path is looked at";
     EXPECT_EQ(sr_unmount_local_tree_1(tree_, nullptr), 208);
     ASSERT_EQ(Mount("/a", "d"), 0);
     EXPECT_EQ(Unmount("not a path"), 102);
+    EXPECT_EQ(Unmount("/a/"), 208);  // lies under the mount point
+    EXPECT_EQ(last_error().message, "2605-208 The specified mount point does not exist.\n");
+    EXPECT_EQ(Unmount("/b"), 208);
+    // /a/ sorts before the long name: the search meets it and resolves the
+    // long path into its directory, which must not overrun the key.
+    EXPECT_EQ(Unmount("/a/" + std::string(200, 'q')), 208);
+    EXPECT_EQ(Unmount("/a"), 0);
+    EXPECT_EQ(Resolve("/a/t"), "");
+    EXPECT_TRUE(IsDirectory(tmp_.file("d"))) << "files on disk are never touched";
+    EXPECT_EQ(Unmount("/a"), 208);
 }
 
-TEST_F(MountTest, UnmountOfAPathUnderAnotherMountPointIs208) {
-    // Mounted first, /x/ sorts before the long name below, so a search for
-    // the long path meets /x/ and resolves it into /x's directory: a longer
-    // file path that must not overrun the key.
-    ASSERT_EQ(Mount("/x", "dx"), 0);
-    std::string long_path = "/x/" + std::string(200, 'q');
-    EXPECT_EQ(Unmount(long_path), 208);
-    EXPECT_EQ(BlockSize("/x/t"), 512u);
+int FailMkdirWithEnospc(const char *, mode_t) {
+    errno = ENOSPC;
+    return -1;
 }
 
-TEST_F(MountTest, MountPointsAreFreedWithTheTree) {
-    ASSERT_EQ(Mount("/a", "d1"), 0);
-    ASSERT_EQ(Mount("/b/c", "d2"), 0);
-    // TearDown closes the tree; LeakSanitizer would report the records.
+TEST_F(MountTest, DirectoryCreation) {
+    std::string path = tmp_.file("d2/d3/d4");
+    std::string copy = path;
+    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 0);
+    EXPECT_EQ(copy, path);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
+    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 0);  // all there already
+    copy = path + "/";
+    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 0);
+    qxtest::WriteBytes(tmp_.file("plain"), "");
+    copy = tmp_.file("plain/sub/dir");
+    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 10);
+    EXPECT_EQ(copy, tmp_.file("plain/sub/dir"));
+    EXPECT_NE(last_error().message.find("The mkdir system call unexpectedly returned an errno of " +
+                                        std::to_string(ENOTDIR) +
+                                        " to the sr_i_create_all_directories_in_path function"),
+              std::string::npos)
+        << last_error().message;
+    sr_i_file_ops.p_mkdir = FailMkdirWithEnospc;
+    copy = tmp_.file("x/y");
+    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 13);
+    EXPECT_EQ(last_error().message, "2605-013 The filesystem containing the local tree is full.\n");
+}
+
+// Repair removes the named tables' ".rewrite" files in order, up to the first bad name.
+TEST_F(MountTest, RepairRemovesLeftOverRewriteFiles) {
+    ASSERT_EQ(Mount("/m", "d"), 0);
+    std::vector<sr_column_t> columns(2);
+    columns[0] = {Text("k"), QX_INT64, SR_PRIMARY_KEY, 0, nullptr, {}};
+    columns[1] = {Text("c"), QX_INT64, SR_STANDARD, 0, nullptr, {}};
+    for (const char *name : {"/m/a", "/m/b"}) {
+        sr_opaque_handle_t table = nullptr;
+        ASSERT_EQ(sr_create_table_1(tree_, Text(name), columns.data(), 2, 2, &table), 0);
+        ASSERT_EQ(sr_close_table_1(table), 0);
+    }
+    auto file = [&](const std::string &name) { return tmp_.file("d/" + name); };
+    const std::string a = qxtest::ReadBytes(file("a"));
+    auto repair = [&](std::vector<std::string> paths) {
+        std::vector<char *> names;
+        for (const std::string &path : paths) names.push_back(Text(path));
+        return sr_repair_tables_1(tree_, names.data(), static_cast<qx_uint32_t>(names.size()));
+    };
+    qxtest::WriteBytes(file("a.rewrite"), "half an image");
+    qxtest::WriteBytes(file("b.rewrite"), "");
+    ASSERT_EQ(repair({"/m/a", "/t/memory", "/m/never", "/m/b"}), 0);
+    EXPECT_FALSE(Exists(file("a.rewrite")));
+    EXPECT_FALSE(Exists(file("b.rewrite")));
+    EXPECT_EQ(qxtest::ReadBytes(file("a")), a);
+    EXPECT_TRUE(Exists(file("b")));
+    qxtest::WriteBytes(file("a.rewrite"), "x");
+    qxtest::WriteBytes(file("b.rewrite"), "x");
+    EXPECT_EQ(repair({"/m/a", "/m/bad path", "/m/b"}), 102);
+    EXPECT_EQ(last_error().code, 102);
+    EXPECT_FALSE(Exists(file("a.rewrite")));
+    EXPECT_TRUE(Exists(file("b.rewrite")));
+    EXPECT_EQ(sr_repair_tables_1(tree_, nullptr, 0), 0);
+    EXPECT_EQ(sr_repair_tables_1(tree_, nullptr, 1), 101);
+    EXPECT_EQ(sr_repair_tables_1(nullptr, nullptr, 1), 100);
 }
 
 }  // namespace
 
-// Mounts hold ForkMutex and the tree's write lock, unmounts the write lock:
-// threads mounting and unmounting on one tree must neither lose nor double a
-// mount point.
+// Threads mounting and unmounting on one tree neither lose nor double a mount point.
 TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     qxtest::TempDir tmp;
     sr_opaque_handle_t tree = nullptr;
@@ -198,7 +248,6 @@ TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
                 std::string path = "/t" + std::to_string(t) + "/m" + std::to_string(i);
                 std::string dir = tmp.file("d" + std::to_string(t));
                 if (sr_mount_local_tree_1(tree, path.data(), dir.data(), 1) != 0) ++failures;
-                // A second mount of the same path always loses.
                 if (sr_mount_local_tree_1(tree, path.data(), dir.data(), 1) != 207) ++failures;
                 if (i % 2 == 0 && sr_unmount_local_tree_1(tree, path.data()) != 0) ++failures;
             }
@@ -206,8 +255,7 @@ TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     }
     for (auto &thread : threads) thread.join();
     EXPECT_EQ(failures.load(), 0);
-    // Exactly the odd rounds remain mounted.
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < kThreads; ++t) {  // exactly the odd rounds remain
         for (int i = 0; i < kRounds; ++i) {
             std::string path = "/t" + std::to_string(t) + "/m" + std::to_string(i);
             EXPECT_EQ(sr_unmount_local_tree_1(tree, path.data()), i % 2 == 0 ? 208 : 0) << path;

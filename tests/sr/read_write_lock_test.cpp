@@ -1,6 +1,4 @@
-// The reader/writer lock with real threads: readers share, a writer waits
-// for the last reader, a writer's release wakes every waiting reader, and a
-// cancelled waiter leaves the lock usable.
+// The reader/writer lock with real threads.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -19,62 +17,50 @@ class RwLockConcurrencyTest : public ::testing::Test {
     void SetUp() override { sr_i_rw_open(&lock_); }
     void TearDown() override { sr_i_rw_close(&lock_); }
 
-    // Reads a counter under the lock's mutex (the counters are guarded by it).
-    int counter(qx_int32_t sr_i_read_write_lock_t::*field) {
+    // A counter, read under the lock's mutex that guards it.
+    int Counter(qx_int32_t sr_i_read_write_lock_t::*field) {
         pthread_mutex_lock(&lock_.lock);
-        int value = lock_.*field;
+        const int value = lock_.*field;
         pthread_mutex_unlock(&lock_.lock);
         return value;
     }
-
-    // Waits until a counter reaches a value (bounded).
-    bool wait_for(qx_int32_t sr_i_read_write_lock_t::*field, int value) {
-        for (int i = 0; i < 2000; ++i) {
-            if (counter(field) == value) return true;
-            std::this_thread::sleep_for(1ms);
-        }
-        return false;
+    // Waits (bounded) until a counter reaches a value.
+    bool WaitFor(qx_int32_t sr_i_read_write_lock_t::*field, int value) {
+        for (int i = 0; i < 2000 && Counter(field) != value; ++i) std::this_thread::sleep_for(1ms);
+        return Counter(field) == value;
+    }
+    void ExpectUsable() {
+        EXPECT_EQ(0, sr_i_rw_state(&lock_));
+        EXPECT_EQ(0, sr_i_rw_lock_read(&lock_));
+        EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
+        EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
+        EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     }
 
     sr_i_read_write_lock_t lock_;
 };
 
-TEST_F(RwLockConcurrencyTest, TwoReadersHoldItTogether) {
+TEST_F(RwLockConcurrencyTest, ReadersShareAndAWriterWaitsForTheLastReader) {
     ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
-    std::atomic<bool> second_in{false};
-    std::thread reader([&] {
-        EXPECT_EQ(0, sr_i_rw_lock_read(&lock_));
-        second_in = true;
-        EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
-    });
-    reader.join();
-    EXPECT_TRUE(second_in.load());
-    EXPECT_EQ(1, sr_i_rw_state(&lock_));
-    EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
-}
-
-TEST_F(RwLockConcurrencyTest, WriterWaitsForTheLastReader) {
-    ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
-    ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
+    std::thread([&] { EXPECT_EQ(0, sr_i_rw_lock_read(&lock_)); }).join();
+    EXPECT_EQ(2, sr_i_rw_state(&lock_));
     std::atomic<bool> writing{false};
     std::thread writer([&] {
         EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
         writing = true;
         EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     });
-    ASSERT_TRUE(wait_for(&sr_i_read_write_lock_t::waiting_writers, 1));
+    ASSERT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_writers, 1));
     EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
     std::this_thread::sleep_for(50ms);
     EXPECT_FALSE(writing.load()) << "writer entered while a reader still held the lock";
-    EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));  // the second release wakes it
+    EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));  // the last release wakes it
     writer.join();
     EXPECT_TRUE(writing.load());
-    EXPECT_EQ(0, sr_i_rw_state(&lock_));
-    // The writer count only records that a writer came.
-    EXPECT_EQ(1, counter(&sr_i_read_write_lock_t::waiting_writers));
+    ExpectUsable();
 }
 
-TEST_F(RwLockConcurrencyTest, WriterReleaseWakesAllWaitingReaders) {
+TEST_F(RwLockConcurrencyTest, WritersReleaseWakesAllWaitingReadersOrOneWriter) {
     ASSERT_EQ(0, sr_i_rw_lock_write(&lock_));
     std::atomic<int> inside{0};
     std::atomic<bool> release{false};
@@ -87,7 +73,7 @@ TEST_F(RwLockConcurrencyTest, WriterReleaseWakesAllWaitingReaders) {
             EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
         });
     }
-    ASSERT_TRUE(wait_for(&sr_i_read_write_lock_t::waiting_readers, 3));
+    ASSERT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_readers, 3));
     EXPECT_EQ(0, inside.load());
     EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     for (int i = 0; i < 2000 && inside.load() < 3; ++i) std::this_thread::sleep_for(1ms);
@@ -95,11 +81,8 @@ TEST_F(RwLockConcurrencyTest, WriterReleaseWakesAllWaitingReaders) {
     EXPECT_EQ(3, sr_i_rw_state(&lock_));
     release = true;
     for (auto &reader : readers) reader.join();
-    EXPECT_EQ(0, sr_i_rw_state(&lock_));
-    EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::waiting_readers));
-}
+    EXPECT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_readers, 0));
 
-TEST_F(RwLockConcurrencyTest, WriterReleaseWithNoReaderWakesOneWriter) {
     ASSERT_EQ(0, sr_i_rw_lock_write(&lock_));
     std::atomic<bool> second{false};
     std::thread writer([&] {
@@ -107,76 +90,56 @@ TEST_F(RwLockConcurrencyTest, WriterReleaseWithNoReaderWakesOneWriter) {
         second = true;
         EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     });
-    ASSERT_TRUE(wait_for(&sr_i_read_write_lock_t::waiting_writers, 2));
+    std::this_thread::sleep_for(50ms);
     EXPECT_FALSE(second.load());
     EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     writer.join();
     EXPECT_TRUE(second.load());
 }
 
-struct CancelArg {
-    sr_i_read_write_lock_t *lock;
-    bool write;
-};
-
-void *wait_then_be_cancelled(void *p) {
-    auto *arg = static_cast<CancelArg *>(p);
-    if (arg->write) {
-        sr_i_rw_lock_write(arg->lock);
+void *WaitThenBeCancelled(void *p_lock) {
+    auto *p = static_cast<sr_i_read_write_lock_t *>(p_lock);
+    // A reader waits for the writer holding the lock, a writer for the reader.
+    if (sr_i_rw_state(p) < 0) {
+        sr_i_rw_lock_read(p);
     } else {
-        sr_i_rw_lock_read(arg->lock);
+        sr_i_rw_lock_write(p);
     }
     return nullptr;  // not reached: cancelled while waiting
 }
 
-TEST_F(RwLockConcurrencyTest, CancelledWaitingReaderLeavesTheLockClean) {
-    ASSERT_EQ(0, sr_i_rw_lock_write(&lock_));
-    CancelArg arg{&lock_, false};
-    pthread_t thread;
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, wait_then_be_cancelled, &arg));
-    ASSERT_TRUE(wait_for(&sr_i_read_write_lock_t::waiting_readers, 1));
-    ASSERT_EQ(0, pthread_cancel(thread));
-    void *result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
-    EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::waiting_readers));
-    EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
-    // Still usable both ways.
-    EXPECT_EQ(0, sr_i_rw_lock_read(&lock_));
-    EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
-    EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
-    EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
+TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
+    for (bool write_held : {true, false}) {
+        auto field = write_held ? &sr_i_read_write_lock_t::waiting_readers
+                                : &sr_i_read_write_lock_t::waiting_writers;
+        ASSERT_EQ(0, write_held ? sr_i_rw_lock_write(&lock_) : sr_i_rw_lock_read(&lock_));
+        const int before = Counter(field);
+        pthread_t thread;
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, WaitThenBeCancelled, &lock_));
+        ASSERT_TRUE(WaitFor(field, before + 1));
+        ASSERT_EQ(0, pthread_cancel(thread));
+        void *result = nullptr;
+        ASSERT_EQ(0, pthread_join(thread, &result));
+        EXPECT_EQ(PTHREAD_CANCELED, result);
+        EXPECT_EQ(Counter(field), before);
+        EXPECT_EQ(0, write_held ? sr_i_rw_unlock_write(&lock_) : sr_i_rw_unlock_read(&lock_));
+        ExpectUsable();
+    }
 }
 
-TEST_F(RwLockConcurrencyTest, CancelledWaitingWriterLeavesTheLockClean) {
-    ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
-    CancelArg arg{&lock_, true};
-    pthread_t thread;
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, wait_then_be_cancelled, &arg));
-    ASSERT_TRUE(wait_for(&sr_i_read_write_lock_t::waiting_writers, 1));
-    ASSERT_EQ(0, pthread_cancel(thread));
-    ASSERT_EQ(0, pthread_join(thread, nullptr));
-    EXPECT_EQ(0, counter(&sr_i_read_write_lock_t::waiting_writers));
-    EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
-    EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
-    EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
-}
-
-// Readers on their fast path and writers racing: a writer is always alone,
-// readers never see a writer, and some releases land on another thread than
-// their acquire (the lock has no owner).
+// Racing readers and writers keep exclusion; some reads are released by another thread.
 TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
     std::atomic<int> readers_inside{0};
     std::atomic<int> writers_inside{0};
     std::atomic<int> violations{0};
-    std::atomic<int> handed_over{0};  // reads acquired here, released by the writers' thread
+    std::atomic<int> handed_over{0};  // reads acquired by readers, released by the releaser
     std::atomic<bool> writers_done{false};
+    std::atomic<bool> done{false};
     auto reader = [&] {
         for (int i = 0; !writers_done.load(); ++i) {
             ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
             ++readers_inside;
-            for (int spin = 0; spin < 20; ++spin)
-                if (writers_inside.load() != 0) ++violations;
+            for (int spin = 0; spin < 20; ++spin) violations += writers_inside.load() != 0;
             --readers_inside;
             if (i % 64 == 0) {
                 ++handed_over;
@@ -188,25 +151,23 @@ TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
     auto writer = [&] {
         for (int i = 0; i < 500; ++i) {
             ASSERT_EQ(0, sr_i_rw_lock_write(&lock_));
-            if (++writers_inside != 1) ++violations;
+            violations += ++writers_inside != 1;
             for (int spin = 0; spin < 4; ++spin) {
                 std::this_thread::yield();  // give a wrongly admitted reader time to show
-                if (readers_inside.load() != 0) ++violations;
+                violations += readers_inside.load() != 0;
             }
             --writers_inside;
             ASSERT_EQ(0, sr_i_rw_unlock_write(&lock_));
         }
     };
-    std::atomic<bool> done{false};
     std::thread releaser([&] {
-        // Releases the handed-over reads from a thread that acquired none.
         while (!done.load() || handed_over.load() != 0) {
-            if (handed_over.load() != 0) {
-                --handed_over;
-                ASSERT_EQ(0, sr_i_rw_unlock_read(&lock_));
-            } else {
+            if (handed_over.load() == 0) {
                 std::this_thread::yield();
+                continue;
             }
+            --handed_over;
+            ASSERT_EQ(0, sr_i_rw_unlock_read(&lock_));
         }
     });
     std::thread readers[] = {std::thread(reader), std::thread(reader)};
@@ -217,9 +178,7 @@ TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
     done = true;
     releaser.join();
     EXPECT_EQ(0, violations.load());
-    EXPECT_EQ(0, sr_i_rw_state(&lock_));
-    EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
-    EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
+    ExpectUsable();
 }
 
 }  // namespace
