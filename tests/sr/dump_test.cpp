@@ -134,7 +134,7 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     columns[4].default_value.val_uint64 = 18000000000000000000ull;
     columns[5].default_value.val_float32 = 0.5f;
     columns[6].default_value.val_float64 = -1.25;
-    columns[7].default_value.ptr_binary = qxcross::make_binary(arena_, 2);
+    columns[7].default_value.ptr_binary = qxcross::make_value(arena_, QX_BINARY_PTR, 2).ptr_binary;
     columns[8].sd_defn = qxcross::sd_definition(arena_);
     sr_i_table_t *p_table = Table("/d/q", columns, 6);
     qx_value_t key{}, text{};
