@@ -1,7 +1,4 @@
-/*
- * cache_concurrency_test.cpp - library-owned client values under concurrent
- * readers, releases and fork().
- */
+// Library-owned client values under concurrent readers, releases and fork().
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +14,7 @@ namespace {
 
 using pmsg_test::Built;
 
-/* A "table": rows of one composite column each, in one area per row. */
+// A "table": rows of one composite column each, in one area per row.
 struct Rows {
     explicit Rows(int count) : built(count), values(count) {
         pmsg_test::ValueMaker maker(arena, 1234, false);
@@ -43,9 +40,8 @@ struct Rows {
     std::vector<qx_value_t> values;
 };
 
-/* Two readers per table, so buckets grow while others look up; every reader
- * of a slot gets the one value built for it; a release of another table
- * runs beside them. */
+// Two readers per table (buckets grow under lookups) get the one value built per slot, beside
+// releases of another table.
 TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) {
     constexpr int kTables = 4, kRows = 256;
     std::vector<std::unique_ptr<Rows>> tables;
@@ -59,10 +55,9 @@ TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) 
             const Rows &rows = *tables[t % kTables];
             for (int round = 0; round < 10; round++) {
                 for (int i = 0; i < kRows; i++) {
-                    std::string why;
-                    if (!pmsg_test::values_equal(QX_SD_PTR_ARRAY, rows.values[i], rows.read(i),
-                                                 &why))
-                        ADD_FAILURE() << why;
+                    if (pmsg_test::form(QX_SD_PTR_ARRAY, rows.values[i]) !=
+                        pmsg_test::form(QX_SD_PTR_ARRAY, rows.read(i)))
+                        ADD_FAILURE() << "row " << i;
                 }
                 if (tables[0]->read(0).ptr_array != first_of_table0[t]) ADD_FAILURE() << "changed";
             }
@@ -79,8 +74,7 @@ TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) 
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-/* A caller's own fork lock, installed after the library was loaded, as the
- * registry installs its handlers at its first tree open. */
+// A caller's fork lock, installed after the library's (as the registry does at its first open).
 pthread_mutex_t g_caller_fork_lock = PTHREAD_MUTEX_INITIALIZER;
 void lock_caller() {
     pthread_mutex_lock(&g_caller_fork_lock);
@@ -89,9 +83,8 @@ void unlock_caller() {
     pthread_mutex_unlock(&g_caller_fork_lock);
 }
 
-/* A child forked while threads read (one of them releasing under the
- * caller's fork lock) can read too: a shard lock inherited locked would hang
- * it, a lock-order deadlock would hang the fork (the alarm ends the test). */
+// A child forked while threads read and release (under the caller's fork lock) can read: an
+// inherited locked shard or a lock-order deadlock would hang (the alarm ends the test).
 TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadAndReleaseCanRead) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, [] { pthread_atfork(lock_caller, unlock_caller, unlock_caller); });

@@ -1,8 +1,4 @@
-/*
- * codeset_test.cpp - text through a caller locale that is not UTF-8 (the C
- * library's real Latin-1 locale and iconv through libqx_cu): stored as
- * UTF-8, given back in the caller's bytes, wherever it is nested.
- */
+// Text from a Latin-1 caller: stored as UTF-8, given back in the caller's bytes wherever nested.
 #include <gtest/gtest.h>
 #include <locale.h>
 
@@ -84,14 +80,13 @@ TEST_F(PmsgCodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytesWhereverN
     for (qx_uint32_t flags :
          {0u, QX_PMSG_CLIENT_MALLOC, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP}) {
         ASSERT_EQ(0, read(QX_SD_PTR, built, &back, flags));
-        std::string why;
-        EXPECT_TRUE(pmsg_test::values_equal(QX_SD_PTR, value, back, &why)) << why;
+        EXPECT_EQ(pmsg_test::form(QX_SD_PTR, value), pmsg_test::form(QX_SD_PTR, back));
         if (flags != 0) free(back.ptr_sd);
     }
 }
 
 TEST_F(PmsgCodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
-    /* Table bytes that are not UTF-8 at all, and a character Latin-1 lacks. */
+    // Table bytes that are not UTF-8 at all, and a character Latin-1 lacks.
     for (const char *p_stored : {"bad \xFF\xFE utf8", "euro \xE2\x82\xAC"}) {
         SCOPED_TRACE(p_stored);
         std::vector<uint64_t> area(8);
@@ -108,8 +103,7 @@ TEST_F(PmsgCodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
         EXPECT_EQ(nullptr, back.ptr_char);
     }
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
-    /* Building with the from-table handle gives text the converter refuses;
-     * the running offset is left alone. */
+    // Building with the from-table handle gives text the converter refuses; running is kept.
     qx_value_t value;
     value.ptr_char = arena_.text("\xFF\xFF");
     std::vector<uint64_t> area(4);
