@@ -1,7 +1,4 @@
-// Message catalogues: a catalogue found through NLSPATH, or else in the
-// installed tree (the caller's message locale, then C), supplies the text;
-// anything missing falls back to the record's default text.  Catalogues are
-// built here with the system's gencat.
+// Message catalogues (built with gencat) through NLSPATH or the installed tree; else the default.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>

@@ -1,5 +1,4 @@
-// Helpers shared by the common-utilities tests: the calling thread's error,
-// a thread-local locale for the length of a scope, and a scratch directory.
+// Common-utilities test helpers: the thread's error, a scoped thread locale, a scratch directory.
 #ifndef TESTS_CU_CU_TEST_UTIL_H
 #define TESTS_CU_CU_TEST_UTIL_H
 
@@ -36,8 +35,7 @@ inline qx_int32_t current_error_id() {
     return id;
 }
 
-// A locale for the calling thread only (uselocale): threads never disturb
-// one another's locale.
+// A locale for the calling thread only (uselocale).
 class ThreadLocale {
   public:
     explicit ThreadLocale(const char *name) {
