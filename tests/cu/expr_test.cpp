@@ -174,25 +174,14 @@ std::string result(const std::string &text) {
     return match == 1 ? "match" : "no match";
 }
 
-struct CompileError {
-    int rc;
-    std::string message;
-};
-
-CompileError compile_error(const std::string &text) {
+void expect_refused(const std::string &text, const std::string &reason, int position = 0) {
     cu_set_no_error_1();
     Compiled c(text.c_str());
-    return CompileError{c.rc, c.rc == CU_OK ? std::string() : cu_test::current_message()};
-}
-
-void expect_refused(const std::string &text, const std::string &reason, int position = 0) {
-    CompileError e = compile_error(text);
-    EXPECT_EQ(CU_E_SYNTAX, e.rc) << text.substr(0, 40);
-    if (position != 0) {
-        std::string where = "position " + std::to_string(position) + " ";
-        EXPECT_NE(std::string::npos, e.message.find(where)) << text << ": " << e.message;
-    }
-    EXPECT_NE(std::string::npos, e.message.find(reason)) << text.substr(0, 40) << ": " << e.message;
+    EXPECT_EQ(CU_E_SYNTAX, c.rc) << text.substr(0, 40);
+    const std::string message = c.rc == CU_OK ? "" : cu_test::current_message();
+    const std::string where = position ? "position " + std::to_string(position) + " " : "";
+    EXPECT_NE(std::string::npos, message.find(where)) << text << ": " << message;
+    EXPECT_NE(std::string::npos, message.find(reason)) << text.substr(0, 40) << ": " << message;
 }
 
 TEST(ExprCompileTest, ResolvesEachNameOnceWithTheRightParent) {

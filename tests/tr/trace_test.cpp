@@ -28,43 +28,6 @@ namespace {
 const tr_category_description_t kCategories[3] = {
     {0, "API", 0, 0}, {1, "Errors", 0, 0}, {2, "Wherever", 0, 0}};
 
-// Each test starts with nothing registered, a private directory and no trace environment.
-class TraceFixture : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        tr_i_reset_for_testing();
-        unsetenv("QX_TRACE_LEVELS");
-        unsetenv("QX_TRACE_FILE");
-        char tmpl[] = "/tmp/qx_tr_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        trace_file_ = dir_ + "/trace.log";
-    }
-    void TearDown() override {
-        tr_i_reset_for_testing();
-        unsetenv("QX_TRACE_LEVELS");
-        unsetenv("QX_TRACE_FILE");
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-    }
-
-    // Registers `component` with the usual categories under the given environment (nullptr: unset).
-    int Register(const char *component, const char *levels, const char *file,
-                 qx_uint8_t *p_levels) {
-        for (auto [name, value] : {std::pair{"QX_TRACE_LEVELS", levels}, {"QX_TRACE_FILE", file}}) {
-            if (value != nullptr) {
-                setenv(name, value, 1);
-            } else {
-                unsetenv(name);
-            }
-        }
-        return tr_register_component_1(component, p_levels, kCategories, 3);
-    }
-
-    std::string dir_;
-    std::string trace_file_;
-};
-
 std::string ReadAll(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -106,6 +69,55 @@ bool ParseRecord(const std::string &line, Record *p_record) {
     p_record->content = group(4);
     return true;
 }
+
+// Each test starts with nothing registered, a private directory and no trace environment.
+class TraceFixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        tr_i_reset_for_testing();
+        unsetenv("QX_TRACE_LEVELS");
+        unsetenv("QX_TRACE_FILE");
+        char tmpl[] = "/tmp/qx_tr_test.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        trace_file_ = dir_ + "/trace.log";
+    }
+    void TearDown() override {
+        tr_i_reset_for_testing();
+        unsetenv("QX_TRACE_LEVELS");
+        unsetenv("QX_TRACE_FILE");
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+
+    // Registers `component` with the usual categories under the given environment (nullptr: unset).
+    int Register(const char *component, const char *levels, const char *file,
+                 qx_uint8_t *p_levels) {
+        for (auto [name, value] : {std::pair{"QX_TRACE_LEVELS", levels}, {"QX_TRACE_FILE", file}}) {
+            if (value != nullptr) {
+                setenv(name, value, 1);
+            } else {
+                unsetenv(name);
+            }
+        }
+        return tr_register_component_1(component, p_levels, kCategories, 3);
+    }
+
+    void TraceTst() { ASSERT_EQ(Register("_TST", "_TST:*=1", trace_file_.c_str(), levels_), 0); }
+    std::vector<std::string> Contents(const std::string &path) {
+        std::vector<std::string> contents;
+        for (const std::string &line : ReadLines(path)) {
+            Record r;
+            EXPECT_TRUE(ParseRecord(line, &r)) << line;
+            contents.push_back(r.content);
+        }
+        return contents;
+    }
+
+    std::string dir_;
+    std::string trace_file_;
+    qx_uint8_t levels_[3] = {};
+};
 
 using A = std::array<int, 3>;
 
@@ -197,20 +209,7 @@ TEST_F(RegistrationTest, RefusesBadArgumentsAndAFullTableWithoutHarm) {
     EXPECT_EQ(tr_record_id_1("ONEMORE", 1), 0);
 }
 
-class RecordTest : public TraceFixture {
-  protected:
-    void TraceTst() { ASSERT_EQ(Register("_TST", "_TST:*=1", trace_file_.c_str(), levels_), 0); }
-    std::vector<std::string> Contents(const std::string &path) {
-        std::vector<std::string> contents;
-        for (const std::string &line : ReadLines(path)) {
-            Record r;
-            EXPECT_TRUE(ParseRecord(line, &r)) << line;
-            contents.push_back(r.content);
-        }
-        return contents;
-    }
-    qx_uint8_t levels_[3] = {};
-};
+class RecordTest : public TraceFixture {};
 
 using Lines = std::vector<std::string>;
 
