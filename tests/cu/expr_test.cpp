@@ -81,18 +81,6 @@ qx_int32_t validate(void *token, qx_char_t *p_name, qx_uint32_t length, qx_uint3
     return -1;
 }
 
-qx_array_t *array(Arena &a, std::vector<qx_value_t> elements) {
-    qx_array_t *p = a.array(static_cast<uint32_t>(elements.size()));
-    for (size_t i = 0; i < elements.size(); ++i) p->elements[i] = elements[i];
-    return p;
-}
-
-qx_structured_data_t *sd(Arena &a, std::vector<qx_structured_data_element_t> elements) {
-    qx_structured_data_t *p = a.sd(static_cast<uint32_t>(elements.size()));
-    for (size_t i = 0; i < elements.size(); ++i) p->elements[i] = elements[i];
-    return p;
-}
-
 // One row holding a value in every column (`info` holding one text when `text_info`).
 Row sample_row(bool text_info = false) {
     Arena a;
@@ -107,31 +95,30 @@ Row sample_row(bool text_info = false) {
     r.add(QX_BINARY_PTR, {.ptr_binary = a.binary("\xde\xad\x01")});
     r.add(QX_RSRC_HANDLE_PTR, {.ptr_rsrc_handle = a.rsrc(0x00020001u, 0x11111111u, 0x22222222u,
                                                          0x0000abcdu, 0xffffffffu)});
-    r.add(QX_SD_PTR, {.ptr_sd = text_info ? sd(a, {{QX_CHAR_PTR, 0, {.ptr_char = a.text("seven")}}})
-                                          : sd(a, {{QX_INT32, 0, {.val_int32 = 7}},
-                                                   {QX_CHAR_PTR, 0, {.ptr_char = a.text("top")}},
-                                                   {QX_FLOAT64, 0, {.val_float64 = 0.25}}})});
+    r.add(QX_SD_PTR, {.ptr_sd = text_info ? a.sd({{QX_CHAR_PTR, 0, {.ptr_char = a.text("seven")}}})
+                                          : a.sd({{QX_INT32, 0, {.val_int32 = 7}},
+                                                  {QX_CHAR_PTR, 0, {.ptr_char = a.text("top")}},
+                                                  {QX_FLOAT64, 0, {.val_float64 = 0.25}}})});
     r.add(QX_SBS_PTR, {.ptr_sbs = a.sbs("\x01\x02")});
-    r.add(QX_INT32_ARRAY, {.ptr_array = array(a, {{.val_int32 = 3},
-                                                  {.val_int32 = 1},
-                                                  {.val_int32 = 4},
-                                                  {.val_int32 = 1},
-                                                  {.val_int32 = 5}})});
-    r.add(QX_CHAR_PTR_ARRAY, {.ptr_array = array(a, {{.ptr_char = a.text("red")},
-                                                     {.ptr_char = a.text("green")},
-                                                     {.ptr_char = a.text("")}})});
+    r.add(QX_INT32_ARRAY, {.ptr_array = a.array({{.val_int32 = 3},
+                                                 {.val_int32 = 1},
+                                                 {.val_int32 = 4},
+                                                 {.val_int32 = 1},
+                                                 {.val_int32 = 5}})});
+    r.add(QX_CHAR_PTR_ARRAY, {.ptr_array = a.array({{.ptr_char = a.text("red")},
+                                                    {.ptr_char = a.text("green")},
+                                                    {.ptr_char = a.text("")}})});
     std::vector<qx_value_t> parts;
     for (auto [id, what] : {std::pair{10u, "wheel"}, {11u, "axle"}}) {
-        parts.push_back({.ptr_sd = sd(a, {{QX_UINT32, 0, {.val_uint32 = id}},
-                                          {QX_CHAR_PTR, 0, {.ptr_char = a.text(what)}}})});
+        parts.push_back({.ptr_sd = a.sd({{QX_UINT32, 0, {.val_uint32 = id}},
+                                         {QX_CHAR_PTR, 0, {.ptr_char = a.text(what)}}})});
     }
-    r.add(QX_SD_PTR_ARRAY, {.ptr_array = array(a, parts)});
+    r.add(QX_SD_PTR_ARRAY, {.ptr_array = a.array(parts)});
     r.add(QX_INT32, {.val_int32 = 99});
     r.add(QX_INT32, {.val_int32 = 1});
-    r.add(QX_FLOAT64_ARRAY, {.ptr_array = array(a, {{.val_float64 = 0.5}, {.val_float64 = -1.0}})});
-    r.add(
-        QX_BINARY_PTR_ARRAY,
-        {.ptr_array = array(a, {{.ptr_binary = a.binary("")}, {.ptr_binary = a.binary("\xff")}})});
+    r.add(QX_FLOAT64_ARRAY, {.ptr_array = a.array({{.val_float64 = 0.5}, {.val_float64 = -1.0}})});
+    r.add(QX_BINARY_PTR_ARRAY,
+          {.ptr_array = a.array({{.ptr_binary = a.binary("")}, {.ptr_binary = a.binary("\xff")}})});
     return r;
 }
 

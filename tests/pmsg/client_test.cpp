@@ -73,11 +73,9 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected
         }
     }
     // Structured data of scalars is read in place; with a text, built, the text still in place.
-    qx_structured_data_t *sd = arena.sd(2);
-    sd->elements[0] = {QX_INT64, 0, {.val_int64 = 42}};
-    sd->elements[1] = {QX_FLOAT32, 0, {.val_float32 = 0.25f}};
-    qx_value_t value;
-    value.ptr_sd = sd;
+    qx_structured_data_t *sd =
+        arena.sd({{QX_INT64, 0, {.val_int64 = 42}}, {QX_FLOAT32, 0, {.val_float32 = 0.25f}}});
+    qx_value_t value{.ptr_sd = sd};
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_SD_PTR, value, &built));
     qx_value_t back;
@@ -90,10 +88,8 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected
     EXPECT_EQ(built.p_area + 40,
               reinterpret_cast<uint8_t *>(back.ptr_sd->elements[1].value.ptr_char));
     // Packed rows: a caller-owned array of binaries pointing at the rows in the buffer.
-    qx_array_t *rows = arena.array(2);
-    rows->elements[0].ptr_binary = arena.binary("row zero");
-    rows->elements[1].ptr_binary = arena.binary("row one!");
-    value.ptr_array = rows;
+    value.ptr_array = arena.array(
+        {{.ptr_binary = arena.binary("row zero")}, {.ptr_binary = arena.binary("row one!")}});
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_BINARY_PTR_ARRAY, value, &built));
     ASSERT_EQ(0, read(QX_BINARY_PTR_ARRAY, &back, &built.slot, built.p_area, built.used,
                       QX_PMSG_CLIENT_MALLOC));
@@ -335,12 +331,9 @@ TEST(PmsgByteOrderTest, EveryTypeConvertedFromTheOtherOrderIsIdenticalToTheOrigi
 
 TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
     Arena arena;
-    qx_array_t *texts = arena.array(3);
-    texts->elements[0].ptr_char = arena.text("one");
-    texts->elements[1].ptr_char = arena.text("two");
-    texts->elements[2].ptr_char = arena.text("three");
-    qx_value_t value;
-    value.ptr_array = texts;
+    qx_value_t value{.ptr_array = arena.array({{.ptr_char = arena.text("one")},
+                                               {.ptr_char = arena.text("two")},
+                                               {.ptr_char = arena.text("three")}})};
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_CHAR_PTR_ARRAY, value, &built));
     pmsg_test::value_to_other_order(QX_CHAR_PTR_ARRAY, reinterpret_cast<uint8_t *>(&built.slot),

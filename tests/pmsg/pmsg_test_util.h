@@ -56,6 +56,16 @@ class Arena {
         p->element_count = count;
         return p;
     }
+    qx_array_t *array(const std::vector<qx_value_t> &elements) {
+        qx_array_t *p = array(static_cast<uint32_t>(elements.size()));
+        memcpy(p->elements, elements.data(), elements.size() * sizeof elements[0]);
+        return p;
+    }
+    qx_structured_data_t *sd(const std::vector<qx_structured_data_element_t> &elements) {
+        qx_structured_data_t *p = sd(static_cast<uint32_t>(elements.size()));
+        memcpy(p->elements, elements.data(), elements.size() * sizeof elements[0]);
+        return p;
+    }
 
   private:
     std::vector<void *> blocks_;

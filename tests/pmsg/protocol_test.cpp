@@ -172,10 +172,7 @@ TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
     EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_CHAR_PTR, &value, &slot, p, 8, nullptr));
     EXPECT_EQ(QX_PMSG_E_INVAL, size_of(QX_CHAR_PTR, value, nullptr));
 
-    qx_array_t *texts = arena.array(2);
-    texts->elements[0].ptr_char = arena.text("fine");
-    texts->elements[1].ptr_char = nullptr;
-    value.ptr_array = texts;
+    value.ptr_array = arena.array({{.ptr_char = arena.text("fine")}, {.ptr_char = nullptr}});
     EXPECT_EQ(QX_PMSG_E_INVAL, build(QX_CHAR_PTR_ARRAY, value, area, &slot, &running));
     qx_structured_data_t *sd = arena.sd(1);
     sd->elements[0].data_type = static_cast<qx_data_type_t>(QX_NONE);
@@ -279,13 +276,10 @@ TEST_F(PmsgCodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytesWhereverN
     ASSERT_EQ(0, read(QX_CHAR_PTR, built, &again));
     EXPECT_EQ(back.ptr_char, again.ptr_char) << "converted text is built once per slot";
 
-    qx_array_t *texts = arena_.array(2);
-    texts->elements[0].ptr_char = arena_.text(kLatin1);
-    texts->elements[1].ptr_char = arena_.text("plain");
-    qx_structured_data_t *sd = arena_.sd(2);
-    sd->elements[0] = {QX_CHAR_PTR_ARRAY, 0, {.ptr_array = texts}};
-    sd->elements[1] = {QX_CHAR_PTR, 0, {.ptr_char = arena_.text("\xE9t\xE9")}};
-    value.ptr_sd = sd;
+    qx_array_t *texts =
+        arena_.array({{.ptr_char = arena_.text(kLatin1)}, {.ptr_char = arena_.text("plain")}});
+    value.ptr_sd = arena_.sd({{QX_CHAR_PTR_ARRAY, 0, {.ptr_array = texts}},
+                              {QX_CHAR_PTR, 0, {.ptr_char = arena_.text("\xE9t\xE9")}}});
     ASSERT_EQ(0, pmsg_test::build_value(to_table_, QX_SD_PTR, value, &built));
     std::string stored(reinterpret_cast<char *>(built.p_area), built.used);
     EXPECT_NE(std::string::npos, stored.find(kUtf8));
