@@ -1,6 +1,4 @@
-// The C++ header through the installed-style public interface: typed reads
-// and writes, results with codes and messages, transactions that abort
-// unless committed, and iteration over rows and selections.
+// The C++ header: typed values, results with messages, transactions, rows and selections.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -104,8 +102,7 @@ TEST_F(CppApiTest, FailuresCarryTheCodeAndTheLibrarysMessage) {
         EXPECT_EQ(c.result.code(), c.code);
         EXPECT_NE(c.result.message().find(c.text), std::string_view::npos) << c.result.message();
     }
-    // Values of another type than the column's are refused before the
-    // library could take a number for a pointer.
+    // Values of another type than the column's are refused before reaching the library.
     qx::sr::Status wrong[] = {
         t.add({{"id", 2}, {"name", 5}}), t.set(1, "name", 5), t.set("1", "name", "x"),
         t.add({{"id", std::uint32_t{3}}}),

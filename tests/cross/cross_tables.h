@@ -1,14 +1,6 @@
-// Tables that exercise packed buffers: one with a column of every data type
-// (and a default for each), one keyed by text, one keyed by resource handle.
-// Each has committed rows and uncommitted changes (an update, a deletion and
-// additions), so the committed and the working view differ.
-//
-// Shared by the unit tests and by the programs that exchange buffers with a
-// big-endian machine: both sides build the same tables from the same seeds,
-// and both describe a table the same way (render_table), so a table that
-// travelled can be compared line by line with the one that was packed.
-// Header-only, standard C++ and the public headers only: it is compiled for
-// the other machine too.
+// Tables for packed-buffer tests (every type with defaults, text keys, handle keys), with
+// committed rows and uncommitted changes; shared with the programs that exchange buffers with
+// other machines, so header-only, standard C++ and the public headers only.
 #ifndef QX_TESTS_CROSS_CROSS_TABLES_H
 #define QX_TESTS_CROSS_CROSS_TABLES_H
 
@@ -62,31 +54,20 @@ inline qx_data_type_t base_type(qx_data_type_t array_type) {
     return static_cast<qx_data_type_t>(array_type - (QX_INT32_ARRAY - QX_INT32));
 }
 
-// A deterministic value of `type` for `seed`; an array (13..22) holds one to
-// three elements of its base type (2..11).
+// A deterministic value of `type` for `seed`; an array holds one to three of its base type.
 inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed) {
     qx_value_t v;
     v.val_uint64 = 0;
     const qx_uint32_t length = seed % 5 + 1;
     switch (type) {
-        case QX_INT32:
-            v.val_int32 = static_cast<qx_int32_t>(seed * 7) - 100;
-            break;
-        case QX_UINT32:
-            v.val_uint32 = 0xF0000000u + seed;
-            break;
-        case QX_INT64:
-            v.val_int64 = -1234567890123ll * static_cast<qx_int64_t>(seed + 1);
-            break;
-        case QX_UINT64:
-            v.val_uint64 = 0xFEDCBA9876543210ull + seed;
-            break;
-        case QX_FLOAT32:
-            v.val_float32 = 1.5f * static_cast<float>(seed) - 0.25f;
-            break;
-        case QX_FLOAT64:
-            v.val_float64 = static_cast<double>(seed) / 3.0 - 1e-300;
-            break;
+        // clang-format off
+        case QX_INT32: v.val_int32 = static_cast<qx_int32_t>(seed * 7) - 100; break;
+        case QX_UINT32: v.val_uint32 = 0xF0000000u + seed; break;
+        case QX_INT64: v.val_int64 = -1234567890123ll * static_cast<qx_int64_t>(seed + 1); break;
+        case QX_UINT64: v.val_uint64 = 0xFEDCBA9876543210ull + seed; break;
+        case QX_FLOAT32: v.val_float32 = 1.5f * static_cast<float>(seed) - 0.25f; break;
+        case QX_FLOAT64: v.val_float64 = static_cast<double>(seed) / 3.0 - 1e-300; break;
+        // clang-format on
         case QX_CHAR_PTR:
             v.ptr_char = arena.text("text-" + std::to_string(seed));
             break;
@@ -138,26 +119,25 @@ inline std::string hex(const qx_uint8_t *p, size_t length) {
     return s;
 }
 
+inline std::string hex_float(double d) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%a", d);
+    return buffer;
+}
+
 // The canonical text of a value; floats exactly (hexadecimal).
 inline std::string render(qx_data_type_t type, const qx_value_t &v) {
     char buffer[64];
     switch (type) {
-        case QX_INT32:
-            return std::to_string(v.val_int32);
-        case QX_UINT32:
-            return std::to_string(v.val_uint32);
-        case QX_INT64:
-            return std::to_string(v.val_int64);
-        case QX_UINT64:
-            return std::to_string(v.val_uint64);
-        case QX_FLOAT32:
-            std::snprintf(buffer, sizeof buffer, "%a", static_cast<double>(v.val_float32));
-            return buffer;
-        case QX_FLOAT64:
-            std::snprintf(buffer, sizeof buffer, "%a", v.val_float64);
-            return buffer;
-        default:
-            break;
+        // clang-format off
+        case QX_INT32: return std::to_string(v.val_int32);
+        case QX_UINT32: return std::to_string(v.val_uint32);
+        case QX_INT64: return std::to_string(v.val_int64);
+        case QX_UINT64: return std::to_string(v.val_uint64);
+        case QX_FLOAT32: return hex_float(static_cast<double>(v.val_float32));
+        case QX_FLOAT64: return hex_float(v.val_float64);
+        default: break;
+            // clang-format on
     }
     if (v.ptr_char == nullptr) return "null";
     switch (type) {
@@ -240,8 +220,7 @@ inline std::vector<sr_column_t> column_definitions(Arena &arena, const TableLayo
         c.properties = static_cast<qx_int32_t>(i * 3) - 2;
         c.sd_defn =
             (c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY) ? sd_definition(arena) : nullptr;
-        // Every column but the key has a default of its own.  (qx_value_t{}
-        // would zero only the first member: Clang leaves the rest as it was.)
+        // Every column but the key has a default (qx_value_t{} would zero only the first member).
         c.default_value.val_uint64 = 0;
         if (i != 0) c.default_value = make_value(arena, c.type, 900 + static_cast<qx_uint32_t>(i));
     }
@@ -264,9 +243,8 @@ inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableLayout &la
                         static_cast<qx_uint32_t>(names.size()));
 }
 
-// Creates the tables under `prefix` (explicitly controlled) with 5 committed
-// rows each, then leaves uncommitted: row 1 updated, row 3 deleted, rows 5
-// and 6 added.  Returns 0 or the first failing code.
+// The tables under `prefix` with 5 committed rows, then uncommitted: row 1 updated, row 3
+// deleted, rows 5 and 6 added.  Returns 0 or the first failing code.
 inline int build_tables(sr_opaque_handle_t tree, const std::string &prefix, Arena &arena,
                         std::vector<sr_opaque_handle_t> *p_handles) {
     for (const TableLayout &layout : table_layouts()) {
@@ -294,8 +272,7 @@ inline int build_tables(sr_opaque_handle_t tree, const std::string &prefix, Aren
     return 0;
 }
 
-// A table as text: its metadata (structured defaults, which do not travel,
-// left out) and, in fixed-index order, every field of every row of the view.
+// A table as text: metadata (but structured defaults, which do not travel) and every row.
 inline std::string render_table(sr_opaque_handle_t table, qx_uint32_t view_applied) {
     std::string out;
     sr_table_metadata_t *p_metadata = nullptr;

@@ -1,20 +1,9 @@
-// One side of an exchange of table files and packed buffers with another
-// machine: built for this machine, for big-endian s390x (run under
-// qemu-user) and for 32-bit x86, from the same sources.
-//
-//   exchange pack PREFIX   builds the test tables in memory, packs them in the
-//                          committed and the working view into PREFIX_<view>.buf
-//                          and describes every packed table in PREFIX_<view>.txt
-//   exchange check PREFIX  converts those buffers (which must come from the
-//                          other byte order) in place, unpacks every table and
-//                          compares it with the packer's description
-//   exchange write DIR     also builds the tables as files in DIR (applied and
-//                          committed, a last change applied but uncommitted),
-//                          described in DIR/tables.txt, and packs DIR/<view>.buf
-//   exchange read DIR      opens the table files and unpacks the buffers another
-//                          process wrote in DIR and compares them likewise
-//
-// Exit status 0 when everything agrees, 1 on any difference or failure.
+// One side of an exchange of table files and packed buffers with another machine (s390x under
+// qemu-user, 32-bit x86), built for each from the same sources; exit status 0 when all agree.
+//   pack PREFIX   packs the tables (committed, working) into PREFIX_<view>.buf, described in .txt
+//   check PREFIX  converts those buffers (from the other byte order), unpacks and compares
+//   write DIR     also writes the tables as files (a last change applied, uncommitted) in DIR
+//   read DIR      opens another process's table files and buffers in DIR and compares
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -139,9 +128,7 @@ int run(const std::string &mode, const std::string &where) {
     const std::string base = files ? where + "/" : where + "_";
     int failures = 0;
     if (mode == "write") {
-        // Table files: the pending changes applied and committed, then a last
-        // change applied and left uncommitted at the file's end (closing
-        // drops it from memory; the file keeps its bytes, which a reader skips).
+        // Committed table files with a last change applied and uncommitted (a reader skips it).
         std::vector<sr_opaque_handle_t> files;
         if ((rc = qxcross::build_tables(tree, "/w", arena, &files)) != 0) {
             return fail("building the table files", rc);

@@ -1,15 +1,8 @@
 #!/bin/sh
-# Exchanges table files and packed buffers with another machine: the
-# libraries and the exchange program are built for it from the same sources.
-#   s390x: big-endian, with Debian's cross compiler, run under qemu-user; each
-#          side packs buffers the other converts, unpacks and compares.
-#   i386:  32-bit x86 (-m32); a 64-bit and a 32-bit process each write table
-#          files and buffers from the same operations: the two sets must be
-#          byte-identical, and each process reads the other's.
-#
+# Exchanges table files and packed buffers with another machine built from the same sources:
+# s390x (big-endian, qemu-user) packs and unpacks both ways; i386 (-m32) writes byte-identical
+# files and buffers and each side reads the other's.  Exit 77 (skipped) without the tools.
 #   run_exchange.sh s390x|i386 HOST_EXCHANGE SOURCE_DIR WORK_DIR
-#
-# Exits 77 (reported as skipped) when the other machine's tools are missing.
 set -eu
 machine=$1 host=$2 source_dir=$3 work=$4
 mkdir -p "$work"

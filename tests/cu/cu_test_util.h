@@ -1,5 +1,4 @@
-// Helpers shared by the common-utilities tests: the calling thread's error,
-// a thread-local locale for the length of a scope, and a scratch directory.
+// Common-utilities test helpers: the thread's error and a scoped thread locale.
 #ifndef TESTS_CU_CU_TEST_UTIL_H
 #define TESTS_CU_CU_TEST_UTIL_H
 
@@ -7,7 +6,6 @@
 #include <locale.h>
 #include <stdlib.h>
 
-#include <filesystem>
 #include <string>
 
 #include "qx_cu.h"
@@ -36,8 +34,7 @@ inline qx_int32_t current_error_id() {
     return id;
 }
 
-// A locale for the calling thread only (uselocale): threads never disturb
-// one another's locale.
+// A locale for the calling thread only (uselocale).
 class ThreadLocale {
   public:
     explicit ThreadLocale(const char *name) {
@@ -55,27 +52,6 @@ class ThreadLocale {
   private:
     locale_t loc_ = static_cast<locale_t>(0);
     locale_t previous_ = static_cast<locale_t>(0);
-};
-
-// A directory removed with everything in it at the end of the scope.
-class ScratchDir {
-  public:
-    ScratchDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "qx_cu_test_XXXXXX").string();
-        char *made = mkdtemp(pattern.data());
-        if (made != nullptr) path_ = made;
-    }
-    ~ScratchDir() {
-        if (path_.empty()) return;
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    ScratchDir(const ScratchDir &) = delete;
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
 };
 
 }  // namespace cu_test

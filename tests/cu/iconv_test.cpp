@@ -1,6 +1,4 @@
-// Locales and code-set conversion handles, against the C library's real
-// locales and iconv: a Latin-1 locale generated with localedef, C.UTF-8,
-// and the C locale every program starts in.
+// Locales and conversion handles against the C library's real locales (Latin-1, C.UTF-8, C).
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -205,8 +203,7 @@ TEST(StatefulCodesetTest, ShiftStateIsClosedAtTheEndOfEveryConversion) {
     if (cu_iconv_open_1(&info, CU_ICONV_FROM_TABLE, &from.h) != CU_OK) {
         GTEST_SKIP() << "the C library has no ISO-2022-JP converter";
     }
-    // Two kanji: the text shifts into JIS X 0208 and must shift back to
-    // ASCII before it ends, or the next text would be misread.
+    // Two kanji: shifted into JIS X 0208, and back to ASCII before the text ends.
     const std::string kanji = "\xE6\x97\xA5\xE6\x9C\xAC";
     const std::string want = "\x1B$BF|K\\\x1B(B";
     for (int round = 0; round < 2; ++round) {
@@ -243,10 +240,8 @@ TEST(IconvArgumentTest, BadArgumentsAreRejected) {
     EXPECT_EQ(CU_OK, cu_iconv_close_1(nullptr));
 }
 
-// One handle serves many more threads than it keeps idle descriptors; each
-// thread's text differs, so a conversion that picked up another thread's
-// state or output shows, and errors interleaved with good conversions must
-// not leave a descriptor in a state that spoils the next user.
+// One handle serves more threads than it keeps descriptors; errors interleaved with good
+// conversions must not spoil a descriptor for its next user.
 TEST(IconvConcurrencyTest, OneHandleServesManyThreadsAtOnce) {
     cu_locale_info_t info = info_for("ISO-8859-1");
     Handle to, from;

@@ -1,5 +1,4 @@
-// The data-type characteristics table checked by its invariants, the shared
-// empty values and the resource-handle order.
+// The data-type table's invariants, the shared empty values and the resource-handle order.
 #include <gtest/gtest.h>
 #include <string.h>
 

@@ -1,11 +1,14 @@
-/*
- * client_test.cpp - client values: where they point, who owns them, and how
- * untrusted protocol bytes are refused; forms written on a machine of the
- * other byte order: detected by the buffer's mark and converted back.
- */
+// Client values: where they point, who owns them, untrusted bytes refused, the other byte order,
+// concurrent readers, releases and fork().
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
 
 #include "pmsg_i.h"
 #include "pmsg_test_util.h"
@@ -24,10 +27,8 @@ class PmsgClientValueTest : public ::testing::Test {
     Arena arena;
 };
 
-/* Library-owned values whose form has the client layout point straight into
- * the protocol bytes; others are built (aligned when the area is not) and
- * cached; caller-owned values are one block of their own, deep ones
- * outlive the protocol bytes (ASan catches any pointer left into them). */
+// In place when the form has the client layout, else built and cached; caller-owned values are
+// one block, deep ones outlive the protocol bytes (ASan catches any pointer left into them).
 TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected) {
     for (uint32_t seed = 1; seed <= 40; seed++) {
         ValueMaker maker(arena, seed);
@@ -42,6 +43,9 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected
                 Built built;
                 ASSERT_EQ(0, pmsg_test::build_value(nullptr, type, value, &built, shift));
                 EXPECT_EQ(built.room, built.used) << "the size call disagrees with the build";
+                std::vector<uint64_t> moved = built.storage;  // forms are relocatable
+                std::fill(built.storage.begin(), built.storage.end(), ~0ull);
+                built.p_area = reinterpret_cast<uint8_t *>(moved.data()) + shift;
                 const char *p_form =
                     reinterpret_cast<char *>(built.p_area) + built.slot.anchor.offset;
                 for (qx_uint32_t flags :
@@ -49,8 +53,7 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected
                     qx_value_t &out =
                         flags == 0 || flags == QX_PMSG_CLIENT_MALLOC ? back : deep[shift != 0];
                     ASSERT_EQ(0, read(type, &out, &built.slot, built.p_area, built.used, flags));
-                    std::string why;
-                    EXPECT_TRUE(pmsg_test::values_equal(type, value, out, &why)) << why;
+                    EXPECT_EQ(pmsg_test::form(type, value), pmsg_test::form(type, out));
                     if (scalar) continue;
                     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(out.ptr_char) % alignment);
                     // Texts need no alignment; structured data is in place when all scalars.
@@ -63,20 +66,16 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected
                 }
             }
             for (qx_value_t &copy : deep) {
-                std::string why;
-                EXPECT_TRUE(pmsg_test::values_equal(type, value, copy, &why)) << why;
+                EXPECT_EQ(pmsg_test::form(type, value), pmsg_test::form(type, copy));
                 if (!scalar) free(copy.ptr_char);
             }
             qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
         }
     }
-    /* Structured data of scalars is read in place; with a text inside, it is
-     * built, and the text in it still points into the protocol bytes. */
-    qx_structured_data_t *sd = arena.sd(2);
-    sd->elements[0] = {QX_INT64, 0, {.val_int64 = 42}};
-    sd->elements[1] = {QX_FLOAT32, 0, {.val_float32 = 0.25f}};
-    qx_value_t value;
-    value.ptr_sd = sd;
+    // Structured data of scalars is read in place; with a text, built, the text still in place.
+    qx_structured_data_t *sd =
+        arena.sd({{QX_INT64, 0, {.val_int64 = 42}}, {QX_FLOAT32, 0, {.val_float32 = 0.25f}}});
+    qx_value_t value{.ptr_sd = sd};
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_SD_PTR, value, &built));
     qx_value_t back;
@@ -88,12 +87,9 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeWhereExpected
     EXPECT_NE(reinterpret_cast<qx_structured_data_t *>(built.p_area), back.ptr_sd);
     EXPECT_EQ(built.p_area + 40,
               reinterpret_cast<uint8_t *>(back.ptr_sd->elements[1].value.ptr_char));
-    /* Packed rows are unpacked as a caller-owned array of binaries that
-     * point at the rows in the buffer. */
-    qx_array_t *rows = arena.array(2);
-    rows->elements[0].ptr_binary = arena.binary("row zero");
-    rows->elements[1].ptr_binary = arena.binary("row one!");
-    value.ptr_array = rows;
+    // Packed rows: a caller-owned array of binaries pointing at the rows in the buffer.
+    value.ptr_array = arena.array(
+        {{.ptr_binary = arena.binary("row zero")}, {.ptr_binary = arena.binary("row one!")}});
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_BINARY_PTR_ARRAY, value, &built));
     ASSERT_EQ(0, read(QX_BINARY_PTR_ARRAY, &back, &built.slot, built.p_area, built.used,
                       QX_PMSG_CLIENT_MALLOC));
@@ -132,7 +128,7 @@ TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDrop
     std::vector<uint64_t> area(16);
     qx_pmsg_value_t slot;
     qx_value_t back;
-    /* Same slot, same anchor shape, different bytes: a record reused in place. */
+    // Same slot, same anchor shape, different bytes: a record reused in place.
     for (const char *text : {"first", "other"}) {
         texts->elements[0].ptr_char = arena.text(text);
         qx_uint32_t running = 0;
@@ -143,7 +139,7 @@ TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDrop
     }
     EXPECT_EQ(1u, pmsg_i::cache_entry_count()) << "the stale value was dropped, not kept";
 
-    /* Four copies of a slot, 8 bytes apart, at an odd place in a record. */
+    // Four copies of a slot, 8 bytes apart, at an odd place in a record.
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_SD_PTR_ARRAY,
                                         ValueMaker(arena, 21).make(QX_SD_PTR_ARRAY), &built));
@@ -181,7 +177,7 @@ TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
     EXPECT_EQ(QX_PMSG_E_BOUNDS, read(QX_CHAR_PTR, &result, &slot, area, 64));
     slot.anchor = {0xFFFFFFFF, 0xFFFFFFFF};
     EXPECT_EQ(QX_PMSG_E_BOUNDS, read(QX_BINARY_PTR, &result, &slot, area, 64));
-    /* An array of one text whose nested anchor reaches past the array. */
+    // An array of one text whose nested anchor reaches past the array.
     const uint32_t form[] = {1, 0, 16, 9};
     memcpy(area, form, sizeof form);
     memcpy(reinterpret_cast<uint8_t *>(area) + 16, "abcdefgh", 9);
@@ -193,9 +189,7 @@ TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
     free(result.ptr_array);
 }
 
-/* Anchors aimed at one another would let a small area describe a huge value
- * (each level doubling the work): built forms never overlap and follow in
- * order, so anything else is corrupt. */
+// Overlapping anchors would let a small area describe a huge value: built forms never overlap.
 TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
     uint64_t area[8] = {};
     qx_pmsg_value_t slot;
@@ -240,8 +234,7 @@ TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-/* A chain of `depth` structured data values, each holding the next as its
- * only element; the innermost is empty.  Returns the top-level length. */
+// `depth` structured data values, each holding the next; returns the top-level length.
 uint32_t sd_chain(std::vector<uint64_t> &area, int depth) {
     area.assign(3 * static_cast<size_t>(depth) + 1, 0);
     auto *p = reinterpret_cast<uint8_t *>(area.data());
@@ -262,7 +255,7 @@ TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow)
     EXPECT_EQ(1u, result.ptr_sd->elements[0].value.ptr_sd->element_count);
     slot.anchor = {0, sd_chain(area, 33)};
     EXPECT_EQ(QX_PMSG_E_CORRUPT, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
-    /* The same chain written on a machine of the other byte order. */
+    // The same chain written on a machine of the other byte order.
     for (size_t i = 0; i < area.size() * 2; i++)
         pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(area.data()) + 4 * i);
     pmsg_test::swap32_at(&slot.anchor.length);
@@ -270,7 +263,7 @@ TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow)
     EXPECT_EQ(QX_PMSG_E_CORRUPT,
               qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, area.data(), -1));
     EXPECT_TRUE(before == area) << "nothing is converted on failure";
-    /* And a caller's value nested as deep is refused when built. */
+    // And a caller's value nested as deep is refused when built.
     for (int depth : {32, 33}) {
         qx_structured_data_t *p_inner = arena.sd(0);
         for (int level = 0; level < depth; level++) {
@@ -309,7 +302,7 @@ TEST(PmsgByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_cnv_required_1(buffer, nullptr));
 }
 
-/* Converted with the bounded call (odd seeds) or the unbounded one. */
+// Converted with the bounded call (odd seeds) or the unbounded one.
 TEST(PmsgByteOrderTest, EveryTypeConvertedFromTheOtherOrderIsIdenticalToTheOriginal) {
     for (uint32_t seed = 1; seed <= 30; seed++) {
         Arena arena;
@@ -338,17 +331,14 @@ TEST(PmsgByteOrderTest, EveryTypeConvertedFromTheOtherOrderIsIdenticalToTheOrigi
 
 TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
     Arena arena;
-    qx_array_t *texts = arena.array(3);
-    texts->elements[0].ptr_char = arena.text("one");
-    texts->elements[1].ptr_char = arena.text("two");
-    texts->elements[2].ptr_char = arena.text("three");
-    qx_value_t value;
-    value.ptr_array = texts;
+    qx_value_t value{.ptr_array = arena.array({{.ptr_char = arena.text("one")},
+                                               {.ptr_char = arena.text("two")},
+                                               {.ptr_char = arena.text("three")}})};
     Built built;
     ASSERT_EQ(0, pmsg_test::build_value(nullptr, QX_CHAR_PTR_ARRAY, value, &built));
     pmsg_test::value_to_other_order(QX_CHAR_PTR_ARRAY, reinterpret_cast<uint8_t *>(&built.slot),
                                     built.p_area);
-    /* Break the last nested anchor (its length, in the other order). */
+    // Break the last nested anchor (its length, in the other order).
     uint32_t huge = 0x00FFFFFF;
     memcpy(built.p_area + 8 + 2 * 8 + 4, &huge, 4);
     std::vector<uint64_t> before = built.storage;
@@ -357,7 +347,7 @@ TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
                                                                      built.p_area, built.used));
     EXPECT_TRUE(before == built.storage) << "the first two texts' anchors were not converted";
     EXPECT_EQ(0, memcmp(&slot_before, &built.slot, 8));
-    /* The top-level anchor beyond the limit. */
+    // The top-level anchor beyond the limit.
     EXPECT_EQ(QX_PMSG_E_BOUNDS, qx_pmsg_convert_pmsg_value_bounded_1(&built.slot, QX_CHAR_PTR_ARRAY,
                                                                      built.p_area, 8));
 
@@ -368,13 +358,124 @@ TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
     EXPECT_EQ(QX_PMSG_E_TYPE,
               qx_pmsg_convert_pmsg_value_1(&slot, static_cast<qx_data_type_t>(23), area));
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_CHAR_PTR, area, -3));
-    /* A scalar needs no area; a 32-bit value is its first 4 bytes. */
+    // A scalar needs no area; a 32-bit value is its first 4 bytes.
     slot = 0x0102030405060708ull;
     ASSERT_EQ(0, qx_pmsg_convert_pmsg_value_1(&slot, QX_UINT64, nullptr));
     EXPECT_EQ(0x0807060504030201ull, slot);
     slot = 0x0000000001020304ull;
     ASSERT_EQ(0, qx_pmsg_convert_pmsg_value_1(&slot, QX_INT32, nullptr));
     EXPECT_EQ(0x04030201u, static_cast<uint32_t>(slot));
+}
+
+// A "table": rows of one composite column each, in one area per row.
+struct Rows {
+    explicit Rows(int count) : built(count), values(count) {
+        pmsg_test::ValueMaker maker(arena, 1234, false);
+        for (int i = 0; i < count; i++) {
+            values[i] = maker.make(QX_SD_PTR_ARRAY);
+            EXPECT_EQ(0, pmsg_test::build_value(nullptr, QX_SD_PTR_ARRAY, values[i], &built[i]));
+        }
+    }
+    qx_value_t read(int i) const {
+        qx_value_t back;
+        back.ptr_array = nullptr;
+        if (pmsg_test::read(QX_SD_PTR_ARRAY, &back, &built[i].slot, built[i].p_area,
+                            built[i].used) != 0) {
+            ADD_FAILURE() << "read failed";
+        }
+        return back;
+    }
+    void release() const {
+        for (const Built &b : built) qx_pmsg_release_client_values_1(&b.slot, 8);
+    }
+    pmsg_test::Arena arena;
+    std::vector<Built> built;
+    std::vector<qx_value_t> values;
+};
+
+// Two readers per table (buckets grow under lookups) get the one value built per slot, beside
+// releases of another table.
+TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) {
+    constexpr int kTables = 4, kRows = 256;
+    std::vector<std::unique_ptr<Rows>> tables;
+    for (int i = 0; i < kTables; i++) tables.push_back(std::make_unique<Rows>(kRows));
+    Rows released(64);
+    std::vector<qx_array_t *> first_of_table0(2 * kTables);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2 * kTables; t++) {
+        threads.emplace_back([&, t] {
+            first_of_table0[t] = tables[0]->read(0).ptr_array;
+            const Rows &rows = *tables[t % kTables];
+            for (int round = 0; round < 10; round++) {
+                for (int i = 0; i < kRows; i++) {
+                    if (pmsg_test::form(QX_SD_PTR_ARRAY, rows.values[i]) !=
+                        pmsg_test::form(QX_SD_PTR_ARRAY, rows.read(i)))
+                        ADD_FAILURE() << "row " << i;
+                }
+                if (tables[0]->read(0).ptr_array != first_of_table0[t]) ADD_FAILURE() << "changed";
+            }
+        });
+    }
+    for (int round = 0; round < 200; round++) {
+        for (int i = 0; i < 64; i++) released.read(i);
+        released.release();
+    }
+    for (auto &t : threads) t.join();
+    for (int t = 1; t < 2 * kTables; t++) EXPECT_EQ(first_of_table0[0], first_of_table0[t]);
+    EXPECT_EQ(static_cast<size_t>(kTables * kRows), pmsg_i::cache_entry_count());
+    for (const auto &table : tables) table->release();
+    EXPECT_EQ(0u, pmsg_i::cache_entry_count());
+}
+
+// A caller's fork lock, installed after the library's (as the registry does at its first open).
+pthread_mutex_t g_caller_fork_lock = PTHREAD_MUTEX_INITIALIZER;
+void lock_caller() {
+    pthread_mutex_lock(&g_caller_fork_lock);
+}
+void unlock_caller() {
+    pthread_mutex_unlock(&g_caller_fork_lock);
+}
+
+// A child forked while threads read and release (under the caller's fork lock) can read: an
+// inherited locked shard or a lock-order deadlock would hang (the alarm ends the test).
+TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadAndReleaseCanRead) {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_atfork(lock_caller, unlock_caller, unlock_caller); });
+    alarm(60);
+    Rows rows(32);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([&, t] {
+            while (!stop.load()) {
+                if (t == 0) pthread_mutex_lock(&g_caller_fork_lock);
+                for (int i = 0; i < 32; i++) rows.read(i);
+                if (t == 0) rows.release();
+                if (t == 0) pthread_mutex_unlock(&g_caller_fork_lock);
+            }
+        });
+    }
+    for (int f = 0; f < 50; f++) {
+        pid_t pid = fork();
+        ASSERT_NE(-1, pid);
+        if (pid == 0) {
+            for (int i = 0; i < 32; i++) {
+                qx_value_t back;
+                if (pmsg_test::read(QX_SD_PTR_ARRAY, &back, &rows.built[i].slot,
+                                    rows.built[i].p_area, -1))
+                    _exit(1);
+            }
+            qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    stop = true;
+    for (auto &t : threads) t.join();
+    alarm(0);
+    qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
 }
 
 }  // namespace

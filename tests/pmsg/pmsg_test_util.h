@@ -1,8 +1,4 @@
-/*
- * pmsg_test_util.h - helpers shared by the protocol-message value tests:
- * random client values of every type, deep comparison of client values, and
- * an independent converter of protocol forms to the other byte order.
- */
+// Protocol-message test helpers: random values, forms, an independent byte-order converter.
 #ifndef PMSG_TEST_UTIL_H
 #define PMSG_TEST_UTIL_H
 
@@ -18,7 +14,7 @@
 
 namespace pmsg_test {
 
-/* Owns the memory of the client values a test builds. */
+// Owns the memory of the client values a test builds.
 class Arena {
   public:
     Arena() = default;
@@ -35,7 +31,7 @@ class Arena {
     char *text(const std::string &s) {
         return static_cast<char *>(memcpy(alloc(s.size()), s.c_str(), s.size() + 1));
     }
-    /* A binary and an SBS are both a 32-bit length and the bytes. */
+    // A binary and an SBS are both a 32-bit length and the bytes.
     template <typename T = qx_binary_t>
     T *binary(const std::string &bytes) {
         auto *p = alloc<uint8_t>(4 + bytes.size());
@@ -60,6 +56,16 @@ class Arena {
         p->element_count = count;
         return p;
     }
+    qx_array_t *array(const std::vector<qx_value_t> &elements) {
+        qx_array_t *p = array(static_cast<uint32_t>(elements.size()));
+        memcpy(p->elements, elements.data(), elements.size() * sizeof elements[0]);
+        return p;
+    }
+    qx_structured_data_t *sd(const std::vector<qx_structured_data_element_t> &elements) {
+        qx_structured_data_t *p = sd(static_cast<uint32_t>(elements.size()));
+        memcpy(p->elements, elements.data(), elements.size() * sizeof elements[0]);
+        return p;
+    }
 
   private:
     std::vector<void *> blocks_;
@@ -75,7 +81,7 @@ inline int base_type(int array_type) {
     return array_type - (QX_INT32_ARRAY - QX_INT32);
 }
 
-/* Random client values; `long_values` allows texts and blobs of up to 64 KiB. */
+// Random client values; `long_values` allows texts and blobs of up to 64 KiB.
 class ValueMaker {
   public:
     ValueMaker(Arena &arena, uint32_t seed, bool long_values = true)
@@ -106,7 +112,7 @@ class ValueMaker {
         if (type == QX_SD_PTR) {
             v.ptr_sd = arena_.sd(below(6));
             for (uint32_t i = 0; i < v.ptr_sd->element_count; i++) {
-                /* Deeper levels hold no more composites, so values stay small. */
+                // Deeper levels hold no more composites, so values stay small.
                 int t = depth >= 3 ? kLeaves[below(10)]
                                    : QX_INT32 + static_cast<int>(below(QX_SD_PTR_ARRAY - 1));
                 v.ptr_sd->elements[i].data_type = static_cast<qx_data_type_t>(t);
@@ -131,54 +137,6 @@ class ValueMaker {
     bool long_values_;
 };
 
-/* Deep equality of two client values of `type`; *p_why says where they differ. */
-inline bool values_equal(int type, const qx_value_t &a, const qx_value_t &b, std::string *p_why) {
-    auto check = [&](bool same, const char *what) {
-        if (!same && p_why != nullptr) *p_why = what + (" (type " + std::to_string(type) + ")");
-        return same;
-    };
-    if (is_scalar_type(type))
-        return check(memcmp(&a, &b, is_32bit_type(type) ? 4 : 8) == 0, "scalar");
-    switch (type) {
-        case QX_CHAR_PTR:
-            return check(strcmp(a.ptr_char, b.ptr_char) == 0, "text");
-        case QX_BINARY_PTR:
-            return check(
-                a.ptr_binary->length == b.ptr_binary->length &&
-                    memcmp(a.ptr_binary->data, b.ptr_binary->data, a.ptr_binary->length) == 0,
-                "binary");
-        case QX_SBS_PTR:
-            return check(a.ptr_sbs->length == b.ptr_sbs->length &&
-                             memcmp(a.ptr_sbs->fields, b.ptr_sbs->fields,
-                                    static_cast<size_t>(a.ptr_sbs->length)) == 0,
-                         "sbs");
-        case QX_RSRC_HANDLE_PTR:
-            return check(memcmp(a.ptr_rsrc_handle, b.ptr_rsrc_handle, 20) == 0, "handle");
-        case QX_SD_PTR: {
-            if (!check(a.ptr_sd->element_count == b.ptr_sd->element_count, "sd count"))
-                return false;
-            for (uint32_t i = 0; i < a.ptr_sd->element_count; i++) {
-                int t = a.ptr_sd->elements[i].data_type;
-                if (!check(t == b.ptr_sd->elements[i].data_type, "sd element type") ||
-                    !values_equal(t, a.ptr_sd->elements[i].value, b.ptr_sd->elements[i].value,
-                                  p_why))
-                    return false;
-            }
-            return true;
-        }
-        default: {
-            if (!check(a.ptr_array->element_count == b.ptr_array->element_count, "count"))
-                return false;
-            for (uint32_t i = 0; i < a.ptr_array->element_count; i++) {
-                if (!values_equal(base_type(type), a.ptr_array->elements[i],
-                                  b.ptr_array->elements[i], p_why))
-                    return false;
-            }
-            return true;
-        }
-    }
-}
-
 inline uint32_t rd32(const void *p) {
     uint32_t v;
     memcpy(&v, p, 4);
@@ -196,12 +154,8 @@ inline void swap_scalar_slot(int type, uint8_t *p) {
     memcpy(p, &v, 8);
 }
 
-/*
- * Rewrites a value written in this machine's byte order as a machine of the
- * other order would have written it, following the documented layout (and
- * none of the library's code): every word is read before it is swapped.
- * `p_anchor` is the value's slot, `p_area` what its anchor counts from.
- */
+// A value as a machine of the other byte order writes it, from the documented layout alone;
+// `p_anchor` is the value's slot, `p_area` what its anchor counts from.
 inline void value_to_other_order(int type, uint8_t *p_anchor, uint8_t *p_area) {
     if (is_scalar_type(type)) return swap_scalar_slot(type, p_anchor);
     uint8_t *p = p_area + rd32(p_anchor);
@@ -227,7 +181,7 @@ inline void value_to_other_order(int type, uint8_t *p_anchor, uint8_t *p_area) {
     }
 }
 
-/* The library's calls with the type as an int and the handle last. */
+// The library's calls with the type as an int and the handle last.
 inline int size_of(int type, const qx_value_t &value, qx_uint32_t *p_size,
                    cu_iconv_t *p_handle = nullptr) {
     return qx_pmsg_size_conv_protocol_value_1(p_handle, 0, static_cast<qx_data_type_t>(type),
@@ -244,8 +198,7 @@ inline int read(int type, qx_value_t *p_result, const void *p_slot, const void *
         p_handle, flags, static_cast<qx_data_type_t>(type), p_result, p_slot, p_area, limit);
 }
 
-/* An 8-aligned indirect area (plus a slot) for one value, built with the
- * library; `shift` moves the area off 8-alignment. */
+// One value built into an area (plus a slot); `shift` moves the area off 8-alignment.
 struct Built {
     std::vector<uint64_t> storage;
     uint8_t *p_area = nullptr;
@@ -253,6 +206,17 @@ struct Built {
     uint32_t used = 0;
     qx_pmsg_value_t slot{};
 };
+
+// A value's form (slot, then area) as the library builds it: equal forms, equal values.
+inline std::string form(int type, const qx_value_t &value) {
+    qx_uint32_t size = 0, used = 0;
+    if (size_of(type, value, &size) != 0) return "unsized";
+    std::string out(8 + size, '\0');
+    qx_pmsg_value_t slot{};
+    if (build(type, &value, &slot, out.data() + 8, size, &used) != 0) return "unbuilt";
+    memcpy(out.data(), &slot, 8);
+    return out;
+}
 
 inline int build_value(cu_iconv_t *p_handle, int type, const qx_value_t &value, Built *p_out,
                        size_t shift = 0) {

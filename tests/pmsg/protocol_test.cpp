@@ -1,10 +1,7 @@
-/*
- * protocol_test.cpp - the bytes of each protocol form, the "room too small"
- * contract of the build, the refusal of bad callers' values, and forms read
- * back: shared empty values, scalars in the slot, values sharing one area
- * and moving with it.
- */
+// Protocol forms: their bytes, the "room too small" contract, bad values, empty values, and text
+// from a Latin-1 caller, stored as UTF-8 and given back in the caller's bytes wherever nested.
 #include <gtest/gtest.h>
+#include <locale.h>
 
 #include "pmsg_i.h"
 #include "pmsg_test_util.h"
@@ -13,7 +10,6 @@ namespace {
 
 using pmsg_test::Arena;
 using pmsg_test::Built;
-using pmsg_test::rd32;
 using pmsg_test::ValueMaker;
 
 struct Area {
@@ -27,99 +23,91 @@ int build(int type, const qx_value_t &value, Area &area, qx_pmsg_value_t *p_slot
 }
 using pmsg_test::size_of;
 
-/* Forms lie end to end from the running offset, at whatever alignment that
- * gives, and nothing before or after a form is touched. */
+std::string words(std::initializer_list<uint32_t> list) {
+    std::string s;
+    for (uint32_t w : list) s.append(reinterpret_cast<const char *>(&w), 4);
+    return s;
+}
+
+// Forms lie end to end from the running offset at any alignment; nothing around them is touched.
 TEST(PmsgProtocolFormTest, EachFormHasItsDocumentedBytes) {
     Arena arena;
     Area area;
     memset(area.words, 0xEE, sizeof area.words);
+    const struct {
+        int type;
+        qx_value_t value;
+        uint32_t offset, length;
+    } forms[] = {{QX_CHAR_PTR, {.ptr_char = arena.text("hello")}, 3, 6},
+                 {QX_BINARY_PTR, {.ptr_binary = arena.binary(std::string("\1\2\3", 3))}, 9, 7},
+                 {QX_RSRC_HANDLE_PTR, {.ptr_rsrc_handle = arena.rsrc(1, 2, 3, 4, 5)}, 16, 20},
+                 {QX_SBS_PTR, {.ptr_sbs = arena.sbs("abcdefghij")}, 36, 14}};
     qx_pmsg_value_t slot;
     qx_uint32_t running = 3;
-    qx_value_t value;
-    value.ptr_char = const_cast<char *>("hello");
-    ASSERT_EQ(0, build(QX_CHAR_PTR, value, area, &slot, &running));
-    EXPECT_EQ(3u, slot.anchor.offset);
-    EXPECT_EQ(6u, slot.anchor.length) << "the anchor counts the NUL";
-    EXPECT_EQ(9u, running);
-    EXPECT_EQ(0, memcmp(area.bytes() + 3, "hello", 6));
-    EXPECT_EQ(0xEE, area.bytes()[2]);
-    EXPECT_EQ(0xEE, area.bytes()[9]);
-
-    value.ptr_binary = arena.binary(std::string("\x01\x02\x03", 3));
-    ASSERT_EQ(0, build(QX_BINARY_PTR, value, area, &slot, &running));
-    EXPECT_EQ(7u, slot.anchor.length);
-    EXPECT_EQ(3u, rd32(area.bytes() + 9));
-    EXPECT_EQ(0, memcmp(area.bytes() + 13, "\x01\x02\x03", 3));
-    value.ptr_rsrc_handle = arena.rsrc(1, 2, 3, 4, 5);
-    ASSERT_EQ(0, build(QX_RSRC_HANDLE_PTR, value, area, &slot, &running));
-    EXPECT_EQ(16u, slot.anchor.offset);
-    EXPECT_EQ(20u, slot.anchor.length);
-    for (uint32_t i = 0; i < 5; i++) EXPECT_EQ(i + 1, rd32(area.bytes() + 16 + 4 * i));
-    value.ptr_sbs = arena.sbs("abcdefghij");
-    ASSERT_EQ(0, build(QX_SBS_PTR, value, area, &slot, &running));
-    EXPECT_EQ(36u, slot.anchor.offset);
-    EXPECT_EQ(14u, slot.anchor.length);
-    EXPECT_EQ(10u, rd32(area.bytes() + 36));
+    for (const auto &f : forms) {
+        ASSERT_EQ(0, build(f.type, f.value, area, &slot, &running));
+        EXPECT_EQ(f.offset, slot.anchor.offset);
+        EXPECT_EQ(f.length, slot.anchor.length);
+    }
     EXPECT_EQ(50u, running);
+    EXPECT_EQ("\xEE" + std::string("hello\0", 6) + words({3}) + "\1\2\3" + words({1, 2, 3, 4, 5}) +
+                  words({10}) + "abcdefghij\xEE",
+              std::string(reinterpret_cast<char *>(area.bytes()) + 2, 49));
 
-    /* An array of scalars: count, pad, 8-byte slots with zeros above a 32-bit value. */
+    // Arrays of scalars: count, pad, 8-byte slots with zeros above a 32-bit value.
     memset(area.words, 0, sizeof area.words);
     qx_array_t *array = arena.array(2);
     array->elements[0].val_uint64 = 0xFFFFFFFF00000007ull;
     array->elements[1].val_int32 = -1;
-    value.ptr_array = array;
+    qx_value_t value{.ptr_array = array};
     running = 0;
     ASSERT_EQ(0, build(QX_INT32_ARRAY, value, area, &slot, &running));
     EXPECT_EQ(24u, slot.anchor.length);
-    const uint32_t words[] = {2, 0, 7, 0, 0xFFFFFFFFu, 0};
-    EXPECT_EQ(0, memcmp(words, area.bytes(), sizeof words));
+    EXPECT_EQ(words({2, 0, 7, 0, 0xFFFFFFFFu, 0}),
+              std::string(reinterpret_cast<char *>(area.bytes()), 24));
 
-    /* Nested anchors count from the start of their container. */
+    // Nested anchors count from the start of their container.
     array->elements[0].ptr_char = arena.text("ab");
     array->elements[1].ptr_char = arena.text("cdefghijk");
     running = 8;
     ASSERT_EQ(0, build(QX_CHAR_PTR_ARRAY, value, area, &slot, &running));
     EXPECT_EQ(8u, slot.anchor.offset);
-    const uint32_t anchors[] = {2, 0, 24, 3, 27, 10};
-    EXPECT_EQ(0, memcmp(anchors, area.bytes() + 8, sizeof anchors));
-    EXPECT_STREQ("ab", reinterpret_cast<char *>(area.bytes() + 32));
-    EXPECT_STREQ("cdefghijk", reinterpret_cast<char *>(area.bytes() + 35));
     EXPECT_EQ(37u, slot.anchor.length);
     EXPECT_EQ(45u, running);
+    EXPECT_EQ(words({2, 0, 24, 3, 27, 10}) + std::string("ab\0cdefghijk", 13),
+              std::string(reinterpret_cast<char *>(area.bytes()) + 8, 37));
 
-    /* Structured data: count, pad, then type, pad and slot or anchor per element. */
+    // Structured data: count, pad, then type, pad and slot or anchor per element.
     qx_structured_data_t *sd = arena.sd(2);
-    sd->elements[0].data_type = QX_FLOAT32;
-    sd->elements[0].value.val_float32 = 1.5f;
-    sd->elements[1].data_type = QX_CHAR_PTR;
-    sd->elements[1].value.ptr_char = arena.text("x");
+    sd->elements[0] = {QX_FLOAT32, 0, {.val_float32 = 1.5f}};
+    sd->elements[1] = {QX_CHAR_PTR, 0, {.ptr_char = arena.text("x")}};
     value.ptr_sd = sd;
     running = 0;
     ASSERT_EQ(0, build(QX_SD_PTR, value, area, &slot, &running));
-    uint8_t *p = area.bytes();
-    EXPECT_EQ(2u, rd32(p));
-    EXPECT_EQ(static_cast<uint32_t>(QX_FLOAT32), rd32(p + 8));
-    float f;
-    memcpy(&f, p + 16, 4);
-    EXPECT_EQ(1.5f, f);
-    EXPECT_EQ(static_cast<uint32_t>(QX_CHAR_PTR), rd32(p + 24));
-    EXPECT_EQ(40u, rd32(p + 32));
-    EXPECT_EQ(2u, rd32(p + 36));
     EXPECT_EQ(42u, slot.anchor.length);
+    EXPECT_EQ(words({2, 0, QX_FLOAT32, 0, 0x3FC00000u, 0, QX_CHAR_PTR, 0, 40, 2}) + "x",
+              std::string(reinterpret_cast<char *>(area.bytes()), 41));
 
-    /* Scalars need no room and leave the offset alone. */
-    value.val_int64 = -5;
+    // Scalars travel in the slot, need no room, and read zero above a 32-bit value.
+    value.val_uint64 = 0xdeadbeef11223344ull;
     qx_uint32_t size = 99;
-    ASSERT_EQ(0, size_of(QX_INT64, value, &size));
+    ASSERT_EQ(0, size_of(QX_UINT32, value, &size));
     EXPECT_EQ(0u, size);
     running = 13;
-    ASSERT_EQ(0, pmsg_test::build(QX_INT64, &value, &slot, nullptr, 0, &running));
+    memset(&slot, 0xAA, sizeof slot);
+    ASSERT_EQ(0, pmsg_test::build(QX_UINT32, &value, &slot, nullptr, 0, &running));
     EXPECT_EQ(13u, running);
-    EXPECT_EQ(-5, slot.val_int64);
+    EXPECT_EQ(0x11223344u, slot.val_uint64) << "forms are reproducible byte for byte";
+    ASSERT_EQ(0, pmsg_test::build(QX_UINT32, &value, &slot, nullptr, 0, nullptr));
+    value.val_float64 = -2.5e300;
+    ASSERT_EQ(0, pmsg_test::build(QX_FLOAT64, &value, &slot, nullptr, 0, nullptr));
+    qx_value_t back;
+    ASSERT_EQ(0, pmsg_test::read(QX_FLOAT64, &back, &slot, nullptr, -1));
+    EXPECT_EQ(-2.5e300, back.val_float64);
 }
 
-/* Over many random values of every type: the exact size fits, one byte
- * less is "room too small" and changes nothing. */
+// Random values of every type: the exact size fits, one byte less is "room too small" and changes
+// nothing.
 TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingChanged) {
     for (uint32_t seed = 1; seed <= 60; seed++) {
         Arena arena;
@@ -132,9 +120,9 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
             qx_uint32_t start = maker.below(25);
             std::vector<uint8_t> area(start + size, 0x5A);
             std::vector<uint8_t> before = area;
-            qx_pmsg_value_t slot;
+            qx_pmsg_value_t slot, slot_before;
             memset(&slot, 0x33, sizeof slot);
-            qx_pmsg_value_t slot_before = slot;
+            slot_before = slot;
             qx_uint32_t running = start;
             EXPECT_EQ(QX_PMSG_E_ROOM, pmsg_test::build(type, &value, &slot, area.data(),
                                                        start + size - 1, &running));
@@ -147,11 +135,9 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
             EXPECT_EQ(start, slot.anchor.offset);
         }
     }
-    /* A binary header that claims 4 GiB is too large for 32-bit offsets,
-     * refused from the length alone: the bytes it claims are never read. */
+    // A binary that claims 4 GiB is refused from its length alone.
     qx_binary_t header{0xFFFFFFFFu, {0}};
-    qx_value_t value;
-    value.ptr_binary = &header;
+    qx_value_t value{.ptr_binary = &header};
     qx_uint32_t size = 0;
     EXPECT_EQ(QX_PMSG_E_TOO_LARGE, size_of(QX_BINARY_PTR, value, &size));
     Area area;
@@ -186,17 +172,13 @@ TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
     EXPECT_EQ(QX_PMSG_E_INVAL, pmsg_test::build(QX_CHAR_PTR, &value, &slot, p, 8, nullptr));
     EXPECT_EQ(QX_PMSG_E_INVAL, size_of(QX_CHAR_PTR, value, nullptr));
 
-    qx_array_t *texts = arena.array(2);
-    texts->elements[0].ptr_char = arena.text("fine");
-    texts->elements[1].ptr_char = nullptr;
-    value.ptr_array = texts;
+    value.ptr_array = arena.array({{.ptr_char = arena.text("fine")}, {.ptr_char = nullptr}});
     EXPECT_EQ(QX_PMSG_E_INVAL, build(QX_CHAR_PTR_ARRAY, value, area, &slot, &running));
     qx_structured_data_t *sd = arena.sd(1);
     sd->elements[0].data_type = static_cast<qx_data_type_t>(QX_NONE);
     value.ptr_sd = sd;
     EXPECT_EQ(QX_PMSG_E_TYPE, build(QX_SD_PTR, value, area, &slot, &running));
-    sd->elements[0].data_type = QX_SD_PTR;  // a structure that contains itself
-    sd->elements[0].value.ptr_sd = sd;
+    sd->elements[0] = {QX_SD_PTR, 0, {.ptr_sd = sd}};  // a structure that contains itself
     EXPECT_EQ(QX_PMSG_E_INVAL, size_of(QX_SD_PTR, value, &size));
     qx_sbs_t *sbs = arena.sbs("abc");
     sbs->length = -3;
@@ -205,17 +187,7 @@ TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
     EXPECT_EQ(0u, running);
 }
 
-void expect_round_trip(int type, const qx_value_t &original, const Built &built,
-                       qx_uint32_t flags) {
-    qx_value_t back{.val_uint64 = 0};
-    ASSERT_EQ(0, pmsg_test::read(type, &back, &built.slot, built.p_area, built.used, flags));
-    std::string why;
-    EXPECT_TRUE(pmsg_test::values_equal(type, original, back, &why)) << why;
-    if ((flags & QX_PMSG_CLIENT_MALLOC) != 0 && !pmsg_test::is_scalar_type(type))
-        free(back.ptr_char);
-}
-
-/* The registry substitutes the shared empty values for NULL pointer values. */
+// The registry substitutes the shared empty values for NULL pointer values.
 TEST(PmsgRoundTripTest, SharedEmptyValuesOfEveryPointerTypeComeBack) {
     qx_value_t empties[QX_NUMBER_OF_DATA_TYPES];
     empties[QX_CHAR_PTR].ptr_char = cu_ptr_empty_char_1;
@@ -230,73 +202,123 @@ TEST(PmsgRoundTripTest, SharedEmptyValuesOfEveryPointerTypeComeBack) {
         SCOPED_TRACE(type);
         Built built;
         ASSERT_EQ(0, pmsg_test::build_value(nullptr, type, empties[type], &built));
-        // Its own bytes only: a NUL, a zero length word, a handle's 20 bytes,
-        // or the count and pad of a container.
-        const qx_uint32_t expected = type == QX_CHAR_PTR                           ? 1u
-                                     : type == QX_BINARY_PTR || type == QX_SBS_PTR ? 4u
-                                     : type == QX_RSRC_HANDLE_PTR                  ? 20u
-                                                                                   : 8u;
-        EXPECT_EQ(expected, built.used);
-        expect_round_trip(type, empties[type], built, 0);
-        expect_round_trip(type, empties[type], built, QX_PMSG_CLIENT_MALLOC);
+        // A NUL, a length word, a handle's 20 bytes, or a container's count and pad.
+        EXPECT_EQ(type == QX_CHAR_PTR                           ? 1u
+                  : type == QX_BINARY_PTR || type == QX_SBS_PTR ? 4u
+                  : type == QX_RSRC_HANDLE_PTR                  ? 20u
+                                                                : 8u,
+                  built.used);
+        for (qx_uint32_t flags : {0u, QX_PMSG_CLIENT_MALLOC}) {
+            qx_value_t back;
+            ASSERT_EQ(0,
+                      pmsg_test::read(type, &back, &built.slot, built.p_area, built.used, flags));
+            EXPECT_EQ(pmsg_test::form(type, empties[type]), pmsg_test::form(type, back));
+            if (flags != 0) free(back.ptr_char);
+        }
         qx_pmsg_release_client_values_1(&built.slot, sizeof built.slot);
     }
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST(PmsgRoundTripTest, ScalarsTravelInTheSlotAndThirtyTwoBitOnesReadZeroAbove) {
+const char kLatin1[] =
+    "Gr\xFC\xDF"
+    "e \xE0 Z\xFCrich"; /* "Grüße à Zürich" */
+const char kUtf8[] =
+    "Gr\xC3\xBC\xC3\x9F"
+    "e \xC3\xA0 Z\xC3\xBCrich";
+
+class PmsgCodeSetTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        latin1_ = newlocale(LC_ALL_MASK, "en_US.iso88591", nullptr);
+        if (latin1_ == nullptr) GTEST_SKIP() << "no en_US.iso88591 locale here";
+        previous_ = uselocale(latin1_);
+        cu_locale_info_t *p_info = nullptr;
+        ASSERT_EQ(0, cu_get_locale_info_1(&p_info));
+        const qx_uint32_t pass = CU_ICONV_UTF8_UNMODIFIED;
+        ASSERT_EQ(0, cu_iconv_open_1(p_info, CU_ICONV_TO_TABLE | pass, &to_table_));
+        ASSERT_EQ(0, cu_iconv_open_1(p_info, CU_ICONV_FROM_TABLE | pass, &from_table_));
+        cu_rel_locale_info_1(p_info);
+    }
+    void TearDown() override {
+        qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
+        cu_iconv_close_1(to_table_);
+        cu_iconv_close_1(from_table_);
+        if (latin1_ == nullptr) return;
+        uselocale(previous_);
+        freelocale(latin1_);
+    }
+    int read(int type, const Built &built, qx_value_t *p_result, qx_uint32_t flags = 0) {
+        return pmsg_test::read(type, p_result, &built.slot, built.p_area, built.used, flags,
+                               from_table_);
+    }
+
+    locale_t latin1_ = nullptr;
+    locale_t previous_ = nullptr;
+    cu_iconv_t *to_table_ = nullptr;
+    cu_iconv_t *from_table_ = nullptr;
+    Arena arena_;
+};
+
+TEST_F(PmsgCodeSetTest, TextIsStoredAsUtf8AndComesBackInTheCallersBytesWhereverNested) {
     qx_value_t value;
-    value.val_uint64 = 0xdeadbeef00000000ull | 0x11223344u; /* garbage above a 32-bit value */
-    unsigned char slot[8];
-    memset(slot, 0xAA, sizeof slot);
-    ASSERT_EQ(0, pmsg_test::build(QX_UINT32, &value, slot, nullptr, 0, nullptr));
-    const unsigned char zeros[4] = {0, 0, 0, 0};
-    EXPECT_EQ(0, memcmp(slot + 4, zeros, 4)) << "forms are reproducible byte for byte";
-    qx_value_t back;
-    ASSERT_EQ(0, pmsg_test::read(QX_UINT32, &back, slot, nullptr, -1));
-    EXPECT_EQ(0x11223344u, back.val_uint64);
-    value.val_float64 = -2.5e300;
-    ASSERT_EQ(0, pmsg_test::build(QX_FLOAT64, &value, slot, nullptr, 0, nullptr));
-    ASSERT_EQ(0, pmsg_test::read(QX_FLOAT64, &back, slot, nullptr, -1));
-    EXPECT_EQ(-2.5e300, back.val_float64);
+    value.ptr_char = arena_.text(kLatin1);
+    qx_uint32_t size = 0;
+    ASSERT_EQ(0, pmsg_test::size_of(QX_CHAR_PTR, value, &size, to_table_));
+    Built built;
+    ASSERT_EQ(0, pmsg_test::build_value(to_table_, QX_CHAR_PTR, value, &built));
+    EXPECT_EQ(size, built.used);
+    EXPECT_EQ(sizeof kUtf8, built.slot.anchor.length);
+    EXPECT_STREQ(kUtf8, reinterpret_cast<char *>(built.p_area));
+    qx_value_t back, again;
+    ASSERT_EQ(0, read(QX_CHAR_PTR, built, &back));
+    EXPECT_STREQ(kLatin1, back.ptr_char);
+    ASSERT_EQ(0, read(QX_CHAR_PTR, built, &again));
+    EXPECT_EQ(back.ptr_char, again.ptr_char) << "converted text is built once per slot";
+
+    qx_array_t *texts =
+        arena_.array({{.ptr_char = arena_.text(kLatin1)}, {.ptr_char = arena_.text("plain")}});
+    value.ptr_sd = arena_.sd({{QX_CHAR_PTR_ARRAY, 0, {.ptr_array = texts}},
+                              {QX_CHAR_PTR, 0, {.ptr_char = arena_.text("\xE9t\xE9")}}});
+    ASSERT_EQ(0, pmsg_test::build_value(to_table_, QX_SD_PTR, value, &built));
+    std::string stored(reinterpret_cast<char *>(built.p_area), built.used);
+    EXPECT_NE(std::string::npos, stored.find(kUtf8));
+    EXPECT_NE(std::string::npos, stored.find("\xC3\xA9t\xC3\xA9"));
+    for (qx_uint32_t flags :
+         {0u, QX_PMSG_CLIENT_MALLOC, QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP}) {
+        ASSERT_EQ(0, read(QX_SD_PTR, built, &back, flags));
+        EXPECT_EQ(pmsg_test::form(QX_SD_PTR, value), pmsg_test::form(QX_SD_PTR, back));
+        if (flags != 0) free(back.ptr_sd);
+    }
 }
 
-/* Values built one after another share an area exactly as large as the sum
- * of their sizes; moved elsewhere (top-level anchor fixed up), they read back
- * the same: forms are relocatable. */
-TEST(PmsgRoundTripTest, ValuesShareAnAreaAndMoveWithIt) {
-    Arena arena;
-    ValueMaker maker(arena, 99);
-    std::vector<qx_value_t> values;
-    uint64_t total = 0;
-    for (int type = QX_INT32; type <= QX_SD_PTR_ARRAY; type++) {
-        values.push_back(maker.make(type));
-        qx_uint32_t size = 0;
-        ASSERT_EQ(0, pmsg_test::size_of(type, values.back(), &size));
-        total += size;
-    }
-    std::vector<uint64_t> storage(total / 8 + 1);
-    auto *p_area = reinterpret_cast<uint8_t *>(storage.data());
-    std::vector<qx_pmsg_value_t> slots(values.size());
-    qx_uint32_t running = 0;
-    for (size_t i = 0; i < values.size(); i++) {
-        ASSERT_EQ(0, pmsg_test::build(QX_INT32 + static_cast<int>(i), &values[i], &slots[i], p_area,
-                                      static_cast<qx_uint32_t>(total), &running));
-    }
-    EXPECT_EQ(total, running);
-    std::vector<uint64_t> moved(storage.size() + 8);
-    memcpy(moved.data() + 8, storage.data(), total);
-    storage.assign(storage.size(), ~0ull); /* no reads here */
-    for (size_t i = 0; i < values.size(); i++) {
-        const int type = QX_INT32 + static_cast<int>(i);
-        if (!pmsg_test::is_scalar_type(type)) slots[i].anchor.offset += 64;
+TEST_F(PmsgCodeSetTest, TextThatCannotBeConvertedIsRefusedNotMangled) {
+    // Table bytes that are not UTF-8 at all, and a character Latin-1 lacks.
+    for (const char *p_stored : {"bad \xFF\xFE utf8", "euro \xE2\x82\xAC"}) {
+        SCOPED_TRACE(p_stored);
+        std::vector<uint64_t> area(8);
+        memcpy(area.data(), p_stored, strlen(p_stored) + 1);
+        Built built;
+        built.p_area = reinterpret_cast<uint8_t *>(area.data());
+        built.slot.anchor.offset = 0;
+        built.slot.anchor.length = static_cast<qx_uint32_t>(strlen(p_stored) + 1);
+        built.used = 64;
         qx_value_t back;
-        ASSERT_EQ(0, pmsg_test::read(type, &back, &slots[i], moved.data(), moved.size() * 8,
-                                     QX_PMSG_CLIENT_MALLOC | QX_PMSG_CLIENT_DEEP));
-        std::string why;
-        EXPECT_TRUE(pmsg_test::values_equal(type, values[i], back, &why)) << why;
-        if (!pmsg_test::is_scalar_type(type)) free(back.ptr_char);
+        back.ptr_char = nullptr;
+        EXPECT_EQ(QX_PMSG_E_CONVERT, read(QX_CHAR_PTR, built, &back));
+        EXPECT_EQ(QX_PMSG_E_CONVERT, read(QX_CHAR_PTR, built, &back, QX_PMSG_CLIENT_MALLOC));
+        EXPECT_EQ(nullptr, back.ptr_char);
     }
+    EXPECT_EQ(0u, pmsg_i::cache_entry_count());
+    // Building with the from-table handle gives text the converter refuses; running is kept.
+    qx_value_t value;
+    value.ptr_char = arena_.text("\xFF\xFF");
+    std::vector<uint64_t> area(4);
+    qx_pmsg_value_t slot{};
+    qx_uint32_t running = 0;
+    EXPECT_EQ(QX_PMSG_E_CONVERT,
+              pmsg_test::build(QX_CHAR_PTR, &value, &slot, area.data(), 32, &running, from_table_));
+    EXPECT_EQ(0u, running);
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 #!/usr/bin/env bash
-# The shell's command line: every command has help with its syntax and an
-# example; --version answers; a failing script line is reported by number
-# and fails the run; export and import carry every column type to CSV and
-# JSON and back unchanged, a bad file names the line, column and value and
-# adds nothing; --csv and --json choose the output mode.
+# Help and --version, script failures, CSV/JSON export and import of every type, output options.
 # Usage: qxsr_cli_test.sh QXSR
 set -uo pipefail
 qxsr=$1

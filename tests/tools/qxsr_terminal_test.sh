@@ -1,7 +1,5 @@
 #!/usr/bin/env bash
-# Drives the shell in a terminal as a person would (tmux: send keys, read
-# the screen): Tab completes command names and table paths, Up recalls the
-# previous line, and the history survives into the next run.
+# The shell at a terminal (tmux): Tab completion, Up recalls lines, history survives a restart.
 # Usage: qxsr_terminal_test.sh QXSR   (exit 77, skipped, without tmux)
 set -uo pipefail
 qxsr=$1
@@ -22,8 +20,7 @@ wait_for() {
   for _ in $(seq 100); do screen | grep -Eq -- "$1" && return 0; sleep 0.1; done
   fail "no line matching '$1'"
 }
-# Waits for an empty prompt on the last line: the shell reads keys again
-# (a person, too, types the next line once the prompt is back).
+# Waits for an empty prompt on the last line: the shell reads keys again.
 prompt() {
   for _ in $(seq 100); do
     [ "$(screen | grep -v '^$' | tail -n 1)" = "qxsr>" ] && sleep 0.1 && return 0

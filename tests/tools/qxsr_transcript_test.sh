@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# Runs a qxsr script in a fresh temporary directory (with /demo mounted on an
-# empty directory in it) and compares the transcript (standard output and
-# error, in order) with the expected one; then every table the script left
-# in /demo must reopen in a new run.  The directory's name, addresses in
-# dumps and source line numbers in library messages are masked.
+# Runs a qxsr script in a fresh directory (/demo mounted there), compares the transcript (paths,
+# addresses and source lines masked), then every table left in /demo must reopen.
 # Usage: qxsr_transcript_test.sh QXSR SCRIPT EXPECTED [BUFFER_TO_COPY_IN]
 set -uo pipefail
 qxsr=$1 script=$2 expected=$3
