@@ -1,0 +1,98 @@
+/*
+ * sr_i_hash_table.h - the hashed key index of a table (sr_i_hash_table.cpp).
+ */
+#ifndef SR_I_HASH_TABLE_H
+#define SR_I_HASH_TABLE_H
+
+#include "sr_i_common.h"
+
+typedef struct sr_hash_table_element_struct_t {
+    qx_uint32_t row_index; /* the row's fixed index */
+    char *p_key_value;     /* the key inside the row record */
+    struct sr_hash_table_element_struct_t *p_next;
+} sr_hash_table_element_t;
+
+typedef struct sr_hash_table_struct_t {
+    qx_uint32_t total_hash_buckets;
+    sr_hash_function_t *p_hash_function;
+    sr_hash_keys_compare_function_t *p_compare_function;
+    sr_hash_table_element_t **p_elements;
+    /* Elements come from slabs owned by the index (one malloc per slab, not
+     * per row); removed elements wait on a free list for the next add.  A
+     * slab is an array of elements whose first links the slabs. */
+    sr_hash_table_element_t *p_slabs; /* newest first */
+    sr_hash_table_element_t *p_free_elements;
+    qx_uint32_t slab_used;     /* elements handed out of the newest slab */
+    qx_uint32_t slab_capacity; /* elements the newest slab holds */
+} sr_hash_table_t;
+
+/* Buckets of the default index. */
+#define SR_I_DEFAULT_HASH_BUCKETS 16384
+
+/* The default hash: the word at byte 16 of the key (a resource handle's
+ * fourth identifier word), low 14 bits. */
+qx_uint32_t sr_i_default_hash(const void *p_key_value);
+
+/* A new, empty index.  A NULL hash function selects the defaults whatever
+ * else is passed (16,384 buckets, sr_i_default_hash, cu_rsrc_hndl_cmp_1).
+ * 12 on memory; 101 for a hash function without a compare function. */
+qx_int32_t sr_i_hash_table_open(qx_uint32_t total_hash_buckets, sr_hash_function_t *p_hash_function,
+                                sr_hash_keys_compare_function_t *p_compare_function,
+                                sr_hash_table_t **p_hash_table);
+/* Frees the elements, the buckets and the index; NULL accepted; 0. */
+qx_int32_t sr_i_hash_table_close(sr_hash_table_t *p_hash_table);
+/* Adds a key that lies inside a row record (it is not copied).  For an
+ * SR_PRIMARY_KEY qualifier an equal key already present gives 108, unreported,
+ * with the existing element (and its bucket) stored in the outputs. */
+qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
+                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                               sr_hash_table_element_t **p_p_hash_table_element,
+                               sr_qualifier_t qualifier);
+/* Makes room for count more elements in one block, so that adding them
+ * allocates nothing more.  12 on memory. */
+qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t count);
+/* Adds many keys in a row, with the results the same sr_i_hash_table_add
+ * calls in the same order would have, each written where its push said;
+ * the adds lag the pushes by up to SR_I_HASH_TABLE_ADDER_DEPTH - 1 keys, so
+ * that what each add reads is fetched ahead.  A push returns the result of
+ * the add it made, if any; drain makes the rest.  After a failure the keys
+ * still queued are dropped (drain) or must be (the caller stops). */
+#define SR_I_HASH_TABLE_ADDER_DEPTH 32
+typedef struct sr_i_hash_table_adder_struct {
+    sr_hash_table_t *p_hash_table;
+    sr_qualifier_t qualifier;
+    qx_uint32_t first;
+    qx_uint32_t total;
+    char *keys[SR_I_HASH_TABLE_ADDER_DEPTH];
+    qx_uint32_t rows[SR_I_HASH_TABLE_ADDER_DEPTH];
+    qx_uint32_t buckets[SR_I_HASH_TABLE_ADDER_DEPTH];
+    qx_uint32_t *p_hash_indexes[SR_I_HASH_TABLE_ADDER_DEPTH];
+    sr_hash_table_element_t **p_p_elements[SR_I_HASH_TABLE_ADDER_DEPTH];
+} sr_i_hash_table_adder_t;
+void sr_i_hash_table_adder_open(sr_i_hash_table_adder_t *p_adder, sr_hash_table_t *p_hash_table,
+                                sr_qualifier_t qualifier);
+qx_int32_t sr_i_hash_table_adder_push(sr_i_hash_table_adder_t *p_adder, char *p_key_value,
+                                      qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                                      sr_hash_table_element_t **p_p_hash_table_element);
+qx_int32_t sr_i_hash_table_adder_drain(sr_i_hash_table_adder_t *p_adder);
+/* As sr_i_hash_table_add, but the element goes where adding the bucket's rows
+ * in ascending row_index order would have put it: behind those of higher rows. */
+qx_int32_t sr_i_hash_table_add_ordered(sr_hash_table_t *p_hash_table, char *p_key_value,
+                                       qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                                       sr_hash_table_element_t **p_p_hash_table_element,
+                                       sr_qualifier_t qualifier);
+/* Removes every element; the buckets and functions stay.  NULL accepted. */
+void sr_i_hash_table_clear(sr_hash_table_t *p_hash_table);
+/* Removes the most recently added element with an equal key; 202 if none. */
+qx_int32_t sr_i_hash_table_remove(sr_hash_table_t *p_hash_table, const void *p_key_value);
+/* Removes that very element from bucket hash_index; 202 if it is not there. */
+qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint32_t hash_index,
+                                          sr_hash_table_element_t *p_hash_table_element);
+/* The row of the most recently added equal key and the address of its
+ * element's p_key_value field; 202 if none. */
+qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
+                                     qx_uint32_t *row_index, char ***p_p_p_key_value);
+/* Bucket lengths and totals on standard output. */
+void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table);
+
+#endif /* SR_I_HASH_TABLE_H */
