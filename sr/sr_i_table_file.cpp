@@ -528,10 +528,11 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
 }
 
 // Whether the key of a row record (data at p_data, data_length bytes) lies
-// inside the record, so that a hashed key index can read it.
+// inside the record, so that a hashed key index can read it; pointer_key
+// says whether key_type is a pointer type (known once per file).
 bool row_key_is_sound(const char *p_data, qx_uint64_t data_length, qx_uint32_t total_columns,
-                      qx_uint32_t key_type) {
-    if (!is_pointer_type(key_type)) return true;
+                      qx_uint32_t key_type, bool pointer_key) {
+    if (!pointer_key) return true;
     const qx_uint64_t area_start = 4 + 8 * static_cast<qx_uint64_t>(total_columns);
     const qx_uint64_t area_length = data_length - area_start;
     qx_uint64_t offset = sr_i_load_u32(p_data + 4);
@@ -820,7 +821,7 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 break;
             case SR_I_RECORD_TYPE_ROW: {
                 if (length < row_minimum ||
-                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type)) {
+                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type, pointer_key)) {
                     return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 }
                 qx_uint64_t replaces = sr_i_load_u32(p_data);
