@@ -124,8 +124,8 @@ std::uint32_t selected(sr_opaque_handle_t table, const char *criteria, ...) {
 
 void print(const char *step, std::uint32_t rows, double seconds, std::uint32_t units) {
     const double cpu = cpu_seconds() - Cpu_Start;
-    printf("%-34s %8u rows %10.3f ms %9.3f us/row  (cpu %9.3f us/row)\n", step, rows,
-           seconds * 1e3, seconds / units * 1e6, cpu / units * 1e6);
+    printf("%-34s %8u rows %10.3f ms %9.3f us/row  (cpu %9.3f us/row)\n", step, rows, seconds * 1e3,
+           seconds / units * 1e6, cpu / units * 1e6);
     fflush(stdout);
 }
 

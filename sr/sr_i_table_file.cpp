@@ -821,7 +821,8 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 break;
             case SR_I_RECORD_TYPE_ROW: {
                 if (length < row_minimum ||
-                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type, pointer_key)) {
+                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type,
+                                      pointer_key)) {
                     return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 }
                 qx_uint64_t replaces = sr_i_load_u32(p_data);
