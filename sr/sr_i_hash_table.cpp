@@ -134,17 +134,13 @@ qx_int32_t sr_i_hash_table_close(sr_hash_table_t *p_hash_table) {
     return 0;
 }
 
-qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
-                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
-                               sr_hash_table_element_t **p_p_hash_table_element,
-                               sr_qualifier_t qualifier) {
-    if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
-        p_p_hash_table_element == nullptr) {
-        return SR_ERROR(SR_E_NULL_POINTER);
-    }
-    qx_uint32_t bucket = 0;
-    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
-    if (rc != 0) return rc;
+namespace {
+
+// Adds a key to its bucket, known to be in range.
+qx_int32_t add_to_bucket(sr_hash_table_t *p_hash_table, char *p_key_value, qx_uint32_t row_index,
+                         qx_uint32_t bucket, qx_uint32_t *p_hash_index,
+                         sr_hash_table_element_t **p_p_hash_table_element,
+                         sr_qualifier_t qualifier) {
     sr_hash_table_element_t **p_head = &p_hash_table->p_elements[bucket];
     if (*p_head != nullptr && (qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
         for (sr_hash_table_element_t *p = *p_head; p != nullptr; p = p->p_next) {
@@ -166,6 +162,183 @@ qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
     *p_hash_index = bucket;
     *p_p_hash_table_element = p_element;
     return 0;
+}
+
+}  // namespace
+
+qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
+                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                               sr_hash_table_element_t **p_p_hash_table_element,
+                               sr_qualifier_t qualifier) {
+    if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
+        p_p_hash_table_element == nullptr) {
+        return SR_ERROR(SR_E_NULL_POINTER);
+    }
+    qx_uint32_t bucket = 0;
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    if (rc != 0) return rc;
+    return add_to_bucket(p_hash_table, p_key_value, row_index, bucket, p_hash_index,
+                         p_p_hash_table_element, qualifier);
+}
+
+qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t count) {
+    if (p_hash_table == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
+    if (p_hash_table->slab_capacity - p_hash_table->slab_used >= count) return 0;
+    auto *p_slab = static_cast<sr_hash_table_element_t *>(
+        sr_i_malloc(sizeof(sr_hash_table_element_t) * (static_cast<size_t>(count) + 1)));
+    if (p_slab == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+    // What is left of the current slab is given up; the slab stays owned.
+    p_slab->p_next = p_hash_table->p_slabs;
+    p_hash_table->p_slabs = p_slab;
+    p_hash_table->slab_capacity = count + 1;
+    p_hash_table->slab_used = 1;
+    return 0;
+}
+
+// The adder: each bucket head, each first element of a bucket and that
+// element's key is a likely cache miss when many rows are added at once.  A
+// key pushed has its bucket found and the head fetched at once; a few pushes
+// later the head element is fetched, a few more later its key, and the add
+// itself comes kSrAdderDepth pushes later, when all of it is at hand.
+namespace {
+
+constexpr qx_uint32_t kSrAdderDepth = SR_I_HASH_TABLE_ADDER_DEPTH;
+constexpr qx_uint32_t kElementAge = kSrAdderDepth / 3;
+constexpr qx_uint32_t kKeyAge = 2 * kSrAdderDepth / 3;
+
+inline qx_uint32_t adder_slot(const sr_i_hash_table_adder_t *p_adder, qx_uint32_t age) {
+    return (p_adder->first + p_adder->total - 1 - age) % kSrAdderDepth;
+}
+
+// Adds the oldest key queued.
+qx_int32_t adder_add_oldest(sr_i_hash_table_adder_t *p_adder) {
+    const qx_uint32_t i = p_adder->first;
+    p_adder->first = (p_adder->first + 1) % kSrAdderDepth;
+    --p_adder->total;
+    sr_hash_table_t *p_hash_table = p_adder->p_hash_table;
+    // A hash out of range is reported as a single add reports it.
+    if (p_adder->buckets[i] >= p_hash_table->total_hash_buckets) {
+        return sr_i_hash_table_add(p_hash_table, p_adder->keys[i], p_adder->rows[i],
+                                   p_adder->p_hash_indexes[i], p_adder->p_p_elements[i],
+                                   p_adder->qualifier);
+    }
+    return add_to_bucket(p_hash_table, p_adder->keys[i], p_adder->rows[i], p_adder->buckets[i],
+                         p_adder->p_hash_indexes[i], p_adder->p_p_elements[i], p_adder->qualifier);
+}
+
+// Fetches what the add of the key queued `age` pushes ago will read.
+void adder_fetch(const sr_i_hash_table_adder_t *p_adder, qx_uint32_t age, bool key) {
+    const qx_uint32_t i = adder_slot(p_adder, age);
+    const sr_hash_table_t *p_hash_table = p_adder->p_hash_table;
+    if (p_adder->buckets[i] >= p_hash_table->total_hash_buckets) return;
+    const sr_hash_table_element_t *p_head = p_hash_table->p_elements[p_adder->buckets[i]];
+    if (p_head == nullptr) return;
+    if (key) {
+        __builtin_prefetch(p_head->p_key_value);
+    } else {
+        __builtin_prefetch(p_head);
+    }
+}
+
+}  // namespace
+
+void sr_i_hash_table_adder_open(sr_i_hash_table_adder_t *p_adder, sr_hash_table_t *p_hash_table,
+                                sr_qualifier_t qualifier) {
+    p_adder->p_hash_table = p_hash_table;
+    p_adder->qualifier = qualifier;
+    p_adder->first = 0;
+    p_adder->total = 0;
+}
+
+qx_int32_t sr_i_hash_table_adder_push(sr_i_hash_table_adder_t *p_adder, char *p_key_value,
+                                      qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                                      sr_hash_table_element_t **p_p_hash_table_element) {
+    sr_hash_table_t *p_hash_table = p_adder->p_hash_table;
+    const qx_uint32_t i = (p_adder->first + p_adder->total) % kSrAdderDepth;
+    const qx_uint32_t bucket = p_hash_table->p_hash_function != nullptr
+                                   ? p_hash_table->p_hash_function(p_key_value)
+                                   : sr_i_default_hash(p_key_value);
+    if (bucket < p_hash_table->total_hash_buckets) {
+        __builtin_prefetch(&p_hash_table->p_elements[bucket], 1);
+    }
+    p_adder->keys[i] = p_key_value;
+    p_adder->rows[i] = row_index;
+    p_adder->buckets[i] = bucket;
+    p_adder->p_hash_indexes[i] = p_hash_index;
+    p_adder->p_p_elements[i] = p_p_hash_table_element;
+    ++p_adder->total;
+    if ((p_adder->qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+        if (p_adder->total > kElementAge) adder_fetch(p_adder, kElementAge, false);
+        if (p_adder->total > kKeyAge) adder_fetch(p_adder, kKeyAge, true);
+    }
+    return p_adder->total == kSrAdderDepth ? adder_add_oldest(p_adder) : 0;
+}
+
+qx_int32_t sr_i_hash_table_adder_drain(sr_i_hash_table_adder_t *p_adder) {
+    if ((p_adder->qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+        for (qx_uint32_t age = 0; age < p_adder->total && age < kElementAge; ++age) {
+            adder_fetch(p_adder, age, false);
+        }
+        for (qx_uint32_t age = 0; age < p_adder->total && age < kKeyAge; ++age) {
+            adder_fetch(p_adder, age, true);
+        }
+    }
+    while (p_adder->total != 0) {
+        qx_int32_t rc = adder_add_oldest(p_adder);
+        if (rc != 0) {
+            p_adder->total = 0;
+            return rc;
+        }
+    }
+    return 0;
+}
+
+qx_int32_t sr_i_hash_table_add_ordered(sr_hash_table_t *p_hash_table, char *p_key_value,
+                                       qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                                       sr_hash_table_element_t **p_p_hash_table_element,
+                                       sr_qualifier_t qualifier) {
+    if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
+        p_p_hash_table_element == nullptr) {
+        return SR_ERROR(SR_E_NULL_POINTER);
+    }
+    qx_uint32_t bucket = 0;
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    if (rc != 0) return rc;
+    sr_hash_table_element_t **p_link = &p_hash_table->p_elements[bucket];
+    if ((qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+        for (sr_hash_table_element_t *p = *p_link; p != nullptr; p = p->p_next) {
+            if (keys_compare(p_hash_table, p_key_value, p->p_key_value) == 0) {
+                *p_hash_index = bucket;
+                *p_p_hash_table_element = p;
+                return SR_E_DUPLICATE_KEY;
+            }
+        }
+    }
+    while (*p_link != nullptr && (*p_link)->row_index > row_index) p_link = &(*p_link)->p_next;
+    sr_hash_table_element_t *p_element = new_element(p_hash_table);
+    if (p_element == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+    p_element->row_index = row_index;
+    p_element->p_key_value = p_key_value;
+    p_element->p_next = *p_link;
+    *p_link = p_element;
+    *p_hash_index = bucket;
+    *p_p_hash_table_element = p_element;
+    return 0;
+}
+
+void sr_i_hash_table_clear(sr_hash_table_t *p_hash_table) {
+    if (p_hash_table == nullptr) return;
+    for (sr_hash_table_element_t *p = p_hash_table->p_slabs; p != nullptr;) {
+        sr_hash_table_element_t *p_next = p->p_next;
+        free(p);
+        p = p_next;
+    }
+    memset(p_hash_table->p_elements, 0,
+           sizeof(sr_hash_table_element_t *) * p_hash_table->total_hash_buckets);
+    p_hash_table->p_slabs = nullptr;
+    p_hash_table->p_free_elements = nullptr;
+    p_hash_table->slab_used = 0;
+    p_hash_table->slab_capacity = 0;
 }
 
 qx_int32_t sr_i_hash_table_remove(sr_hash_table_t *p_hash_table, const void *p_key_value) {

@@ -84,6 +84,8 @@ inline buffer_t *directory_owner(const sr_i_record_buffer_pool_t *p_pool) {
     return p_pool->p_first_record_buffer;
 }
 
+constexpr qx_int64_t kGroup = SR_I_RECORD_BUFFER_GROUP;
+
 // Position in the directory of the buffer holding p_address, or -1.
 qx_int64_t directory_index_of(const sr_i_record_buffer_pool_t *p_pool, const char *p_address) {
     buffer_t *p_owner = directory_owner(p_pool);
@@ -109,9 +111,16 @@ qx_int64_t directory_index_of(const sr_i_record_buffer_pool_t *p_pool, const cha
 // The last free record of the nearest buffer below directory position index
 // that has one, or NULL: the predecessor on the chain of a buffer's first
 // free record.
+// Full buffers are passed over by the directory's bounds alone (a bound of 0
+// means no free record), whole groups at a time, without touching them.
 char *last_free_record_before(const sr_i_record_buffer_pool_t *p_pool, qx_int64_t index) {
     sr_i_record_buffer_slot_t *p_directory = directory_owner(p_pool)->p_directory;
     for (qx_int64_t i = index - 1; i >= 0; --i) {
+        if (i % kGroup == kGroup - 1 && p_directory[i - (kGroup - 1)].group_max_free == 0) {
+            i -= kGroup - 1;
+            continue;
+        }
+        if (p_directory[i].max_free == 0) continue;
         buffer_t *p_buffer = p_directory[i].p_buffer;
         if (p_buffer->last_free != 0) return record_at(p_buffer, p_buffer->last_free);
     }
@@ -121,7 +130,13 @@ char *last_free_record_before(const sr_i_record_buffer_pool_t *p_pool, qx_int64_
 // The first free record at or after directory position index, or NULL.
 char *first_free_record_from(const sr_i_record_buffer_pool_t *p_pool, qx_int64_t index) {
     buffer_t *p_owner = directory_owner(p_pool);
-    for (qx_int64_t i = index; i < static_cast<qx_int64_t>(p_owner->total_directory); ++i) {
+    const qx_int64_t total = p_owner->total_directory;
+    for (qx_int64_t i = index; i < total; ++i) {
+        if (i % kGroup == 0 && p_owner->p_directory[i].group_max_free == 0) {
+            i += kGroup - 1;
+            continue;
+        }
+        if (p_owner->p_directory[i].max_free == 0) continue;
         buffer_t *p_buffer = p_owner->p_directory[i].p_buffer;
         if (p_buffer->first_free != 0) return record_at(p_buffer, p_buffer->first_free);
     }
@@ -139,8 +154,6 @@ qx_int32_t reserve_directory_slot(buffer_t *p_owner) {
     p_owner->max_directory = new_max;
     return 0;
 }
-
-constexpr qx_int64_t kGroup = SR_I_RECORD_BUFFER_GROUP;
 
 inline sr_i_record_buffer_slot_t *group_of(sr_i_record_buffer_slot_t *p_directory,
                                            qx_int64_t index) {
@@ -556,7 +569,15 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
                     qx_uint32_t found = 0;
                     qx_uint32_t previous = 0;
                     qx_uint32_t bound = 0;
-                    if (index_first_fit(p_buffer, needed, &found, &previous, &bound)) {
+                    // The buffer's first free record, when long enough, is
+                    // its first fit: the usual case of rows added one after
+                    // another into the free end of the newest buffer.
+                    const bool first_fits =
+                        p_buffer->first_free != 0 &&
+                        sr_i_record_length(record_at(p_buffer, p_buffer->first_free)) >= needed;
+                    if (first_fits) found = p_buffer->first_free;
+                    if (first_fits ||
+                        index_first_fit(p_buffer, needed, &found, &previous, &bound)) {
                         char *p_record = record_at(p_buffer, found);
                         *p_data = p_record + kHeader;
                         if (previous != 0) {

@@ -327,7 +327,16 @@ qx_int32_t sr_i_get_selected_rows(sr_i_table_t *p_table, qx_char_ptr_t p_selecti
     }
     qx_uint32_t seen = 0;
     qx_uint32_t selected = 0;
-    for (qx_uint32_t f = 0; f < p_table->maximum_rows && seen < rows; ++f) {
+    // The records a few slots on are fetched while this one is evaluated:
+    // the scan waits on memory, not on the evaluation.
+    constexpr qx_uint32_t kAhead = 16;
+    const qx_uint32_t slots = p_table->maximum_rows;
+    for (qx_uint32_t f = 0; f < slots && seen < rows; ++f) {
+        if (f + kAhead < slots) {
+            const sr_i_index_entry_t &ahead = p_table->p_rows_fixed_index[f + kAhead];
+            const char *p_ahead = ahead.p_applied != nullptr ? ahead.p_applied : ahead.p_committed;
+            if (p_ahead != nullptr) __builtin_prefetch(p_ahead - SR_I_RECORD_HEADER_LENGTH);
+        }
         const sr_i_index_entry_t &entry = p_table->p_rows_fixed_index[f];
         char *p_chosen = committed_view ? entry.p_committed : entry.p_applied;
         if (p_chosen == nullptr) continue;

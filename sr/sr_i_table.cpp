@@ -16,6 +16,8 @@ namespace {
 
 // Slots of an index established with 0.
 constexpr qx_uint32_t kDefaultRows = 10;
+// Fewest slots of a table read from its file.
+constexpr qx_uint32_t kLoadedRows = 100;
 
 // Which slots are on the free chain, as a tree of bit words kept behind the
 // fixed index in the same block (so whoever frees the index frees it too).
@@ -198,6 +200,89 @@ qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_
     return 0;
 }
 
+qx_int32_t sr_i_reserve_rows_index(sr_i_table_t *p_table, qx_uint32_t capacity) {
+    if (capacity == 0) capacity = 1;
+    // Only the free-slot tree is set up: the loader writes every slot it
+    // hands out, and the rest is laid out once the count is known.
+    auto *p_fixed = static_cast<sr_i_index_entry_t *>(sr_i_malloc(index_bytes(capacity)));
+    if (p_fixed == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+    p_table->p_rows_fixed_index = p_fixed;
+    p_table->maximum_rows = capacity;
+    p_table->p_rows_free_chain = nullptr;
+    tree_rebuild(p_table);
+    return 0;
+}
+
+qx_int32_t sr_i_complete_rows_index(sr_i_table_t *p_table, qx_uint32_t used) {
+    // Room for an eighth more rows before the index first doubles.
+    qx_uint64_t wanted = static_cast<qx_uint64_t>(used) + used / 8;
+    if (wanted < kLoadedRows) wanted = kLoadedRows;
+    if (wanted > UINT32_MAX) wanted = UINT32_MAX;
+    const qx_uint32_t n = static_cast<qx_uint32_t>(wanted);
+    auto *p_packed = static_cast<qx_uint32_t *>(sr_i_calloc(n, sizeof(qx_uint32_t)));
+    if (p_packed == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+    // The reserved block is kept as it is when the index fits (it was sized
+    // for every row record the file could hold: handing its unused end back
+    // would only make the next reserve fresh memory); a small one grows,
+    // and the slots freed during the load, chained by address, follow it.
+    sr_i_index_entry_t *p_base = p_table->p_rows_fixed_index;
+    if (n > p_table->maximum_rows) {
+        uintptr_t old_base = reinterpret_cast<uintptr_t>(p_base);
+        void *p_fixed = sr_i_realloc(p_base, index_bytes(n));
+        if (p_fixed == nullptr) {
+            free(p_packed);
+            return SR_ERROR(SR_E_NO_MEMORY);
+        }
+        p_base = static_cast<sr_i_index_entry_t *>(p_fixed);
+        p_table->p_rows_fixed_index = p_base;
+        auto moved = [&](void *p_old) {
+            size_t slot =
+                (reinterpret_cast<uintptr_t>(p_old) - old_base) / sizeof(sr_i_index_entry_t);
+            return p_base + slot;
+        };
+        if (p_table->p_rows_free_chain != nullptr) {
+            p_table->p_rows_free_chain = moved(p_table->p_rows_free_chain);
+            for (sr_i_index_entry_t *p = p_table->p_rows_free_chain; p->p_pending_change != nullptr;
+                 p = static_cast<sr_i_index_entry_t *>(p->p_pending_change)) {
+                p->p_pending_change = moved(p->p_pending_change);
+            }
+        }
+    }
+    free(p_table->p_rows_packed_index);
+    p_table->p_rows_packed_index = p_packed;
+    p_table->maximum_rows = n;
+    // Live slots in fixed index order.  When none was freed they are the
+    // slots handed out, each already holding its own number.
+    if (p_table->total_applied_rows == used) {
+        for (qx_uint32_t f = 0; f < used; ++f) p_packed[f] = f;
+    } else {
+        qx_uint32_t seen = 0;
+        for (qx_uint32_t f = 0; f < used; ++f) {
+            if (p_base[f].p_committed == nullptr) continue;
+            p_packed[seen] = f;
+            p_base[f].packed_index = seen++;
+        }
+    }
+    // The slots past the last one used join the end of the free chain.
+    sr_i_index_entry_t *p_last = p_table->p_rows_free_chain;
+    while (p_last != nullptr && p_last->p_pending_change != nullptr) {
+        p_last = static_cast<sr_i_index_entry_t *>(p_last->p_pending_change);
+    }
+    sr_i_index_entry_t *p_rest = p_base + used;
+    const qx_uint32_t rest = n - used;
+    memset(static_cast<void *>(p_rest), 0, sizeof(sr_i_index_entry_t) * rest);
+    for (qx_uint32_t i = 0; i + 1 < rest; ++i) p_rest[i].p_pending_change = &p_rest[i + 1];
+    if (rest != 0) {
+        if (p_last == nullptr) {
+            p_table->p_rows_free_chain = p_rest;
+        } else {
+            p_last->p_pending_change = p_rest;
+        }
+    }
+    tree_rebuild(p_table);
+    return 0;
+}
+
 qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows) {
     // Growing by nothing would hand the caller an empty chain again.
     if (total_new_rows == 0) total_new_rows = kDefaultRows;
@@ -289,6 +374,12 @@ sr_i_index_entry_t *sr_i_rows_free_chain_remove(sr_i_table_t *p_table) {
 qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
     qx_uint32_t seen = 0;
     qx_uint32_t key_qualifier = p_table->total_columns != 0 ? p_table->p_columns[0].qualifier : 0;
+    sr_hash_table_t *const p_hash_table = p_table->p_rows_hash_table;
+    const bool pointer_key =
+        p_table->total_columns != 0 && sr_i_is_pointer_type(p_table->p_columns[0].type);
+    const qx_uint32_t total_columns = p_table->total_columns;
+    sr_i_hash_table_adder_t adder;
+    sr_i_hash_table_adder_open(&adder, p_hash_table, key_qualifier);
     for (qx_uint32_t f = 0; f < p_table->maximum_rows && seen < p_table->total_committed_rows;
          ++f) {
         sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[f];
@@ -296,14 +387,20 @@ qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
         p_table->p_rows_packed_index[seen] = f;
         p_entry->packed_index = seen;
         ++seen;
-        if (p_table->p_rows_hash_table != nullptr) {
-            qx_int32_t rc = sr_i_hash_table_add(
-                p_table->p_rows_hash_table, sr_i_row_key_value(p_table, p_entry->p_committed), f,
-                &p_entry->hash_index, &p_entry->p_hash_table_element, key_qualifier);
+        if (p_hash_table != nullptr) {
+            char *p_data = p_entry->p_committed;
+            char *p_key = sr_i_row_slot(p_data, 0);
+            if (pointer_key) {
+                qx_uint32_t offset;
+                memcpy(&offset, p_key, sizeof offset);
+                p_key = sr_i_row_indirect_area(p_data, total_columns) + offset;
+            }
+            qx_int32_t rc = sr_i_hash_table_adder_push(&adder, p_key, f, &p_entry->hash_index,
+                                                       &p_entry->p_hash_table_element);
             if (rc != 0) return rc;
         }
     }
-    return 0;
+    return p_hash_table != nullptr ? sr_i_hash_table_adder_drain(&adder) : 0;
 }
 
 void sr_i_remove_row_from_packed_index(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry) {

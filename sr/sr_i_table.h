@@ -244,6 +244,15 @@ char *sr_i_row_key_value(const sr_i_table_t *p_table, char *p_record_data);
 
 /* Both row indexes for maximum_rows slots (10 for 0), all on the free chain. */
 qx_int32_t sr_i_establish_rows_index(sr_i_table_t *p_table, qx_uint32_t maximum_rows);
+/* Loading a file: the fixed index for up to capacity slots, none of them
+ * set up and none on the free chain; the loader hands out slots 0, 1, 2, ...
+ * itself (taking slots it freed again first, from the chain), each with its
+ * own number as packed_index.  Completing it with the count of slots handed
+ * out sizes the index from that count, chains the slots never used behind
+ * those freed (the same free chain as if every slot had been on it from the
+ * start) and makes the packed index of the live slots (total_applied_rows). */
+qx_int32_t sr_i_reserve_rows_index(sr_i_table_t *p_table, qx_uint32_t capacity);
+qx_int32_t sr_i_complete_rows_index(sr_i_table_t *p_table, qx_uint32_t used);
 /* Adds total_new_rows slots (the index doubles when given maximum_rows); the
  * new slots become the whole free chain, which must be empty. */
 qx_int32_t sr_i_grow_index(sr_i_table_t *p_table, qx_uint32_t total_new_rows);

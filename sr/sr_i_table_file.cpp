@@ -528,10 +528,11 @@ qx_int32_t check_metadata_record(const char *p_image, qx_uint64_t meta_length,
 }
 
 // Whether the key of a row record (data at p_data, data_length bytes) lies
-// inside the record, so that a hashed key index can read it.
+// inside the record, so that a hashed key index can read it; pointer_key
+// says whether key_type is a pointer type (known once per file).
 bool row_key_is_sound(const char *p_data, qx_uint64_t data_length, qx_uint32_t total_columns,
-                      qx_uint32_t key_type) {
-    if (!is_pointer_type(key_type)) return true;
+                      qx_uint32_t key_type, bool pointer_key) {
+    if (!pointer_key) return true;
     const qx_uint64_t area_start = 4 + 8 * static_cast<qx_uint64_t>(total_columns);
     const qx_uint64_t area_length = data_length - area_start;
     qx_uint64_t offset = sr_i_load_u32(p_data + 4);
@@ -723,15 +724,76 @@ bool commit_record_follows(const char *p_image, qx_uint64_t offset, qx_uint64_t 
     return false;
 }
 
-// The single pass over the records after the metadata record.
+// The hashed key index, built during the pass while each row's key is at
+// hand.  The index must come out as if the live rows had been added in fixed
+// index order once the pass is over: in each bucket, higher slots ahead of
+// lower ones.  A row taking the next unused slot goes ahead of every element
+// (batched, so that the cache misses of a batch overlap); a row taking a slot
+// freed earlier in the pass, or replacing a row, is put in its place.  Should
+// a checked key meet its equal (which a later record may still resolve) or
+// anything else fail, the index is given up here and built again after the
+// pass the way a single add per live row would, with that way's result.
+struct key_index_builder_t {
+    key_index_builder_t(sr_hash_table_t *p_index, sr_i_index_entry_t *p_fixed,
+                        sr_qualifier_t key_qualifier)
+        : p_hash_table(p_index), p_slots(p_fixed), given_up(p_index == nullptr) {
+        sr_i_hash_table_adder_open(&adder, p_index, key_qualifier);
+    }
+
+    sr_hash_table_t *p_hash_table;
+    sr_i_index_entry_t *p_slots;
+    bool given_up;
+    sr_i_hash_table_adder_t adder;
+
+    void drain() {
+        if (!given_up && sr_i_hash_table_adder_drain(&adder) != 0) given_up = true;
+    }
+    // A row in slot f whose key is at p_key; `highest` when f is above
+    // every slot holding a row.
+    void add(qx_uint32_t f, char *p_key, bool highest) {
+        if (given_up) return;
+        sr_i_index_entry_t *p_entry = &p_slots[f];
+        if (highest) {
+            if (sr_i_hash_table_adder_push(&adder, p_key, f, &p_entry->hash_index,
+                                           &p_entry->p_hash_table_element) != 0) {
+                given_up = true;
+            }
+            return;
+        }
+        drain();
+        if (given_up) return;
+        if (sr_i_hash_table_add_ordered(p_hash_table, p_key, f, &p_entry->hash_index,
+                                        &p_entry->p_hash_table_element, adder.qualifier) != 0) {
+            given_up = true;
+        }
+    }
+    // The row in slot f is replaced or deleted.
+    void remove(qx_uint32_t f) {
+        drain();
+        if (given_up) return;
+        if (sr_i_hash_table_remove_element(p_hash_table, p_slots[f].hash_index,
+                                           p_slots[f].p_hash_table_element) != 0) {
+            given_up = true;
+        }
+    }
+};
+
+// The single pass over the records after the metadata record.  Slots are
+// handed out as the free chain of a fresh index would: the lowest one freed
+// by a deletion first, else the next never used; *p_used counts the latter.
 qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_read,
-                        qx_uint64_t image_end) {
+                        qx_uint64_t image_end, qx_uint32_t *p_used,
+                        key_index_builder_t *p_builder) {
     const qx_uint64_t meta_length = rec_length(p_image);
     const qx_uint32_t total_columns = p_table->total_columns;
     const qx_uint32_t key_type =
         static_cast<qx_uint32_t>(sr_i_load_column(p_table->p_columns).type);
     const qx_uint64_t row_minimum = kHeader + 4 + 8 * static_cast<qx_uint64_t>(total_columns);
     sr_i_record_buffer_pool_t *p_pool = &p_table->record_buffer_pool;
+    sr_i_index_entry_t *const p_slots = p_table->p_rows_fixed_index;
+    const bool indexed = !p_builder->given_up;
+    const bool pointer_key = is_pointer_type(key_type);
+    qx_uint32_t used = 0;
     qx_uint64_t current = meta_length;
     for (;;) {
         if (current + kHeader > bytes_read)
@@ -759,7 +821,8 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 break;
             case SR_I_RECORD_TYPE_ROW: {
                 if (length < row_minimum ||
-                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type)) {
+                    !row_key_is_sound(p_data, length - kHeader, total_columns, key_type,
+                                      pointer_key)) {
                     return SR_ERROR(SR_E_TABLE_UNREADABLE);
                 }
                 qx_uint64_t replaces = sr_i_load_u32(p_data);
@@ -772,24 +835,39 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                         return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     qx_uint32_t fixed = sr_i_load_u32(p_image + replaces + kHeader);
-                    if (fixed >= p_table->maximum_rows) return SR_ERROR(SR_E_TABLE_UNREADABLE);
-                    p_entry = &p_table->p_rows_fixed_index[fixed];
+                    if (fixed >= used) return SR_ERROR(SR_E_TABLE_UNREADABLE);
+                    p_entry = &p_slots[fixed];
                     if (p_entry->p_committed == nullptr || p_entry->file_offset != replaces) {
                         return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     sr_i_rb_free_record(p_pool, p_entry->p_committed);
+                    if (indexed) p_builder->remove(fixed);
                 } else {
-                    p_entry = sr_i_rows_free_chain_remove(p_table);
-                    if (p_entry == nullptr) return SR_ERROR(SR_E_TABLE_UNREADABLE);
+                    if (p_table->p_rows_free_chain != nullptr) {
+                        p_entry = sr_i_rows_free_chain_remove(p_table);
+                    } else if (used < p_table->maximum_rows) {
+                        p_entry = &p_slots[used++];
+                    } else {
+                        return SR_ERROR(SR_E_TABLE_UNREADABLE);
+                    }
                     ++p_table->total_applied_rows;
                 }
+                const qx_uint32_t f = static_cast<qx_uint32_t>(p_entry - p_slots);
+                *p_entry = sr_i_index_entry_t{};
                 p_entry->p_applied = p_data;
                 p_entry->p_committed = p_data;
                 p_entry->file_offset = static_cast<qx_uint32_t>(current);
-                p_entry->applied_file_offset = 0;
-                p_entry->p_pending_change = nullptr;
-                sr_i_store_u32(p_data,
-                               static_cast<qx_uint32_t>(p_entry - p_table->p_rows_fixed_index));
+                // Right as it stands when every slot handed out stays live.
+                p_entry->packed_index = f;
+                sr_i_store_u32(p_data, f);
+                if (indexed) {
+                    char *p_key = sr_i_row_slot(p_data, 0);
+                    if (pointer_key) {
+                        p_key =
+                            sr_i_row_indirect_area(p_data, total_columns) + sr_i_load_u32(p_key);
+                    }
+                    p_builder->add(f, p_key, f + 1 == used && replaces == 0);
+                }
                 break;
             }
             case SR_I_RECORD_TYPE_DELETION: {
@@ -802,13 +880,14 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                         return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     qx_uint32_t fixed = sr_i_load_u32(p_image + offset + kHeader);
-                    if (fixed >= p_table->maximum_rows) return SR_ERROR(SR_E_TABLE_UNREADABLE);
-                    sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[fixed];
+                    if (fixed >= used) return SR_ERROR(SR_E_TABLE_UNREADABLE);
+                    sr_i_index_entry_t *p_entry = &p_slots[fixed];
                     // A row listed twice is free by its second mention.
                     if (p_entry->p_committed == nullptr || p_entry->file_offset != offset) {
                         return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     sr_i_rb_free_record(p_pool, p_entry->p_committed);
+                    if (indexed) p_builder->remove(fixed);
                     sr_i_rows_free_chain_insert(p_table, p_entry);
                     --p_table->total_applied_rows;
                 }
@@ -825,6 +904,8 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 // after it become one free record of the pool.
                 sr_i_store_u32(p_record, static_cast<qx_uint32_t>(image_end - current));
                 sr_i_rb_free_record(p_pool, p_data);
+                if (indexed) p_builder->drain();
+                *p_used = used;
                 return 0;
             }
             default:
@@ -955,22 +1036,33 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
             &p_previous, &actual);
     }
     if (rc == 0) {
-        // Never below the number of row records the file can hold.
+        // Room for as many row records as the file can hold; the index is
+        // sized to the slots the rows take once the pass has counted them.
         const qx_uint64_t meta_length = rec_length(p_image);
-        qx_uint64_t maximum_rows =
+        qx_uint64_t capacity =
             (records_end - meta_length) / (8 * static_cast<qx_uint64_t>(p_new->total_columns) + 12);
-        rc = sr_i_establish_rows_index(
-            p_new, maximum_rows == 0 ? 100 : static_cast<qx_uint32_t>(maximum_rows));
+        rc = sr_i_reserve_rows_index(p_new, static_cast<qx_uint32_t>(capacity));
     }
     if (rc == 0 && p_new->p_rows_hash_table == nullptr &&
         sr_i_load_column(p_new->p_columns).type == QX_RSRC_HANDLE_PTR) {
         rc = sr_i_hash_table_open(0, nullptr, nullptr, &p_new->p_rows_hash_table);
     }
     if (rc == 0) rc = sr_i_allocate_application_metadata_buffer(1, &p_new->p_application_metadata);
-    if (rc == 0) rc = load_records(p_new, p_image, bytes_read, image_end);
+    qx_uint32_t used = 0;
+    key_index_builder_t builder{p_new->p_rows_hash_table, p_new->p_rows_fixed_index,
+                                p_new->p_columns != nullptr ? p_new->p_columns[0].qualifier : 0};
+    if (!builder.given_up) {
+        // Every row record the file can hold, as for the row index.
+        rc = sr_i_hash_table_reserve(p_new->p_rows_hash_table, p_new->maximum_rows);
+    }
+    if (rc == 0) rc = load_records(p_new, p_image, bytes_read, image_end, &used, &builder);
+    if (rc == 0) rc = sr_i_complete_rows_index(p_new, used);
     if (rc == 0) {
         p_new->total_committed_rows = p_new->total_applied_rows;
-        rc = sr_i_establish_secondary_row_access(p_new);
+        if (builder.given_up && p_new->p_rows_hash_table != nullptr) {
+            sr_i_hash_table_clear(p_new->p_rows_hash_table);
+            rc = sr_i_establish_secondary_row_access(p_new);
+        }
     }
     if (rc != 0) {
         sr_i_close_table(p_new);
