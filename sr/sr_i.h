@@ -300,6 +300,9 @@ typedef struct sr_i_table_struct {
     /* Pools of contents replaced by reading the file again for another
      * opener; values handed out from them stay valid until the last close. */
     struct sr_i_retired_pool_struct *p_retired_pools;
+    /* Slots by key hash for the key check of an unhashed unique table; built
+     * by the first check, dropped by abort (sr_i_unique_key.cpp). */
+    struct sr_i_unique_key_index_struct *p_unique_key_index;
 } sr_i_table_t;
 
 /* ===========================================================================
@@ -813,6 +816,21 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
 qx_int32_t sr_i_common_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry,
                                         qx_uint32_t deletion);
 qx_int32_t sr_i_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry);
+
+/* --- the key check of unhashed unique tables (sr_i_unique_key.cpp) --- */
+
+/* Whether the add of the row whose slot p_new_entry was just taken (its
+ * p_applied already the new record) must be refused for its key *p_key: the
+ * answer of the walk over the fixed index, found through the table's index of
+ * keys, which the first call builds. */
+bool sr_i_unique_key_exists(sr_i_table_t *p_table, qx_value_t *p_key,
+                            sr_i_index_entry_t *p_new_entry);
+/* The row's working record is new (added, or set, which may change its key):
+ * its key is noted in the table's index of keys, if the table has one. */
+void sr_i_unique_key_note_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_entry);
+/* Drops the table's index of keys (abort brings back records it was not told
+ * about; close). */
+void sr_i_unique_key_forget(sr_i_table_t *p_table);
 
 /* --- reading fields (sr_i_get_values.cpp) --- */
 

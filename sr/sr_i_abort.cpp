@@ -44,6 +44,9 @@ void trace_abort(int point, const sr_i_table_t *p_table) {
 
 qx_int32_t sr_i_abort_in_memory(sr_i_table_t *p_table,
                                 sr_i_change_entry_t *p_current_change_entry) {
+    // Rows deleted or re-keyed come back with keys the index of keys has
+    // dropped or never had.
+    sr_i_unique_key_forget(p_table);
     for (sr_i_change_entry_t *p_change = p_current_change_entry; p_change != nullptr;
          p_change = p_change->p_next) {
         sr_i_index_entry_t *p_entry = p_change->p_index_entry;

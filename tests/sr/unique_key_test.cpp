@@ -2,10 +2,11 @@
 // a hashed key index, through the public interface only: which adds are
 // refused with 108 against committed rows, rows added earlier in the same
 // transaction, rows deleted or re-keyed by set calls, after abort, after a
-// reopen and a schema change (which copies the rows, duplicates included), and the self-match of a
-// new row placed in a free slot ahead of the last live row.  The answers are those of the linear
-// walk over the fixed index; a randomized run checks every add against that
-// walk recomputed from the rows the table shows.
+// reopen and a schema change (which copies the rows, duplicates included),
+// and the self-match of a new row placed in a free slot ahead of the last
+// live row.  The answers are those of the linear walk over the fixed index;
+// a randomized run checks every add against that walk recomputed from the
+// rows the table shows.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -380,7 +381,7 @@ TEST_P(UniqueKeyRandomTest, EveryAddAnswersAsTheWalk) {
     std::mt19937 random(20261124);
     std::vector<bool> held;  // slots of rows added and deleted in this transaction
     int refused = 0, self_matches = 0;
-    for (int op = 0; op < 1500; ++op) {
+    for (int op = 0; op < 1000; ++op) {
         SCOPED_TRACE(op);
         const int pick = static_cast<int>(random() % 100);
         const Key key(type, static_cast<qx_int64_t>(random() % 24));
