@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <deque>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -162,7 +163,7 @@ class UniqueKeyTest : public ::testing::Test {
     std::string path_;
     int tables_ = 0;
     int columns_added_ = 0;
-    std::vector<std::string> texts_;
+    std::deque<std::string> texts_;  // stable addresses for the C strings handed out
 };
 
 // ---------------------------------------------------------------------------
