@@ -46,6 +46,9 @@ void trace_abort(int point, const sr_i_table_t *p_table) {
 
 qx_int32_t sr_i_abort_in_memory(sr_i_table_t *p_table,
                                 sr_i_change_entry_t *p_current_change_entry) {
+    // Rows deleted or re-keyed come back with keys the index of keys has
+    // dropped or never had.
+    sr_i_unique_key_forget(p_table);
     for (sr_i_change_entry_t *p_change = p_current_change_entry; p_change != nullptr;
          p_change = p_change->p_next) {
         sr_i_index_entry_t *p_entry = p_change->p_index_entry;
@@ -82,10 +85,9 @@ namespace {
 // Writes the committed commit record's type word back as a current commit
 // record's; whether the tail behind it may be cut off.
 bool restore_switch(sr_i_table_t *p_table) {
-    const off64_t type_word = static_cast<off64_t>(p_table->commit_record_offset) + 8;
-    if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) return false;
+    const qx_uint64_t type_word = static_cast<qx_uint64_t>(p_table->commit_record_offset) + 8;
     qx_uint32_t word = static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT);
-    return sr_i_write(p_table->file_fd, &word, sizeof word) == 0;
+    return sr_i_write_at(p_table->file_fd, &word, sizeof word, type_word) == 0;
 }
 
 }  // namespace

@@ -42,32 +42,6 @@ qx_uint32_t doubled(qx_uint32_t length) {
     return length <= (UINT32_MAX - kHeader) / 2 ? length * 2 : 0;
 }
 
-// Live rows of the working version.
-inline qx_uint32_t live_rows(const sr_i_table_t *p_table) {
-    return p_table->total_applied_rows - p_table->applied_deletions;
-}
-
-// The linear uniqueness check of a table without a hashed key index.  The
-// walk counts the new entry too, which already holds the new record: placed
-// in a slot before the last live row, it meets itself and the add is refused.
-// Long-standing behaviour that callers of unhashed unique tables know.
-bool linear_key_exists(sr_i_table_t *p_table, qx_value_t *p_key) {
-    const qx_data_type_t key_type = p_table->p_columns[0].type;
-    const qx_uint32_t live = live_rows(p_table);
-    qx_uint32_t seen = 0;
-    for (qx_uint32_t f = 0; f < p_table->maximum_rows && seen < live; ++f) {
-        char *p_record = p_table->p_rows_fixed_index[f].p_applied;
-        if (p_record == nullptr) continue;
-        ++seen;
-        qx_pmsg_value_t *p_slot = reinterpret_cast<qx_pmsg_value_t *>(sr_i_row_slot(p_record, 0));
-        if (sr_i_compare_values(p_key, p_slot, key_type,
-                                sr_i_row_indirect_area(p_record, p_table->total_columns)) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 void sr_i_dup_nonscalar_value(qx_data_type_t type, qx_value_t *p_from_value,
@@ -222,10 +196,11 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
 
     if (p_table->p_rows_hash_table == nullptr) {
         if ((key_qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY &&
-            linear_key_exists(p_table, p_input_key_value)) {
+            sr_i_unique_key_exists(p_table, p_input_key_value, p_entry)) {
             sr_i_rows_free_chain_insert(p_table, p_entry);
             return SR_ERROR(SR_E_DUPLICATE_KEY);
         }
+        sr_i_unique_key_note_row(p_table, p_entry);
         *p_p_new_index_entry = p_entry;
         return 0;
     }

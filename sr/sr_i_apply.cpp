@@ -85,8 +85,9 @@ struct batch_t {
 
     qx_int32_t flush() {
         if (elements == 0) return 0;
-        qx_int32_t rc =
-            sr_i_writev(fd, p_table->io_vector, elements, static_cast<ssize_t>(bytes), &written);
+        // The batch lands where its first record belongs.
+        qx_int32_t rc = sr_i_writev_at(fd, p_table->io_vector, elements,
+                                       static_cast<ssize_t>(bytes), &written, offset - bytes);
         elements = 0;
         bytes = 0;
         return rc;
@@ -98,9 +99,6 @@ struct batch_t {
 // overwritten.
 qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
     const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
-    if (lseek64(p_table->file_fd, start, SEEK_SET) < 0) {
-        return TX_ERROR_SYSCALL("lseek64", errno);
-    }
     batch_t batch{p_table, p_table->file_fd, start};
     qx_int32_t rc = 0;
 

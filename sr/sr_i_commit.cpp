@@ -87,12 +87,9 @@ enum class switched { yes, restored };
 // is written back so that the file keeps reading as the committed state, and
 // the table stays applied for the caller's next commit or abort.
 qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched, qx_int32_t *p_sync_rc) {
-    const off64_t type_word = static_cast<off64_t>(p_table->commit_record_offset) + 8;
-    if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) {
-        return TX_ERROR_SYSCALL("lseek64", errno);
-    }
+    const qx_uint64_t type_word = static_cast<qx_uint64_t>(p_table->commit_record_offset) + 8;
     qx_uint32_t word = 0;
-    qx_int32_t rc = sr_i_write(p_table->file_fd, &word, sizeof word);
+    qx_int32_t rc = sr_i_write_at(p_table->file_fd, &word, sizeof word, type_word);
     if (rc != 0) return rc;
     sr_i_test_pause("commit-written");
     *p_sync_rc = sr_i_fdatasync(p_table->file_fd);
@@ -102,11 +99,8 @@ qx_int32_t switch_in_place(sr_i_table_t *p_table, switched *p_switched, qx_int32
         return 0;
     }
     trace_commit(kSyncFailed, p_table);
-    if (lseek64(p_table->file_fd, type_word, SEEK_SET) < 0) {
-        return TX_ERROR_SYSCALL("lseek64", errno);
-    }
     word = static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT);
-    rc = sr_i_write(p_table->file_fd, &word, sizeof word);
+    rc = sr_i_write_at(p_table->file_fd, &word, sizeof word, type_word);
     if (rc != 0) return rc;
     // Nothing more can be done about a second failure: the capture file
     // already holds the first.

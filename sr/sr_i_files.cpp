@@ -110,38 +110,68 @@ qx_int32_t sr_i_open_file(const char *path, int OFlag, mode_t Mode) {
     return fd;
 }
 
-qx_int32_t sr_i_write(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write) {
+namespace {
+
+// A write at a given offset is one system call where a seek and a write
+// would be two (and leaves the descriptor's offset, which a forked child
+// shares, alone).  A test that replaced a plain write operation to watch or
+// fail it still sees every write through it, after a seek, as before.
+// `at` < 0: at the descriptor's offset.
+ssize_t write_once(int fd, const void *p_buffer, size_t length, off64_t at) {
+    if (at < 0) return sr_i_file_ops.p_write(fd, p_buffer, length);
+    if (sr_i_file_ops.p_write == sr_i_default_file_ops.p_write) {
+        return pwrite64(fd, p_buffer, length, at);
+    }
+    if (lseek64(fd, at, SEEK_SET) < 0) return -1;
+    return sr_i_file_ops.p_write(fd, p_buffer, length);
+}
+
+ssize_t writev_once(int fd, const struct iovec *p_vector, int count, off64_t at) {
+    if (at < 0) return sr_i_file_ops.p_writev(fd, p_vector, count);
+    if (sr_i_file_ops.p_writev == sr_i_default_file_ops.p_writev) {
+        return pwritev64(fd, p_vector, count, at);
+    }
+    if (lseek64(fd, at, SEEK_SET) < 0) return -1;
+    return sr_i_file_ops.p_writev(fd, p_vector, count);
+}
+
+// Failures are reported as sr_i_write's and sr_i_writev's, whichever form
+// was called.
+qx_int32_t write_all(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write, off64_t at) {
     const char *p_next = static_cast<const char *>(p_buffer);
     size_t remaining = total_bytes_to_write;
     sr_i_retries_t retries;
     qx_int32_t rc = 0;
     for (;;) {
-        ssize_t written = sr_i_file_ops.p_write(fd, p_next, remaining);
+        ssize_t written = write_once(fd, p_next, remaining, at);
         if (written >= 0 && static_cast<size_t>(written) == remaining) break;
         if (written > 0) {
             // A short write is progress, not an interruption: no retry counted.
             p_next += written;
             remaining -= static_cast<size_t>(written);
+            if (at >= 0) at += written;
             continue;
         }
         int the_errno = written == 0 ? EIO : errno;  // no progress at all: give up
         if (the_errno == EINTR && retries.retry()) continue;
-        rc = SR_ERROR_FILE("write", the_errno, false);
+        rc = sr_i_set_file_error(sr_i_this_source, "sr_i_write", __LINE__, "write", the_errno,
+                                 false);
         break;
     }
     retries.finish(__LINE__);
     return rc;
 }
 
-qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
-                       ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written) {
+qx_int32_t writev_all(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
+                      ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written,
+                      off64_t at) {
     struct iovec *p_vector = io_vector;
     qx_uint32_t elements = total_io_vector_elements;
     ssize_t expected = total_bytes_to_write;
     sr_i_retries_t retries;
     qx_int32_t rc = 0;
     for (;;) {
-        ssize_t written = sr_i_file_ops.p_writev(fd, p_vector, static_cast<int>(elements));
+        ssize_t written = writev_once(fd, p_vector, static_cast<int>(elements), at);
         if (written == expected) {
             *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
             break;
@@ -149,7 +179,7 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
         if (written > expected) {
             // The caller's total undercounts its own vector.
             *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
-            rc = SR_ERROR(SR_E_INTERNAL);
+            rc = sr_i_set_error(sr_i_this_source, "sr_i_writev", __LINE__, SR_E_INTERNAL);
             break;
         }
         if (written > 0) {
@@ -157,6 +187,7 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
             // that an abort knows the file's true length.
             *cumulative_bytes_written += static_cast<qx_uint32_t>(written);
             expected -= written;
+            if (at >= 0) at += written;
             size_t done = static_cast<size_t>(written);
             while (elements > 0 && done >= p_vector->iov_len) {
                 done -= p_vector->iov_len;
@@ -165,7 +196,7 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
             }
             if (elements == 0) {
                 // More bytes were expected than the vector holds.
-                rc = SR_ERROR(SR_E_INTERNAL);
+                rc = sr_i_set_error(sr_i_this_source, "sr_i_writev", __LINE__, SR_E_INTERNAL);
                 break;
             }
             p_vector->iov_base = static_cast<char *>(p_vector->iov_base) + done;
@@ -174,11 +205,36 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
         }
         int the_errno = written == 0 ? EIO : errno;  // no progress at all: give up
         if (the_errno == EINTR && retries.retry()) continue;
-        rc = SR_ERROR_FILE("writev", the_errno, false);
+        rc = sr_i_set_file_error(sr_i_this_source, "sr_i_writev", __LINE__, "writev", the_errno,
+                                 false);
         break;
     }
     retries.finish(__LINE__);
     return rc;
+}
+
+}  // namespace
+
+qx_int32_t sr_i_write(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write) {
+    return write_all(fd, p_buffer, total_bytes_to_write, -1);
+}
+
+qx_int32_t sr_i_write_at(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write,
+                         qx_uint64_t offset) {
+    return write_all(fd, p_buffer, total_bytes_to_write, static_cast<off64_t>(offset));
+}
+
+qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
+                       ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written) {
+    return writev_all(fd, io_vector, total_io_vector_elements, total_bytes_to_write,
+                      cumulative_bytes_written, -1);
+}
+
+qx_int32_t sr_i_writev_at(qx_int32_t fd, struct iovec *io_vector,
+                          qx_uint32_t total_io_vector_elements, ssize_t total_bytes_to_write,
+                          qx_uint32_t *cumulative_bytes_written, qx_uint64_t offset) {
+    return writev_all(fd, io_vector, total_io_vector_elements, total_bytes_to_write,
+                      cumulative_bytes_written, static_cast<off64_t>(offset));
 }
 
 qx_int32_t sr_i_fdatasync(qx_int32_t fd) {

@@ -90,6 +90,13 @@ qx_int32_t sr_i_write(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write
  * is added to *cumulative_bytes_written.  0, 10, 13 or 206. */
 qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
                        ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written);
+/* sr_i_write and sr_i_writev at a file offset, in one system call each, the
+ * descriptor's own offset left as it is. */
+qx_int32_t sr_i_write_at(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write,
+                         qx_uint64_t offset);
+qx_int32_t sr_i_writev_at(qx_int32_t fd, struct iovec *io_vector,
+                          qx_uint32_t total_io_vector_elements, ssize_t total_bytes_to_write,
+                          qx_uint32_t *cumulative_bytes_written, qx_uint64_t offset);
 /* fdatasync(2); every failure is first captured in "reginfo_pid.<pid>".
  * 0, 10, 13 or 206. */
 qx_int32_t sr_i_fdatasync(qx_int32_t fd);

@@ -12,6 +12,7 @@
 
 #include "sr_i_files.h"
 #include "sr_i_management.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_i_open_table", "1.1");
 
@@ -201,6 +202,7 @@ qx_int32_t sr_i_close_table(sr_i_table_t *p_table) {
     }
     sr_i_rw_close(&p_table->lock);
     sr_i_hash_table_close(p_table->p_rows_hash_table);
+    sr_i_unique_key_forget(p_table);
     std::free(p_table->p_rows_fixed_index);
     std::free(p_table->p_rows_packed_index);
     std::free(p_table->p_columns);

@@ -55,6 +55,21 @@ qx_int32_t sr_i_common_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_
                                         qx_uint32_t deletion);
 qx_int32_t sr_i_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry);
 
+/* --- the key check of unhashed unique tables (sr_i_unique_key.cpp) --- */
+
+/* Whether the add of the row whose slot p_new_entry was just taken (its
+ * p_applied already the new record) must be refused for its key *p_key: the
+ * answer of the walk over the fixed index, found through the table's index of
+ * keys, which the first call builds. */
+bool sr_i_unique_key_exists(sr_i_table_t *p_table, qx_value_t *p_key,
+                            sr_i_index_entry_t *p_new_entry);
+/* The row's working record is new (added, or set, which may change its key):
+ * its key is noted in the table's index of keys, if the table has one. */
+void sr_i_unique_key_note_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_entry);
+/* Drops the table's index of keys (abort brings back records it was not told
+ * about; close). */
+void sr_i_unique_key_forget(sr_i_table_t *p_table);
+
 /* --- reading fields (sr_i_get_values.cpp) --- */
 
 /* A caller's value against a stored slot (any alignment): <0, 0, >0.  Floats

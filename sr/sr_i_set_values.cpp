@@ -143,6 +143,7 @@ qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
         return rc;
     }
     p_entry->p_applied = p_record;
+    sr_i_unique_key_note_row(p_table, p_entry);
     return 0;
 }
 

@@ -92,6 +92,9 @@ typedef struct sr_i_table_struct {
     /* Pools of contents replaced by reading the file again for another
      * opener; values handed out from them stay valid until the last close. */
     struct sr_i_retired_pool_struct *p_retired_pools;
+    /* Slots by key hash for the key check of an unhashed unique table; built
+     * by the first check, dropped by abort (sr_i_unique_key.cpp). */
+    struct sr_i_unique_key_index_struct *p_unique_key_index;
 } sr_i_table_t;
 
 /* --- table file records --- */

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -231,6 +232,26 @@ data_file_t *P_Data_Files = nullptr;
 qx_uint32_t Total_Data_Files = 0;
 qx_uint32_t Max_Data_Files = 0;
 
+// The process's id without a system call per check, which every apply and
+// commit makes: kept, and renewed in the child of every fork, whose checks
+// must see its own id and not its parent's.  Without the fork handler every
+// check asks the system.
+std::atomic<pid_t> Process_Id{0};
+bool Process_Id_Kept = false;
+pthread_once_t Process_Id_Once = PTHREAD_ONCE_INIT;
+
+void renew_process_id() {
+    Process_Id.store(getpid(), std::memory_order_relaxed);
+}
+
+pid_t this_process() {
+    (void)pthread_once(&Process_Id_Once, [] {
+        renew_process_id();
+        Process_Id_Kept = pthread_atfork(nullptr, nullptr, renew_process_id) == 0;
+    });
+    return Process_Id_Kept ? Process_Id.load(std::memory_order_relaxed) : getpid();
+}
+
 void remove_data_file(qx_uint32_t i) {
     P_Data_Files[i] = P_Data_Files[Total_Data_Files - 1];
     --Total_Data_Files;
@@ -367,7 +388,7 @@ qx_int32_t sr_i_reuse_parked_data_file(const char *p_path) {
 }
 
 bool sr_i_data_file_claimed(qx_int32_t fd) {
-    const pid_t self = getpid();
+    const pid_t self = this_process();
     pthread_mutex_lock(&Data_Files_Mutex);
     const qx_uint32_t index = live_entry(fd);
     const bool claimed = index != Total_Data_Files && P_Data_Files[index].claimed_by == self;

@@ -145,6 +145,8 @@ void sr_i_swap_after_metadata_update(sr_i_table_t *p_table, sr_i_table_t *p_new_
     swap(p_table->rewrite_file_fd, p_new_table->rewrite_file_fd);
     swap(p_table->record_buffer_pool, p_new_table->record_buffer_pool);
     swap(p_table->p_rows_hash_table, p_new_table->p_rows_hash_table);
+    // The index of keys names slots of the fixed index beside it.
+    swap(p_table->p_unique_key_index, p_new_table->p_unique_key_index);
     swap(p_table->p_rows_free_chain, p_new_table->p_rows_free_chain);
     // Overlays name columns of the old column array and go with it.
     swap(p_table->p_overlays, p_new_table->p_overlays);
