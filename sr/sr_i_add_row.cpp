@@ -195,10 +195,14 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
     const qx_uint32_t key_qualifier = p_table->p_columns[0].qualifier;
 
     if (p_table->p_rows_hash_table == nullptr) {
-        if ((key_qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY &&
-            sr_i_unique_key_exists(p_table, p_input_key_value, p_entry)) {
-            sr_i_rows_free_chain_insert(p_table, p_entry);
-            return SR_ERROR(SR_E_DUPLICATE_KEY);
+        if ((key_qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+            bool exists = false;
+            const qx_int32_t rc =
+                sr_i_unique_key_check(p_table, p_input_key_value, p_entry, &exists);
+            if (rc != 0 || exists) {
+                sr_i_rows_free_chain_insert(p_table, p_entry);
+                return rc != 0 ? rc : SR_ERROR(SR_E_DUPLICATE_KEY);
+            }
         }
         sr_i_unique_key_note_row(p_table, p_entry);
         *p_p_new_index_entry = p_entry;

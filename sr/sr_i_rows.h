@@ -57,12 +57,13 @@ qx_int32_t sr_i_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_t *p_in
 
 /* --- the key check of unhashed unique tables (sr_i_unique_key.cpp) --- */
 
-/* Whether the add of the row whose slot p_new_entry was just taken (its
- * p_applied already the new record) must be refused for its key *p_key: the
- * answer of the walk over the fixed index, found through the table's index of
- * keys, which the first call builds. */
-bool sr_i_unique_key_exists(sr_i_table_t *p_table, qx_value_t *p_key,
-                            sr_i_index_entry_t *p_new_entry);
+/* Sets *p_exists to whether the add of the row whose slot p_new_entry was
+ * just taken (its p_applied already the new record) must be refused for its
+ * key *p_key: the answer of the walk over the fixed index, found through the
+ * table's index of keys, which the first call builds.  0, or 12 without
+ * memory for that index. */
+qx_int32_t sr_i_unique_key_check(sr_i_table_t *p_table, qx_value_t *p_key,
+                                 sr_i_index_entry_t *p_new_entry, bool *p_exists);
 /* The row's working record is new (added, or set, which may change its key):
  * its key is noted in the table's index of keys, if the table has one. */
 void sr_i_unique_key_note_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_entry);

@@ -26,7 +26,8 @@
 //
 // The highest slot holding a record is tracked as an upper bound that only
 // adds raise, and lowered by a scan down to the first record when it is
-// needed.  When memory for the index cannot be had, the check walks.
+// needed.  Without memory for the index the add gives 12, as an add gives
+// whenever its memory cannot be had.
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -229,19 +230,24 @@ index_t::cell_t *new_cells(const sr_i_table_t *p_table, qx_uint32_t *p_mask) {
     return p_cells;
 }
 
-// The table's index, built when missing; NULL without memory for it.
-index_t *index_of(sr_i_table_t *p_table) {
-    if (p_table->p_unique_key_index != nullptr) return p_table->p_unique_key_index;
+// The table's index, built when missing, in *p_p_index; NULL there for a
+// table too large for one (it walks).  12 without memory for it: the add
+// fails as any add that cannot have its memory does.
+qx_int32_t index_of(sr_i_table_t *p_table, index_t **p_p_index) {
+    *p_p_index = p_table->p_unique_key_index;
+    if (*p_p_index != nullptr) return 0;
+    if (2 * (static_cast<qx_uint64_t>(live_rows(p_table)) + 2) > (qx_uint64_t{1} << 31)) return 0;
     auto *p_index = static_cast<index_t *>(sr_i_calloc(1, sizeof(index_t)));
-    if (p_index == nullptr) return nullptr;
+    if (p_index == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_index->p_cells = new_cells(p_table, &p_index->mask);
     if (p_index->p_cells == nullptr) {
         std::free(p_index);
-        return nullptr;
+        return SR_ERROR(SR_E_NO_MEMORY);
     }
     fill(p_index, p_table);
     p_table->p_unique_key_index = p_index;
-    return p_index;
+    *p_p_index = p_index;
+    return 0;
 }
 
 // Rebuilds the cells from the working records when they are three quarters
@@ -302,15 +308,10 @@ bool find(index_t *p_index, sr_i_table_t *p_table, qx_value_t *p_key, qx_uint32_
     }
 }
 
-}  // namespace
-
-bool sr_i_unique_key_exists(sr_i_table_t *p_table, qx_value_t *p_key,
-                            sr_i_index_entry_t *p_new_entry) {
+bool exists(index_t *p_index, sr_i_table_t *p_table, qx_value_t *p_key,
+            sr_i_index_entry_t *p_new_entry) {
     const qx_data_type_t type = p_table->p_columns[0].type;
     const key_form form = form_of(type);
-    if (form == key_form::never) return false;
-    index_t *p_index = form == key_form::walk ? nullptr : index_of(p_table);
-    if (p_index == nullptr) return walk(p_table, p_key);
 
     const qx_uint32_t new_slot =
         static_cast<qx_uint32_t>(p_new_entry - p_table->p_rows_fixed_index);
@@ -331,6 +332,24 @@ bool sr_i_unique_key_exists(sr_i_table_t *p_table, qx_value_t *p_key,
     // A row whose key is a NaN equals every key.
     return form == key_form::floating &&
            find(p_index, p_table, p_key, kNaNHash, new_slot, passed_over);
+}
+
+}  // namespace
+
+qx_int32_t sr_i_unique_key_check(sr_i_table_t *p_table, qx_value_t *p_key,
+                                 sr_i_index_entry_t *p_new_entry, bool *p_exists) {
+    *p_exists = false;
+    const qx_data_type_t type = p_table->p_columns[0].type;
+    const key_form form = form_of(type);
+    if (form == key_form::never) return 0;
+    index_t *p_index = nullptr;
+    if (form != key_form::walk) {
+        const qx_int32_t rc = index_of(p_table, &p_index);
+        if (rc != 0) return rc;
+    }
+    *p_exists =
+        p_index == nullptr ? walk(p_table, p_key) : exists(p_index, p_table, p_key, p_new_entry);
+    return 0;
 }
 
 void sr_i_unique_key_note_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_entry) {
