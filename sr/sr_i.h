@@ -695,6 +695,29 @@ qx_int32_t sr_i_write(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_write
  * is added to *cumulative_bytes_written.  0, 10, 13 or 206. */
 qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total_io_vector_elements,
                        ssize_t total_bytes_to_write, qx_uint32_t *cumulative_bytes_written);
+/* The reader refuses table files this close to 4 GiB (offsets are 32-bit and
+ * its read guess adds a page), so no writer makes one. */
+constexpr qx_uint64_t SR_I_LARGEST_FILE_LENGTH = UINT32_MAX - 4 * 4096;
+/* The records of one apply or file image on their way to the file: pieces
+ * are queued in p_vector (SR_I_IO_VECTOR_SIZE entries, straight from where
+ * they lie, no copy) and written with one writev per full vector.  `offset`
+ * is the file offset the next piece lands at; `written` counts every byte
+ * that reached the file, also before a failure.  Start one as
+ * {fd, vector, first offset}. */
+typedef struct {
+    qx_int32_t fd;
+    struct iovec *p_vector;
+    qx_uint32_t offset;
+    qx_uint32_t elements;
+    qx_uint64_t batch_bytes;
+    qx_uint32_t written;
+} sr_i_image_writer_t;
+/* Queues a piece; writes the vector when it is full.  13 when the file would
+ * grow past SR_I_LARGEST_FILE_LENGTH; else 0 or what sr_i_writev returns. */
+qx_int32_t sr_i_image_writer_add(sr_i_image_writer_t *p_writer, const void *p_piece,
+                                 qx_uint32_t length);
+/* Writes what is queued.  0 or what sr_i_writev returns. */
+qx_int32_t sr_i_image_writer_flush(sr_i_image_writer_t *p_writer);
 /* fdatasync(2); every failure is first captured in "reginfo_pid.<pid>".
  * 0, 10, 13 or 206. */
 qx_int32_t sr_i_fdatasync(qx_int32_t fd);

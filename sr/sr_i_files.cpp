@@ -180,6 +180,29 @@ qx_int32_t sr_i_writev(qx_int32_t fd, struct iovec *io_vector, qx_uint32_t total
     return rc;
 }
 
+qx_int32_t sr_i_image_writer_add(sr_i_image_writer_t *p_writer, const void *p_piece,
+                                 qx_uint32_t length) {
+    if (static_cast<qx_uint64_t>(p_writer->offset) + length > SR_I_LARGEST_FILE_LENGTH) {
+        return SR_ERROR(SR_E_FILESYSTEM_FULL);
+    }
+    struct iovec &element = p_writer->p_vector[p_writer->elements];
+    element.iov_base = const_cast<void *>(p_piece);
+    element.iov_len = length;
+    ++p_writer->elements;
+    p_writer->batch_bytes += length;
+    p_writer->offset += length;
+    return p_writer->elements == SR_I_IO_VECTOR_SIZE ? sr_i_image_writer_flush(p_writer) : 0;
+}
+
+qx_int32_t sr_i_image_writer_flush(sr_i_image_writer_t *p_writer) {
+    if (p_writer->elements == 0) return 0;
+    qx_int32_t rc = sr_i_writev(p_writer->fd, p_writer->p_vector, p_writer->elements,
+                                static_cast<ssize_t>(p_writer->batch_bytes), &p_writer->written);
+    p_writer->elements = 0;
+    p_writer->batch_bytes = 0;
+    return rc;
+}
+
 qx_int32_t sr_i_fdatasync(qx_int32_t fd) {
     sr_i_retries_t retries;
     qx_int32_t rc = 0;
