@@ -737,6 +737,24 @@ bool sr_i_fd_names_path(qx_int32_t fd, const char *p_path);
  * call.
  */
 
+/* Reports failures as one routine's own, whichever of its helpers detects
+ * them: apply and commit each name themselves in every error they report.
+ * The line reported is the caller's. */
+struct sr_i_reporter_t {
+    const sr_i_source_t &source;
+    const char *p_function;
+
+    qx_int32_t error(qx_int32_t code, int line = __builtin_LINE()) const {
+        return sr_i_set_error(source, p_function, line, code);
+    }
+    qx_int32_t syscall(const char *p_call, int the_errno, int line = __builtin_LINE()) const {
+        return sr_i_set_error(source, p_function, line, SR_E_SYSTEM_CALL, p_call, the_errno);
+    }
+    qx_int32_t file(const char *p_call, int the_errno, int line = __builtin_LINE()) const {
+        return sr_i_set_file_error(source, p_function, line, p_call, the_errno, false);
+    }
+};
+
 /* Size above which a table file may be rewritten instead of appended to. */
 #define SR_I_REWRITE_MINIMUM_FILE_LENGTH 16384
 
@@ -896,6 +914,9 @@ qx_int32_t sr_i_get_values_for_key(sr_i_table_t *p_table, qx_value_t row_key,
                                    qx_uint32_t total_values,
                                    qx_uint32_t uncommitted_updates_visible,
                                    sr_row_state_t *p_row_state);
+/* The fixed index of the row at packed index row_index; 203 when there is none. */
+qx_int32_t sr_i_fixed_row_index_for_packed_index(const sr_i_table_t *p_table, qx_uint32_t row_index,
+                                                 qx_uint32_t *p_fixed_row_index);
 /* By the hashed key index when there is one, else by a linear walk of the
  * packed index over committed keys first (visibility plays no part); 202. */
 qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t row_key,

@@ -25,14 +25,10 @@
 
 SR_SOURCE_FILE("sr/sr_i_apply", "1.1");
 
-// Failures are reported as sr_i_apply's own, whichever helper detects them.
-#define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, (code))
-#define TX_ERROR_SYSCALL(call, err) \
-    sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, SR_E_SYSTEM_CALL, (call), (err))
-#define TX_ERROR_FILE(call, err) \
-    sr_i_set_file_error(sr_i_this_source, "sr_i_apply", __LINE__, (call), (err), false)
-
 namespace {
+
+// Failures are reported as sr_i_apply's own, whichever helper detects them.
+constexpr sr_i_reporter_t kTx{sr_i_this_source, "sr_i_apply"};
 
 constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 
@@ -58,7 +54,7 @@ void trace_apply(int point, const sr_i_table_t *p_table, qx_uint32_t rewrite) {
 qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
     const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
     if (lseek64(p_table->file_fd, start, SEEK_SET) < 0) {
-        return TX_ERROR_SYSCALL("lseek64", errno);
+        return kTx.syscall("lseek64", errno);
     }
     sr_i_image_writer_t batch{p_table->file_fd, p_table->io_vector, start, 0, 0, 0};
     qx_int32_t rc = 0;
@@ -91,7 +87,7 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
                              ? nullptr
                              : static_cast<char *>(sr_i_malloc(length));
             if (p_deletion == nullptr) {
-                rc = TX_ERROR(SR_E_NO_MEMORY);
+                rc = kTx.error(SR_E_NO_MEMORY);
             } else {
                 sr_i_store_u32(p_deletion, static_cast<qx_uint32_t>(length));
                 sr_i_store_u32(p_deletion + 4, 0);
@@ -159,7 +155,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     for (;;) {
         fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
         if (fd < 0) {
-            qx_int32_t rc = TX_ERROR_FILE("open", errno);
+            qx_int32_t rc = kTx.file("open", errno);
             sr_i_set_data_path(p_table);
             return rc;
         }
@@ -168,7 +164,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
         // until this one has renamed or removed the file.
         while (lockf(fd, F_LOCK, 0) != 0) {
             if (errno == EINTR) continue;
-            qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
+            qx_int32_t rc = kTx.syscall("lockf", errno);
             sr_i_discard_rewrite_file(p_table);
             return rc;
         }
@@ -244,7 +240,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
                       qx_uint64_t table_change_counter) {
     if (p_table->ready_for_commit != 0) {
         trace_apply(kRefused, p_table, rewrite);
-        return TX_ERROR(SR_E_APPLIED_NOT_COMMITTED);
+        return kTx.error(SR_E_APPLIED_NOT_COMMITTED);
     }
     // An implicitly controlled table numbers its commits itself; an explicit
     // caller may choose the number the new commit record carries.
@@ -258,7 +254,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
         return 0;
     }
     // A child forked from the writer inherits the descriptor, not the lock.
-    if (!sr_i_data_file_claimed(p_table->file_fd)) return TX_ERROR(SR_E_ACCESS);
+    if (!sr_i_data_file_claimed(p_table->file_fd)) return kTx.error(SR_E_ACCESS);
     char *p_commit_record = nullptr;
     qx_int32_t rc =
         sr_i_create_commit_record(p_table->p_application_metadata, p_table->applied_change_counter,

@@ -73,9 +73,11 @@ qx_int32_t sr_i_set_value_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fix
 qx_int32_t sr_i_set_values_for_packed_index(sr_i_table_t *p_table, qx_uint32_t row_index,
                                             qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
                                             qx_uint32_t total_values) {
-    if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
-    return sr_i_set_values_for_fixed_index(p_table, p_table->p_rows_packed_index[row_index],
-                                           p_column_names, p_p_values, total_values);
+    qx_uint32_t fixed = 0;
+    qx_int32_t rc = sr_i_fixed_row_index_for_packed_index(p_table, row_index, &fixed);
+    if (rc != 0) return rc;
+    return sr_i_set_values_for_fixed_index(p_table, fixed, p_column_names, p_p_values,
+                                           total_values);
 }
 
 qx_int32_t sr_i_set_value_for_packed_index(sr_i_table_t *p_table, qx_uint32_t row_index,
