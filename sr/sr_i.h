@@ -503,9 +503,8 @@ inline char *sr_i_metadata_indirect_area(char *p_metadata_record_data, qx_uint32
  * types).  Rebuilt from the record whenever the record moves or changes; 12
  * on memory, the old copy kept. */
 qx_int32_t sr_i_load_columns(sr_i_table_t *p_table);
-/* Change one column's qualifier or default slot in the record and the copy. */
+/* Change one column's qualifier in the record and the copy. */
 void sr_i_set_column_qualifier(sr_i_table_t *p_table, qx_uint32_t column, sr_qualifier_t qualifier);
-void sr_i_set_column_default(sr_i_table_t *p_table, qx_uint32_t column, const qx_value_t &value);
 
 /* A copy of a column definition of a table's p_columns. */
 inline sr_column_t sr_i_load_column(const sr_column_t *p_column) {
@@ -1183,6 +1182,9 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_persistent(sr_i_table_t *p_source
 qx_int32_t sr_i_duplicate_table_from_persistent_to_persistent(const char *p_source_file,
                                                               char *p_target_rewrite_path,
                                                               const char *p_target_file);
+/* Moves an open record to p_target_path: it leaves the tree's set (its file,
+ * if any, removed) and becomes a transient table of the new name.  0 or 12,
+ * with the record untouched on failure. */
 qx_int32_t sr_i_rename_memory_table(sr_i_table_t *p_table, const char *p_target_path);
 qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p_target_file);
 /* Unlinks a persistent table's files and takes the record out of its tree's
@@ -1345,11 +1347,6 @@ qx_int32_t sr_i_rb_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, 
 qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
                                        char *p_new_free_record,
                                        char **p_previous_free_record_returned);
-/* The free record after p_free_record (a header address) on the chain, or
- * NULL; start from p_free_chain.  Link words are not addresses: walk the chain
- * only with this. */
-char *sr_i_rb_next_free_record(const sr_i_record_buffer_pool_t *p_record_buffer_pool,
-                               const char *p_free_record);
 /* Copies p_from into one buffer in p_to (which must be empty) and returns a
  * map from addresses in p_from to their copies; free it with
  * sr_i_rb_free_duplication_map.  12 on memory, with nothing left allocated. */

@@ -445,8 +445,13 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
 }
 
 qx_int32_t sr_i_rename_memory_table(sr_i_table_t *p_table, const char *p_target_path) {
+    // The record itself moves: its openers keep their handles, which now
+    // name the target.  Its name is allocated first so that a failure
+    // leaves the table where it was.
     char *p_name = sr_i_strdup(p_target_path);
     if (p_name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+    (void)sr_i_remove_table(p_table);
+    make_transient(p_table);
     std::free(p_table->p_name);
     p_table->p_name = p_name;
     return 0;
@@ -647,15 +652,8 @@ qx_int32_t duplicate_to_memory(duplication_t &d, const char *p_source_path_resol
         if (rc != 0) return rc;
         p_new->references = 0;
     } else {
-        // The record itself moves: its openers keep their handles, which now
-        // name the target.  Its name is allocated first so that a failure
-        // leaves the source where it was.
-        char *p_name = sr_i_strdup(p_target_path);
-        if (p_name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
-        (void)sr_i_remove_table(d.p_source);
-        make_transient(d.p_source);
-        std::free(d.p_source->p_name);
-        d.p_source->p_name = p_name;
+        rc = sr_i_rename_memory_table(d.p_source, p_target_path);
+        if (rc != 0) return rc;
         p_new = d.p_source;
     }
     if (p_target != nullptr) retire_target(d.p_tree, p_target);
