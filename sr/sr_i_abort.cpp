@@ -18,7 +18,9 @@
 
 #include <cstdint>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_rows.h"
+#include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_abort", "1.1");
 

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_i_add_row", "1.1");
 

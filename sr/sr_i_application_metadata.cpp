@@ -8,7 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_application_metadata.h"
+#include "sr_i_pool.h"
 
 SR_SOURCE_FILE("sr/sr_i_application_metadata", "1.1");
 

@@ -21,7 +21,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_test_pause.h"
+#include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_apply", "1.1");
 

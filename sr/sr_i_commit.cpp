@@ -19,7 +19,10 @@
 
 #include <cstdint>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_rows.h"
+#include "sr_i_test_pause.h"
+#include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_commit", "1.1");
 

@@ -17,7 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_management.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_i_create_table", "1.1");
 

@@ -25,7 +25,9 @@
 #include <cstring>
 #include <utility>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_management.h"
+#include "sr_i_test_pause.h"
 
 SR_SOURCE_FILE("sr/sr_i_duplicate_table", "1.1");
 

@@ -9,7 +9,7 @@
 
 #include <cstdio>
 
-#include "sr_i.h"
+#include "sr_i_common.h"
 
 SR_SOURCE_FILE("sr/sr_i_error", "1.1");
 

@@ -17,7 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_pool.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_files", "1.1");
 

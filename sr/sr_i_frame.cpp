@@ -3,7 +3,7 @@
 // component's detail bytes, and the entry/exit trace records.
 #include <pthread.h>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_i_frame", "1.1");
 

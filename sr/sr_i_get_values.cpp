@@ -7,7 +7,7 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "sr_i.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_i_get_values", "1.1");
 

@@ -13,7 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 
 SR_SOURCE_FILE("sr/sr_i_hash_table", "1.1");
 

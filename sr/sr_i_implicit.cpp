@@ -1,7 +1,9 @@
 // The implicit cycle: an update of an implicitly controlled table is made
 // durable before the call returns.  The exported call's frame runs it after a
 // successful update, under ForkMutex and the table's write lock.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_test_pause.h"
+#include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_implicit", "1.1");
 

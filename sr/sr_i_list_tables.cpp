@@ -11,7 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_i_list_tables", "1.1");
 

@@ -10,7 +10,8 @@
 #include <cstring>
 #include <utility>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_i_open_table", "1.1");
 

@@ -27,7 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_pack.h"
 
 SR_SOURCE_FILE("sr/sr_i_pack", "1.1");
 

@@ -13,7 +13,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_pool.h"
 
 SR_SOURCE_FILE("sr/sr_i_paths", "1.1");
 

@@ -19,7 +19,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_read_write_lock.h"
 
 SR_SOURCE_FILE("sr/sr_i_read_write_lock", "1.2");
 

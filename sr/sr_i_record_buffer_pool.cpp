@@ -49,7 +49,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_pool.h"
 
 SR_SOURCE_FILE("sr/sr_i_record_buffer_pool", "1.1");
 

@@ -9,7 +9,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "sr_i.h"
+#include "sr_i_rows.h"
+#include "sr_i_select.h"
 
 SR_SOURCE_FILE("sr/sr_i_select", "1.1");
 

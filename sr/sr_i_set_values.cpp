@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_i_set_values", "1.1");
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "sr_i.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_table", "1.1");
 

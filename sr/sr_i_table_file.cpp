@@ -22,7 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_table_file", "1.1");
 

@@ -18,7 +18,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_test_pause.h"
 
 SR_SOURCE_FILE("sr/sr_i_test_pause", "1.1");
 

@@ -15,7 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_management.h"
+#include "sr_i_rows.h"
+#include "sr_i_select.h"
+#include "sr_i_test_pause.h"
+#include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_update_metadata", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_add_columns_1: adds columns to an open table.  The table is rebuilt with
 // the new columns (their defaults in every row), written over its file and
 // swapped into the record every handle shares.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_add_columns", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_add_row_1: adds one row; p_column_names[i] names the column of *p_p_fields[i], and the key
 // column must be among them.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_add_row", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_apply_1: writes a table's pending changes and a new commit record to its
 // file (or, for a file that is mostly dead space, a complete new image beside
 // it) and syncs them, leaving the table applied until commit or abort.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_x_apply", "1.1");
 

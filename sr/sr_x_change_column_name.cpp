@@ -1,6 +1,7 @@
 // sr_change_column_name_1: renames a column of an open table through a
 // rebuilt table, written over its file and swapped into the shared record.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_change_column_name", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_change_default_value_1: changes a column's default value for good: the
 // table is rebuilt with the new default, written over its file and swapped
 // into the shared record.  Rows keep the values they have.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_change_default_value", "1.1");
 

@@ -4,7 +4,7 @@
 // unnamed table is freed at once.
 #include <search.h>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_close_table", "1.1");
 

@@ -3,7 +3,7 @@
 #include <pthread.h>
 #include <search.h>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_close_tree", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_convert_packed_table_buffer_1: converts a received packed buffer in
 // place to this machine's byte order.  Works on the caller's buffer only and
 // takes no lock; a failure leaves the buffer partly converted.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_pack.h"
 
 SR_SOURCE_FILE("sr/sr_x_convert_packed_table_buffer", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_copy_table_by_handle_1: copies an open table to another registry path of
 // its tree.  The locks are taken inside the copy: the tree's, the source's
 // read lock and, for a file target, the directory's ",Lock" file.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_copy_table_by_handle", "1.1");
 

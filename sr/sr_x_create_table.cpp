@@ -1,6 +1,6 @@
 // sr_create_table_1: creates a table (persistent under a mount point,
 // transient elsewhere) and opens it for write.
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_create_table", "1.1");
 

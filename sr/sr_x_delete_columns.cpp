@@ -1,7 +1,8 @@
 // sr_delete_columns_1: deletes columns of an open table.  The table is
 // rebuilt as a selection of every row with the remaining columns, written
 // over its file and swapped into the record every handle shares.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_columns", "1.1");
 

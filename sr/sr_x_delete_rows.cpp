@@ -3,7 +3,9 @@
 #include <stdarg.h>
 #include <stdlib.h>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
+#include "sr_i_select.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_rows", "1.1");
 

@@ -8,7 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_table", "1.1");
 

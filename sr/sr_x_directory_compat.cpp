@@ -4,7 +4,7 @@
 // nothing.  These calls are neither traced nor serialised by the API mutex.
 #include <cstdlib>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_directory_compat", "1.1");
 

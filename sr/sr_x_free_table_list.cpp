@@ -1,7 +1,7 @@
 // sr_free_table_list_1: releases a list made by sr_list_tables_1.
 #include <cstdlib>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_free_table_list", "1.1");
 

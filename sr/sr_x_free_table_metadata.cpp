@@ -1,7 +1,8 @@
 // sr_free_table_metadata_1: releases what sr_get_table_metadata_1 returned.
 #include <cstdlib>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_free_table_metadata", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_get_field_by_index_1: reads one field of a row by packed index, as committed (or as the
 // table's visibility says).
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_field_by_index", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_get_fields_by_fixed_index_and_visibility_1: reads several fields of a row by fixed index with
 // the caller's visibility, and the row's state.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_fields_by_fixed_index_and_visibility", "1.1");
 

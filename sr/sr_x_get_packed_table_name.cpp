@@ -1,6 +1,7 @@
 // sr_get_packed_table_name_1: the name of one table of a packed buffer, as a
 // pointer into the buffer itself (valid only as long as the buffer).
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_pack.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_packed_table_name", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_get_table_metadata_1: a description of an open table (name, counts,
 // change counter and, on request, deep copies of its column definitions),
 // released by the caller with sr_free_table_metadata_1.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_table_metadata", "1.1");
 

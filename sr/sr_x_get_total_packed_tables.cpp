@@ -1,6 +1,7 @@
 // sr_get_total_packed_tables_1: the number of tables a packed buffer holds,
 // once its head has been found consistent with its length word.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_pack.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_total_packed_tables", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_get_updated_rows_1: the fixed indices of the rows with pending changes, in an array the caller
 // frees.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_updated_rows", "1.1");
 

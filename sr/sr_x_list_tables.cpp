@@ -1,7 +1,8 @@
 // sr_list_tables_1: the registry names of the tables under a path, in a
 // list the caller releases with sr_free_table_list_1.  No API mutex: the
 // tree's write lock alone guards the tree's listing work fields.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_list_tables", "1.1");
 

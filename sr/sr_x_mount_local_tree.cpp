@@ -1,6 +1,7 @@
 // sr_mount_local_tree_1: binds a registry path prefix of a tree to a
 // directory, creating the directory and its parents when missing.
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_mount_local_tree", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_move_table_by_handle_1: moves an open table to another registry path of
 // its tree; the source goes only once the target exists.  The locks are
 // taken inside the move.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_move_table_by_handle", "1.1");
 

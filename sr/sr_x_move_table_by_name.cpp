@@ -1,6 +1,7 @@
 // sr_move_table_by_name_1: moves (renames) a table, open or only a file, to
 // another registry path of the tree.  The locks are taken inside the move.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_move_table_by_name", "1.1");
 

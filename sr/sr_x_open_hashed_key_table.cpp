@@ -1,6 +1,6 @@
 // sr_open_hashed_key_table_1: opens a table with the caller's hashed key
 // index over its key column.
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_open_hashed_key_table", "1.1");
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_open_tree", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_overlay_memory_column_qualifier_1: changes the modifier bits of a
 // standard column in memory only; the file never sees it.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_overlay_memory_column_qualifier", "1.1");
 

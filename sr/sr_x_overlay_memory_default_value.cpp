@@ -1,6 +1,7 @@
 // sr_overlay_memory_default_value_1: changes a column's default in memory
 // only; rows added afterwards take it, the file never sees it.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_overlay_memory_default_value", "1.1");
 

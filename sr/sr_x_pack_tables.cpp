@@ -3,7 +3,8 @@
 // buffer is one consistent picture of them; takes no global mutex.
 #include <cstdlib>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_pack.h"
 
 SR_SOURCE_FILE("sr/sr_x_pack_tables", "1.1");
 

@@ -1,7 +1,8 @@
 // sr_repair_tables_1: deletes the ".rewrite" files left beside the named
 // tables by interrupted rewrites.  Unlike the other state-changing calls it
 // takes only the tree's write lock, not the API mutex.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_management.h"
 
 SR_SOURCE_FILE("sr/sr_x_repair_tables", "1.1");
 

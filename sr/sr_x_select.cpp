@@ -7,7 +7,8 @@
 #include <stdarg.h>
 #include <stdlib.h>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_select.h"
 
 SR_SOURCE_FILE("sr/sr_x_select", "1.1");
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "sr_i.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_set_application_metadata", "1.1");
 

@@ -1,5 +1,6 @@
 // sr_set_field_by_key_1: changes one field of the row with a given key (`result` is the new value).
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_set_field_by_key", "1.1");
 

@@ -1,5 +1,6 @@
 // sr_set_fields_by_fixed_index_1: changes several fields of a row by fixed index.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_rows.h"
 
 SR_SOURCE_FILE("sr/sr_x_set_fields_by_fixed_index", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_unmount_local_tree_1: removes a mount point from a tree.  Files on disk
 // and tables already open under it are left alone.
-#include "sr_i.h"
+#include "sr_i_files.h"
+#include "sr_i_frame.h"
 
 SR_SOURCE_FILE("sr/sr_x_unmount_local_tree", "1.1");
 

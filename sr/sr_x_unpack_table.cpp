@@ -1,7 +1,8 @@
 // sr_unpack_table_1: makes one table of a packed buffer into a read-only
 // transient table of a tree.  The table's rows are the buffer's own records,
 // so the buffer must outlive the table; the locks are those of creation.
-#include "sr_i.h"
+#include "sr_i_frame.h"
+#include "sr_i_pack.h"
 
 SR_SOURCE_FILE("sr/sr_x_unpack_table", "1.1");
 

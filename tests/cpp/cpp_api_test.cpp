@@ -96,11 +96,9 @@ TEST_F(CppApiTest, FailuresCarryTheCodeAndTheLibrarysMessage) {
         qx_int32_t code;
         const char *text;
     };
-    Case cases[] = {
-        {t.get<std::int32_t>(9, "id"), SR_E_NO_ROW_FOR_KEY, "2605-202"},
-        {t.get<std::int32_t>(1, "name"), SR_E_INVALID_COLUMN, "type"},
-        {t.get<std::int32_t>(1, "nosuch"), SR_E_INVALID_COLUMN, "nosuch"},
-    };
+    Case cases[] = {{t.get<std::int32_t>(9, "id"), SR_E_NO_ROW_FOR_KEY, "2605-202"},
+                    {t.get<std::int32_t>(1, "name"), SR_E_INVALID_COLUMN, "type"},
+                    {t.get<std::int32_t>(1, "nosuch"), SR_E_INVALID_COLUMN, "nosuch"}};
     for (const Case &c : cases) {
         EXPECT_FALSE(c.result);
         EXPECT_EQ(c.result.code(), c.code);
@@ -109,12 +107,9 @@ TEST_F(CppApiTest, FailuresCarryTheCodeAndTheLibrarysMessage) {
     // Values of another type than the column's are refused before the
     // library could take a number for a pointer.
     qx::sr::Status wrong[] = {
-        t.add({{"id", 2}, {"name", 5}}),
-        t.set(1, "name", 5),
-        t.set("1", "name", "x"),
+        t.add({{"id", 2}, {"name", 5}}), t.set(1, "name", 5), t.set("1", "name", "x"),
         t.add({{"id", std::uint32_t{3}}}),
-        tree_.create_table("/t/bad", {{"id", QX_CHAR_PTR, SR_PRIMARY_KEY, 0}}).error(),
-    };
+        tree_.create_table("/t/bad", {{"id", QX_CHAR_PTR, SR_PRIMARY_KEY, 0}}).error()};
     for (const qx::sr::Status &s : wrong) EXPECT_EQ(s.code(), SR_E_INVALID_COLUMN) << s.message();
     EXPECT_EQ(*t.size(), 1u);
     qx::sr::Status duplicate = t.add({{"id", 1}});

@@ -58,40 +58,16 @@ inline sr_sd_def_t *sd_definition(Arena &arena) {
     return p_def;
 }
 
-// A deterministic value of `type` for `seed`.
-inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed);
-
-inline qx_binary_t *make_binary(Arena &arena, qx_uint32_t seed) {
-    const qx_uint32_t length = seed % 5 + 1;
-    auto *p = static_cast<qx_binary_t *>(arena.alloc(QX_BINARY_SIZE(length)));
-    p->length = length;
-    for (qx_uint32_t i = 0; i < length; ++i) p->data[i] = static_cast<qx_uint8_t>(seed * 31 + i);
-    return p;
+inline qx_data_type_t base_type(qx_data_type_t array_type) {
+    return static_cast<qx_data_type_t>(array_type - (QX_INT32_ARRAY - QX_INT32));
 }
 
-inline qx_resource_handle_t *make_handle(Arena &arena, qx_uint32_t seed) {
-    auto *p = static_cast<qx_resource_handle_t *>(arena.alloc(sizeof(qx_resource_handle_t)));
-    p->header = 0x40000000u + seed;
-    p->id.id1 = 0x01020304u * (seed + 1);
-    p->id.id2 = seed;
-    p->id.id3 = 0xA0B0C0D0u ^ seed;
-    p->id.id4 = seed * 977u;
-    return p;
-}
-
-inline qx_structured_data_t *make_sd(Arena &arena, qx_uint32_t seed) {
-    auto *p = static_cast<qx_structured_data_t *>(arena.alloc(QX_SD_SIZE(2)));
-    p->element_count = 2;
-    p->elements[0].data_type = QX_INT32;
-    p->elements[0].value.val_int32 = -static_cast<qx_int32_t>(seed) - 5;
-    p->elements[1].data_type = QX_CHAR_PTR;
-    p->elements[1].value.ptr_char = arena.text("sd-" + std::to_string(seed));
-    return p;
-}
-
+// A deterministic value of `type` for `seed`; an array (13..22) holds one to
+// three elements of its base type (2..11).
 inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed) {
     qx_value_t v;
     v.val_uint64 = 0;
+    const qx_uint32_t length = seed % 5 + 1;
     switch (type) {
         case QX_INT32:
             v.val_int32 = static_cast<qx_int32_t>(seed * 7) - 100;
@@ -115,38 +91,39 @@ inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed
             v.ptr_char = arena.text("text-" + std::to_string(seed));
             break;
         case QX_BINARY_PTR:
-            v.ptr_binary = make_binary(arena, seed);
+            v.ptr_binary = static_cast<qx_binary_t *>(arena.alloc(QX_BINARY_SIZE(length)));
+            v.ptr_binary->length = length;
+            for (qx_uint32_t i = 0; i < length; ++i)
+                v.ptr_binary->data[i] = static_cast<qx_uint8_t>(seed * 31 + i);
             break;
         case QX_RSRC_HANDLE_PTR:
-            v.ptr_rsrc_handle = make_handle(arena, seed);
+            v.ptr_rsrc_handle =
+                static_cast<qx_resource_handle_t *>(arena.alloc(sizeof(qx_resource_handle_t)));
+            *v.ptr_rsrc_handle = {
+                0x40000000u + seed,
+                {0x01020304u * (seed + 1), seed, 0xA0B0C0D0u ^ seed, seed * 977u}};
             break;
         case QX_SD_PTR:
-            v.ptr_sd = make_sd(arena, seed);
+            v.ptr_sd = static_cast<qx_structured_data_t *>(arena.alloc(QX_SD_SIZE(2)));
+            v.ptr_sd->element_count = 2;
+            v.ptr_sd->elements[0].data_type = QX_INT32;
+            v.ptr_sd->elements[0].value.val_int32 = -static_cast<qx_int32_t>(seed) - 5;
+            v.ptr_sd->elements[1].data_type = QX_CHAR_PTR;
+            v.ptr_sd->elements[1].value.ptr_char = arena.text("sd-" + std::to_string(seed));
             break;
-        case QX_SBS_PTR: {
-            const qx_int32_t length = static_cast<qx_int32_t>(seed % 3 + 3);
-            auto *p = static_cast<qx_sbs_t *>(arena.alloc(4 + static_cast<size_t>(length)));
-            p->length = length;
-            for (qx_int32_t i = 0; i < length; ++i)
-                p->fields[i] = static_cast<qx_uint8_t>(seed + i);
-            v.ptr_sbs = p;
+        case QX_SBS_PTR:
+            v.ptr_sbs = static_cast<qx_sbs_t *>(arena.alloc(4 + seed % 3 + 3));
+            v.ptr_sbs->length = static_cast<qx_int32_t>(seed % 3 + 3);
+            for (qx_int32_t i = 0; i < v.ptr_sbs->length; ++i)
+                v.ptr_sbs->fields[i] = static_cast<qx_uint8_t>(seed + i);
             break;
-        }
-        default: {
-            // Arrays 13..22: one to three elements of the base type.
-            static const qx_data_type_t kBase[] = {
-                QX_INT32,   QX_UINT32,   QX_INT64,      QX_UINT64,          QX_FLOAT32,
-                QX_FLOAT64, QX_CHAR_PTR, QX_BINARY_PTR, QX_RSRC_HANDLE_PTR, QX_SD_PTR};
-            const qx_data_type_t base = kBase[type - QX_INT32_ARRAY];
-            const qx_uint32_t count = seed % 3 + 1;
-            auto *p = static_cast<qx_array_t *>(arena.alloc(QX_ARRAY_SIZE(count)));
-            p->element_count = count;
-            for (qx_uint32_t i = 0; i < count; ++i) {
-                p->elements[i] = make_value(arena, base, seed * 10 + i);
+        default:
+            v.ptr_array = static_cast<qx_array_t *>(arena.alloc(QX_ARRAY_SIZE(seed % 3 + 1)));
+            v.ptr_array->element_count = seed % 3 + 1;
+            for (qx_uint32_t i = 0; i < v.ptr_array->element_count; ++i) {
+                v.ptr_array->elements[i] = make_value(arena, base_type(type), seed * 10 + i);
             }
-            v.ptr_array = p;
             break;
-        }
     }
     return v;
 }
@@ -208,10 +185,7 @@ inline std::string render(qx_data_type_t type, const qx_value_t &v) {
         }
         default: {
             if (type < QX_INT32_ARRAY || type > QX_SD_PTR_ARRAY) return "?";
-            static const qx_data_type_t kBase[] = {
-                QX_INT32,   QX_UINT32,   QX_INT64,      QX_UINT64,          QX_FLOAT32,
-                QX_FLOAT64, QX_CHAR_PTR, QX_BINARY_PTR, QX_RSRC_HANDLE_PTR, QX_SD_PTR};
-            const qx_data_type_t base = kBase[type - QX_INT32_ARRAY];
+            const qx_data_type_t base = base_type(type);
             std::string s = "[";
             for (qx_uint32_t i = 0; i < v.ptr_array->element_count; ++i) {
                 if (i != 0) s += ",";

@@ -1,6 +1,5 @@
-// Helpers shared by the common-utilities tests: the calling thread's error
-// message as a string, a thread-local locale for the length of a scope, and
-// a scratch directory.
+// Helpers shared by the common-utilities tests: the calling thread's error,
+// a thread-local locale for the length of a scope, and a scratch directory.
 #ifndef TESTS_CU_CU_TEST_UTIL_H
 #define TESTS_CU_CU_TEST_UTIL_H
 
@@ -15,11 +14,9 @@
 
 namespace cu_test {
 
-// The name CI generates with localedef; glibc finds it under its
-// normalised name en_US.iso88591 too.
+// Generated with localedef in CI (glibc also knows it as en_US.iso88591).
 inline constexpr const char *kLatin1Locale = "en_US.ISO-8859-1";
 
-// The formatted message of the calling thread's current record.
 inline std::string current_message() {
     cu_error_t *rec = nullptr;
     if (cu_get_error_1(&rec) != CU_OK) return "<get failed>";
@@ -39,8 +36,8 @@ inline qx_int32_t current_error_id() {
     return id;
 }
 
-// Installs a locale for the calling thread only (uselocale), so that tests
-// running threads side by side never disturb one another's locale.
+// A locale for the calling thread only (uselocale): threads never disturb
+// one another's locale.
 class ThreadLocale {
   public:
     explicit ThreadLocale(const char *name) {
@@ -53,8 +50,6 @@ class ThreadLocale {
         freelocale(loc_);
     }
     ThreadLocale(const ThreadLocale &) = delete;
-    ThreadLocale &operator=(const ThreadLocale &) = delete;
-
     bool loaded() const { return loc_ != static_cast<locale_t>(0); }
 
   private:
@@ -77,8 +72,6 @@ class ScratchDir {
         std::filesystem::remove_all(path_, ec);
     }
     ScratchDir(const ScratchDir &) = delete;
-    ScratchDir &operator=(const ScratchDir &) = delete;
-
     const std::string &path() const { return path_; }
 
   private:

@@ -27,40 +27,36 @@ class Arena {
     ~Arena() {
         for (void *p : blocks_) free(p);
     }
-    void *alloc(size_t n) {
-        void *p = calloc(1, n == 0 ? 1 : n);
-        blocks_.push_back(p);
-        return p;
+    template <typename T = void>
+    T *alloc(size_t n) {
+        blocks_.push_back(calloc(1, n + 8));
+        return static_cast<T *>(blocks_.back());
     }
     char *text(const std::string &s) {
-        char *p = static_cast<char *>(alloc(s.size() + 1));
-        memcpy(p, s.c_str(), s.size() + 1);
-        return p;
+        return static_cast<char *>(memcpy(alloc(s.size()), s.c_str(), s.size() + 1));
     }
-    qx_binary_t *binary(const std::string &bytes) {
-        auto *p = static_cast<qx_binary_t *>(alloc(QX_BINARY_SIZE(bytes.size()) + 4));
-        p->length = static_cast<qx_uint32_t>(bytes.size());
-        memcpy(p->data, bytes.data(), bytes.size());
-        return p;
+    /* A binary and an SBS are both a 32-bit length and the bytes. */
+    template <typename T = qx_binary_t>
+    T *binary(const std::string &bytes) {
+        auto *p = alloc<uint8_t>(4 + bytes.size());
+        uint32_t n = static_cast<uint32_t>(bytes.size());
+        memcpy(p, &n, 4);
+        memcpy(p + 4, bytes.data(), bytes.size());
+        return reinterpret_cast<T *>(p);
     }
-    qx_sbs_t *sbs(const std::string &bytes) {
-        auto *p = static_cast<qx_sbs_t *>(alloc(4 + bytes.size() + 4));
-        p->length = static_cast<qx_int32_t>(bytes.size());
-        memcpy(p->fields, bytes.data(), bytes.size());
-        return p;
-    }
+    qx_sbs_t *sbs(const std::string &bytes) { return binary<qx_sbs_t>(bytes); }
     qx_resource_handle_t *rsrc(uint32_t header, uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
-        auto *p = static_cast<qx_resource_handle_t *>(alloc(sizeof(qx_resource_handle_t)));
+        auto *p = alloc<qx_resource_handle_t>(sizeof(qx_resource_handle_t));
         *p = qx_resource_handle_t{header, {a, b, c, d}};
         return p;
     }
     qx_array_t *array(uint32_t count) {
-        auto *p = static_cast<qx_array_t *>(alloc(QX_ARRAY_SIZE(count)));
+        auto *p = alloc<qx_array_t>(QX_ARRAY_SIZE(count));
         p->element_count = count;
         return p;
     }
     qx_structured_data_t *sd(uint32_t count) {
-        auto *p = static_cast<qx_structured_data_t *>(alloc(QX_SD_SIZE(count)));
+        auto *p = alloc<qx_structured_data_t>(QX_SD_SIZE(count));
         p->element_count = count;
         return p;
     }
@@ -75,8 +71,8 @@ inline bool is_scalar_type(int type) {
 inline bool is_32bit_type(int type) {
     return type == QX_INT32 || type == QX_UINT32 || type == QX_FLOAT32;
 }
-inline bool is_array_type(int type) {
-    return type >= QX_INT32_ARRAY && type <= QX_SD_PTR_ARRAY;
+inline int base_type(int array_type) {
+    return array_type - (QX_INT32_ARRAY - QX_INT32);
 }
 
 /* Random client values; `long_values` allows texts and blobs of up to 64 KiB. */
@@ -88,68 +84,48 @@ class ValueMaker {
     uint32_t below(uint32_t n) { return static_cast<uint32_t>(rng_() % n); }
 
     std::string bytes(bool no_nul) {
-        uint32_t n = long_values_ && below(10) == 0 ? below(70000) : below(40);
-        std::string s(n, '\0');
+        std::string s(long_values_ && below(10) == 0 ? below(70000) : below(40), '\0');
         for (auto &c : s) c = static_cast<char>(no_nul ? 1 + below(255) : below(256));
         return s;
-    }
-
-    qx_value_t scalar(int type) {
-        qx_value_t v;
-        v.val_uint64 = (static_cast<uint64_t>(rng_()) << 32) | rng_();
-        if (is_32bit_type(type)) v.val_uint64 &= 0xffffffffu;
-        return v;
     }
 
     qx_value_t make(int type, int depth = 0) {
         qx_value_t v;
         v.val_uint64 = 0;
-        if (is_scalar_type(type)) return scalar(type);
-        switch (type) {
-            case QX_CHAR_PTR:
-                v.ptr_char = arena_.text(bytes(true));
-                return v;
-            case QX_BINARY_PTR:
-                v.ptr_binary = arena_.binary(bytes(false));
-                return v;
-            case QX_RSRC_HANDLE_PTR:
-                v.ptr_rsrc_handle = arena_.rsrc(rng_(), rng_(), rng_(), rng_(), rng_());
-                return v;
-            case QX_SBS_PTR:
-                v.ptr_sbs = arena_.sbs(bytes(false));
-                return v;
-            case QX_SD_PTR: {
-                uint32_t n = below(6);
-                qx_structured_data_t *p = arena_.sd(n);
-                for (uint32_t i = 0; i < n; i++) {
-                    int t = element_type(depth);
-                    p->elements[i].data_type = static_cast<qx_data_type_t>(t);
-                    p->elements[i].value = make(t, depth + 1);
-                }
-                v.ptr_sd = p;
-                return v;
-            }
-            default: {
-                uint32_t n = below(7);
-                qx_array_t *p = arena_.array(n);
-                int base = type - (QX_INT32_ARRAY - QX_INT32);
-                for (uint32_t i = 0; i < n; i++) p->elements[i] = make(base, depth + 1);
-                v.ptr_array = p;
-                return v;
+        if (is_scalar_type(type)) {
+            v.val_uint64 = (static_cast<uint64_t>(rng_()) << 32) | rng_();
+            if (is_32bit_type(type)) v.val_uint64 &= 0xffffffffu;
+            return v;
+        }
+        if (type == QX_CHAR_PTR) v.ptr_char = arena_.text(bytes(true));
+        if (type == QX_BINARY_PTR) v.ptr_binary = arena_.binary(bytes(false));
+        if (type == QX_SBS_PTR) v.ptr_sbs = arena_.sbs(bytes(false));
+        if (type == QX_RSRC_HANDLE_PTR) {
+            v.ptr_rsrc_handle = arena_.rsrc(rng_(), rng_(), rng_(), rng_(), rng_());
+        }
+        if (type == QX_SD_PTR) {
+            v.ptr_sd = arena_.sd(below(6));
+            for (uint32_t i = 0; i < v.ptr_sd->element_count; i++) {
+                /* Deeper levels hold no more composites, so values stay small. */
+                int t = depth >= 3 ? kLeaves[below(10)]
+                                   : QX_INT32 + static_cast<int>(below(QX_SD_PTR_ARRAY - 1));
+                v.ptr_sd->elements[i].data_type = static_cast<qx_data_type_t>(t);
+                v.ptr_sd->elements[i].value = make(t, depth + 1);
             }
         }
+        if (type >= QX_INT32_ARRAY) {
+            v.ptr_array = arena_.array(below(7));
+            for (uint32_t i = 0; i < v.ptr_array->element_count; i++) {
+                v.ptr_array->elements[i] = make(base_type(type), depth + 1);
+            }
+        }
+        return v;
     }
 
   private:
-    /* Deeper levels hold no more composites, so values stay small. */
-    int element_type(int depth) {
-        static const int kLeaves[] = {QX_INT32,           QX_UINT32,  QX_INT64,    QX_UINT64,
+    static constexpr int kLeaves[] = {QX_INT32,           QX_UINT32,  QX_INT64,    QX_UINT64,
                                       QX_FLOAT32,         QX_FLOAT64, QX_CHAR_PTR, QX_BINARY_PTR,
                                       QX_RSRC_HANDLE_PTR, QX_SBS_PTR};
-        if (depth >= 3) return kLeaves[below(10)];
-        return QX_INT32 + static_cast<int>(below(QX_SD_PTR_ARRAY - QX_INT32 + 1));
-    }
-
     Arena &arena_;
     std::mt19937 rng_;
     bool long_values_;
@@ -157,45 +133,45 @@ class ValueMaker {
 
 /* Deep equality of two client values of `type`; *p_why says where they differ. */
 inline bool values_equal(int type, const qx_value_t &a, const qx_value_t &b, std::string *p_why) {
-    auto fail = [&](const std::string &what) {
-        if (p_why != nullptr) *p_why = what + " (type " + std::to_string(type) + ")";
-        return false;
+    auto check = [&](bool same, const char *what) {
+        if (!same && p_why != nullptr) *p_why = what + (" (type " + std::to_string(type) + ")");
+        return same;
     };
-    if (is_scalar_type(type)) {
-        size_t n = is_32bit_type(type) ? 4 : 8;
-        return memcmp(&a, &b, n) == 0 || fail("scalar differs");
-    }
+    if (is_scalar_type(type))
+        return check(memcmp(&a, &b, is_32bit_type(type) ? 4 : 8) == 0, "scalar");
     switch (type) {
         case QX_CHAR_PTR:
-            return strcmp(a.ptr_char, b.ptr_char) == 0 || fail("text differs");
+            return check(strcmp(a.ptr_char, b.ptr_char) == 0, "text");
         case QX_BINARY_PTR:
-            if (a.ptr_binary->length != b.ptr_binary->length) return fail("binary length");
-            return memcmp(a.ptr_binary->data, b.ptr_binary->data, a.ptr_binary->length) == 0 ||
-                   fail("binary bytes");
-        case QX_RSRC_HANDLE_PTR:
-            return memcmp(a.ptr_rsrc_handle, b.ptr_rsrc_handle, 20) == 0 || fail("handle");
+            return check(
+                a.ptr_binary->length == b.ptr_binary->length &&
+                    memcmp(a.ptr_binary->data, b.ptr_binary->data, a.ptr_binary->length) == 0,
+                "binary");
         case QX_SBS_PTR:
-            if (a.ptr_sbs->length != b.ptr_sbs->length) return fail("sbs length");
-            return memcmp(a.ptr_sbs->fields, b.ptr_sbs->fields,
-                          static_cast<size_t>(a.ptr_sbs->length)) == 0 ||
-                   fail("sbs bytes");
+            return check(a.ptr_sbs->length == b.ptr_sbs->length &&
+                             memcmp(a.ptr_sbs->fields, b.ptr_sbs->fields,
+                                    static_cast<size_t>(a.ptr_sbs->length)) == 0,
+                         "sbs");
+        case QX_RSRC_HANDLE_PTR:
+            return check(memcmp(a.ptr_rsrc_handle, b.ptr_rsrc_handle, 20) == 0, "handle");
         case QX_SD_PTR: {
-            if (a.ptr_sd->element_count != b.ptr_sd->element_count) return fail("sd count");
+            if (!check(a.ptr_sd->element_count == b.ptr_sd->element_count, "sd count"))
+                return false;
             for (uint32_t i = 0; i < a.ptr_sd->element_count; i++) {
                 int t = a.ptr_sd->elements[i].data_type;
-                if (t != b.ptr_sd->elements[i].data_type) return fail("sd element type");
-                if (!values_equal(t, a.ptr_sd->elements[i].value, b.ptr_sd->elements[i].value,
+                if (!check(t == b.ptr_sd->elements[i].data_type, "sd element type") ||
+                    !values_equal(t, a.ptr_sd->elements[i].value, b.ptr_sd->elements[i].value,
                                   p_why))
                     return false;
             }
             return true;
         }
         default: {
-            if (a.ptr_array->element_count != b.ptr_array->element_count)
-                return fail("array count");
-            int base = type - (QX_INT32_ARRAY - QX_INT32);
+            if (!check(a.ptr_array->element_count == b.ptr_array->element_count, "count"))
+                return false;
             for (uint32_t i = 0; i < a.ptr_array->element_count; i++) {
-                if (!values_equal(base, a.ptr_array->elements[i], b.ptr_array->elements[i], p_why))
+                if (!values_equal(base_type(type), a.ptr_array->elements[i],
+                                  b.ptr_array->elements[i], p_why))
                     return false;
             }
             return true;
@@ -212,83 +188,60 @@ inline void swap32_at(void *p) {
     uint32_t v = __builtin_bswap32(rd32(p));
     memcpy(p, &v, 4);
 }
-inline void swap64_at(void *p) {
+inline void swap_scalar_slot(int type, uint8_t *p) {
+    if (is_32bit_type(type)) return swap32_at(p);
     uint64_t v;
     memcpy(&v, p, 8);
     v = __builtin_bswap64(v);
     memcpy(p, &v, 8);
 }
 
-inline void swap_scalar_slot(int type, uint8_t *p) {
-    if (is_32bit_type(type)) {
-        swap32_at(p);
-    } else {
-        swap64_at(p);
-    }
-}
-
 /*
- * Rewrites a form written in this machine's byte order as a machine of the
+ * Rewrites a value written in this machine's byte order as a machine of the
  * other order would have written it, following the documented layout (and
  * none of the library's code): every word is read before it is swapped.
+ * `p_anchor` is the value's slot, `p_area` what its anchor counts from.
  */
-inline void form_to_other_order(int type, uint8_t *p);
-
-inline void anchor_to_other_order(int type, uint8_t *p_container, uint8_t *p_anchor) {
-    uint32_t offset = rd32(p_anchor);
+inline void value_to_other_order(int type, uint8_t *p_anchor, uint8_t *p_area) {
+    if (is_scalar_type(type)) return swap_scalar_slot(type, p_anchor);
+    uint8_t *p = p_area + rd32(p_anchor);
     swap32_at(p_anchor);
     swap32_at(p_anchor + 4);
-    form_to_other_order(type, p_container + offset);
-}
-
-inline void form_to_other_order(int type, uint8_t *p) {
-    switch (type) {
-        case QX_CHAR_PTR:
-            return;
-        case QX_BINARY_PTR:
-        case QX_SBS_PTR:
-            swap32_at(p);
-            return;
-        case QX_RSRC_HANDLE_PTR:
-            for (int i = 0; i < 5; i++) swap32_at(p + 4 * i);
-            return;
-        case QX_SD_PTR: {
-            uint32_t count = rd32(p);
-            swap32_at(p);
-            for (uint32_t i = 0; i < count; i++) {
-                uint8_t *p_element = p + 8 + 16 * i;
-                int t = static_cast<int>(rd32(p_element));
-                swap32_at(p_element);
-                if (is_scalar_type(t)) {
-                    swap_scalar_slot(t, p_element + 8);
-                } else {
-                    anchor_to_other_order(t, p, p_element + 8);
-                }
-            }
-            return;
-        }
-        default: {
-            uint32_t count = rd32(p);
-            swap32_at(p);
-            int base = type - (QX_INT32_ARRAY - QX_INT32);
-            for (uint32_t i = 0; i < count; i++) {
-                if (is_scalar_type(base)) {
-                    swap_scalar_slot(base, p + 8 + 8 * i);
-                } else {
-                    anchor_to_other_order(base, p, p + 8 + 8 * i);
-                }
-            }
-            return;
-        }
-    }
-}
-
-inline void value_to_other_order(int type, uint8_t *p_slot, uint8_t *p_area) {
-    if (is_scalar_type(type)) {
-        swap_scalar_slot(type, p_slot);
+    if (type == QX_CHAR_PTR) return;
+    if (type == QX_RSRC_HANDLE_PTR) {
+        for (int i = 0; i < 5; i++) swap32_at(p + 4 * i);
         return;
     }
-    anchor_to_other_order(type, p_area, p_slot);
+    uint32_t count = rd32(p);
+    swap32_at(p);
+    if (type == QX_BINARY_PTR || type == QX_SBS_PTR) return;
+    for (uint32_t i = 0; i < count; i++) {
+        if (type == QX_SD_PTR) {
+            uint8_t *p_element = p + 8 + 16 * i;
+            int t = static_cast<int>(rd32(p_element));
+            swap32_at(p_element);
+            value_to_other_order(t, p_element + 8, p);
+        } else {
+            value_to_other_order(base_type(type), p + 8 + 8 * i, p);
+        }
+    }
+}
+
+/* The library's calls with the type as an int and the handle last. */
+inline int size_of(int type, const qx_value_t &value, qx_uint32_t *p_size,
+                   cu_iconv_t *p_handle = nullptr) {
+    return qx_pmsg_size_conv_protocol_value_1(p_handle, 0, static_cast<qx_data_type_t>(type),
+                                              &value, p_size);
+}
+inline int build(int type, const qx_value_t *p_value, void *p_slot, void *p_area, qx_uint32_t room,
+                 qx_uint32_t *p_running, cu_iconv_t *p_handle = nullptr, qx_uint32_t flags = 0) {
+    return qx_pmsg_build_conv_protocol_value_1(p_handle, flags, static_cast<qx_data_type_t>(type),
+                                               p_value, p_slot, p_area, room, p_running);
+}
+inline int read(int type, qx_value_t *p_result, const void *p_slot, const void *p_area,
+                qx_int64_t limit, qx_uint32_t flags = 0, cu_iconv_t *p_handle = nullptr) {
+    return qx_pmsg_build_conv_packed_client_value_1(
+        p_handle, flags, static_cast<qx_data_type_t>(type), p_result, p_slot, p_area, limit);
 }
 
 /* An 8-aligned indirect area (plus a slot) for one value, built with the
@@ -304,16 +257,13 @@ struct Built {
 inline int build_value(cu_iconv_t *p_handle, int type, const qx_value_t &value, Built *p_out,
                        size_t shift = 0) {
     qx_uint32_t size = 0;
-    int rc = qx_pmsg_size_conv_protocol_value_1(p_handle, 0, static_cast<qx_data_type_t>(type),
-                                                &value, &size);
+    int rc = size_of(type, value, &size, p_handle);
     if (rc != 0) return rc;
     p_out->storage.assign((size + shift) / 8 + 2, 0);
     p_out->p_area = reinterpret_cast<uint8_t *>(p_out->storage.data()) + shift;
     p_out->room = size;
     p_out->used = 0;
-    return qx_pmsg_build_conv_protocol_value_1(p_handle, 0, static_cast<qx_data_type_t>(type),
-                                               &value, &p_out->slot, p_out->p_area, p_out->room,
-                                               &p_out->used);
+    return build(type, &value, &p_out->slot, p_out->p_area, p_out->room, &p_out->used, p_handle);
 }
 
 }  // namespace pmsg_test

@@ -1,22 +1,22 @@
 // Apply: what reaches the table file (append) or the rewrite file (rewrite),
 // in which gather writes, with which commit record, and what it refuses.
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "sr/transaction_test_util.h"
+#include "sr/rows_test_util.h"
 
-namespace qxtest::tx {
+namespace qxtest {
 namespace {
 
 // Every writev the file primitives make: the number of elements and bytes.
 std::vector<std::pair<int, size_t>> Writes;
-
 ssize_t CountingWritev(int fd, const struct iovec *p_vector, int count) {
     size_t bytes = 0;
     for (int i = 0; i < count; ++i) bytes += p_vector[i].iov_len;
@@ -24,379 +24,275 @@ ssize_t CountingWritev(int fd, const struct iovec *p_vector, int count) {
     return writev(fd, p_vector, count);
 }
 
-class ApplyTest : public TransactionTest {
+constexpr qx_uint32_t kCommit = SR_I_COMMIT_RECORD_LENGTH;
+using State = std::map<qx_int64_t, qx_int64_t>;
+
+// Tables of k INT64 and c1 INT64: row records of 32 bytes, the key at +16
+// and c1 at +24, the offset of the record replaced at +12.
+class ApplyTest : public RowsTest {
   protected:
     void SetUp() override {
-        TransactionTest::SetUp();
+        RowsTest::SetUp();
         Writes.clear();
+    }
+    sr_i_table_t *Make(const std::string &name, int mode = 6) {
+        return Create("/m/" + name, ScalarColumns(2), mode);
+    }
+    static qx_int32_t Put(sr_i_table_t *p_table, qx_int64_t key, qx_int64_t value) {
+        char k[] = "k", c1[] = "c1";
+        qx_char_ptr_t names[] = {k, c1};
+        qx_value_t kv = I64(key), cv = I64(value);
+        qx_value_t *values[] = {&kv, &cv};
+        if (FixedOf(p_table, key) == 0xFFFFFFFF) return sr_add_row_1(p_table, names, values, 2);
+        return sr_set_field_by_key_1(p_table, kv, c1, &cv);
+    }
+    static qx_uint32_t FixedOf(sr_i_table_t *p_table, qx_int64_t key) {
+        qx_uint32_t fixed = 0xFFFFFFFF;
+        sr_get_fixed_row_index_for_key_1(p_table, I64(key), &fixed);
+        return fixed;
+    }
+    static qx_int32_t Delete(sr_i_table_t *p_table, qx_int64_t key) {
+        std::string criteria = "k == " + std::to_string(key);
+        return sr_delete_rows_1(p_table, criteria.data());
+    }
+    // The committed rows of /m/<name> as another tree's fresh open reads them.
+    State Reopened(const std::string &name, qx_uint64_t *p_counter = nullptr) {
+        State rows;
+        sr_opaque_handle_t tree = nullptr, table = nullptr;
+        EXPECT_EQ(0, sr_open_tree_1(&tree, 0, 0));
+        EXPECT_EQ(0, sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1));
+        sr_table_metadata_t *p_metadata = nullptr;
+        if (sr_open_table_1(tree, Text("/m/" + name), SR_MODE_READ, &table) == 0 &&
+            sr_get_table_metadata_1(table, 0, &p_metadata) == 0) {
+            if (p_counter != nullptr) *p_counter = p_metadata->table_change_counter;
+            for (qx_uint32_t i = 0; i < p_metadata->number_of_rows; ++i) {
+                char k[] = "k", c1[] = "c1";
+                qx_char_ptr_t names[] = {k, c1};
+                qx_value_t kv{}, cv{};
+                qx_value_t *values[] = {&kv, &cv};
+                EXPECT_EQ(0, sr_get_fields_by_index_1(table, static_cast<qx_int32_t>(i), names,
+                                                      values, 2));
+                rows[kv.val_int64] = cv.val_int64;
+            }
+            sr_free_table_metadata_1(p_metadata);
+        } else {
+            ADD_FAILURE() << "the file no longer reads";
+        }
+        sr_close_tree_1(tree);
+        return rows;
+    }
+    static qx_uint32_t End(const sr_i_table_t *p_table) {
+        return p_table->commit_record_offset + p_table->commit_record_length;
     }
 };
 
-TEST_F(ApplyTest, SecondApplyBeforeCommitIsRefusedAndChangesNothing) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit(p_table).Add(R(1, {10}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    const std::string bytes = ReadBytes(File("t"));
-    const qx_uint64_t counter = p_table->applied_change_counter;
-
-    EXPECT_EQ(sr_apply_1(p_table, 9), SR_E_APPLIED_NOT_COMMITTED);
-    EXPECT_EQ(last_error().code, SR_E_APPLIED_NOT_COMMITTED);
-    EXPECT_EQ(p_table->ready_for_commit, 1u);
-    EXPECT_EQ(p_table->applied_change_counter, counter);
-    EXPECT_EQ(ReadBytes(File("t")), bytes);
-    EXPECT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Reopened("t"), (State{{1, R(1, {10})}}));
-}
-
-TEST_F(ApplyTest, ApplyWithoutChangesStillWritesAndSyncsACommitRecord) {
+TEST_F(ApplyTest, AppendWritesChangedRowsInChangeOrderThenTheCommitRecord) {
     sr_i_table_t *p_table = Make("t");
     const std::string before = ReadBytes(File("t"));
-    const qx_uint32_t committed_end = p_table->commit_record_offset + p_table->commit_record_length;
-    ASSERT_EQ(committed_end, before.size());
-
+    // Without changes: a commit record all the same, behind the committed one.
     ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    const std::string after = ReadBytes(File("t"));
-    ASSERT_EQ(after.size(), before.size() + SR_I_COMMIT_RECORD_LENGTH);
-    EXPECT_EQ(after.substr(0, before.size()), before) << "the committed file is untouched";
-    EXPECT_EQ(static_cast<qx_int32_t>(U32At(after, committed_end + 8)), SR_I_RECORD_TYPE_COMMIT);
-    EXPECT_EQ(U64At(after, committed_end + 16), p_table->change_counter + 1);
-    EXPECT_EQ(p_table->applied_commit_record_offset, committed_end);
-    EXPECT_EQ(p_table->applied_commit_record_length, SR_I_COMMIT_RECORD_LENGTH);
-    EXPECT_EQ(p_table->file_length, after.size());
-    EXPECT_EQ(p_table->ready_for_commit, 1u);
-
-    // A reader still stops at the committed commit record.
+    std::string bytes = ReadBytes(File("t"));
+    ASSERT_EQ(bytes.size(), before.size() + kCommit);
+    EXPECT_EQ(bytes.substr(0, before.size()), before);
+    EXPECT_EQ(static_cast<qx_int32_t>(U32At(bytes, before.size() + 8)), SR_I_RECORD_TYPE_COMMIT);
+    EXPECT_EQ(U64At(bytes, before.size() + 16), 2u);
     qx_uint64_t counter = 0;
-    Reopened("t", &counter);
-    EXPECT_EQ(counter, p_table->change_counter);
+    EXPECT_TRUE(Reopened("t", &counter).empty());
+    EXPECT_EQ(counter, 1u);  // a reader stops at the committed commit record
+    // A second apply before commit changes nothing.
+    EXPECT_EQ(sr_apply_1(p_table, 9), SR_E_APPLIED_NOT_COMMITTED);
+    EXPECT_EQ(last_error().code, SR_E_APPLIED_NOT_COMMITTED);
+    EXPECT_EQ(ReadBytes(File("t")), bytes);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+
+    qx_uint32_t start = End(p_table);
+    ASSERT_EQ(Put(p_table, 7, 70), 0);
+    ASSERT_EQ(Put(p_table, 3, 30), 0);
+    ASSERT_EQ(Put(p_table, 1, 10), 0);
+    ASSERT_EQ(Put(p_table, 7, 71), 0);  // keeps the first change's place
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    bytes = ReadBytes(File("t"));
+    const qx_int64_t order[][2] = {{7, 71}, {3, 30}, {1, 10}};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(U32At(bytes, start + 32 * i), 32u);
+        EXPECT_EQ(U64At(bytes, start + 32 * i + 16), static_cast<qx_uint64_t>(order[i][0]));
+        EXPECT_EQ(U64At(bytes, start + 32 * i + 24), static_cast<qx_uint64_t>(order[i][1]));
+    }
+    EXPECT_EQ(static_cast<qx_int32_t>(U32At(bytes, start + 96 + 8)), SR_I_RECORD_TYPE_COMMIT);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+
+    // An update names the record it replaces.
+    start = End(p_table);
+    ASSERT_EQ(Put(p_table, 3, 31), 0);
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+    EXPECT_EQ(U32At(ReadBytes(File("t")), start + 12), start - kCommit - 96 + 32);
+    // A deletion record lists the committed record of each deleted row, not
+    // the rows added and deleted in the same transaction.
+    start = End(p_table);
+    ASSERT_EQ(Delete(p_table, 1), 0);
+    ASSERT_EQ(Put(p_table, 4, 40), 0);
+    ASSERT_EQ(Delete(p_table, 4), 0);
+    ASSERT_EQ(Delete(p_table, 3), 0);
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    bytes = ReadBytes(File("t"));
+    ASSERT_EQ(static_cast<qx_int32_t>(U32At(bytes, start + 8)), SR_I_RECORD_TYPE_DELETION);
+    EXPECT_EQ(U32At(bytes, start), 16u + 2 * 4);
+    EXPECT_EQ(U32At(bytes, start + 12), 2u);
+    EXPECT_EQ(U32At(bytes, start + 16), start - 2 * kCommit - 64);  // row 1
+    EXPECT_EQ(U32At(bytes, start + 20), start - kCommit - 32);      // row 3, updated
+    EXPECT_EQ(static_cast<qx_int32_t>(U32At(bytes, start + 24 + 8)), SR_I_RECORD_TYPE_COMMIT);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+    // Rows added and deleted alone: only a commit record.
+    ASSERT_EQ(Put(p_table, 5, 50), 0);
+    ASSERT_EQ(Delete(p_table, 5), 0);
+    sr_i_file_ops.p_writev = CountingWritev;
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+    EXPECT_EQ(Writes, (std::vector<std::pair<int, size_t>>{{1, kCommit}}));
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+    EXPECT_EQ(Reopened("t"), (State{{7, 71}}));
 }
 
-TEST_F(ApplyTest, TransientTableIsAppliedWithoutAnyFile) {
+// Sixteen records make one gather write; the commit record joins the last
+// write when there is room.
+TEST_F(ApplyTest, RowsAndTheCommitRecordGoOutInGatherWritesOfSixteen) {
+    const struct {
+        int rows;
+        std::vector<std::pair<int, size_t>> writes;
+    } cases[] = {{16, {{16, 16 * 32}, {1, kCommit}}}, {15, {{16, 15 * 32 + kCommit}}}};
+    for (const auto &c : cases) {
+        sr_i_table_t *p_table = Make("t" + std::to_string(c.rows));
+        for (int i = 0; i < c.rows; ++i) ASSERT_EQ(Put(p_table, i, i), 0);
+        Writes.clear();
+        sr_i_file_ops.p_writev = CountingWritev;
+        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
+        sr_i_file_ops = sr_i_default_file_ops;
+        EXPECT_EQ(Writes, c.writes) << c.rows;
+    }
+    // A transient table is applied without any file.
     sr_opaque_handle_t handle = nullptr;
     std::vector<sr_column_t> columns = ScalarColumns(2);
     ASSERT_EQ(sr_create_table_1(tree_, Text("/mem/t"), columns.data(), 2, 6, &handle), 0);
-    auto *p_table = static_cast<sr_i_table_t *>(handle);
-    RowKit(p_table).Add(R(1, {2}));
+    ASSERT_EQ(Put(static_cast<sr_i_table_t *>(handle), 1, 2), 0);
+    Writes.clear();
     sr_i_file_ops.p_writev = CountingWritev;
-
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    EXPECT_EQ(p_table->ready_for_commit, 1u);
+    ASSERT_EQ(ApplyCommit(static_cast<sr_i_table_t *>(handle)), 0);
     EXPECT_TRUE(Writes.empty());
-    EXPECT_EQ(p_table->file_length, 0u);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Snapshot(p_table, false), (State{{1, R(1, {2})}}));
-    EXPECT_EQ(p_table->change_counter, 2u);
 }
 
-TEST_F(ApplyTest, AppendWritesRowsInChangeOrderThenTheCommitRecord) {
+TEST_F(ApplyTest, ChangeCountersInTheCommitRecord) {
     sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
-    qx_uint32_t a = rows.Add(R(7, {70}));
-    qx_uint32_t b = rows.Add(R(3, {30}));
-    rows.Set(a, R(7, {71}));  // stays first: the list keeps the first change's place
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-
-    const std::string bytes = ReadBytes(File("t"));
-    const sr_i_index_entry_t &ea = p_table->p_rows_fixed_index[a];
-    const sr_i_index_entry_t &eb = p_table->p_rows_fixed_index[b];
-    EXPECT_EQ(ea.applied_file_offset, start);
-    EXPECT_EQ(eb.applied_file_offset, start + U32At(bytes, start));
-    EXPECT_EQ(U64At(bytes, ea.applied_file_offset + 16 + 8), 71u);
-    EXPECT_EQ(U64At(bytes, eb.applied_file_offset + 16 + 8), 30u);
-    // The records went out straight from the pool, header and all.
-    EXPECT_EQ(bytes.compare(ea.applied_file_offset, 12 + 4 + 16, ea.p_applied - 12, 12 + 4 + 16),
-              0);
-    EXPECT_EQ(p_table->applied_commit_record_offset,
-              eb.applied_file_offset + U32At(bytes, eb.applied_file_offset));
-}
-
-TEST_F(ApplyTest, SixteenRowsMakeOneWriteOfSixteenRecordsAndOneOfTheCommitRecordAlone) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    for (int i = 0; i < 16; ++i) rows.Add(R(i, {i}));
-    sr_i_file_ops.p_writev = CountingWritev;
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(Writes.size(), 2u);
-    EXPECT_EQ(Writes[0], std::make_pair(16, size_t{16 * 32}));
-    EXPECT_EQ(Writes[1], std::make_pair(1, size_t{SR_I_COMMIT_RECORD_LENGTH}));
-}
-
-TEST_F(ApplyTest, FifteenRowsAndTheCommitRecordShareOneWrite) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    for (int i = 0; i < 15; ++i) rows.Add(R(i, {i}));
-    sr_i_file_ops.p_writev = CountingWritev;
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(Writes.size(), 1u);
-    EXPECT_EQ(Writes[0].first, 16);
-}
-
-TEST_F(ApplyTest, ExplicitChangeCounterLandsInTheCommitRecordEvenBelowTheCommittedOne) {
-    sr_i_table_t *p_table = Make("t");
-    for (int i = 0; i < 7; ++i) {
-        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-        ASSERT_EQ(sr_commit_1(p_table), 0);
-    }
-    ASSERT_EQ(p_table->change_counter, 8u);
+    for (int i = 0; i < 7; ++i) ASSERT_EQ(ApplyCommit(p_table), 0);
+    // An explicit counter lands in the record, even below the committed one.
     ASSERT_EQ(sr_apply_1(p_table, 5), 0);
-    EXPECT_EQ(p_table->applied_change_counter, 5u);
     EXPECT_EQ(U64At(ReadBytes(File("t")), p_table->applied_commit_record_offset + 16), 5u);
     ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(p_table->change_counter, 5u);
     qx_uint64_t counter = 0;
     Reopened("t", &counter);
     EXPECT_EQ(counter, 5u);
-}
-
-TEST_F(ApplyTest, ImplicitTableIgnoresTheCallersChangeCounter) {
-    sr_i_table_t *p_table = Make("t", 2);
-    ASSERT_EQ(p_table->implicitly_controlled, 1u);
-    ASSERT_EQ(sr_apply_1(p_table, 5), 0);
-    EXPECT_EQ(p_table->applied_change_counter, p_table->change_counter + 1);
-}
-
-TEST_F(ApplyTest, ChangeCounterCarriesIntoTheHighWord) {
-    sr_i_table_t *p_table = Make("t");
     p_table->change_counter = 0xFFFFFFFFull;
     ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    EXPECT_EQ(p_table->applied_change_counter, 0x100000000ull);
     EXPECT_EQ(U64At(ReadBytes(File("t")), p_table->applied_commit_record_offset + 16),
               0x100000000ull);
+    ASSERT_EQ(sr_commit_1(p_table), 0);
+    // An implicitly controlled table ignores the caller's counter.
+    sr_i_table_t *p_implicit = Make("i", 2);
+    ASSERT_EQ(sr_apply_1(p_implicit, 5), 0);
+    EXPECT_EQ(p_implicit->applied_change_counter, 2u);
+    ASSERT_EQ(sr_commit_1(p_implicit), 0);
 }
-
-TEST_F(ApplyTest, DeletingOnlyRowsAddedInTheSameTransactionWritesNoDeletionRecord) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    rows.Add(R(1, {1}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    const size_t committed = ReadBytes(File("t")).size();
-
-    rows.Delete(rows.Add(R(2, {2})));
-    rows.Delete(rows.Add(R(3, {3})));
-    sr_i_file_ops.p_writev = CountingWritev;
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(Writes.size(), 1u);
-    EXPECT_EQ(Writes[0], std::make_pair(1, size_t{SR_I_COMMIT_RECORD_LENGTH}));
-    EXPECT_EQ(ReadBytes(File("t")).size(), committed + SR_I_COMMIT_RECORD_LENGTH);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(p_table->total_applied_rows, 1u);
-    ExpectIndexesConsistent(p_table);
-    EXPECT_EQ(Reopened("t"), (State{{1, R(1, {1})}}));
-}
-
-TEST_F(ApplyTest, DeletionRecordListsTheCommittedRecordOfEachDeletedRow) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    qx_uint32_t a = rows.Add(R(1, {1}));
-    rows.Add(R(2, {2}));
-    qx_uint32_t c = rows.Add(R(3, {3}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    const qx_uint32_t offset_a = p_table->p_rows_fixed_index[a].file_offset;
-    const qx_uint32_t offset_c = p_table->p_rows_fixed_index[c].file_offset;
-    const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
-
-    rows.Delete(c);
-    rows.Delete(rows.Add(R(4, {4})));  // never committed: not listed
-    rows.Delete(a);
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    const std::string bytes = ReadBytes(File("t"));
-    ASSERT_EQ(static_cast<qx_int32_t>(U32At(bytes, start + 8)), SR_I_RECORD_TYPE_DELETION);
-    EXPECT_EQ(U32At(bytes, start), 16u + 2 * 4);
-    EXPECT_EQ(U32At(bytes, start + 4), 0u);
-    EXPECT_EQ(U32At(bytes, start + 12), 2u);
-    EXPECT_EQ(U32At(bytes, start + 16), offset_c);
-    EXPECT_EQ(U32At(bytes, start + 20), offset_a);
-    EXPECT_EQ(p_table->applied_commit_record_offset, start + 24);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Reopened("t"), (State{{2, R(2, {2})}}));
-}
-
-TEST_F(ApplyTest, UpdatedRowNamesTheRecordItReplaces) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    qx_uint32_t a = rows.Add(R(1, {1}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    const qx_uint32_t old_offset = p_table->p_rows_fixed_index[a].file_offset;
-    rows.Set(a, R(1, {2}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    const qx_uint32_t new_offset = p_table->p_rows_fixed_index[a].applied_file_offset;
-    EXPECT_EQ(U32At(ReadBytes(File("t")), new_offset + 12), old_offset);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(p_table->p_rows_fixed_index[a].file_offset, new_offset);
-    EXPECT_EQ(Reopened("t"), (State{{1, R(1, {2})}}));
-}
-
-TEST_F(ApplyTest, ApplicationMetadataTravelsInTheAppliedCommitRecord) {
-    sr_i_table_t *p_table = Make("t");
-    char data[] = "abc";
-    ASSERT_EQ(sr_i_set_application_metadata(p_table->p_application_metadata, 7, 3, data), 0);
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    const std::string bytes = ReadBytes(File("t"));
-    const qx_uint32_t at = p_table->applied_commit_record_offset;
-    EXPECT_EQ(U32At(bytes, at), 28u + 8 + 3);
-    EXPECT_EQ(U32At(bytes, at + 24), 1u);
-    EXPECT_EQ(U32At(bytes, at + 28), 7u);
-    EXPECT_EQ(bytes.substr(at + 36, 3), "abc");
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-
-    sr_opaque_handle_t handle = nullptr;
-    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 1, &handle), 0);
-    qx_uint32_t length = 0;
-    qx_char_ptr_t p_data = nullptr;
-    ASSERT_EQ(
-        sr_i_get_application_metadata_element(
-            static_cast<sr_i_table_t *>(handle)->p_application_metadata, 7, 0, &length, &p_data),
-        0);
-    EXPECT_EQ(std::string(p_data, length), "abc");
-    free(p_data);
-}
-
-// --- rewrite ---------------------------------------------------------------
 
 TEST_F(ApplyTest, RewriteFileHoldsOnlyMetadataLiveRowsInIndexOrderAndACommitRecord) {
     sr_i_table_t *p_table = Make("t");
-    RowKit rows(p_table);
-    for (int i = 0; i < 6; ++i) rows.Add(R(i, {i * 10}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    rows.Delete(1);
-    rows.Set(4, R(4, {44}));
-    rows.Delete(rows.Add(R(8, {8})));
-    rows.Add(R(9, {90}));  // the lowest free slot: 7 (6 is still pending)
+    for (int i = 0; i < 6; ++i) ASSERT_EQ(Put(p_table, i, i * 10), 0);
+    ASSERT_EQ(ApplyCommit(p_table), 0);
+    ASSERT_EQ(Delete(p_table, 1), 0);
+    ASSERT_EQ(Put(p_table, 4, 44), 0);
+    ASSERT_EQ(Put(p_table, 8, 8), 0);
+    ASSERT_EQ(Delete(p_table, 8), 0);
+    ASSERT_EQ(Put(p_table, 9, 90), 0);  // the lowest free slot: 7 (6 is still pending)
     const std::string data_file = ReadBytes(File("t"));
     const qx_uint32_t metadata_length = U32At(data_file, 0);
+    WriteBytes(File("t.rewrite"), std::string(5000, '\x7f'));  // longer and stale
 
     ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
-    EXPECT_EQ(p_table->ready_for_commit, 2u);
     EXPECT_EQ(ReadBytes(File("t")), data_file) << "a rewrite leaves the data file alone";
-    const std::string image = ReadBytes(File("t.rewrite"));
-    EXPECT_EQ(image.size(), p_table->rewrite_file_length);
+    const std::string image = ReadBytes(File("t.rewrite")).substr(0, p_table->rewrite_file_length);
     EXPECT_EQ(image.substr(0, metadata_length), data_file.substr(0, metadata_length));
-    std::vector<FileRecord> records = FileRecords(image, true);
-    ASSERT_EQ(records.size(), 1u + 6 + 1);
-    EXPECT_EQ(records[0].type, SR_I_RECORD_TYPE_METADATA);
-    const qx_int64_t keys[] = {0, 2, 3, 4, 5, 9};
-    const qx_int64_t values[] = {0, 20, 30, 44, 50, 90};
+    const qx_int64_t rows[][2] = {{0, 0}, {2, 20}, {3, 30}, {4, 44}, {5, 50}, {9, 90}};
     for (int i = 0; i < 6; ++i) {
-        const FileRecord &r = records[1 + i];
-        EXPECT_EQ(r.type, SR_I_RECORD_TYPE_ROW);
-        EXPECT_EQ(U32At(image, r.offset + 12), 0u) << "every row is new in the new file";
-        EXPECT_EQ(static_cast<qx_int64_t>(U64At(image, r.offset + 16)), keys[i]);
-        EXPECT_EQ(static_cast<qx_int64_t>(U64At(image, r.offset + 24)), values[i]);
+        const size_t at = metadata_length + 32 * i;
+        EXPECT_EQ(static_cast<qx_int32_t>(U32At(image, at + 8)), SR_I_RECORD_TYPE_ROW);
+        EXPECT_EQ(U32At(image, at + 12), 0u) << "every row is new in the new file";
+        EXPECT_EQ(U64At(image, at + 16), static_cast<qx_uint64_t>(rows[i][0]));
+        EXPECT_EQ(U64At(image, at + 24), static_cast<qx_uint64_t>(rows[i][1]));
     }
-    EXPECT_EQ(records[7].type, SR_I_RECORD_TYPE_COMMIT);
-    EXPECT_EQ(records[7].offset, p_table->applied_commit_record_offset);
-    EXPECT_EQ(U64At(image, records[7].offset + 16), p_table->change_counter + 1);
-
+    const size_t commit = metadata_length + 6 * 32;
+    EXPECT_EQ(static_cast<qx_int32_t>(U32At(image, commit + 8)), SR_I_RECORD_TYPE_COMMIT);
+    EXPECT_EQ(image.size(), commit + kCommit);
     ASSERT_EQ(sr_commit_1(p_table), 0);
     EXPECT_FALSE(Exists(File("t.rewrite")));
-    const std::string renamed = ReadBytes(File("t"));
-    EXPECT_EQ(renamed, image);
-    EXPECT_EQ(p_table->file_length, image.size());
-    EXPECT_EQ(p_table->commit_record_offset, records[7].offset);
-    // Every live row knows where it now lies.
-    for (qx_uint32_t k = 0; k < p_table->total_applied_rows; ++k) {
-        const sr_i_index_entry_t &e = p_table->p_rows_fixed_index[p_table->p_rows_packed_index[k]];
-        EXPECT_EQ(e.applied_file_offset, 0u);
-        ASSERT_NE(e.file_offset, 0u);
-        EXPECT_EQ(U64At(renamed, e.file_offset + 16), sr_i_load_u64(e.p_committed + 4));
-        EXPECT_EQ(U64At(renamed, e.file_offset + 24), sr_i_load_u64(e.p_committed + 12));
-    }
-    ExpectIndexesConsistent(p_table);
-    EXPECT_EQ(Reopened("t"), Snapshot(p_table, false));
-
+    EXPECT_TRUE(ReadBytes(File("t")).substr(0, image.size()) ==
+                image);  // the stale tail is dead space
+    const State expected{{0, 0}, {2, 20}, {3, 30}, {4, 44}, {5, 50}, {9, 90}};
+    EXPECT_EQ(Reopened("t"), expected);
     // Appending to the rewritten file replaces the right records.
-    rows.Set(static_cast<qx_uint32_t>(rows.Find(9)), R(9, {91}));
-    rows.Delete(static_cast<qx_uint32_t>(rows.Find(0)));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Reopened("t"), Snapshot(p_table, false));
-    EXPECT_EQ(Reopened("t").size(), 5u);
-}
-
-TEST_F(ApplyTest, RewriteOverALongerStaleRewriteFileReadsBackExactly) {
-    sr_i_table_t *p_table = Make("t");
-    RowKit(p_table).Add(R(1, {1}));
-    std::string stale(5000, '\x7f');
-    WriteBytes(File("t.rewrite"), stale);
-    ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
-    EXPECT_EQ(ReadBytes(File("t.rewrite")).size(), stale.size()) << "not truncated";
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Reopened("t"), (State{{1, R(1, {1})}}));
-    // The next append lands right behind the new commit record.
-    RowKit(p_table).Add(R(2, {2}));
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Reopened("t").size(), 2u);
+    ASSERT_EQ(Put(p_table, 9, 91), 0);
+    ASSERT_EQ(Delete(p_table, 0), 0);
+    ASSERT_EQ(ApplyCommit(p_table), 0);
+    EXPECT_EQ(Reopened("t"), (State{{2, 20}, {3, 30}, {4, 44}, {5, 50}, {9, 91}}));
 }
 
 TEST_F(ApplyTest, RewriteThatCannotOpenItsFileLeavesEverythingAsItWas) {
     sr_i_table_t *p_table = Make("t");
-    RowKit(p_table).Add(R(1, {1}));
+    ASSERT_EQ(Put(p_table, 1, 1), 0);
     ASSERT_EQ(mkdir(File("t.rewrite").c_str(), 0755), 0);
     const std::string bytes = ReadBytes(File("t"));
     EXPECT_EQ(sr_i_apply(p_table, 1, 0), SR_E_SYSTEM_CALL);
     LastError error = last_error();
-    EXPECT_EQ(error.code, SR_E_SYSTEM_CALL);
     EXPECT_NE(error.message.find("open"), std::string::npos) << error.message;
     EXPECT_NE(error.message.find("to the sr_i_apply function"), std::string::npos) << error.message;
-    EXPECT_EQ(p_table->ready_for_commit, 0u);
-    EXPECT_EQ(p_table->rewrite_file_fd, -1);
     EXPECT_EQ(ReadBytes(File("t")), bytes);
-    EXPECT_EQ(std::string(sr_i_load_column(p_table->p_columns).name), "k");
     ASSERT_EQ(rmdir(File("t.rewrite").c_str()), 0);
-    // The same changes still append.
-    ASSERT_EQ(sr_i_apply(p_table, 0, 0), 0);
+    ASSERT_EQ(sr_apply_1(p_table, 0), 0);  // the same changes still append
     ASSERT_EQ(sr_commit_1(p_table), 0);
-    EXPECT_EQ(Reopened("t"), (State{{1, R(1, {1})}}));
+    EXPECT_EQ(Reopened("t"), (State{{1, 1}}));
 }
 
 TEST_F(ApplyTest, RewriteDecisionNeedsMoreThan16KiBAndLessThanHalfLive) {
-    sr_i_table_t table{};
-    table.file_length = 16384;
-    table.record_buffer_pool.used_bytes = 0;
-    EXPECT_EQ(sr_i_rewrite_wanted(&table), 0u);
-    table.file_length = 16385;
-    EXPECT_EQ(sr_i_rewrite_wanted(&table), 1u);
-    table.record_buffer_pool.used_bytes = 8192;  // 819200 / 16385 = 49
-    EXPECT_EQ(sr_i_rewrite_wanted(&table), 1u);
-    table.record_buffer_pool.used_bytes = 8193;  // 50
-    EXPECT_EQ(sr_i_rewrite_wanted(&table), 0u);
     // The product wraps in 32 bits: 43,000,000 * 100 is 5,032,704 after the
     // wrap, under half of a 20 MB file although the pool is larger.
-    table.file_length = 20000000;
-    table.record_buffer_pool.used_bytes = 43000000;
-    EXPECT_EQ(sr_i_rewrite_wanted(&table), 1u);
-    table.record_buffer_pool.used_bytes = 15000000;
-    EXPECT_EQ(sr_i_rewrite_wanted(&table), 0u);
+    const struct {
+        qx_uint32_t file, used, wanted;
+    } cases[] = {{16384, 0, 0},    {16385, 0, 1},           {16385, 8192, 1},
+                 {16385, 8193, 0}, {20000000, 43000000, 1}, {20000000, 15000000, 0}};
+    for (const auto &c : cases) {
+        sr_i_table_t table{};
+        table.file_length = c.file;
+        table.record_buffer_pool.used_bytes = c.used;
+        EXPECT_EQ(sr_i_rewrite_wanted(&table), c.wanted) << c.file << " " << c.used;
+    }
 }
 
 TEST_F(ApplyTest, ImplicitUpdatesRewriteAFileThatHasBecomeMostlyDeadSpace) {
     sr_i_table_t *p_table = Make("t", 2);
-    RowKit rows(p_table);
-    qx_uint32_t a = rows.Add(R(1, {0}));
-    ASSERT_EQ(sr_i_implicit_apply_commit(p_table), 0);
+    ASSERT_EQ(Put(p_table, 1, 0), 0);
     qx_uint32_t largest = 0;
     bool rewritten = false;
     for (int i = 1; i < 1000 && !rewritten; ++i) {
-        rows.Set(a, R(1, {i}));
-        ASSERT_EQ(sr_i_implicit_apply_commit(p_table), 0);
-        if (p_table->file_length < largest) rewritten = true;
-        largest = std::max(largest, p_table->file_length);
+        ASSERT_EQ(Put(p_table, 1, i), 0);
+        const qx_uint32_t length = static_cast<qx_uint32_t>(ReadBytes(File("t")).size());
+        rewritten = length < largest;
+        largest = std::max(largest, length);
     }
     ASSERT_TRUE(rewritten);
     EXPECT_GT(largest, 16384u);
     EXPECT_LE(largest, 16384u + 32 + 24);
-    // Metadata record, the row, the commit record.
-    EXPECT_EQ(FileRecords(ReadBytes(File("t")), true).size(), 3u);
+    const std::string bytes = ReadBytes(File("t"));
+    EXPECT_EQ(bytes.size(), U32At(bytes, 0) + 32 + kCommit);  // metadata, the row, a commit record
     EXPECT_FALSE(Exists(File("t.rewrite")));
-    EXPECT_EQ(Reopened("t"), Snapshot(p_table, false));
+    EXPECT_EQ(Reopened("t").size(), 1u);
 }
 
 }  // namespace
-}  // namespace qxtest::tx
+}  // namespace qxtest

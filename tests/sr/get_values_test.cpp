@@ -1,7 +1,6 @@
 // Reading fields: which version a reader sees and the row state it is told,
-// the three ways to name a row, the plural readers, the values of every type
-// handed out from table memory, key comparison (NaN included), the pending
-// rows list, and readers running side by side with a writer.
+// the ways to name a row, the plural readers, key comparison (NaN included),
+// the updated rows list, and readers running beside a writer.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -34,66 +33,53 @@ class GetValuesTest : public qxtest::RowsTest {
     }
 };
 
-TEST_F(GetValuesTest, AddedRowIsSeenOnlyWithVisibilityAndReportsAdded) {
-    sr_i_table_t *p_table = Committed("/t/added");
+TEST_F(GetValuesTest, EachReaderSeesItsVersionAndEveryReaderTheRowState) {
+    sr_i_table_t *p_table = Committed("/t/versions");
     ASSERT_EQ(0, AddRow(p_table, 4, "four", 40));
-    qx_value_t v{};
-    EXPECT_EQ(204, sr_get_field_by_index_1(p_table, 3, const_cast<char *>("s"), &v));
+    qx_value_t v = Str("TWO");
+    ASSERT_EQ(0, sr_set_field_by_key_1(p_table, I64(2), const_cast<char *>("s"), &v));
+    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 2));
+    char *s = const_cast<char *>("s");
+    EXPECT_EQ(204, sr_get_field_by_index_1(p_table, 3, s, &v));
     EXPECT_EQ(204, last_error().code);
-    sr_row_state_t state = SR_ROW_STATE_NO_ROW;
-    ASSERT_EQ(0, Get(p_table, 3, "s", &v, 1, &state));
-    EXPECT_STREQ("four", v.ptr_char);
-    EXPECT_EQ(SR_ROW_STATE_ADDED, state);
-    // The state reflects both versions whatever the reader sees.
-    EXPECT_EQ(204, Get(p_table, 3, "s", &v, 0, &state));
-    EXPECT_EQ(SR_ROW_STATE_ADDED, state);
-    ASSERT_EQ(0, Get(p_table, 0, "s", &v, 0, &state));
-    EXPECT_EQ(SR_ROW_STATE_COMMITTED, state);
-}
-
-TEST_F(GetValuesTest, DeletedRowKeepsItsCommittedValuesUntilCommit) {
-    sr_i_table_t *p_table = Committed("/t/deleted");
-    const qx_uint32_t fixed = FixedOf(p_table, 2);
-    ASSERT_EQ(0,
-              sr_delete_row_by_index_1(p_table, p_table->p_rows_fixed_index[fixed].packed_index));
-    EXPECT_EQ("two", TextOf(p_table, 2, 0));
-    EXPECT_EQ("<204>", TextOf(p_table, 2, 1));
-    qx_value_t v{};
-    sr_row_state_t state = SR_ROW_STATE_NO_ROW;
-    EXPECT_EQ(204,
-              sr_get_field_by_fixed_index_and_visibility_1(p_table, static_cast<qx_int32_t>(fixed),
-                                                           const_cast<char *>("n"), &v, 1, &state));
-    EXPECT_EQ(SR_ROW_STATE_DELETED, state);
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ("<202>", TextOf(p_table, 2, 0));
-}
-
-TEST_F(GetValuesTest, UpdatedRowShowsEachVersionToItsReader) {
-    sr_i_table_t *p_table = Committed("/t/updated");
-    qx_value_t text = Str("TWO");
-    ASSERT_EQ(0, sr_set_field_by_key_1(p_table, I64(2), const_cast<char *>("s"), &text));
-    EXPECT_EQ("two", TextOf(p_table, 2, 0));
-    EXPECT_EQ("TWO", TextOf(p_table, 2, 1));
-    EXPECT_EQ(SR_ROW_STATE_UPDATED, StateOf(p_table, FixedOf(p_table, 2)));
-    EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, FixedOf(p_table, 1)));
+    const struct {
+        qx_int32_t fixed;
+        sr_row_state_t state;
+        const char *committed, *working;  // nullptr: 204
+    } cases[] = {{0, SR_ROW_STATE_COMMITTED, "one", "one"},
+                 {1, SR_ROW_STATE_UPDATED, "two", "TWO"},
+                 {2, SR_ROW_STATE_DELETED, "three", nullptr},
+                 {3, SR_ROW_STATE_ADDED, nullptr, "four"}};
+    for (const auto &c : cases) {
+        for (qx_uint32_t visible : {0u, 1u}) {
+            const char *expected = visible ? c.working : c.committed;
+            sr_row_state_t state = SR_ROW_STATE_NO_ROW;
+            qx_int32_t rc = sr_get_field_by_fixed_index_and_visibility_1(p_table, c.fixed, s, &v,
+                                                                         visible, &state);
+            EXPECT_EQ(c.state, state) << c.fixed;
+            ASSERT_EQ(expected ? 0 : 204, rc) << c.fixed << visible;
+            if (expected != nullptr) {
+                EXPECT_STREQ(expected, v.ptr_char);
+            }
+        }
+    }
     ASSERT_EQ(0, sr_abort_1(p_table));
     EXPECT_EQ("two", TextOf(p_table, 2, 1));
-}
-
-TEST_F(GetValuesTest, TableWideVisibilityComesFromTheEnvironmentAtCreation) {
+    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
+    ASSERT_EQ(0, ApplyCommit(p_table));
+    EXPECT_EQ("<202>", TextOf(p_table, 2, 0));
+    // Visibility for every reader of a table comes from the environment at
+    // creation; the argument only widens it.
     setenv("SR_UNCOMMITTED_UPDATES_VISIBLE", "", 1);
-    sr_i_table_t *p_table = Make("/t/env", 6);
+    sr_i_table_t *p_visible = Make("/t/env", 6);
     unsetenv("SR_UNCOMMITTED_UPDATES_VISIBLE");
-    ASSERT_EQ(1u, p_table->uncommitted_updates_visible);
-    ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
-    qx_value_t v{};
-    ASSERT_EQ(0, sr_get_field_by_index_1(p_table, 0, const_cast<char *>("s"), &v));
+    ASSERT_EQ(0, AddRow(p_visible, 1, "one", 1));
+    ASSERT_EQ(0, sr_get_field_by_index_1(p_visible, 0, s, &v));
     EXPECT_STREQ("one", v.ptr_char);
-    // The argument only widens: 0 does not narrow the table's setting.
-    EXPECT_EQ("one", TextOf(p_table, 1, 0));
+    EXPECT_EQ("one", TextOf(p_visible, 1, 0));
 }
 
-TEST_F(GetValuesTest, IndexesOutOfRangeAndUnknownColumns) {
+TEST_F(GetValuesTest, RowsColumnsAndArgumentsThatCannotBeRead) {
     sr_i_table_t *p_table = Committed("/t/range");
     qx_value_t v{};
     sr_row_state_t state;
@@ -104,153 +90,46 @@ TEST_F(GetValuesTest, IndexesOutOfRangeAndUnknownColumns) {
     EXPECT_EQ(203, last_error().code);
     EXPECT_EQ(203, sr_get_field_by_fixed_index_and_visibility_1(
                        p_table, static_cast<qx_int32_t>(p_table->maximum_rows), s, &v, 0, &state));
-    // A slot that was never used is in range but has no row.
     EXPECT_EQ(204, sr_get_field_by_fixed_index_and_visibility_1(p_table, 50, s, &v, 1, &state));
     EXPECT_EQ(SR_ROW_STATE_NO_ROW, state);
     EXPECT_EQ(105, sr_get_field_by_index_1(p_table, 0, const_cast<char *>("S"), &v));
     EXPECT_EQ(105, last_error().code);
     EXPECT_EQ(202, sr_get_field_by_key_1(p_table, I64(9), s, &v));
     EXPECT_EQ(100, sr_get_field_by_index_1(nullptr, 0, s, &v));
-    EXPECT_EQ(101, sr_get_field_by_index_1(p_table, 0, nullptr, &v));
-    EXPECT_EQ(101, sr_get_field_by_index_1(p_table, 0, s, nullptr));
 }
 
-TEST_F(GetValuesTest, PluralReadersFillEveryValueAndStopAtAnUnknownName) {
-    sr_i_table_t *p_table = Committed("/t/plural", true);
+TEST_F(GetValuesTest, PluralReadersAndTheFixedIndexOfAKey) {
+    sr_i_table_t *p_hashed = Committed("/t/plural", true);
+    sr_i_table_t *p_linear = Committed("/t/linear");
+    for (sr_i_table_t *p_table : {p_hashed, p_linear}) {
+        qx_uint32_t fixed = 77;
+        ASSERT_EQ(0, sr_get_fixed_row_index_for_key_1(p_table, I64(3), &fixed));
+        EXPECT_EQ(2u, fixed);
+        EXPECT_EQ(202, sr_get_fixed_row_index_for_key_1(p_table, I64(33), &fixed));
+    }
     char *names[] = {const_cast<char *>("n"), const_cast<char *>("k"), const_cast<char *>("s")};
     qx_value_t n{}, k{}, s{};
     qx_value_t *values[] = {&n, &k, &s};
-    ASSERT_EQ(0, sr_get_fields_by_key_1(p_table, I64(3), names, values, 3));
+    ASSERT_EQ(0, sr_get_fields_by_key_1(p_hashed, I64(3), names, values, 3));
     EXPECT_EQ(30, n.val_int32);
     EXPECT_EQ(3, k.val_int64);
     EXPECT_STREQ("three", s.ptr_char);
     sr_row_state_t state = SR_ROW_STATE_NO_ROW;
-    ASSERT_EQ(0, sr_get_fields_by_index_and_visibility_1(p_table, 0, names, values, 3, 1, &state));
+    ASSERT_EQ(0, sr_get_fields_by_index_and_visibility_1(p_hashed, 0, names, values, 3, 1, &state));
     EXPECT_EQ(1, k.val_int64);
     EXPECT_EQ(SR_ROW_STATE_COMMITTED, state);
     ASSERT_EQ(
-        0, sr_get_fields_by_fixed_index_and_visibility_1(p_table, 1, names, values, 3, 0, &state));
+        0, sr_get_fields_by_fixed_index_and_visibility_1(p_hashed, 1, names, values, 3, 0, &state));
     EXPECT_EQ(2, k.val_int64);
-    ASSERT_EQ(0, sr_get_fields_by_index_1(p_table, 2, names, values, 2));
-    EXPECT_EQ(3, k.val_int64);
     ASSERT_EQ(0,
-              sr_get_fields_by_key_and_visibility_1(p_table, I64(1), names, values, 3, 0, &state));
+              sr_get_fields_by_key_and_visibility_1(p_hashed, I64(1), names, values, 3, 0, &state));
     EXPECT_STREQ("one", s.ptr_char);
-    // The values before the unknown name are stored, the one after is not.
+    // The values before an unknown name are stored, the one after is not.
     char *bad[] = {const_cast<char *>("n"), const_cast<char *>("zz"), const_cast<char *>("k")};
-    n.val_int32 = 0;
     k.val_int64 = -1;
-    EXPECT_EQ(105, sr_get_fields_by_index_1(p_table, 1, bad, values, 3));
+    EXPECT_EQ(105, sr_get_fields_by_index_1(p_hashed, 1, bad, values, 3));
     EXPECT_EQ(20, n.val_int32);
     EXPECT_EQ(-1, k.val_int64);
-}
-
-TEST_F(GetValuesTest, ValuesOfEveryTypeReadBackAsWritten) {
-    std::vector<sr_column_t> columns = Columns();
-    struct Extra {
-        const char *name;
-        qx_data_type_t type;
-    } extras[] = {{"u32", QX_UINT32},         {"i64", QX_INT64},   {"u64", QX_UINT64},
-                  {"f32", QX_FLOAT32},        {"f64", QX_FLOAT64}, {"bin", QX_BINARY_PTR},
-                  {"rh", QX_RSRC_HANDLE_PTR}, {"sbs", QX_SBS_PTR}, {"ia", QX_INT64_ARRAY},
-                  {"ca", QX_CHAR_PTR_ARRAY},  {"sd", QX_SD_PTR}};
-    for (const Extra &e : extras) {
-        sr_column_t c{};
-        c.name = Text(e.name);
-        c.type = e.type;
-        c.qualifier = SR_STANDARD;
-        if (e.type == QX_SD_PTR) {
-            static sr_sd_def_t def{1, {{QX_INT32, const_cast<char *>("f")}}};
-            c.sd_defn = &def;
-        }
-        columns.push_back(c);
-    }
-    sr_i_table_t *p_table = Make("/m/types", columns, 6);
-
-    alignas(8) unsigned char bin_bytes[16] = {};
-    qx_binary_t *p_bin = reinterpret_cast<qx_binary_t *>(bin_bytes);
-    p_bin->length = 5;
-    std::memcpy(p_bin->data, "a\0b\0c", 5);
-    qx_resource_handle_t handle{7, {1, 2, 3, 4}};
-    alignas(8) unsigned char sbs_bytes[16] = {};
-    qx_sbs_t *p_sbs = reinterpret_cast<qx_sbs_t *>(sbs_bytes);
-    p_sbs->length = 3;
-    std::memcpy(p_sbs->fields, "xyz", 3);
-    alignas(8) unsigned char ia_bytes[QX_ARRAY_SIZE(3)] = {};
-    qx_array_t *p_ia = reinterpret_cast<qx_array_t *>(ia_bytes);
-    p_ia->element_count = 3;
-    for (int i = 0; i < 3; ++i) p_ia->elements[i].val_int64 = -1000000000000LL * (i + 1);
-    alignas(8) unsigned char ca_bytes[QX_ARRAY_SIZE(2)] = {};
-    qx_array_t *p_ca = reinterpret_cast<qx_array_t *>(ca_bytes);
-    p_ca->element_count = 2;
-    p_ca->elements[0].ptr_char = const_cast<char *>("ab");
-    p_ca->elements[1].ptr_char = const_cast<char *>("cdefghijk");
-    alignas(8) unsigned char sd_bytes[QX_SD_SIZE(1)] = {};
-    qx_structured_data_t *p_sd = reinterpret_cast<qx_structured_data_t *>(sd_bytes);
-    p_sd->element_count = 1;
-    p_sd->elements[0].data_type = QX_INT32;
-    p_sd->elements[0].value.val_int32 = -77;
-
-    qx_value_t u32{}, f32{}, bin{}, rh{}, sbs{}, ia{}, ca{}, sd{}, u64{};
-    u32.val_uint32 = 0xFFFFFFF0u;
-    u64.val_uint64 = 0xFFFFFFFFFFFFFFFFull;
-    f32.val_float32 = 1.5f;
-    bin.ptr_binary = p_bin;
-    rh.ptr_rsrc_handle = &handle;
-    sbs.ptr_sbs = p_sbs;
-    ia.ptr_array = p_ia;
-    ca.ptr_array = p_ca;
-    sd.ptr_sd = p_sd;
-    ASSERT_EQ(0, Add(p_table, {{"k", I64(1)},
-                               {"u32", u32},
-                               {"i64", I64(-5)},
-                               {"u64", u64},
-                               {"f32", f32},
-                               {"f64", F64(-2.25)},
-                               {"bin", bin},
-                               {"rh", rh},
-                               {"sbs", sbs},
-                               {"ia", ia},
-                               {"ca", ca},
-                               {"sd", sd}}));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    // Read back from a fresh load of the file, not from the records built.
-    ASSERT_EQ(0, sr_close_table_1(p_table));
-    sr_opaque_handle_t reopened = nullptr;
-    ASSERT_EQ(0, sr_open_table_1(tree_, Text("/m/types"), SR_MODE_READ, &reopened));
-    p_table = static_cast<sr_i_table_t *>(reopened);
-
-    auto get = [&](const char *name) {
-        qx_value_t v{};
-        EXPECT_EQ(0, sr_get_field_by_key_1(p_table, I64(1), const_cast<char *>(name), &v)) << name;
-        return v;
-    };
-    EXPECT_EQ(0xFFFFFFF0u, get("u32").val_uint32);
-    EXPECT_EQ(-5, get("i64").val_int64);
-    EXPECT_EQ(0xFFFFFFFFFFFFFFFFull, get("u64").val_uint64);
-    EXPECT_EQ(1.5f, get("f32").val_float32);
-    EXPECT_EQ(-2.25, get("f64").val_float64);
-    EXPECT_STREQ("dflt", get("s").ptr_char);
-    qx_value_t got = get("bin");
-    ASSERT_EQ(5u, got.ptr_binary->length);
-    EXPECT_EQ(0, std::memcmp(got.ptr_binary->data, "a\0b\0c", 5));
-    got = get("rh");
-    EXPECT_EQ(0, cu_rsrc_hndl_cmp_1(got.ptr_rsrc_handle, &handle));
-    got = get("sbs");
-    ASSERT_EQ(3, got.ptr_sbs->length);
-    EXPECT_EQ(0, std::memcmp(got.ptr_sbs->fields, "xyz", 3));
-    got = get("ia");
-    ASSERT_EQ(3u, got.ptr_array->element_count);
-    EXPECT_EQ(-3000000000000LL, got.ptr_array->elements[2].val_int64);
-    got = get("ca");
-    ASSERT_EQ(2u, got.ptr_array->element_count);
-    EXPECT_STREQ("cdefghijk", got.ptr_array->elements[1].ptr_char);
-    got = get("sd");
-    ASSERT_EQ(1u, got.ptr_sd->element_count);
-    EXPECT_EQ(-77, got.ptr_sd->elements[0].value.val_int32);
-    // The table owns what it hands out: the same unchanged slot gives the
-    // same value again.
-    EXPECT_EQ(get("ca").ptr_array, get("ca").ptr_array);
 }
 
 TEST_F(GetValuesTest, CompareValuesOrdersByTypeAndNeverMatchesUnorderedTypes) {
@@ -259,50 +138,46 @@ TEST_F(GetValuesTest, CompareValuesOrdersByTypeAndNeverMatchesUnorderedTypes) {
         std::memcpy(&p, &v, sizeof p);
         return p;
     };
-    qx_value_t a = I64(-1), b = I64(1);
-    qx_pmsg_value_t sb = slot(b);
+    qx_value_t a = I64(-1), ai = I32(-1), nan = F64(std::nan("")), one = F64(1.0);
+    qx_pmsg_value_t sb = slot(I64(1)), sbi = slot(I32(1)), s2 = slot(F64(2.0));
     EXPECT_LT(sr_i_compare_values(&a, &sb, QX_INT64, nullptr), 0);
     EXPECT_GT(sr_i_compare_values(&a, &sb, QX_UINT64, nullptr), 0);
-    qx_value_t ai = I32(-1), bi = I32(1);
-    qx_pmsg_value_t sbi = slot(bi);
     EXPECT_LT(sr_i_compare_values(&ai, &sbi, QX_INT32, nullptr), 0);
     EXPECT_GT(sr_i_compare_values(&ai, &sbi, QX_UINT32, nullptr), 0);
-    qx_value_t nan = F64(std::nan(""));
-    qx_pmsg_value_t s2 = slot(F64(2.0));
     EXPECT_EQ(0, sr_i_compare_values(&nan, &s2, QX_FLOAT64, nullptr));
-    qx_value_t one = F64(1.0);
     EXPECT_EQ(-1, sr_i_compare_values(&one, &s2, QX_FLOAT64, nullptr));
-    // Text compares bytes at the slot's offset in the indirect area.
-    char area[] = "xxxxabc";
+    char area[] = "xxxxabc";  // text at the slot's offset in the indirect area
     qx_pmsg_value_t text_slot{};
     text_slot.anchor = {4, 4};
     qx_value_t abc = Str("abc"), abd = Str("abd");
     EXPECT_EQ(0, sr_i_compare_values(&abc, &text_slot, QX_CHAR_PTR, area));
     EXPECT_GT(sr_i_compare_values(&abd, &text_slot, QX_CHAR_PTR, area), 0);
-    // Binary data has no order: equal bytes still do not match.
     EXPECT_EQ(-1, sr_i_compare_values(&abc, &text_slot, QX_BINARY_PTR, area));
     EXPECT_EQ(-1, sr_i_compare_values(&abc, &text_slot, QX_INT32_ARRAY, area));
 }
 
-TEST_F(GetValuesTest, NanKeyMatchesTheFirstRowOfALinearSearch) {
-    std::vector<sr_column_t> columns = Columns(SR_PRIMARY_KEY_NOCHECK);
-    columns[0].type = QX_FLOAT64;
-    sr_i_table_t *p_table = Make("/t/nan", columns, 6);
-    ASSERT_EQ(0, Add(p_table, {{"k", F64(5.0)}, {"s", Str("first")}}));
-    ASSERT_EQ(0, Add(p_table, {{"k", F64(6.0)}, {"s", Str("second")}}));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    qx_value_t v{};
-    ASSERT_EQ(0, sr_get_field_by_key_1(p_table, F64(std::nan("")), const_cast<char *>("s"), &v));
-    EXPECT_STREQ("first", v.ptr_char);
-    ASSERT_EQ(0, sr_get_field_by_key_1(p_table, F64(6.0), const_cast<char *>("s"), &v));
-    EXPECT_STREQ("second", v.ptr_char);
-}
-
-TEST_F(GetValuesTest, LinearKeySearchPrefersTheCommittedKey) {
+TEST_F(GetValuesTest, LinearKeySearchMatchesNanFirstAndPrefersTheCommittedKey) {
+    for (qx_data_type_t type : {QX_FLOAT64, QX_FLOAT32}) {
+        auto key = [type](double d) {
+            qx_value_t v = F64(d);
+            if (type == QX_FLOAT32) v.val_float32 = static_cast<float>(d);
+            return v;
+        };
+        std::vector<sr_column_t> columns = Columns(SR_PRIMARY_KEY_NOCHECK);
+        columns[0].type = type;
+        sr_i_table_t *p_nan = Make("/t/nan" + std::to_string(type), columns, 6);
+        ASSERT_EQ(0, Add(p_nan, {{"k", key(5.0)}, {"s", Str("first")}}));
+        ASSERT_EQ(0, Add(p_nan, {{"k", key(6.0)}, {"s", Str("second")}}));
+        ASSERT_EQ(0, ApplyCommit(p_nan));
+        qx_value_t v{};
+        ASSERT_EQ(0, sr_get_field_by_key_1(p_nan, key(std::nan("")), const_cast<char *>("s"), &v));
+        EXPECT_STREQ("first", v.ptr_char);
+        ASSERT_EQ(0, sr_get_field_by_key_1(p_nan, key(6.0), const_cast<char *>("s"), &v));
+        EXPECT_STREQ("second", v.ptr_char);
+    }
     sr_i_table_t *p_table = Committed("/t/keychange");
     qx_value_t new_key = I64(20);
     ASSERT_EQ(0, sr_set_field_by_key_1(p_table, I64(2), const_cast<char *>("k"), &new_key));
-    // Until commit the row is found by its committed key only.
     EXPECT_EQ("two", TextOf(p_table, 2, 1));
     EXPECT_EQ("<202>", TextOf(p_table, 20, 1));
     ASSERT_EQ(0, ApplyCommit(p_table));
@@ -325,33 +200,9 @@ TEST_F(GetValuesTest, UpdatedRowsCountsChangesAndListsDeletionsAfterThem) {
     EXPECT_EQ(3u, p_indices[0]);
     EXPECT_EQ(0u, p_indices[1]);
     free(p_indices);
-    EXPECT_EQ(101, sr_get_updated_rows_1(p_table, nullptr, &p_indices));
     sr_i_alloc_fail_after(0);
     EXPECT_EQ(12, sr_get_updated_rows_1(p_table, &count, &p_indices));
     sr_i_alloc_fail_after(-1);
-}
-
-TEST_F(GetValuesTest, FixedIndexForKeyUsesTheHashedIndexOrTheLinearWalk) {
-    sr_i_table_t *p_hashed = Committed("/t/fixed_h", true);
-    sr_i_table_t *p_linear = Committed("/t/fixed_l");
-    for (sr_i_table_t *p_table : {p_hashed, p_linear}) {
-        qx_uint32_t fixed = 77;
-        ASSERT_EQ(0, sr_get_fixed_row_index_for_key_1(p_table, I64(3), &fixed));
-        EXPECT_EQ(2u, fixed);
-        EXPECT_EQ(202, sr_get_fixed_row_index_for_key_1(p_table, I64(33), &fixed));
-        EXPECT_EQ(202, last_error().code);
-        EXPECT_EQ(101, sr_get_fixed_row_index_for_key_1(p_table, I64(3), nullptr));
-    }
-}
-
-TEST_F(GetValuesTest, ValuesSurviveLongRowsAcrossReopen) {
-    sr_i_table_t *p_table = Make("/m/reopen", 2);
-    std::string big(3000, 'q');
-    ASSERT_EQ(0, AddRow(p_table, 1, big.c_str(), 1));
-    ASSERT_EQ(0, sr_close_table_1(p_table));
-    sr_opaque_handle_t reopened = nullptr;
-    ASSERT_EQ(0, sr_open_table_1(tree_, Text("/m/reopen"), SR_MODE_READ, &reopened));
-    EXPECT_EQ(big, TextOf(static_cast<sr_i_table_t *>(reopened), 1));
 }
 
 class GetValuesConcurrencyTest : public GetValuesTest {};
@@ -371,24 +222,19 @@ TEST_F(GetValuesConcurrencyTest, ReadersRunBesideAWriterAndSeeWholeVersions) {
     std::atomic<int> bad{0};
     std::atomic<long> reads{0};
     std::vector<std::thread> readers;
+    char *names[] = {const_cast<char *>("a"), const_cast<char *>("b")};
     for (int t = 0; t < 3; ++t) {
         readers.emplace_back([&, t] {
-            int i = t;
-            char *names[] = {const_cast<char *>("a"), const_cast<char *>("b")};
-            while (!stop.load()) {
+            for (int i = t; !stop.load(); ++i) {
                 qx_value_t a{}, b{};
                 qx_value_t *values[] = {&a, &b};
                 qx_int32_t rc = sr_get_fields_by_key_1(p_table, I64(i % 16), names, values, 2);
-                // The writer sets a and -a together.
-                if (rc != 0 || a.val_int32 != -b.val_int32) ++bad;
+                if (rc != 0 || a.val_int32 != -b.val_int32) ++bad;  // set together: a and -a
                 ++reads;
-                ++i;
             }
         });
     }
-    // The writer starts once every reader is reading.
     while (reads.load() < 30) std::this_thread::yield();
-    char *names[] = {const_cast<char *>("a"), const_cast<char *>("b")};
     for (int round = 1; round <= 300; ++round) {
         qx_value_t a = I32(round), b = I32(-round);
         qx_value_t *values[] = {&a, &b};

@@ -1,6 +1,5 @@
-// Helpers shared by the row tests: typed values, a table of a few columns of
-// different kinds (transient or persistent, implicit or explicit, with or
-// without a hashed key index), adding rows by name and reading fields back.
+// Helpers shared by the row tests: typed values, a table of three columns,
+// adding rows by name and reading fields back.
 #ifndef QX_TESTS_SR_ROWS_TEST_UTIL_H
 #define QX_TESTS_SR_ROWS_TEST_UTIL_H
 
@@ -55,36 +54,24 @@ inline qx_int32_t CompareI64(const void *p_a, const void *p_b) {
 class RowsTest : public TableTest {
   protected:
     std::vector<sr_column_t> Columns(qx_uint32_t key_qualifier = SR_PRIMARY_KEY) {
-        std::vector<sr_column_t> columns(3);
-        columns[0].name = Text("k");
-        columns[0].type = QX_INT64;
-        columns[0].qualifier = key_qualifier;
-        columns[1].name = Text("s");
-        columns[1].type = QX_CHAR_PTR;
-        columns[1].qualifier = SR_STANDARD;
+        std::vector<sr_column_t> columns{{Text("k"), QX_INT64, key_qualifier, 0, nullptr, {}},
+                                         {Text("s"), QX_CHAR_PTR, SR_STANDARD, 0, nullptr, {}},
+                                         {Text("n"), QX_INT32, SR_STANDARD, 0, nullptr, I32(7)}};
         columns[1].default_value.ptr_char = Text("dflt");
-        columns[2].name = Text("n");
-        columns[2].type = QX_INT32;
-        columns[2].qualifier = SR_STANDARD;
-        columns[2].default_value.val_int32 = 7;
         return columns;
     }
 
-    // Creates a table from `columns`, with the INT64 hashed key index when
-    // `hashed`.  Paths under "/m/" are persistent.
+    // Paths under "/m/" are persistent; `hashed` adds the INT64 hashed key index.
     sr_i_table_t *Make(const std::string &path, std::vector<sr_column_t> columns, int mode,
                        bool hashed = false) {
         sr_opaque_handle_t table = nullptr;
-        qx_int32_t rc;
-        if (hashed) {
-            rc = sr_create_hashed_key_table_1(tree_, Text(path), columns.data(),
-                                              static_cast<qx_uint32_t>(columns.size()), mode, 1024,
-                                              HashI64, CompareI64, &table);
-        } else {
-            rc = sr_create_table_1(tree_, Text(path), columns.data(),
-                                   static_cast<qx_uint32_t>(columns.size()), mode, &table);
-        }
-        EXPECT_EQ(rc, 0) << path;
+        const auto count = static_cast<qx_uint32_t>(columns.size());
+        EXPECT_EQ(hashed
+                      ? sr_create_hashed_key_table_1(tree_, Text(path), columns.data(), count, mode,
+                                                     1024, HashI64, CompareI64, &table)
+                      : sr_create_table_1(tree_, Text(path), columns.data(), count, mode, &table),
+                  0)
+            << path;
         return static_cast<sr_i_table_t *>(table);
     }
     sr_i_table_t *Make(const std::string &path, int mode, bool hashed = false) {
@@ -106,7 +93,7 @@ class RowsTest : public TableTest {
         return Add(p_table, {{"k", I64(key)}, {"s", Str(s)}, {"n", I32(n)}});
     }
 
-    // One field by packed index with visibility; the result code and value.
+    // One field by packed index with visibility.
     qx_int32_t Get(sr_i_table_t *p_table, qx_int32_t row, const char *column, qx_value_t *p_value,
                    qx_uint32_t visible = 0, sr_row_state_t *p_state = nullptr) {
         sr_row_state_t ignored;
@@ -114,21 +101,22 @@ class RowsTest : public TableTest {
                                                       p_value, visible,
                                                       p_state != nullptr ? p_state : &ignored);
     }
-    // The text of column "s" of the row with key `key`, or "<code>".
+    // Column "s" of the row with key `key`, or "<code>"; column "n", or -code.
     std::string TextOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
         qx_value_t value{};
-        sr_row_state_t state;
-        qx_int32_t rc = sr_get_field_by_key_and_visibility_1(
-            p_table, I64(key), const_cast<char *>("s"), &value, visible, &state);
-        if (rc != 0) return "<" + std::to_string(rc) + ">";
-        return value.ptr_char;
+        qx_int32_t rc = ByKey(p_table, key, "s", &value, visible);
+        return rc != 0 ? "<" + std::to_string(rc) + ">" : value.ptr_char;
     }
     qx_int32_t IntOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
         qx_value_t value{};
-        sr_row_state_t state;
-        qx_int32_t rc = sr_get_field_by_key_and_visibility_1(
-            p_table, I64(key), const_cast<char *>("n"), &value, visible, &state);
+        qx_int32_t rc = ByKey(p_table, key, "n", &value, visible);
         return rc != 0 ? -rc : value.val_int32;
+    }
+    static qx_int32_t ByKey(sr_i_table_t *p_table, qx_int64_t key, const char *column,
+                            qx_value_t *p_value, qx_uint32_t visible) {
+        sr_row_state_t state;
+        return sr_get_field_by_key_and_visibility_1(p_table, I64(key), const_cast<char *>(column),
+                                                    p_value, visible, &state);
     }
     sr_row_state_t StateOf(sr_i_table_t *p_table, qx_uint32_t fixed) {
         return sr_i_get_row_state_for_fixed_index(p_table, fixed);

@@ -2,25 +2,18 @@
 # The manual pages render with groff and man without a single warning.
 # Usage: man_pages_test.sh PAGE...   (exit 77, skipped, without groff)
 set -uo pipefail
-if ! command -v groff >/dev/null; then
-  echo "groff is not installed: the manual page test is skipped (scripts/deps.sh installs it)"
-  exit 77
-fi
+command -v groff >/dev/null || { echo "groff is not installed (scripts/deps.sh)"; exit 77; }
 err=$(mktemp)
 trap 'rm -f "$err"' EXIT
 status=0
 for page in "$@"; do
   warnings=$(groff -man -Tutf8 -ww -z "$page" 2>&1)
   if command -v man >/dev/null; then
-    text=$(MANWIDTH=80 man --warnings=all -l "$page" 2>"$err")
+    lines=$(MANWIDTH=80 man --warnings=all -l "$page" 2>"$err" | wc -l)
     warnings+=$(grep -v '^$' "$err")
-    [ "$(wc -l <<<"$text")" -gt 40 ] || { echo "$page renders to almost nothing"; status=1; }
+    [ "$lines" -gt 40 ] || warnings+="$page renders to almost nothing"
   fi
-  if [ -n "$warnings" ]; then
-    echo "$page:"
-    echo "$warnings"
-    status=1
-  fi
+  [ -z "$warnings" ] || { echo "$page: $warnings"; status=1; }
 done
 [ $status -eq 0 ] && echo "manual pages render cleanly"
 exit $status

@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,10 +20,7 @@
 namespace tr_test {
 
 inline const tr_category_description_t kCategories[3] = {
-    {0, "API", 0, 0},
-    {1, "Errors", 0, 0},
-    {2, "Wherever", 0, 0},
-};
+    {0, "API", 0, 0}, {1, "Errors", 0, 0}, {2, "Wherever", 0, 0}};
 
 // Each test starts from a process that has registered nothing, with a
 // private directory and no trace configuration in its environment.
@@ -50,14 +47,13 @@ class TraceFixture : public ::testing::Test {
     // configuration (nullptr leaves a variable unset).
     int Register(const char *component, const char *levels, const char *file,
                  qx_uint8_t *p_levels) {
-        if (levels != nullptr)
-            setenv("QX_TRACE_LEVELS", levels, 1);
-        else
-            unsetenv("QX_TRACE_LEVELS");
-        if (file != nullptr)
-            setenv("QX_TRACE_FILE", file, 1);
-        else
-            unsetenv("QX_TRACE_FILE");
+        for (auto [name, value] : {std::pair{"QX_TRACE_LEVELS", levels}, {"QX_TRACE_FILE", file}}) {
+            if (value != nullptr) {
+                setenv(name, value, 1);
+            } else {
+                unsetenv(name);
+            }
+        }
         return tr_register_component_1(component, p_levels, kCategories, 3);
     }
 
@@ -65,31 +61,19 @@ class TraceFixture : public ::testing::Test {
     std::string trace_file_;
 };
 
-inline bool FileExists(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
 inline std::string ReadAll(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// The file's lines, without their newlines; a final fragment without a
-// newline is returned as a line of its own so that tests can see it.
+// The file's lines; a final fragment without a newline is marked so that
+// tests can see it.
 inline std::vector<std::string> ReadLines(const std::string &path) {
     std::string all = ReadAll(path);
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < all.size()) {
-        size_t end = all.find('\n', start);
-        if (end == std::string::npos) {
-            lines.push_back(all.substr(start) + "<no newline>");
-            break;
-        }
-        lines.push_back(all.substr(start, end - start));
-        start = end + 1;
-    }
+    std::istringstream in(all);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    if (!all.empty() && all.back() != '\n') lines.back() += "<no newline>";
     return lines;
 }
 
@@ -97,7 +81,6 @@ inline std::vector<std::string> ReadLines(const std::string &path) {
 // expressions: the standard regex templates trip GCC's maybe-uninitialized
 // analysis in sanitized builds.
 struct Record {
-    std::string time;
     long pid = 0;
     long tid = 0;
     std::string component;
@@ -105,24 +88,21 @@ struct Record {
 };
 
 inline bool ParseRecord(const std::string &line, Record *p_record) {
-    static const char *const kPattern =
-        "^([0-9]{4})-([0-9]{2})-([0-9]{2})T([0-9]{2}):([0-9]{2}):([0-9]{2})\\.([0-9]{6})Z "
-        "([0-9]+) ([0-9]+) ([^ ]+) (.*)$";
     regex_t re;
-    if (regcomp(&re, kPattern, REG_EXTENDED) != 0) return false;
-    regmatch_t m[12];
-    bool ok = regexec(&re, line.c_str(), 12, m, 0) == 0;
+    if (regcomp(&re,
+                "^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z "
+                "([0-9]+) ([0-9]+) ([^ ]+) (.*)$",
+                REG_EXTENDED) != 0)
+        return false;
+    regmatch_t m[5];
+    bool ok = regexec(&re, line.c_str(), 5, m, 0) == 0;
     regfree(&re);
     if (!ok) return false;
-    auto group = [&](int i) {
-        return line.substr(static_cast<size_t>(m[i].rm_so),
-                           static_cast<size_t>(m[i].rm_eo - m[i].rm_so));
-    };
-    p_record->time = line.substr(0, 27);
-    p_record->pid = std::stol(group(8));
-    p_record->tid = std::stol(group(9));
-    p_record->component = group(10);
-    p_record->content = group(11);
+    auto group = [&](int i) { return line.substr(m[i].rm_so, m[i].rm_eo - m[i].rm_so); };
+    p_record->pid = std::stol(group(1));
+    p_record->tid = std::stol(group(2));
+    p_record->component = group(3);
+    p_record->content = group(4);
     return true;
 }
 

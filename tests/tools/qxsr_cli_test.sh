@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Export and import: every column type goes out to CSV and JSON and comes
-# back unchanged; a bad file names the line, column and value and adds
-# nothing; the --csv and --json options choose the output mode.
-# Usage: qxsr_transfer_test.sh QXSR
+# The shell's command line: every command has help with its syntax and an
+# example; --version answers; a failing script line is reported by number
+# and fails the run; export and import carry every column type to CSV and
+# JSON and back unchanged, a bad file names the line, column and value and
+# adds nothing; --csv and --json choose the output mode.
+# Usage: qxsr_cli_test.sh QXSR
 set -uo pipefail
 qxsr=$1
 dir=$(mktemp -d)
@@ -11,6 +13,20 @@ mkdir "$dir/mnt"
 cd "$dir" || exit 1
 fail() { echo "FAIL: $*"; exit 1; }
 q() { "$qxsr" -m "/demo=$dir/mnt" "$@"; }
+
+commands=$("$qxsr" help | sed -n '/^commands/,$s/^  \([a-z-]*\) .*/\1/p')
+[ "$(echo "$commands" | wc -l)" -gt 30 ] || fail "help lists too few commands: $commands"
+for c in $commands; do
+  out=$("$qxsr" help "$c") || fail "help $c"
+  grep -q "^usage: $c" <<<"$out" || fail "help $c has no usage line"
+  grep -A1 '^example:$' <<<"$out" | grep -q "^  $c" || fail "help $c has no example"
+done
+"$qxsr" help nosuch 2>/dev/null && fail "help of an unknown command succeeds"
+"$qxsr" --version | grep -Eq '^qxsr [0-9]+\.[0-9]+\.[0-9]+$' || fail "--version"
+printf 'create /m/t id:int32:key\n# a comment\n\nadd /m/t id=1\nadd /m/t id=1\nshow /m/t\n' >script
+"$qxsr" -f script >out 2>&1 && fail "a failing script exits with status 0"
+grep -q '^qxsr: line 5 failed: add$' out || fail "failing line not named: $(cat out)"
+grep -q '^(1 row)$' out || fail "the script stopped at the failure"
 
 columns='id:int32:key u32:uint32 i64:int64 u64:uint64 f32:float32 f64:float64 s:string
  b:binary h:handle sb:sbs st:sd(x:float64,n:string) ai:int32[] au:uint32[] al:int64[]
@@ -85,4 +101,4 @@ q -f open.qxsr >open.out 2>&1 || { cat open.out; fail "imports into open tables"
 q show /demo/fromcsv | grep -q '^(6 rows)$' || fail "imports beside a session's handles"
 q show /demo/fromjson | grep -q '^(2 rows)$' || fail "an aborted transaction kept imported rows"
 grep -q '^(1 row)$' open.out || fail "imported rows are in the transaction: $(cat open.out)"
-echo "export and import round trips pass"
+echo "help, script errors, export and import pass"
