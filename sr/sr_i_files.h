@@ -14,10 +14,10 @@
 /* --- registry paths (sr_i_paths.cpp) --- */
 
 /* Longest registry path accepted, in bytes. */
-#define SR_I_MAX_PATH_LENGTH 255
+constexpr auto SR_I_MAX_PATH_LENGTH = 255;
 /* Bytes beyond the file path that a resolved path buffer always has, so a
  * suffix such as ".rewrite" can be appended in place. */
-#define SR_I_PATH_SLACK 32
+constexpr auto SR_I_PATH_SLACK = 32;
 
 /* 0, or 102 (reported, with the path or "<NULL POINTER>"). */
 qx_int32_t sr_i_check_path_syntax(qx_char_ptr_t p_path);
@@ -34,7 +34,7 @@ qx_int32_t sr_i_create_all_directories_in_path(qx_char_ptr_t p_path);
 /* --- mount points (sr_i_paths.cpp) --- */
 
 /* Mount block size handed to the table code through path resolution. */
-#define SR_I_MOUNT_BLOCK_SIZE 512
+constexpr auto SR_I_MOUNT_BLOCK_SIZE = 512;
 
 /* The work of sr_mount_local_tree_1; caller holds ForkMutex and the tree's
  * write lock.  0, 102, 201, 207, 10, 12 or 13; the tree is unchanged on
@@ -49,8 +49,8 @@ qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry
 
 /* An interrupted call is retried after SR_I_RETRY_INTERVAL microseconds, at
  * most SR_I_RETRY_LIMIT times. */
-#define SR_I_RETRY_LIMIT 100
-#define SR_I_RETRY_INTERVAL 10000
+constexpr auto SR_I_RETRY_LIMIT = 100;
+constexpr auto SR_I_RETRY_INTERVAL = 10000;
 
 /* The system calls under the file primitives.  The defaults are the real
  * calls; tests swap entries (with no primitive running) to inject EINTR,

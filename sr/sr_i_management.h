@@ -12,7 +12,7 @@
 /* --- listing (sr_i_list_tables.cpp) --- */
 
 /* Initial capacity of a listing and the step it grows by. */
-#define SR_I_LIST_STEP 100
+constexpr auto SR_I_LIST_STEP = 100;
 
 /* The names under p_registry_path in a malloc'd array of malloc'd names
  * (released with sr_free_table_list_1): files of the mount point's directory

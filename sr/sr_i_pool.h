@@ -8,10 +8,10 @@
 #include "sr_i_common.h"
 
 /* Record header of the pool and of the table file: 12 bytes, host order. */
-#define SR_I_RECORD_HEADER_LENGTH 12
-#define SR_I_RECORD_TYPE_FREE 0
-#define SR_I_RECORD_TYPE_METADATA 1
-#define SR_I_RECORD_TYPE_ROW 2
+constexpr auto SR_I_RECORD_HEADER_LENGTH = 12;
+constexpr auto SR_I_RECORD_TYPE_FREE = 0;
+constexpr auto SR_I_RECORD_TYPE_METADATA = 1;
+constexpr auto SR_I_RECORD_TYPE_ROW = 2;
 
 typedef struct sr_i_record_buffer_struct_t sr_i_record_buffer_t;
 
@@ -50,7 +50,7 @@ typedef struct sr_i_record_buffer_slot_struct_t {
     qx_uint32_t group_max_free; /* first slot of each SR_I_RECORD_BUFFER_GROUP slots:
                                    no max_free of the group is larger */
 } sr_i_record_buffer_slot_t;
-#define SR_I_RECORD_BUFFER_GROUP 64
+constexpr auto SR_I_RECORD_BUFFER_GROUP = 64;
 
 struct sr_i_record_buffer_struct_t {
     sr_i_record_buffer_t *p_next; /* next buffer in order of creation */
@@ -65,7 +65,7 @@ struct sr_i_record_buffer_struct_t {
 };
 
 /* Accounted size of a buffer header. */
-#define SR_I_RECORD_BUFFER_HEADER_LENGTH 8
+constexpr auto SR_I_RECORD_BUFFER_HEADER_LENGTH = 8;
 
 static inline char *sr_i_rb_buffer_data(sr_i_record_buffer_t *p_buffer) {
     return reinterpret_cast<char *>(p_buffer) + sizeof(sr_i_record_buffer_t);

@@ -29,7 +29,7 @@ struct sr_i_reporter_t {
 };
 
 /* Size above which a table file may be rewritten instead of appended to. */
-#define SR_I_REWRITE_MINIMUM_FILE_LENGTH 16384
+constexpr auto SR_I_REWRITE_MINIMUM_FILE_LENGTH = 16384;
 
 /* Whether the next apply should write a complete new file: the file is
  * longer than 16 KiB and less than half of it is live data (32-bit
