@@ -1,8 +1,8 @@
 // Adding rows: the row record built in place in a free pool record, its
 // attachment to a slot of the fixed index with the key check, and the two
-// pending change lists that apply and commit consume.  Also the row-record
-// builder pieces that writing fields shares with adding: finding (not taking)
-// room, defaults, placing stored bytes, and freeing a record.
+// pending change lists that apply and commit consume.  Also the one row-record
+// builder that writing fields shares with adding, with its pieces: finding
+// (not taking) room, defaults, placing stored bytes, and freeing a record.
 //
 // A new record is built inside a free pool record that is found but not
 // taken; only when everything has succeeded is it taken at its exact length.
@@ -37,9 +37,12 @@ qx_int64_t find_name(qx_char_ptr_t *p_column_names, qx_uint32_t total_values, co
     return -1;
 }
 
-// Twice `length`, or 0 when that no longer fits a record.
-qx_uint32_t doubled(qx_uint32_t length) {
-    return length <= (UINT32_MAX - kHeader) / 2 ? length * 2 : 0;
+// The next size to try for a record of `length` bytes that fell short: twice
+// `length`, or `at_least` when that is more; 0 when it no longer fits a record.
+qx_uint32_t grown(qx_uint32_t length, qx_uint64_t at_least) {
+    qx_uint64_t next = 2ull * length;
+    if (next < at_least) next = at_least;
+    return next <= UINT32_MAX - kHeader ? static_cast<qx_uint32_t>(next) : 0;
 }
 
 }  // namespace
@@ -132,6 +135,103 @@ qx_int32_t sr_i_free_row_record(sr_i_table_t *p_table, char *p_record_data) {
                                         sr_i_record_length(p_record_data - kHeader) - kHeader);
     }
     return sr_i_rb_free_record(&p_table->record_buffer_pool, p_record_data);
+}
+
+qx_int32_t sr_i_build_row_record(sr_i_table_t *p_table, char *p_current,
+                                 qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
+                                 qx_uint32_t total_values, qx_uint32_t length,
+                                 sr_i_row_build_t *p_build, qx_value_t *p_key) {
+    const qx_uint32_t total_columns = p_table->total_columns;
+    const qx_uint32_t fixed = fixed_length(p_table);
+    const bool setting = p_current != nullptr;
+    const char *p_current_indirect =
+        setting ? sr_i_row_indirect_area(p_current, total_columns) : nullptr;
+    cu_iconv_t *p_handle = to_table_handle(p_table);
+
+    // A set's first record starts as a copy of the current header and slots.
+    char *p_record = p_current;
+    char *p_previous = nullptr;
+    char *p_indirect = nullptr;
+    qx_uint32_t running = 0;
+    qx_uint32_t used = 0;
+    qx_int32_t rc =
+        acquire_row_record(p_table, running, &length, &p_record, nullptr, &p_indirect, &p_previous);
+    if (rc != 0) return rc;
+
+    for (qx_uint32_t column = 0; column < total_columns;) {
+        const sr_column_t &definition = p_table->p_columns[column];
+        const bool pointer = sr_i_is_pointer_type(definition.type);
+        char *p_slot = sr_i_row_slot(p_record, column);
+        const qx_uint32_t room = length - fixed;
+        bool short_of_room = false;
+        qx_uint32_t needed = 0;  // indirect bytes known to be wanted, 0 when unknown
+        qx_int64_t i = find_name(p_column_names, total_values, definition.name);
+        if (i >= 0) {
+            if (setting && (definition.qualifier & SR_PROTECTED)) {
+                return SR_ERROR(SR_E_INVALID_COLUMN);
+            }
+            qx_value_t value;
+            if (pointer) {
+                sr_i_dup_nonscalar_value(definition.type, p_p_values[i], &value);
+                int build_rc = qx_pmsg_build_conv_protocol_value_1(
+                    p_handle, 0, definition.type, &value, p_slot, p_indirect, room, &running);
+                if (build_rc == QX_PMSG_E_ROOM) {
+                    short_of_room = true;
+                } else if (build_rc != 0) {
+                    return SR_ERROR_LIBCALL("qx_pmsg_build_conv_protocol_value", build_rc);
+                }
+            } else {
+                std::memcpy(&value, p_p_values[i], sizeof value);
+                std::memcpy(p_slot, &value, sizeof value);
+            }
+            if (!short_of_room) {
+                if (column == 0 && p_key != nullptr) *p_key = value;
+                ++used;
+            }
+        } else if (column == 0 && !setting) {
+            return SR_ERROR(SR_E_NO_KEY);
+        } else {
+            // Left out: the default, or for a set the current value unless the
+            // column is reset whenever a set leaves it out.
+            qx_value_t source;
+            const char *p_bytes = nullptr;
+            qx_uint32_t bytes_length = 0;
+            if (!setting || (definition.qualifier & SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)) {
+                sr_i_column_default(p_table, column, &source, &p_bytes, &bytes_length);
+            } else {
+                source = sr_i_load_slot(p_current, column);
+                if (pointer) {
+                    qx_pmsg_anchor_t anchor;
+                    std::memcpy(&anchor, &source, sizeof anchor);
+                    p_bytes = p_current_indirect + anchor.offset;
+                    bytes_length = anchor.length;
+                }
+            }
+            if (!pointer) {
+                std::memcpy(p_slot, &source, sizeof source);
+            } else if (sr_i_place_indirect_bytes(p_slot, p_indirect, room, &running, p_bytes,
+                                                 bytes_length) != 0) {
+                short_of_room = true;
+                needed = bytes_length;
+            }
+        }
+        if (!short_of_room) {
+            ++column;
+            continue;
+        }
+        // Twice the record found, or more when the bytes wanted are known to
+        // need more; the same column is tried again in the larger record.
+        length = grown(length, static_cast<qx_uint64_t>(fixed) + running + needed);
+        if (length == 0) return SR_ERROR(SR_E_NO_MEMORY);
+        rc = acquire_row_record(p_table, running, &length, &p_record, nullptr, &p_indirect,
+                                &p_previous);
+        if (rc != 0) return rc;
+    }
+    p_build->p_record = p_record;
+    p_build->p_previous = p_previous;
+    p_build->used_length = fixed + running;
+    p_build->values_used = used;
+    return 0;
 }
 
 qx_int32_t sr_i_common_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry,
@@ -236,84 +336,20 @@ qx_int32_t sr_i_add_row_raw(sr_i_table_t *p_table, qx_char_ptr_t p_record_data,
 qx_int32_t sr_i_add_row(sr_i_table_t *p_table, qx_char_ptr_t *p_column_names,
                         qx_value_t **p_p_values, qx_uint32_t total_values) {
     if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
-    const qx_uint32_t total_columns = p_table->total_columns;
-    const qx_uint32_t fixed = fixed_length(p_table);
-    cu_iconv_t *p_handle = to_table_handle(p_table);
-
-    qx_uint64_t guess = fixed + 32ull * p_table->total_variable_length_columns;
+    qx_uint64_t guess = fixed_length(p_table) + 32ull * p_table->total_variable_length_columns;
     if (guess > UINT32_MAX / 2) return SR_ERROR(SR_E_NO_MEMORY);
-    qx_uint32_t length = static_cast<qx_uint32_t>(guess);
-    char *p_record = nullptr;
-    char *p_previous = nullptr;
-    char *p_indirect = nullptr;
-    qx_uint32_t running = 0;
-    qx_uint32_t used = 0;
+    sr_i_row_build_t build{};
     qx_value_t key{};
-    bool have_key = false;
-    qx_uint32_t column = 0;
-
-    for (;;) {
-        qx_int32_t rc = acquire_row_record(p_table, running, &length, &p_record, nullptr,
-                                           &p_indirect, &p_previous);
-        if (rc != 0) return rc;
-        const qx_uint32_t room = length - fixed;
-        bool need_room = false;
-        for (; column < total_columns; ++column) {
-            const sr_column_t &definition = p_table->p_columns[column];
-            char *p_slot = sr_i_row_slot(p_record, column);
-            const bool pointer = sr_i_is_pointer_type(definition.type);
-            qx_int64_t i = find_name(p_column_names, total_values, definition.name);
-            if (i >= 0) {
-                qx_value_t value;
-                if (pointer) {
-                    sr_i_dup_nonscalar_value(definition.type, p_p_values[i], &value);
-                    int build_rc = qx_pmsg_build_conv_protocol_value_1(
-                        p_handle, 0, definition.type, &value, p_slot, p_indirect, room, &running);
-                    if (build_rc == QX_PMSG_E_ROOM) {
-                        need_room = true;
-                        break;
-                    }
-                    if (build_rc != 0) {
-                        return SR_ERROR_LIBCALL("qx_pmsg_build_conv_protocol_value", build_rc);
-                    }
-                } else {
-                    std::memcpy(&value, p_p_values[i], sizeof value);
-                    std::memcpy(p_slot, &value, sizeof value);
-                }
-                if (column == 0) {
-                    key = value;
-                    have_key = true;
-                }
-                ++used;
-            } else if (column == 0) {
-                return SR_ERROR(SR_E_NO_KEY);
-            } else {
-                qx_value_t slot;
-                const char *p_bytes = nullptr;
-                qx_uint32_t bytes_length = 0;
-                sr_i_column_default(p_table, column, &slot, &p_bytes, &bytes_length);
-                if (pointer) {
-                    if (sr_i_place_indirect_bytes(p_slot, p_indirect, room, &running, p_bytes,
-                                                  bytes_length) != 0) {
-                        need_room = true;
-                        break;
-                    }
-                } else {
-                    std::memcpy(p_slot, &slot, sizeof slot);
-                }
-            }
-        }
-        if (!need_room) break;
-        // Twice the record found, and carry on with the same column.
-        length = doubled(length);
-        if (length == 0) return SR_ERROR(SR_E_NO_MEMORY);
-    }
-    if (used != total_values) return SR_ERROR(SR_E_NO_COLUMNS);
-    if (!have_key) return SR_ERROR(SR_E_NO_KEY);
+    qx_int32_t rc =
+        sr_i_build_row_record(p_table, nullptr, p_column_names, p_p_values, total_values,
+                              static_cast<qx_uint32_t>(guess), &build, &key);
+    if (rc != 0) return rc;
+    if (build.values_used != total_values) return SR_ERROR(SR_E_NO_COLUMNS);
+    char *p_record = build.p_record;
 
     sr_i_index_entry_t *p_entry = nullptr;
     sr_hash_table_element_t *p_existing = nullptr;
-    qx_int32_t rc = sr_i_add_row_raw(p_table, p_record, &key, &p_entry, &p_existing);
+    rc = sr_i_add_row_raw(p_table, p_record, &key, &p_entry, &p_existing);
     if (rc != 0) return rc;
 
     // Undoes the attachment when a later step fails: the table is left
@@ -330,8 +366,8 @@ qx_int32_t sr_i_add_row(sr_i_table_t *p_table, qx_char_ptr_t *p_column_names,
         sr_i_rows_free_chain_insert(p_table, p_entry);
     };
 
-    rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_record, p_previous,
-                                 fixed + running, SR_I_RECORD_TYPE_ROW);
+    rc = sr_i_rb_allocate_record(&p_table->record_buffer_pool, p_record, build.p_previous,
+                                 build.used_length, SR_I_RECORD_TYPE_ROW);
     if (rc != 0) {
         detach();
         return rc;

@@ -27,20 +27,12 @@
 
 SR_SOURCE_FILE("sr/sr_i_apply", "1.1");
 
-// Failures are reported as sr_i_apply's own, whichever helper detects them.
-#define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, (code))
-#define TX_ERROR_SYSCALL(call, err) \
-    sr_i_set_error(sr_i_this_source, "sr_i_apply", __LINE__, SR_E_SYSTEM_CALL, (call), (err))
-#define TX_ERROR_FILE(call, err) \
-    sr_i_set_file_error(sr_i_this_source, "sr_i_apply", __LINE__, (call), (err), false)
-
 namespace {
 
-constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
+// Failures are reported as sr_i_apply's own, whichever helper detects them.
+constexpr sr_i_reporter_t kTx{sr_i_this_source, "sr_i_apply"};
 
-// The reader refuses files this close to 4 GiB (offsets are 32-bit and its
-// read guess adds a page), so apply never writes one.
-constexpr qx_uint64_t kLargestFile = UINT32_MAX - 4 * 4096;
+constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 
 // Development trace points.
 enum apply_point : int {
@@ -58,48 +50,12 @@ void trace_apply(int point, const sr_i_table_t *p_table, qx_uint32_t rewrite) {
                 p_table->rewrite_file_length, p_table->file_fd, p_table->rewrite_file_fd, rewrite);
 }
 
-// The records of one apply on their way to one file: up to 16 at a time in
-// the table's io_vector, then one writev.  `offset` is the file offset the
-// next record lands at; `written` counts every byte that reached the file,
-// also before a failure.
-struct batch_t {
-    sr_i_table_t *p_table;
-    qx_int32_t fd;
-    qx_uint32_t offset;
-    qx_uint32_t elements = 0;
-    qx_uint64_t bytes = 0;
-    qx_uint32_t written = 0;
-
-    // Queues a record (header address, total length); writes the batch when
-    // it is full.
-    qx_int32_t add(char *p_record, qx_uint32_t length) {
-        if (static_cast<qx_uint64_t>(offset) + length > kLargestFile)
-            return TX_ERROR(SR_E_FILESYSTEM_FULL);
-        p_table->io_vector[elements].iov_base = p_record;
-        p_table->io_vector[elements].iov_len = length;
-        ++elements;
-        bytes += length;
-        offset += length;
-        return elements == SR_I_IO_VECTOR_SIZE ? flush() : 0;
-    }
-
-    qx_int32_t flush() {
-        if (elements == 0) return 0;
-        // The batch lands where its first record belongs.
-        qx_int32_t rc = sr_i_writev_at(fd, p_table->io_vector, elements,
-                                       static_cast<ssize_t>(bytes), &written, offset - bytes);
-        elements = 0;
-        bytes = 0;
-        return rc;
-    }
-};
-
 // Appends the pending changes after the committed commit record of the data
 // file.  Whatever an earlier apply that was aborted or failed left there is
 // overwritten.
 qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
     const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
-    batch_t batch{p_table, p_table->file_fd, start};
+    sr_i_image_writer_t batch{p_table->file_fd, p_table->io_vector, start, 0, 0, 0};
     qx_int32_t rc = 0;
 
     // Added and updated rows, in the order of their first change.  A row
@@ -111,7 +67,7 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
         if (p_entry->p_applied == nullptr) continue;
         char *p_record = p_entry->p_applied - kHeader;
         p_entry->applied_file_offset = batch.offset;
-        rc = batch.add(p_record, sr_i_record_length(p_record));
+        rc = sr_i_image_writer_add(&batch, p_record, sr_i_record_length(p_record));
     }
 
     // One deletion record naming the committed record of every deleted row
@@ -126,9 +82,11 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
         }
         if (total != 0) {
             const qx_uint64_t length = 16 + 4 * static_cast<qx_uint64_t>(total);
-            p_deletion = length > kLargestFile ? nullptr : static_cast<char *>(sr_i_malloc(length));
+            p_deletion = length > SR_I_LARGEST_FILE_LENGTH
+                             ? nullptr
+                             : static_cast<char *>(sr_i_malloc(length));
             if (p_deletion == nullptr) {
-                rc = TX_ERROR(SR_E_NO_MEMORY);
+                rc = kTx.error(SR_E_NO_MEMORY);
             } else {
                 sr_i_store_u32(p_deletion, static_cast<qx_uint32_t>(length));
                 sr_i_store_u32(p_deletion + 4, 0);
@@ -142,7 +100,7 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
                     sr_i_store_u32(p_next, p_entry->file_offset);
                     p_next += 4;
                 }
-                rc = batch.add(p_deletion, static_cast<qx_uint32_t>(length));
+                rc = sr_i_image_writer_add(&batch, p_deletion, static_cast<qx_uint32_t>(length));
             }
         }
     }
@@ -150,8 +108,9 @@ qx_int32_t apply_append(sr_i_table_t *p_table, char *p_commit_record) {
     // The new commit record closes the batch.  It lies behind the committed
     // one, so no reader stops at it until commit retires the old one.
     const qx_uint32_t commit_offset = batch.offset;
-    if (rc == 0) rc = batch.add(p_commit_record, p_table->applied_commit_record_length);
-    if (rc == 0) rc = batch.flush();
+    if (rc == 0)
+        rc = sr_i_image_writer_add(&batch, p_commit_record, p_table->applied_commit_record_length);
+    if (rc == 0) rc = sr_i_image_writer_flush(&batch);
     std::free(p_deletion);
     // The file really is this long now, whatever happens next; abort cuts it
     // back but keeps the larger length.
@@ -195,7 +154,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     for (;;) {
         fd = sr_i_open_file(p_path, O_RDWR | O_CREAT, 0644);
         if (fd < 0) {
-            qx_int32_t rc = TX_ERROR_FILE("open", errno);
+            qx_int32_t rc = kTx.file("open", errno);
             sr_i_set_data_path(p_table);
             return rc;
         }
@@ -204,7 +163,7 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
         // until this one has renamed or removed the file.
         while (lockf(fd, F_LOCK, 0) != 0) {
             if (errno == EINTR) continue;
-            qx_int32_t rc = TX_ERROR_SYSCALL("lockf", errno);
+            qx_int32_t rc = kTx.syscall("lockf", errno);
             sr_i_discard_rewrite_file(p_table);
             return rc;
         }
@@ -223,9 +182,9 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
     }
     sr_i_set_data_path(p_table);
 
-    batch_t batch{p_table, fd, 0};
+    sr_i_image_writer_t batch{fd, p_table->io_vector, 0, 0, 0, 0};
     char *p_metadata_record = p_table->p_metadata_record_data - kHeader;
-    rc = batch.add(p_metadata_record, sr_i_record_length(p_metadata_record));
+    rc = sr_i_image_writer_add(&batch, p_metadata_record, sr_i_record_length(p_metadata_record));
 
     // Live rows are the entries with a working record; as many as the
     // working version has, taken in fixed index order.
@@ -242,13 +201,14 @@ qx_int32_t apply_rewrite(sr_i_table_t *p_table, char *p_commit_record) {
             sr_i_store_u32(p_entry->p_applied, 0);
         }
         p_entry->applied_file_offset = batch.offset;
-        rc = batch.add(p_record, sr_i_record_length(p_record));
+        rc = sr_i_image_writer_add(&batch, p_record, sr_i_record_length(p_record));
         ++taken;
     }
 
     const qx_uint32_t commit_offset = batch.offset;
-    if (rc == 0) rc = batch.add(p_commit_record, p_table->applied_commit_record_length);
-    if (rc == 0) rc = batch.flush();
+    if (rc == 0)
+        rc = sr_i_image_writer_add(&batch, p_commit_record, p_table->applied_commit_record_length);
+    if (rc == 0) rc = sr_i_image_writer_flush(&batch);
     if (rc == 0) {
         sr_i_test_pause("apply-written");
         rc = sr_i_fdatasync(fd);
@@ -279,7 +239,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
                       qx_uint64_t table_change_counter) {
     if (p_table->ready_for_commit != 0) {
         trace_apply(kRefused, p_table, rewrite);
-        return TX_ERROR(SR_E_APPLIED_NOT_COMMITTED);
+        return kTx.error(SR_E_APPLIED_NOT_COMMITTED);
     }
     // An implicitly controlled table numbers its commits itself; an explicit
     // caller may choose the number the new commit record carries.
@@ -293,7 +253,7 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
         return 0;
     }
     // A child forked from the writer inherits the descriptor, not the lock.
-    if (!sr_i_data_file_claimed(p_table->file_fd)) return TX_ERROR(SR_E_ACCESS);
+    if (!sr_i_data_file_claimed(p_table->file_fd)) return kTx.error(SR_E_ACCESS);
     char *p_commit_record = nullptr;
     qx_int32_t rc =
         sr_i_create_commit_record(p_table->p_application_metadata, p_table->applied_change_counter,

@@ -26,14 +26,10 @@
 
 SR_SOURCE_FILE("sr/sr_i_commit", "1.1");
 
-// Failures are reported as sr_i_commit's own, whichever helper detects them.
-#define TX_ERROR(code) sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, (code))
-#define TX_ERROR_SYSCALL(call, err) \
-    sr_i_set_error(sr_i_this_source, "sr_i_commit", __LINE__, SR_E_SYSTEM_CALL, (call), (err))
-#define TX_ERROR_FILE(call, err) \
-    sr_i_set_file_error(sr_i_this_source, "sr_i_commit", __LINE__, (call), (err), false)
-
 namespace {
+
+// Failures are reported as sr_i_commit's own, whichever helper detects them.
+constexpr sr_i_reporter_t kTx{sr_i_this_source, "sr_i_commit"};
 
 // Development trace points.
 enum commit_point : int {
@@ -117,14 +113,14 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
     char *p_rewrite_path = sr_i_strdup(sr_i_set_rewrite_path(p_table));
     if (p_rewrite_path == nullptr) {
         sr_i_discard_rewrite_file(p_table);
-        return TX_ERROR(SR_E_NO_MEMORY);
+        return kTx.error(SR_E_NO_MEMORY);
     }
     sr_i_test_pause("rewrite-before-rename");
     if (sr_i_file_ops.p_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
         int err = errno;
         free(p_rewrite_path);
         sr_i_discard_rewrite_file(p_table);
-        return TX_ERROR_FILE("rename", err);
+        return kTx.file("rename", err);
     }
     free(p_rewrite_path);
     // Without its directory the rename may be undone by a power loss, and
@@ -194,7 +190,7 @@ qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsy
             p_table->p_delete_rows_change_list == nullptr) {
             return 0;
         }
-        return TX_ERROR(SR_E_NOT_APPLIED);
+        return kTx.error(SR_E_NOT_APPLIED);
     }
     cancellation_off_t cancellation_off;
     const bool rewritten = p_table->ready_for_commit == 2;
@@ -202,7 +198,7 @@ qx_int32_t sr_i_commit_unless_unsynced(sr_i_table_t *p_table, qx_int32_t *p_unsy
         qx_int32_t rc = 0;
         if (!sr_i_data_file_claimed(p_table->file_fd)) {
             // A child forked from the writer holds no lock on the file.
-            rc = TX_ERROR(SR_E_ACCESS);
+            rc = kTx.error(SR_E_ACCESS);
         } else if (rewritten) {
             rc = switch_by_rename(p_table);
         } else {

@@ -63,10 +63,10 @@ void sr_i_capture_errno(const char *p_function_name, int the_errno, int line_num
                         const char *p_sccsid);
 
 /* Trace state of the component "_SRA". */
-#define SR_TRACE_COMPONENT "_SRA"
-#define SR_TRACE_API 0
-#define SR_TRACE_ERRORS 1
-#define SR_TRACE_WHEREVER 2
+constexpr char SR_TRACE_COMPONENT[] = "_SRA";
+constexpr auto SR_TRACE_API = 0;
+constexpr auto SR_TRACE_ERRORS = 1;
+constexpr auto SR_TRACE_WHEREVER = 2;
 extern qx_uint8_t Sr_Trace_Level_Of_Detail[3];
 extern qx_uint32_t Sr_Library_Registered_For_Trace;
 extern const tr_category_description_t Sr_Trace_Categories[3];

@@ -201,13 +201,6 @@ void sr_i_set_column_qualifier(sr_i_table_t *p_table, qx_uint32_t column,
     p_table->p_columns[column].qualifier = qualifier;
 }
 
-void sr_i_set_column_default(sr_i_table_t *p_table, qx_uint32_t column, const qx_value_t &value) {
-    std::memcpy(
-        sr_i_column_entry(p_table->p_metadata_record_data, column) + SR_I_COLUMN_ENTRY_DEFAULT,
-        &value, 8);
-    std::memcpy(&p_table->p_columns[column].default_value, &value, 8);
-}
-
 void sr_i_swap_columns(sr_column_t *p_column1, sr_column_t *p_column2) {
     sr_column_t temporary;
     std::memcpy(&temporary, p_column1, sizeof temporary);

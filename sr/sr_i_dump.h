@@ -9,31 +9,31 @@
 #include "sr_i_table.h"
 
 /* Dumps (sr_i_dump_table.cpp).  Detail bits of sr_i_dump_table: */
-#define SR_I_DUMP_NAME 0x1ull
-#define SR_I_DUMP_REFERENCES 0x2ull
-#define SR_I_DUMP_TOTAL_COLUMNS 0x4ull
-#define SR_I_DUMP_COLUMN 0x8ull
-#define SR_I_DUMP_COLUMN_NAME 0x10ull
-#define SR_I_DUMP_COLUMN_TYPE 0x20ull
-#define SR_I_DUMP_COLUMN_QUALIFIER 0x40ull
-#define SR_I_DUMP_COLUMN_MODIFIERS 0x80ull
-#define SR_I_DUMP_COLUMN_PROPERTIES 0x100ull
-#define SR_I_DUMP_COLUMN_SD_DEFN 0x200ull
-#define SR_I_DUMP_COLUMN_DEFAULT 0x400ull
-#define SR_I_DUMP_ROW_COUNTS 0x800ull
-#define SR_I_DUMP_ROWS 0x1000ull
-#define SR_I_DUMP_APPLIED_RECORDS 0x2000ull
-#define SR_I_DUMP_COMMITTED_RECORDS 0x4000ull
-#define SR_I_DUMP_POINTERS 0x8000ull
-#define SR_I_DUMP_APPLICATION_METADATA 0x10000ull
-#define SR_I_DUMP_VARIABLE_LENGTH_COLUMNS 0x20000ull
-#define SR_I_DUMP_IMPLICITLY_CONTROLLED 0x40000ull
-#define SR_I_DUMP_UNCOMMITTED_VISIBLE 0x80000ull
-#define SR_I_DUMP_CHANGE_COUNTER 0x100000ull
-#define SR_I_DUMP_APPLIED_CHANGE_COUNTER 0x200000ull
-#define SR_I_DUMP_FILE_STATE 0x400000ull
-#define SR_I_DUMP_RECORD_BUFFER_POOL 0x800000ull
-#define SR_I_DUMP_ALL 0xFFFFFFFFFFFFFFFFull
+constexpr auto SR_I_DUMP_NAME = 0x1ull;
+constexpr auto SR_I_DUMP_REFERENCES = 0x2ull;
+constexpr auto SR_I_DUMP_TOTAL_COLUMNS = 0x4ull;
+constexpr auto SR_I_DUMP_COLUMN = 0x8ull;
+constexpr auto SR_I_DUMP_COLUMN_NAME = 0x10ull;
+constexpr auto SR_I_DUMP_COLUMN_TYPE = 0x20ull;
+constexpr auto SR_I_DUMP_COLUMN_QUALIFIER = 0x40ull;
+constexpr auto SR_I_DUMP_COLUMN_MODIFIERS = 0x80ull;
+constexpr auto SR_I_DUMP_COLUMN_PROPERTIES = 0x100ull;
+constexpr auto SR_I_DUMP_COLUMN_SD_DEFN = 0x200ull;
+constexpr auto SR_I_DUMP_COLUMN_DEFAULT = 0x400ull;
+constexpr auto SR_I_DUMP_ROW_COUNTS = 0x800ull;
+constexpr auto SR_I_DUMP_ROWS = 0x1000ull;
+constexpr auto SR_I_DUMP_APPLIED_RECORDS = 0x2000ull;
+constexpr auto SR_I_DUMP_COMMITTED_RECORDS = 0x4000ull;
+constexpr auto SR_I_DUMP_POINTERS = 0x8000ull;
+constexpr auto SR_I_DUMP_APPLICATION_METADATA = 0x10000ull;
+constexpr auto SR_I_DUMP_VARIABLE_LENGTH_COLUMNS = 0x20000ull;
+constexpr auto SR_I_DUMP_IMPLICITLY_CONTROLLED = 0x40000ull;
+constexpr auto SR_I_DUMP_UNCOMMITTED_VISIBLE = 0x80000ull;
+constexpr auto SR_I_DUMP_CHANGE_COUNTER = 0x100000ull;
+constexpr auto SR_I_DUMP_APPLIED_CHANGE_COUNTER = 0x200000ull;
+constexpr auto SR_I_DUMP_FILE_STATE = 0x400000ull;
+constexpr auto SR_I_DUMP_RECORD_BUFFER_POOL = 0x800000ull;
+constexpr auto SR_I_DUMP_ALL = 0xFFFFFFFFFFFFFFFFull;
 
 /* vfprintf when required_detail & detail_flags; else 0 and nothing printed. */
 int sr_i_printf(qx_uint64_t required_detail, qx_uint64_t detail_flags, FILE *p_stream,

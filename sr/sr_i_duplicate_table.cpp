@@ -37,9 +37,6 @@ constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 constexpr char kRewriteSuffix[] = ".rewrite";
 constexpr char kLockFile[] = "/,Lock";
 constexpr size_t kCopyChunk = 512;
-// Offsets in a table file are 32-bit, and the reader adds a page to its read
-// guess: no image close to 4 GiB is written.
-constexpr qx_uint64_t kLargestFile = UINT32_MAX - 4 * 4096;
 
 // A malloc'd copy of p_path followed by ".rewrite".
 char *rewrite_path_of(const char *p_path) {
@@ -149,40 +146,6 @@ qx_int32_t finish_image_file(qx_int32_t fd, char *p_rewrite_path, const char *p_
     close(fd);
     return rc;
 }
-
-// The records of one image on their way to its file, up to 16 pieces per
-// writev.  Pieces are added whole; `bytes` counts the image so far.
-struct image_writer_t {
-    qx_int32_t fd;
-    struct iovec vector[SR_I_IO_VECTOR_SIZE];
-    qx_uint32_t elements = 0;
-    qx_uint64_t batch_bytes = 0;
-    qx_uint64_t bytes = 0;
-    qx_uint32_t written = 0;
-
-    qx_int32_t add(const void *p_piece, size_t length) {
-        if (bytes + length > kLargestFile) return SR_ERROR(SR_E_FILESYSTEM_FULL);
-        if (elements == SR_I_IO_VECTOR_SIZE) {
-            qx_int32_t rc = flush();
-            if (rc != 0) return rc;
-        }
-        vector[elements].iov_base = const_cast<void *>(p_piece);
-        vector[elements].iov_len = length;
-        ++elements;
-        batch_bytes += length;
-        bytes += length;
-        return 0;
-    }
-
-    qx_int32_t flush() {
-        if (elements == 0) return 0;
-        qx_int32_t rc =
-            sr_i_writev(fd, vector, elements, static_cast<ssize_t>(batch_bytes), &written);
-        elements = 0;
-        batch_bytes = 0;
-        return rc;
-    }
-};
 
 // A private copy of the source's metadata record, as the file holds it.
 char *metadata_image_of(const sr_i_table_t *p_table) {
@@ -484,8 +447,13 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_memory(sr_i_table_t *p_source,
 }
 
 qx_int32_t sr_i_rename_memory_table(sr_i_table_t *p_table, const char *p_target_path) {
+    // The record itself moves: its openers keep their handles, which now
+    // name the target.  Its name is allocated first so that a failure
+    // leaves the table where it was.
     char *p_name = sr_i_strdup(p_target_path);
     if (p_name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+    (void)sr_i_remove_table(p_table);
+    make_transient(p_table);
     std::free(p_table->p_name);
     p_table->p_name = p_name;
     return 0;
@@ -514,8 +482,9 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_persistent(sr_i_table_t *p_source
     // its first word goes out as 0 without touching the source's record,
     // whose word a later apply of the source still needs.
     static const qx_uint32_t kZero = 0;
-    image_writer_t image{fd, {}};
-    rc = image.add(p_metadata, sr_i_record_length(p_metadata));
+    struct iovec vector[SR_I_IO_VECTOR_SIZE];
+    sr_i_image_writer_t image{fd, vector, 0, 0, 0, 0};
+    rc = sr_i_image_writer_add(&image, p_metadata, sr_i_record_length(p_metadata));
     const qx_uint32_t live = p_source->total_applied_rows > p_source->applied_deletions
                                  ? p_source->total_applied_rows - p_source->applied_deletions
                                  : 0;
@@ -526,16 +495,17 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_persistent(sr_i_table_t *p_source
         const char *p_record = p_data - kHeader;
         const qx_uint32_t length = sr_i_record_length(p_record);
         if (sr_i_record_type(p_record) == SR_I_RECORD_TYPE_ROW && length >= kHeader + 4) {
-            rc = image.add(p_record, kHeader);
-            if (rc == 0) rc = image.add(&kZero, 4);
-            if (rc == 0 && length > kHeader + 4) rc = image.add(p_data + 4, length - kHeader - 4);
+            rc = sr_i_image_writer_add(&image, p_record, kHeader);
+            if (rc == 0) rc = sr_i_image_writer_add(&image, &kZero, 4);
+            if (rc == 0 && length > kHeader + 4)
+                rc = sr_i_image_writer_add(&image, p_data + 4, length - kHeader - 4);
         } else {
-            rc = image.add(p_record, length);
+            rc = sr_i_image_writer_add(&image, p_record, length);
         }
         ++taken;
     }
-    if (rc == 0) rc = image.add(p_commit_record, commit_length);
-    if (rc == 0) rc = image.flush();
+    if (rc == 0) rc = sr_i_image_writer_add(&image, p_commit_record, commit_length);
+    if (rc == 0) rc = sr_i_image_writer_flush(&image);
     std::free(p_commit_record);
     std::free(p_metadata);
     if (rc != 0) {
@@ -684,15 +654,8 @@ qx_int32_t duplicate_to_memory(duplication_t &d, const char *p_source_path_resol
         if (rc != 0) return rc;
         p_new->references = 0;
     } else {
-        // The record itself moves: its openers keep their handles, which now
-        // name the target.  Its name is allocated first so that a failure
-        // leaves the source where it was.
-        char *p_name = sr_i_strdup(p_target_path);
-        if (p_name == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
-        (void)sr_i_remove_table(d.p_source);
-        make_transient(d.p_source);
-        std::free(d.p_source->p_name);
-        d.p_source->p_name = p_name;
+        rc = sr_i_rename_memory_table(d.p_source, p_target_path);
+        if (rc != 0) return rc;
         p_new = d.p_source;
     }
     if (p_target != nullptr) retire_target(d.p_tree, p_target);

@@ -19,6 +19,7 @@
 
 #include "sr_i_files.h"
 #include "sr_i_pool.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_files", "1.1");
 
@@ -235,6 +236,31 @@ qx_int32_t sr_i_writev_at(qx_int32_t fd, struct iovec *io_vector,
                           qx_uint32_t *cumulative_bytes_written, qx_uint64_t offset) {
     return writev_all(fd, io_vector, total_io_vector_elements, total_bytes_to_write,
                       cumulative_bytes_written, static_cast<off64_t>(offset));
+}
+
+qx_int32_t sr_i_image_writer_add(sr_i_image_writer_t *p_writer, const void *p_piece,
+                                 qx_uint32_t length) {
+    if (static_cast<qx_uint64_t>(p_writer->offset) + length > SR_I_LARGEST_FILE_LENGTH) {
+        return SR_ERROR(SR_E_FILESYSTEM_FULL);
+    }
+    struct iovec &element = p_writer->p_vector[p_writer->elements];
+    element.iov_base = const_cast<void *>(p_piece);
+    element.iov_len = length;
+    ++p_writer->elements;
+    p_writer->batch_bytes += length;
+    p_writer->offset += length;
+    return p_writer->elements == SR_I_IO_VECTOR_SIZE ? sr_i_image_writer_flush(p_writer) : 0;
+}
+
+qx_int32_t sr_i_image_writer_flush(sr_i_image_writer_t *p_writer) {
+    if (p_writer->elements == 0) return 0;
+    // The batch lands where its first piece belongs.
+    qx_int32_t rc = sr_i_writev_at(p_writer->fd, p_writer->p_vector, p_writer->elements,
+                                   static_cast<ssize_t>(p_writer->batch_bytes), &p_writer->written,
+                                   p_writer->offset - p_writer->batch_bytes);
+    p_writer->elements = 0;
+    p_writer->batch_bytes = 0;
+    return rc;
 }
 
 qx_int32_t sr_i_fdatasync(qx_int32_t fd) {

@@ -14,10 +14,10 @@
 /* --- registry paths (sr_i_paths.cpp) --- */
 
 /* Longest registry path accepted, in bytes. */
-#define SR_I_MAX_PATH_LENGTH 255
+constexpr auto SR_I_MAX_PATH_LENGTH = 255;
 /* Bytes beyond the file path that a resolved path buffer always has, so a
  * suffix such as ".rewrite" can be appended in place. */
-#define SR_I_PATH_SLACK 32
+constexpr auto SR_I_PATH_SLACK = 32;
 
 /* 0, or 102 (reported, with the path or "<NULL POINTER>"). */
 qx_int32_t sr_i_check_path_syntax(qx_char_ptr_t p_path);
@@ -34,7 +34,7 @@ qx_int32_t sr_i_create_all_directories_in_path(qx_char_ptr_t p_path);
 /* --- mount points (sr_i_paths.cpp) --- */
 
 /* Mount block size handed to the table code through path resolution. */
-#define SR_I_MOUNT_BLOCK_SIZE 512
+constexpr auto SR_I_MOUNT_BLOCK_SIZE = 512;
 
 /* The work of sr_mount_local_tree_1; caller holds ForkMutex and the tree's
  * write lock.  0, 102, 201, 207, 10, 12 or 13; the tree is unchanged on
@@ -49,8 +49,8 @@ qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry
 
 /* An interrupted call is retried after SR_I_RETRY_INTERVAL microseconds, at
  * most SR_I_RETRY_LIMIT times. */
-#define SR_I_RETRY_LIMIT 100
-#define SR_I_RETRY_INTERVAL 10000
+constexpr auto SR_I_RETRY_LIMIT = 100;
+constexpr auto SR_I_RETRY_INTERVAL = 10000;
 
 /* The system calls under the file primitives.  The defaults are the real
  * calls; tests swap entries (with no primitive running) to inject EINTR,
@@ -97,6 +97,29 @@ qx_int32_t sr_i_write_at(qx_int32_t fd, void *p_buffer, size_t total_bytes_to_wr
 qx_int32_t sr_i_writev_at(qx_int32_t fd, struct iovec *io_vector,
                           qx_uint32_t total_io_vector_elements, ssize_t total_bytes_to_write,
                           qx_uint32_t *cumulative_bytes_written, qx_uint64_t offset);
+/* The reader refuses table files this close to 4 GiB (offsets are 32-bit and
+ * its read guess adds a page), so no writer makes one. */
+constexpr qx_uint64_t SR_I_LARGEST_FILE_LENGTH = UINT32_MAX - 4 * 4096;
+/* The records of one apply or file image on their way to the file: pieces
+ * are queued in p_vector (SR_I_IO_VECTOR_SIZE entries, straight from where
+ * they lie, no copy) and written with one writev per full vector.  `offset`
+ * is the file offset the next piece lands at; `written` counts every byte
+ * that reached the file, also before a failure.  Start one as
+ * {fd, vector, first offset}. */
+typedef struct {
+    qx_int32_t fd;
+    struct iovec *p_vector;
+    qx_uint32_t offset;
+    qx_uint32_t elements;
+    qx_uint64_t batch_bytes;
+    qx_uint32_t written;
+} sr_i_image_writer_t;
+/* Queues a piece; writes the vector when it is full.  13 when the file would
+ * grow past SR_I_LARGEST_FILE_LENGTH; else 0 or what sr_i_writev returns. */
+qx_int32_t sr_i_image_writer_add(sr_i_image_writer_t *p_writer, const void *p_piece,
+                                 qx_uint32_t length);
+/* Writes what is queued.  0 or what sr_i_writev returns. */
+qx_int32_t sr_i_image_writer_flush(sr_i_image_writer_t *p_writer);
 /* fdatasync(2); every failure is first captured in "reginfo_pid.<pid>".
  * 0, 10, 13 or 206. */
 qx_int32_t sr_i_fdatasync(qx_int32_t fd);

@@ -6,11 +6,21 @@
 #define SR_I_FRAME_H
 
 #include <initializer_list>
+#include <type_traits>
 
 #include "sr_i_table.h"
 
-/* Which lock an exported operation takes around its work. */
-enum class sr_i_lock_kind { none, table_read, table_write, tree_read, tree_write };
+/* Which lock an exported operation takes around its work.  tree_of_table_write
+ * is the write lock of the tree a table handle belongs to (none for a table
+ * outside any tree). */
+enum class sr_i_lock_kind {
+    none,
+    table_read,
+    table_write,
+    tree_read,
+    tree_write,
+    tree_of_table_write
+};
 
 struct sr_i_frame_t {
     const char *p_function = nullptr;           /* the exported operation, for error reports */
@@ -19,6 +29,7 @@ struct sr_i_frame_t {
     sr_i_lock_kind lock = sr_i_lock_kind::none; /* lock taken on the handle's object */
     bool write_mode = false;                    /* refuse a table without mode & 2 (206) */
     bool implicit = false;                      /* apply and commit an implicit table */
+    bool library_start = false;                 /* the library's one-time start-up first */
 };
 
 /* The frame of a row or application-metadata update: ForkMutex and the
@@ -36,8 +47,8 @@ constexpr sr_i_frame_t sr_i_update_frame(const char *p_function, qx_uint32_t ent
 /* The pointer arguments a call requires (101 when one is NULL): each of
  * `pointers`, and, when `count` is not 0, each array of `arrays` and its
  * first `count` entries (pointers themselves: names, value pointers) and
- * each array of `paths` (whose entries are registry paths: a NULL one is
- * the path check's to report, as 102). */
+ * each array of `paths` (whose entries the call checks itself: a NULL
+ * registry path is the path check's to report, as 102, a NULL handle 100). */
 struct sr_i_required_t {
     std::initializer_list<const void *> pointers = {};
     std::initializer_list<const void *> arrays = {};
@@ -77,6 +88,22 @@ qx_int32_t sr_i_trace_exit(qx_uint32_t entry_id, qx_int32_t result);
 void sr_i_fork_mutex_lock();
 void sr_i_fork_mutex_unlock();
 
+/* The lock `frame` takes on p_object, or NULL for none. */
+template <typename Object>
+sr_i_read_write_lock_t *sr_i_frame_lock(const sr_i_frame_t &frame, Object *p_object) {
+    if (frame.lock == sr_i_lock_kind::none) return nullptr;
+    if constexpr (requires { p_object->p_tree->lock; }) {
+        if (frame.lock == sr_i_lock_kind::tree_of_table_write) {
+            return p_object->p_tree != nullptr ? &p_object->p_tree->lock : nullptr;
+        }
+    }
+    if constexpr (requires { p_object->lock; }) {
+        return &p_object->lock;
+    } else {
+        return nullptr;
+    }
+}
+
 /*
  * The frame every exported operation runs in: trace entry, ForkMutex for
  * state-changing operations, the handle check (100), the required pointers
@@ -84,27 +111,33 @@ void sr_i_fork_mutex_unlock();
  * the implicit apply/commit/abort, release in reverse order, error clearing
  * on success, trace exit.
  *
- * `Object` is sr_i_table_t or sr_i_tree_t; `work` is called with the object
- * and returns a result code.  `source` is the calling sr_x_ file's
- * sr_i_this_source, so that 100, 101 and 206 are reported against it.
+ * `Object` is sr_i_table_t or sr_i_tree_t, the type an out-pointer handle
+ * points to (a NULL one is 100 too), or void for a call without a handle;
+ * `work` is called with the object and returns a result code.  `source` is
+ * the calling sr_x_ file's sr_i_this_source, so that 100, 101 and 206 are
+ * reported against it.
  */
 template <typename Object, typename Work>
 qx_int32_t sr_i_api_call(const sr_i_source_t &source, const sr_i_frame_t &frame, void *handle,
                          const sr_i_required_t &required, Work &&work) {
     sr_i_trace_entry(frame.entry_id);
+    if (frame.library_start) sr_i_library_once();
     if (frame.api_mutex) sr_i_fork_mutex_lock();
     qx_int32_t rc = 0;
     Object *p_object = static_cast<Object *>(handle);
-    if (p_object == nullptr) {
+    bool handle_missing = false;
+    if constexpr (!std::is_void_v<Object>) handle_missing = p_object == nullptr;
+    if (handle_missing) {
         rc = sr_i_set_error(source, frame.p_function, __LINE__, SR_E_INVALID_HANDLE);
     } else if (!sr_i_required_present(required)) {
         rc = sr_i_set_error(source, frame.p_function, __LINE__, SR_E_NULL_POINTER);
     } else {
-        sr_i_read_write_lock_t *p_lock = &p_object->lock;
-        bool write_lock =
-            frame.lock == sr_i_lock_kind::table_write || frame.lock == sr_i_lock_kind::tree_write;
+        sr_i_read_write_lock_t *p_lock = sr_i_frame_lock(frame, p_object);
+        bool write_lock = frame.lock == sr_i_lock_kind::table_write ||
+                          frame.lock == sr_i_lock_kind::tree_write ||
+                          frame.lock == sr_i_lock_kind::tree_of_table_write;
         bool locked = false;
-        if (frame.lock != sr_i_lock_kind::none) {
+        if (p_lock != nullptr) {
             rc = write_lock ? sr_i_rw_lock_write(p_lock) : sr_i_rw_lock_read(p_lock);
             locked = rc == 0;
         }

@@ -54,13 +54,6 @@ qx_int32_t read_column(const sr_i_table_t *p_table, char *p_record, qx_uint32_t 
     return 0;
 }
 
-qx_int32_t packed_to_fixed(const sr_i_table_t *p_table, qx_uint32_t row_index,
-                           qx_uint32_t *p_fixed_row_index) {
-    if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
-    *p_fixed_row_index = p_table->p_rows_packed_index[row_index];
-    return 0;
-}
-
 }  // namespace
 
 qx_int32_t sr_i_compare_values(qx_value_t *p_value, const qx_pmsg_value_t *p_pmsg_value,
@@ -151,7 +144,7 @@ qx_int32_t sr_i_get_value_for_packed_index(sr_i_table_t *p_table, qx_uint32_t ro
                                            qx_uint32_t uncommitted_updates_visible,
                                            sr_row_state_t *p_row_state) {
     qx_uint32_t fixed = 0;
-    qx_int32_t rc = packed_to_fixed(p_table, row_index, &fixed);
+    qx_int32_t rc = sr_i_fixed_row_index_for_packed_index(p_table, row_index, &fixed);
     if (rc != 0) return rc;
     return sr_i_get_value_for_fixed_index(p_table, fixed, p_column_name, p_value,
                                           uncommitted_updates_visible, p_row_state);
@@ -163,7 +156,7 @@ qx_int32_t sr_i_get_values_for_packed_index(sr_i_table_t *p_table, qx_uint32_t r
                                             qx_uint32_t uncommitted_updates_visible,
                                             sr_row_state_t *p_row_state) {
     qx_uint32_t fixed = 0;
-    qx_int32_t rc = packed_to_fixed(p_table, row_index, &fixed);
+    qx_int32_t rc = sr_i_fixed_row_index_for_packed_index(p_table, row_index, &fixed);
     if (rc != 0) return rc;
     return sr_i_get_values_for_fixed_index(p_table, fixed, p_column_names, p_values, total_values,
                                            uncommitted_updates_visible, p_row_state);
@@ -190,6 +183,13 @@ qx_int32_t sr_i_get_values_for_key(sr_i_table_t *p_table, qx_value_t row_key,
     if (rc != 0) return rc;
     return sr_i_get_values_for_fixed_index(p_table, fixed, p_column_names, p_values, total_values,
                                            uncommitted_updates_visible, p_row_state);
+}
+
+qx_int32_t sr_i_fixed_row_index_for_packed_index(const sr_i_table_t *p_table, qx_uint32_t row_index,
+                                                 qx_uint32_t *p_fixed_row_index) {
+    if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
+    *p_fixed_row_index = p_table->p_rows_packed_index[row_index];
+    return 0;
 }
 
 qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t row_key,

@@ -27,7 +27,7 @@ typedef struct sr_hash_table_struct_t {
 } sr_hash_table_t;
 
 /* Buckets of the default index. */
-#define SR_I_DEFAULT_HASH_BUCKETS 16384
+constexpr auto SR_I_DEFAULT_HASH_BUCKETS = 16384;
 
 /* The default hash: the word at byte 16 of the key (a resource handle's
  * fourth identifier word), low 14 bits. */

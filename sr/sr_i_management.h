@@ -12,7 +12,7 @@
 /* --- listing (sr_i_list_tables.cpp) --- */
 
 /* Initial capacity of a listing and the step it grows by. */
-#define SR_I_LIST_STEP 100
+constexpr auto SR_I_LIST_STEP = 100;
 
 /* The names under p_registry_path in a malloc'd array of malloc'd names
  * (released with sr_free_table_list_1): files of the mount point's directory
@@ -53,7 +53,10 @@ qx_int32_t sr_i_duplicate_table_from_memory_to_persistent(sr_i_table_t *p_source
 qx_int32_t sr_i_duplicate_table_from_persistent_to_persistent(const char *p_source_file,
                                                               char *p_target_rewrite_path,
                                                               const char *p_target_file);
-qx_int32_t sr_i_rename_memory_table(sr_i_table_t *p_table, const char *p_target_path);
+/* Moves an open record to p_target_path: it leaves the tree's set (its file,
+ * if any, removed) and becomes a transient table of the new name.  0 or 12,
+ * with the record untouched on failure. */
+
 qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p_target_file);
 /* Unlinks a persistent table's files and takes the record out of its tree's
  * set; the record itself is not freed. */

@@ -14,8 +14,8 @@
 
 #include "sr_i_table.h"
 
-#define SR_I_PACKED_HEAD_LENGTH 40
-#define SR_I_PACKED_TABLE_SLOTS_LENGTH 32
+constexpr auto SR_I_PACKED_HEAD_LENGTH = 40;
+constexpr auto SR_I_PACKED_TABLE_SLOTS_LENGTH = 32;
 
 /* The fixed metadata of a table (name, rows of the view, columns, change
  * counter, 0) as one malloc'd structured-data value whose text points into

@@ -8,10 +8,10 @@
 #include "sr_i_common.h"
 
 /* Record header of the pool and of the table file: 12 bytes, host order. */
-#define SR_I_RECORD_HEADER_LENGTH 12
-#define SR_I_RECORD_TYPE_FREE 0
-#define SR_I_RECORD_TYPE_METADATA 1
-#define SR_I_RECORD_TYPE_ROW 2
+constexpr auto SR_I_RECORD_HEADER_LENGTH = 12;
+constexpr auto SR_I_RECORD_TYPE_FREE = 0;
+constexpr auto SR_I_RECORD_TYPE_METADATA = 1;
+constexpr auto SR_I_RECORD_TYPE_ROW = 2;
 
 typedef struct sr_i_record_buffer_struct_t sr_i_record_buffer_t;
 
@@ -50,7 +50,7 @@ typedef struct sr_i_record_buffer_slot_struct_t {
     qx_uint32_t group_max_free; /* first slot of each SR_I_RECORD_BUFFER_GROUP slots:
                                    no max_free of the group is larger */
 } sr_i_record_buffer_slot_t;
-#define SR_I_RECORD_BUFFER_GROUP 64
+constexpr auto SR_I_RECORD_BUFFER_GROUP = 64;
 
 struct sr_i_record_buffer_struct_t {
     sr_i_record_buffer_t *p_next; /* next buffer in order of creation */
@@ -65,7 +65,7 @@ struct sr_i_record_buffer_struct_t {
 };
 
 /* Accounted size of a buffer header. */
-#define SR_I_RECORD_BUFFER_HEADER_LENGTH 8
+constexpr auto SR_I_RECORD_BUFFER_HEADER_LENGTH = 8;
 
 static inline char *sr_i_rb_buffer_data(sr_i_record_buffer_t *p_buffer) {
     return reinterpret_cast<char *>(p_buffer) + sizeof(sr_i_record_buffer_t);
@@ -134,11 +134,6 @@ qx_int32_t sr_i_rb_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, 
 qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool,
                                        char *p_new_free_record,
                                        char **p_previous_free_record_returned);
-/* The free record after p_free_record (a header address) on the chain, or
- * NULL; start from p_free_chain.  Link words are not addresses: walk the chain
- * only with this. */
-char *sr_i_rb_next_free_record(const sr_i_record_buffer_pool_t *p_record_buffer_pool,
-                               const char *p_free_record);
 /* Copies p_from into one buffer in p_to (which must be empty) and returns a
  * map from addresses in p_from to their copies; free it with
  * sr_i_rb_free_duplication_map.  12 on memory, with nothing left allocated. */

@@ -17,7 +17,7 @@
  * announces itself in `writers` and waits for the shards to sum to zero.
  * The lock has no owner, so a release may land on another shard than its
  * acquire: a shard may go negative, only the sum means anything. */
-#define SR_I_RW_SHARDS 8
+constexpr auto SR_I_RW_SHARDS = 8;
 typedef struct sr_i_read_write_shard_struct_t {
     std::atomic<qx_int32_t> readers;
     char padding[64 - sizeof(std::atomic<qx_int32_t>)];

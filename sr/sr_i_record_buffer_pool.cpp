@@ -834,17 +834,6 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
     return freed;
 }
 
-char *sr_i_rb_next_free_record(const sr_i_record_buffer_pool_t *p_record_buffer_pool,
-                               const char *p_free_record) {
-    qx_int64_t index = directory_index_of(p_record_buffer_pool, p_free_record);
-    if (index < 0) return nullptr;
-    buffer_t *p_buffer = directory_owner(p_record_buffer_pool)->p_directory[index].p_buffer;
-    if (block_offset_of(p_buffer, p_free_record) != p_buffer->last_free) {
-        return record_at(p_buffer, sr_i_record_link(p_free_record));
-    }
-    return first_free_record_from(p_record_buffer_pool, index + 1);
-}
-
 qx_int32_t sr_i_rb_free_record(sr_i_record_buffer_pool_t *p_record_buffer_pool, char *p_data) {
     if (p_record_buffer_pool == nullptr || p_data == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     char *p_record = p_data - kHeader;

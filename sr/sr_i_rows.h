@@ -35,6 +35,26 @@ void sr_i_column_default(const sr_i_table_t *p_table, qx_uint32_t column, qx_val
 qx_int32_t sr_i_place_indirect_bytes(char *p_slot, char *p_indirect_data, qx_uint32_t room,
                                      qx_uint32_t *p_running_offset, const char *p_bytes,
                                      qx_uint32_t length);
+/* What sr_i_build_row_record built: the record (found, not yet taken), its
+ * predecessor on the pool's free chain, the bytes used (header word, slots and
+ * indirect data) and how many caller values were used. */
+typedef struct {
+    char *p_record;
+    char *p_previous;
+    qx_uint32_t used_length;
+    qx_uint32_t values_used;
+} sr_i_row_build_t;
+/* Builds a row record from the caller's named values in a free pool record of
+ * at least `length` bytes, growing and retrying the same column when room runs
+ * short.  Columns left out take their default when adding (p_current NULL; the
+ * key column left out: 107), and when setting the current record's value
+ * (header and slots copied from p_current) unless the column is reset to its
+ * default when unspecified; naming a protected column in a set: 105.  *p_key,
+ * when given, receives the key column's value.  Allocates nothing. */
+qx_int32_t sr_i_build_row_record(sr_i_table_t *p_table, char *p_current,
+                                 qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
+                                 qx_uint32_t total_values, qx_uint32_t length,
+                                 sr_i_row_build_t *p_build, qx_value_t *p_key);
 /* Gives a row record back to the pool, first releasing the client values that
  * readers were handed from its slots.  A NULL record is the pool's to refuse. */
 qx_int32_t sr_i_free_row_record(sr_i_table_t *p_table, char *p_record_data);
@@ -110,6 +130,9 @@ qx_int32_t sr_i_get_values_for_key(sr_i_table_t *p_table, qx_value_t row_key,
                                    qx_uint32_t total_values,
                                    qx_uint32_t uncommitted_updates_visible,
                                    sr_row_state_t *p_row_state);
+/* The fixed index of the row at packed index row_index; 203 when there is none. */
+qx_int32_t sr_i_fixed_row_index_for_packed_index(const sr_i_table_t *p_table, qx_uint32_t row_index,
+                                                 qx_uint32_t *p_fixed_row_index);
 /* By the hashed key index when there is one, else by a linear walk of the
  * packed index over committed keys first (visibility plays no part); 202. */
 qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t row_key,

@@ -37,7 +37,7 @@ typedef struct sr_i_change_entry_struct_t {
 } sr_i_change_entry_t;
 
 /* Gather writes of apply: at most this many records per writev. */
-#define SR_I_IO_VECTOR_SIZE 16
+constexpr auto SR_I_IO_VECTOR_SIZE = 16;
 
 /* One open table, shared by every open of it through one tree. */
 typedef struct sr_i_table_struct {
@@ -100,11 +100,11 @@ typedef struct sr_i_table_struct {
 /* --- table file records --- */
 
 /* Record types that exist only in the table file (the pool knows 0, 1, 2). */
-#define SR_I_RECORD_TYPE_DELETION 3
-#define SR_I_RECORD_TYPE_COMMIT (-1)
+constexpr auto SR_I_RECORD_TYPE_DELETION = 3;
+constexpr auto SR_I_RECORD_TYPE_COMMIT = -1;
 
 /* Length of a commit record without application metadata. */
-#define SR_I_COMMIT_RECORD_LENGTH 24
+constexpr auto SR_I_COMMIT_RECORD_LENGTH = 24;
 
 /* The metadata record's data, the same bytes in the pool and in the file on
  * every host: byte-order flag, 0, total_columns and
@@ -115,14 +115,14 @@ typedef struct sr_i_table_struct {
  * padding, the default's 8-byte value slot at 24; offsets count from the
  * start of the indirect data area.  The record lies at any alignment and is
  * read and written with memcpy only. */
-#define SR_I_METADATA_FIXED_LENGTH 16
-#define SR_I_COLUMN_ENTRY_LENGTH 32
-#define SR_I_COLUMN_ENTRY_NAME 0
-#define SR_I_COLUMN_ENTRY_TYPE 4
-#define SR_I_COLUMN_ENTRY_QUALIFIER 8
-#define SR_I_COLUMN_ENTRY_PROPERTIES 12
-#define SR_I_COLUMN_ENTRY_SD_DEFN 16
-#define SR_I_COLUMN_ENTRY_DEFAULT 24
+constexpr auto SR_I_METADATA_FIXED_LENGTH = 16;
+constexpr auto SR_I_COLUMN_ENTRY_LENGTH = 32;
+constexpr auto SR_I_COLUMN_ENTRY_NAME = 0;
+constexpr auto SR_I_COLUMN_ENTRY_TYPE = 4;
+constexpr auto SR_I_COLUMN_ENTRY_QUALIFIER = 8;
+constexpr auto SR_I_COLUMN_ENTRY_PROPERTIES = 12;
+constexpr auto SR_I_COLUMN_ENTRY_SD_DEFN = 16;
+constexpr auto SR_I_COLUMN_ENTRY_DEFAULT = 24;
 
 inline char *sr_i_column_entry(char *p_metadata_record_data, qx_uint32_t column) {
     return p_metadata_record_data + SR_I_METADATA_FIXED_LENGTH +
@@ -140,9 +140,8 @@ inline char *sr_i_metadata_indirect_area(char *p_metadata_record_data, qx_uint32
  * types).  Rebuilt from the record whenever the record moves or changes; 12
  * on memory, the old copy kept. */
 qx_int32_t sr_i_load_columns(sr_i_table_t *p_table);
-/* Change one column's qualifier or default slot in the record and the copy. */
+/* Change one column's qualifier in the record and the copy. */
 void sr_i_set_column_qualifier(sr_i_table_t *p_table, qx_uint32_t column, sr_qualifier_t qualifier);
-void sr_i_set_column_default(sr_i_table_t *p_table, qx_uint32_t column, const qx_value_t &value);
 
 /* A copy of a column definition of a table's p_columns. */
 inline sr_column_t sr_i_load_column(const sr_column_t *p_column) {

@@ -7,10 +7,29 @@
 #ifndef SR_I_TRANSACTION_H
 #define SR_I_TRANSACTION_H
 
+#include "sr_i_files.h"
 #include "sr_i_table.h"
 
+/* Reports failures as one routine's own, whichever of its helpers detects
+ * them: apply and commit each name themselves in every error they report.
+ * The line reported is the caller's. */
+struct sr_i_reporter_t {
+    const sr_i_source_t &source;
+    const char *p_function;
+
+    qx_int32_t error(qx_int32_t code, int line = __builtin_LINE()) const {
+        return sr_i_set_error(source, p_function, line, code);
+    }
+    qx_int32_t syscall(const char *p_call, int the_errno, int line = __builtin_LINE()) const {
+        return sr_i_set_error(source, p_function, line, SR_E_SYSTEM_CALL, p_call, the_errno);
+    }
+    qx_int32_t file(const char *p_call, int the_errno, int line = __builtin_LINE()) const {
+        return sr_i_set_file_error(source, p_function, line, p_call, the_errno, false);
+    }
+};
+
 /* Size above which a table file may be rewritten instead of appended to. */
-#define SR_I_REWRITE_MINIMUM_FILE_LENGTH 16384
+constexpr auto SR_I_REWRITE_MINIMUM_FILE_LENGTH = 16384;
 
 /* Whether the next apply should write a complete new file: the file is
  * longer than 16 KiB and less than half of it is live data (32-bit

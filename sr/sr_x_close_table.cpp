@@ -37,24 +37,18 @@ void close_table(sr_i_tree_t *p_tree, sr_i_table_t *p_table) {
 }  // namespace
 
 extern "C" qx_int32_t sr_close_table_1(sr_opaque_handle_t table_handle) {
-    // The lock taken is the tree's, reached through the table handle, which
-    // the common frame does not express; the steps are the frame's.
-    constexpr qx_uint32_t kEntry = 13;
-    sr_i_trace_entry(kEntry);
-    auto *p_table = static_cast<sr_i_table_t *>(table_handle);
-    qx_int32_t rc = 0;
-    if (p_table == nullptr) {
-        rc = SR_ERROR(SR_E_INVALID_HANDLE);
-    } else if (p_table->p_tree == nullptr) {
-        sr_i_close_table(p_table);
-    } else {
-        sr_i_tree_t *p_tree = p_table->p_tree;
-        rc = sr_i_rw_lock_write(&p_tree->lock);
-        if (rc == 0) {
-            close_table(p_tree, p_table);
-            rc = sr_i_rw_unlock_write(&p_tree->lock);
-        }
-    }
-    if (rc == 0) cu_set_no_error_1();
-    return sr_i_trace_exit(kEntry, rc);
+    // The lock taken is the tree's, reached through the table handle; no
+    // ForkMutex.
+    static constexpr sr_i_frame_t kFrame{.p_function = "sr_close_table_1",
+                                         .entry_id = 13,
+                                         .lock = sr_i_lock_kind::tree_of_table_write};
+    return sr_i_api_call<sr_i_table_t>(sr_i_this_source, kFrame, table_handle,
+                                       [&](sr_i_table_t *p_table) -> qx_int32_t {
+                                           if (p_table->p_tree == nullptr) {
+                                               sr_i_close_table(p_table);
+                                           } else {
+                                               close_table(p_table->p_tree, p_table);
+                                           }
+                                           return 0;
+                                       });
 }

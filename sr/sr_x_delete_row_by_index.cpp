@@ -9,11 +9,11 @@ extern "C" qx_int32_t sr_delete_row_by_index_1(sr_opaque_handle_t table_handle,
     static constexpr sr_i_frame_t kFrame = sr_i_update_frame("sr_delete_row_by_index_1", 29);
     return sr_i_api_call<sr_i_table_t>(
         sr_i_this_source, kFrame, table_handle, [&](sr_i_table_t *p_table) -> qx_int32_t {
-            if (row_index >= p_table->total_applied_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
+            qx_uint32_t fixed = 0;
+            qx_int32_t rc = sr_i_fixed_row_index_for_packed_index(p_table, row_index, &fixed);
+            if (rc != 0) return rc;
             // Neither a pending apply nor an earlier deletion of the row is
             // looked at here; sr_i_delete_row refuses the missing record.
-            sr_i_index_entry_t *p_entry =
-                &p_table->p_rows_fixed_index[p_table->p_rows_packed_index[row_index]];
-            return sr_i_delete_row(p_table, p_entry);
+            return sr_i_delete_row(p_table, &p_table->p_rows_fixed_index[fixed]);
         });
 }
