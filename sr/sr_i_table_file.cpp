@@ -1072,7 +1072,7 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     qx_uint32_t used = 0;
     key_index_builder_t builder{p_new->p_rows_hash_table, p_new->p_rows_fixed_index,
                                 p_new->p_columns != nullptr ? p_new->p_columns[0].qualifier : 0};
-    if (!builder.given_up) {
+    if (rc == 0 && !builder.given_up) {
         // Every row record the file can hold, as for the row index.
         rc = sr_i_hash_table_reserve(p_new->p_rows_hash_table, p_new->maximum_rows);
     }
