@@ -18,8 +18,11 @@
 
 #include <cstdint>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 #include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_abort", "1.1");

@@ -22,6 +22,8 @@
 #include <cstdlib>
 
 #include "sr_i_files.h"
+#include "sr_i_pool.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 

@@ -19,8 +19,12 @@
 
 #include <cstdint>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 

@@ -17,9 +17,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_create_table", "1.1");
 

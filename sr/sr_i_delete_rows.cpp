@@ -2,8 +2,10 @@
 // working version is dropped and the row moves to the deleted-rows list; the
 // committed version, its slot and its packed position stay until commit or
 // abort, so readers of committed data still see the row meanwhile.
+#include "sr_i_hash_table.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_delete_rows", "1.1");
 

@@ -7,7 +7,10 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_get_values", "1.1");
 

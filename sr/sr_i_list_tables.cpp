@@ -13,6 +13,9 @@
 
 #include "sr_i_files.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_list_tables", "1.1");
 

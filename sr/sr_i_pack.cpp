@@ -27,7 +27,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_hash_table.h"
 #include "sr_i_pack.h"
+#include "sr_i_pool.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_pack", "1.1");
 

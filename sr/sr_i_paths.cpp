@@ -15,6 +15,7 @@
 
 #include "sr_i_files.h"
 #include "sr_i_pool.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_paths", "1.1");
 

@@ -10,6 +10,7 @@
 
 #include "sr_i_files.h"
 #include "sr_i_management.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_repair", "1.1");
 

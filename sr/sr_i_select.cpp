@@ -9,8 +9,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_select", "1.1");
 

@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_set_values", "1.1");
 

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_table_metadata", "1.1");
 

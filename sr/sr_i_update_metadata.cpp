@@ -15,9 +15,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 

@@ -5,6 +5,9 @@
 #include <search.h>
 
 #include "sr_i_frame.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_close_table", "1.1");
 

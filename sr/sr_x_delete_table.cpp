@@ -10,6 +10,8 @@
 
 #include "sr_i_files.h"
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_table", "1.1");
 
