@@ -130,7 +130,7 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
         return TX_ERROR(SR_E_NO_MEMORY);
     }
     sr_i_test_pause("rewrite-before-rename");
-    if (sr_i_file_ops.p_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
+    if (sr_i_sys_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
         int err = errno;
         free(p_rewrite_path);
         sr_i_discard_rewrite_file(p_table);

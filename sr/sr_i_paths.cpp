@@ -87,13 +87,13 @@ qx_int32_t sr_i_create_all_directories_in_path(qx_char_ptr_t p_path) {
     for (char *p_slash = strchr(p_path + (p_path[0] != '\0' ? 1 : 0), '/'); p_slash != nullptr;
          p_slash = strchr(p_slash + 1, '/')) {
         *p_slash = '\0';
-        int result = sr_i_file_ops.p_mkdir(p_path, 0755);
+        int result = sr_i_sys_mkdir(p_path, 0755);
         int the_errno = errno;
         *p_slash = '/';
         if (result != 0 && the_errno == ENOSPC) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (result != 0 && the_errno != EEXIST) return SR_ERROR_SYSCALL("mkdir", the_errno);
     }
-    if (sr_i_file_ops.p_mkdir(p_path, 0755) != 0) {
+    if (sr_i_sys_mkdir(p_path, 0755) != 0) {
         int the_errno = errno;
         if (the_errno == ENOSPC) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (the_errno != EEXIST) return SR_ERROR_SYSCALL("mkdir", the_errno);

@@ -28,7 +28,7 @@ qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
         // The resolved path has room for the suffix.  A missing rewrite file
         // is the normal case and no error.
         std::strcat(p_file, ".rewrite");
-        if (sr_i_file_ops.p_unlink(p_file) == 0) (void)sr_i_sync_directory_of(p_file);
+        if (sr_i_sys_unlink(p_file) == 0) (void)sr_i_sync_directory_of(p_file);
         std::free(p_file);
     }
     return 0;
