@@ -212,6 +212,7 @@ void retire_target(sr_i_tree_t *p_tree, sr_i_table_t *p_target) {
 // record, whose handles then see the new contents.  Caller holds the tree's
 // write lock.
 qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_target->p_tree->lock);
     sr_hash_table_t *p_hash_table = nullptr;
     if (p_target->p_rows_hash_table != nullptr) {
         // A hashed target is refreshed whatever happened before: the index's

@@ -27,6 +27,8 @@ namespace {
 // access (which takes the file lock) and the fresh contents go into the
 // shared record.  Caller holds the tree's and the table's write locks.
 qx_int32_t reload_for_write(sr_i_table_t *p_table, qx_uint32_t mode) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->p_tree->lock);
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     sr_hash_table_t *p_hash_table = nullptr;
     if (p_table->p_rows_hash_table != nullptr) {
         const sr_hash_table_t *p_old = p_table->p_rows_hash_table;

@@ -15,6 +15,7 @@
 
 #include "sr_i_files.h"
 #include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_paths", "1.1");
@@ -113,6 +114,7 @@ void sr_i_free_mount_point(sr_i_mount_point_t *p_mount) {
 
 qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
                                  const char *p_filesystem_path) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     qx_char_ptr_t p_resolved = nullptr;
     qx_uint32_t block_size = 0;
     qx_int32_t rc = sr_i_resolve_path(p_tree, p_registry_path, &p_resolved, &block_size);
@@ -167,6 +169,7 @@ qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_p
 }
 
 qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     if (p_tree->p_mount_points == nullptr) return SR_ERROR(SR_E_NO_MOUNT_POINT);
     qx_char_ptr_t p_resolved = nullptr;
     qx_uint32_t block_size = 0;

@@ -10,12 +10,14 @@
 
 #include "sr_i_files.h"
 #include "sr_i_management.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_repair", "1.1");
 
 qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
                               qx_uint32_t array_count) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     if (array_count == 0) return 0;
     if (p_table_names == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     for (qx_uint32_t i = 0; i < array_count; ++i) {

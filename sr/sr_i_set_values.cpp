@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
 #include "sr_i_table.h"
 
@@ -36,6 +37,7 @@ qx_uint32_t grown(qx_uint32_t length, qx_uint32_t more) {
 qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fixed_row_index,
                                            qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
                                            qx_uint32_t total_values) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
     if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[fixed_row_index];
