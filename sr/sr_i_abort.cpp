@@ -18,8 +18,11 @@
 
 #include <cstdint>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 #include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_i_abort", "1.1");
@@ -103,14 +106,14 @@ qx_int32_t sr_i_abort(sr_i_table_t *p_table) {
         if (p_table->ready_for_commit == 2) {
             sr_i_close_data_file(p_table->rewrite_file_fd);
             p_table->rewrite_file_fd = -1;
-            sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
+            sr_i_sys_unlink(sr_i_set_rewrite_path(p_table));
             sr_i_set_data_path(p_table);
             p_table->rewrite_file_length = 0;
         } else if (p_table->ready_for_commit == 1 && restore_switch(p_table)) {
             trace_abort(kTruncate, p_table);
             // file_length keeps its larger value: it only ever grows, and the
             // next apply writes from the committed end whatever it says.
-            if (sr_i_file_ops.p_ftruncate(p_table->file_fd,
+            if (sr_i_sys_ftruncate(p_table->file_fd,
                                           static_cast<off_t>(p_table->commit_record_offset) +
                                               p_table->commit_record_length) != 0) {
                 // Ignored: see the file comment.

@@ -12,7 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_add_row", "1.1");
 

@@ -1,8 +1,14 @@
 // The registry's one door to the heap.  Every allocation the registry makes
-// goes through sr_i_malloc, sr_i_calloc or sr_i_realloc, so that a test can
-// make exactly one of them fail and then check that the operation reported
-// 12 and left its structure as it was.  Memory from here is ordinary malloc
-// memory: it is released with free(), by the registry and by its callers.
+// goes through sr_i_malloc, sr_i_calloc or sr_i_realloc.  Memory from here is
+// ordinary malloc memory: it is released with free(), by the registry and by
+// its callers.
+//
+// This file is compiled twice.  The shared library, which is what gets
+// installed, calls the heap directly.  The static archive the tests link is
+// built with QX_TEST_SEAMS and adds two test devices: a countdown that makes
+// exactly one allocation fail, so that a test can check that the operation
+// reported 12 and left its structure as it was, and reallocations that always
+// move their block.
 #include <malloc.h>
 
 #include <atomic>
@@ -12,6 +18,8 @@
 #include "sr_i_pool.h"
 
 SR_SOURCE_FILE("sr/sr_i_alloc", "1.1");
+
+#if defined(QX_TEST_SEAMS)
 
 namespace {
 
@@ -30,7 +38,43 @@ bool alloc_should_fail() {
 // pointers into a moved array are fixed up whatever the heap would have done.
 std::atomic<bool> Realloc_Moves{false};
 
+// A reallocation that always moves the block.
+void *moving_realloc(void *p_memory, size_t size) {
+    void *p_moved = std::malloc(size);
+    if (p_moved == nullptr) return nullptr;
+    const size_t old_size = malloc_usable_size(p_memory);
+    std::memcpy(p_moved, p_memory, old_size < size ? old_size : size);
+    std::free(p_memory);
+    return p_moved;
+}
+
 }  // namespace
+
+void sr_i_alloc_move_reallocations(bool move) {
+    Realloc_Moves.store(move, std::memory_order_relaxed);
+}
+
+void sr_i_alloc_fail_after(qx_int64_t successful_allocations) {
+    Alloc_Countdown.store(successful_allocations < 0 ? -1 : successful_allocations,
+                          std::memory_order_relaxed);
+}
+
+int sr_i_alloc_failure_pending() {
+    return Alloc_Countdown.load(std::memory_order_relaxed) >= 0;
+}
+
+#else
+
+namespace {
+
+// The shipped library: no allocation is made to fail.
+constexpr bool alloc_should_fail() {
+    return false;
+}
+
+}  // namespace
+
+#endif
 
 void *sr_i_malloc(size_t size) {
     if (alloc_should_fail()) return nullptr;
@@ -48,26 +92,10 @@ void *sr_i_calloc(size_t count, size_t size) {
 void *sr_i_realloc(void *p_memory, size_t size) {
     if (alloc_should_fail()) return nullptr;
     if (size == 0) size = 1;
+#if defined(QX_TEST_SEAMS)
     if (p_memory != nullptr && Realloc_Moves.load(std::memory_order_relaxed)) {
-        void *p_moved = std::malloc(size);
-        if (p_moved == nullptr) return nullptr;
-        const size_t old_size = malloc_usable_size(p_memory);
-        std::memcpy(p_moved, p_memory, old_size < size ? old_size : size);
-        std::free(p_memory);
-        return p_moved;
+        return moving_realloc(p_memory, size);
     }
+#endif
     return std::realloc(p_memory, size);
-}
-
-void sr_i_alloc_move_reallocations(bool move) {
-    Realloc_Moves.store(move, std::memory_order_relaxed);
-}
-
-void sr_i_alloc_fail_after(qx_int64_t successful_allocations) {
-    Alloc_Countdown.store(successful_allocations < 0 ? -1 : successful_allocations,
-                          std::memory_order_relaxed);
-}
-
-int sr_i_alloc_failure_pending() {
-    return Alloc_Countdown.load(std::memory_order_relaxed) >= 0;
 }

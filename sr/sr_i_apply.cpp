@@ -22,6 +22,8 @@
 #include <cstdlib>
 
 #include "sr_i_files.h"
+#include "sr_i_pool.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 
@@ -274,6 +276,6 @@ qx_int32_t sr_i_apply(sr_i_table_t *p_table, qx_uint32_t rewrite,
 void sr_i_discard_rewrite_file(sr_i_table_t *p_table) {
     sr_i_close_data_file(p_table->rewrite_file_fd);
     p_table->rewrite_file_fd = -1;
-    sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
+    sr_i_sys_unlink(sr_i_set_rewrite_path(p_table));
     sr_i_set_data_path(p_table);
 }

@@ -19,8 +19,12 @@
 
 #include <cstdint>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 
@@ -116,7 +120,7 @@ qx_int32_t switch_by_rename(sr_i_table_t *p_table) {
         return kTx.error(SR_E_NO_MEMORY);
     }
     sr_i_test_pause("rewrite-before-rename");
-    if (sr_i_file_ops.p_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
+    if (sr_i_sys_rename(p_rewrite_path, sr_i_set_data_path(p_table)) != 0) {
         int err = errno;
         free(p_rewrite_path);
         sr_i_discard_rewrite_file(p_table);

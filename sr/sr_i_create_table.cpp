@@ -17,9 +17,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_create_table", "1.1");
 
@@ -442,10 +448,10 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
         // The two names share one buffer; the table's name is the data name.
         // A table another process created since the check above is never
         // replaced: the rename refuses an existing name.
-        if (sr_i_file_ops.p_rename_noreplace(sr_i_set_rewrite_path(p_new), p_new->p_name) != 0) {
+        if (sr_i_sys_rename_noreplace(sr_i_set_rewrite_path(p_new), p_new->p_name) != 0) {
             int err = errno;
             if (err == EEXIST) {
-                sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_new));
+                sr_i_sys_unlink(sr_i_set_rewrite_path(p_new));
                 close(fd);
                 sr_i_close_table(p_new);
                 return SR_ERROR(SR_E_TABLE_EXISTS);
@@ -463,7 +469,7 @@ qx_int32_t sr_i_create_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     if (rc == 0) rc = sr_i_register_data_file(fd, 2);
     if (rc != 0) {
         // A failed create leaves no file behind.
-        sr_i_file_ops.p_unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));
+        sr_i_sys_unlink(renamed ? sr_i_set_data_path(p_new) : sr_i_set_rewrite_path(p_new));
         close(fd);
         sr_i_close_table(p_new);
         return rc;

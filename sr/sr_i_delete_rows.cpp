@@ -2,12 +2,16 @@
 // working version is dropped and the row moves to the deleted-rows list; the
 // committed version, its slot and its packed position stay until commit or
 // abort, so readers of committed data still see the row meanwhile.
+#include "sr_i_hash_table.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_delete_rows", "1.1");
 
 qx_int32_t sr_i_delete_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_current_index_entry) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     sr_i_index_entry_t *p_entry = p_current_index_entry;
     if (p_entry->p_applied == nullptr) {
         // Deleted already (it is on the deleted-rows list): the pool is
@@ -37,6 +41,7 @@ qx_int32_t sr_i_delete_row(sr_i_table_t *p_table, sr_i_index_entry_t *p_current_
 }
 
 qx_int32_t sr_i_delete_rows(sr_i_table_t *p_table, qx_char_ptr_t p_selection_criteria) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
     const qx_uint32_t live = p_table->total_applied_rows - p_table->applied_deletions;
     if (live == 0) return SR_ERROR(SR_E_NO_ROWS_TO_DELETE);

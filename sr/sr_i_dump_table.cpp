@@ -12,7 +12,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_dump.h"
+#include "sr_i_pool.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_dump_table", "1.1");
 

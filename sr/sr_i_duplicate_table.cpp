@@ -25,9 +25,15 @@
 #include <cstring>
 #include <utility>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_duplicate_table", "1.1");
 
@@ -124,7 +130,7 @@ qx_int32_t open_image_file(char *p_rewrite_path, qx_int32_t *p_fd) {
         if (sr_i_fd_names_path(fd, p_rewrite_path)) break;
         close(fd);
     }
-    if (sr_i_file_ops.p_ftruncate(fd, 0) != 0) {
+    if (sr_i_sys_ftruncate(fd, 0) != 0) {
         qx_int32_t rc = SR_ERROR_FILE("ftruncate", errno, false);
         close(fd);
         unlink(p_rewrite_path);
@@ -142,7 +148,7 @@ qx_int32_t finish_image_file(qx_int32_t fd, char *p_rewrite_path, const char *p_
         sr_i_test_pause("copy-before-rename");
         rc = sr_i_rename_persistent_table(p_rewrite_path, p_target_file);
     }
-    if (rc != 0) sr_i_file_ops.p_unlink(p_rewrite_path);
+    if (rc != 0) sr_i_sys_unlink(p_rewrite_path);
     close(fd);
     return rc;
 }
@@ -169,6 +175,7 @@ void retire_target(sr_i_tree_t *p_tree, sr_i_table_t *p_target) {
 // record, whose handles then see the new contents.  Caller holds the tree's
 // write lock.
 qx_int32_t refresh_open_target(sr_i_table_t *p_target, qx_int32_t rc) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_target->p_tree->lock);
     sr_hash_table_t *p_hash_table = nullptr;
     if (p_target->p_rows_hash_table != nullptr) {
         // A hashed target is refreshed whatever happened before: the index's
@@ -558,7 +565,7 @@ qx_int32_t sr_i_duplicate_table_from_persistent_to_persistent(const char *p_sour
 }
 
 qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p_target_file) {
-    if (sr_i_file_ops.p_rename(p_source_file, p_target_file) != 0) {
+    if (sr_i_sys_rename(p_source_file, p_target_file) != 0) {
         return SR_ERROR_FILE("rename", errno, true);
     }
     // The copy or move is durable only with the directories that changed;
@@ -577,11 +584,11 @@ qx_int32_t sr_i_rename_persistent_table(const char *p_source_file, const char *p
 
 qx_int32_t sr_i_remove_table(sr_i_table_t *p_table) {
     if (p_table->file_path_length != 0 && p_table->p_file_path != nullptr) {
-        if (sr_i_file_ops.p_unlink(sr_i_set_data_path(p_table)) != 0) {
+        if (sr_i_sys_unlink(sr_i_set_data_path(p_table)) != 0) {
             return SR_ERROR_FILE("unlink", errno, true);
         }
         // A rewrite file left by a crash goes too; usually there is none.
-        (void)sr_i_file_ops.p_unlink(sr_i_set_rewrite_path(p_table));
+        (void)sr_i_sys_unlink(sr_i_set_rewrite_path(p_table));
         (void)sr_i_sync_directory_of(sr_i_set_data_path(p_table));
     }
     drop_from_tree(p_table);
@@ -590,12 +597,12 @@ qx_int32_t sr_i_remove_table(sr_i_table_t *p_table) {
 
 qx_int32_t sr_i_remove_persistent_table_without_handle(sr_i_tree_t *p_tree,
                                                        const char *p_absolute_table_path) {
-    if (sr_i_file_ops.p_unlink(p_absolute_table_path) != 0) {
+    if (sr_i_sys_unlink(p_absolute_table_path) != 0) {
         return SR_ERROR_FILE("unlink", errno, true);
     }
     char *p_rewrite = rewrite_path_of(p_absolute_table_path);
     if (p_rewrite != nullptr) {
-        (void)sr_i_file_ops.p_unlink(p_rewrite);
+        (void)sr_i_sys_unlink(p_rewrite);
         std::free(p_rewrite);
     }
     (void)sr_i_sync_directory_of(p_absolute_table_path);

@@ -6,8 +6,9 @@
 // 10 ms, at most 100 times, then leaving a development record of the retries
 // so slow or noisy disks show up in the trace), and turns failures into
 // result codes with one errno mapping for the whole file layer.  The system
-// calls themselves are reached through sr_i_file_ops, so that tests can make
-// them fail in exactly the way a real disk or signal would.
+// calls themselves are made through sr_i_sys_* (sr_i_system_calls.cpp), which
+// test builds route through a table, so that tests can make them fail in
+// exactly the way a real disk or signal would.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -25,25 +26,6 @@ SR_SOURCE_FILE("sr/sr_i_files", "1.1");
 
 namespace {
 
-int sr_i_real_open(const char *p_path, int flags, mode_t mode) {
-    return open(p_path, flags, mode);
-}
-
-// Where the file system cannot rename without replacing, a link and an
-// unlink give the same guarantee; only a crash between the two can leave
-// both names (the ".rewrite" name is then cleaned up like any left-over).
-int sr_i_real_rename_noreplace(const char *p_from, const char *p_to) {
-    if (renameat2(AT_FDCWD, p_from, AT_FDCWD, p_to, RENAME_NOREPLACE) == 0) return 0;
-    if (errno != EINVAL && errno != ENOSYS) return -1;
-    if (link(p_from, p_to) != 0) return -1;
-    (void)unlink(p_from);
-    return 0;
-}
-
-int sr_i_real_usleep(unsigned int microseconds) {
-    return usleep(static_cast<useconds_t>(microseconds));
-}
-
 // Retries made by one primitive call.  retry() sleeps and says whether the
 // limit still allows another attempt; finish() writes the record of the
 // retries, when there were any, whatever the outcome.
@@ -52,7 +34,7 @@ struct sr_i_retries_t {
 
     bool retry() {
         if (count >= SR_I_RETRY_LIMIT) return false;
-        sr_i_file_ops.p_usleep(SR_I_RETRY_INTERVAL);
+        sr_i_sys_usleep(SR_I_RETRY_INTERVAL);
         ++count;
         return true;
     }
@@ -66,29 +48,6 @@ struct sr_i_retries_t {
 };
 
 }  // namespace
-
-namespace {
-
-// Constant-initialised, so the door is set before any static constructor of
-// the process could use it.
-constexpr sr_i_file_ops_t kRealFileOps = {
-    sr_i_real_open,
-    write,
-    writev,
-    fdatasync,
-    mkdir,
-    sr_i_real_usleep,
-    fsync,
-    rename,
-    unlink,
-    ftruncate,
-    sr_i_real_rename_noreplace,
-};
-
-}  // namespace
-
-const sr_i_file_ops_t sr_i_default_file_ops = kRealFileOps;
-sr_i_file_ops_t sr_i_file_ops = kRealFileOps;
 
 qx_int32_t sr_i_set_file_error(const sr_i_source_t &source, const char *p_function, int line,
                                const char *p_call, int the_errno, bool table_must_exist) {
@@ -104,7 +63,7 @@ qx_int32_t sr_i_open_file(const char *path, int OFlag, mode_t Mode) {
     sr_i_retries_t retries;
     int fd;
     for (;;) {
-        fd = sr_i_file_ops.p_open(path, OFlag, Mode);
+        fd = sr_i_sys_open(path, OFlag, Mode);
         if (fd >= 0 || errno != EINTR || !retries.retry()) break;
     }
     retries.finish(__LINE__);
@@ -114,26 +73,16 @@ qx_int32_t sr_i_open_file(const char *path, int OFlag, mode_t Mode) {
 namespace {
 
 // A write at a given offset is one system call where a seek and a write
-// would be two (and leaves the descriptor's offset, which a forked child
-// shares, alone).  A test that replaced a plain write operation to watch or
-// fail it still sees every write through it, after a seek, as before.
-// `at` < 0: at the descriptor's offset.
+// would be two, and leaves the descriptor's offset (which a forked child
+// shares) alone.  `at` < 0: at the descriptor's offset.
 ssize_t write_once(int fd, const void *p_buffer, size_t length, off64_t at) {
-    if (at < 0) return sr_i_file_ops.p_write(fd, p_buffer, length);
-    if (sr_i_file_ops.p_write == sr_i_default_file_ops.p_write) {
-        return pwrite64(fd, p_buffer, length, at);
-    }
-    if (lseek64(fd, at, SEEK_SET) < 0) return -1;
-    return sr_i_file_ops.p_write(fd, p_buffer, length);
+    return at < 0 ? sr_i_sys_write(fd, p_buffer, length)
+                  : sr_i_sys_pwrite(fd, p_buffer, length, at);
 }
 
 ssize_t writev_once(int fd, const struct iovec *p_vector, int count, off64_t at) {
-    if (at < 0) return sr_i_file_ops.p_writev(fd, p_vector, count);
-    if (sr_i_file_ops.p_writev == sr_i_default_file_ops.p_writev) {
-        return pwritev64(fd, p_vector, count, at);
-    }
-    if (lseek64(fd, at, SEEK_SET) < 0) return -1;
-    return sr_i_file_ops.p_writev(fd, p_vector, count);
+    return at < 0 ? sr_i_sys_writev(fd, p_vector, count)
+                  : sr_i_sys_pwritev(fd, p_vector, count, at);
 }
 
 // Failures are reported as sr_i_write's and sr_i_writev's, whichever form
@@ -267,7 +216,7 @@ qx_int32_t sr_i_fdatasync(qx_int32_t fd) {
     sr_i_retries_t retries;
     qx_int32_t rc = 0;
     for (;;) {
-        if (sr_i_file_ops.p_fdatasync(fd) == 0) break;
+        if (sr_i_sys_fdatasync(fd) == 0) break;
         int the_errno = errno;
         // Captured before anything else: a failed sync may mean lost data,
         // and the capture file survives the process for a post-mortem.
@@ -308,7 +257,7 @@ qx_int32_t sr_i_sync_directory_of(const char *p_path) {
     sr_i_retries_t retries;
     qx_int32_t rc = 0;
     for (;;) {
-        if (sr_i_file_ops.p_fsync(fd) == 0) break;
+        if (sr_i_sys_fsync(fd) == 0) break;
         int the_errno = errno;
         sr_i_capture_errno("fsync", the_errno, __LINE__, sr_i_this_source.version);
         if (the_errno == EINTR && retries.retry()) continue;

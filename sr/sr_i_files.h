@@ -52,9 +52,31 @@ qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry
 constexpr auto SR_I_RETRY_LIMIT = 100;
 constexpr auto SR_I_RETRY_INTERVAL = 10000;
 
-/* The system calls under the file primitives.  The defaults are the real
- * calls; tests swap entries (with no primitive running) to inject EINTR,
- * short writes and errors, and put sr_i_default_file_ops back afterwards. */
+/* The system calls under the file layer (sr_i_system_calls.cpp).  Every
+ * open, write, sync, rename, unlink and truncation of a table or directory
+ * goes through these.  The shipped library makes the calls directly; the
+ * static archive the tests link is built with QX_TEST_SEAMS, and there each
+ * goes through sr_i_file_ops below. */
+int sr_i_sys_open(const char *p_path, int flags, mode_t mode);
+ssize_t sr_i_sys_write(int fd, const void *p_buffer, size_t length);
+ssize_t sr_i_sys_writev(int fd, const struct iovec *p_vector, int count);
+/* write(2) and writev(2) at a file offset (pwrite64, pwritev64). */
+ssize_t sr_i_sys_pwrite(int fd, const void *p_buffer, size_t length, off64_t at);
+ssize_t sr_i_sys_pwritev(int fd, const struct iovec *p_vector, int count, off64_t at);
+int sr_i_sys_fdatasync(int fd);
+int sr_i_sys_mkdir(const char *p_path, mode_t mode);
+int sr_i_sys_usleep(unsigned int microseconds);
+int sr_i_sys_fsync(int fd);
+int sr_i_sys_rename(const char *p_from, const char *p_to);
+int sr_i_sys_unlink(const char *p_path);
+int sr_i_sys_ftruncate(int fd, off_t length);
+/* rename(2) that fails with EEXIST instead of replacing p_to. */
+int sr_i_sys_rename_noreplace(const char *p_from, const char *p_to);
+
+/* Test builds only (QX_TEST_SEAMS): the table the calls above go through.
+ * The defaults are the real calls; tests swap entries (with no primitive
+ * running) to inject EINTR, short writes and errors, and put
+ * sr_i_default_file_ops back afterwards. */
 struct sr_i_file_ops_t {
     int (*p_open)(const char *p_path, int flags, mode_t mode);
     ssize_t (*p_write)(int fd, const void *p_buffer, size_t length);
@@ -66,7 +88,6 @@ struct sr_i_file_ops_t {
     int (*p_rename)(const char *p_from, const char *p_to);
     int (*p_unlink)(const char *p_path);
     int (*p_ftruncate)(int fd, off_t length);
-    /* rename(2) that fails with EEXIST instead of replacing p_to. */
     int (*p_rename_noreplace)(const char *p_from, const char *p_to);
 };
 extern const sr_i_file_ops_t sr_i_default_file_ops;

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include "sr_i_frame.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_frame", "1.1");
 

@@ -7,7 +7,11 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_get_values", "1.1");
 
@@ -102,6 +106,7 @@ qx_int32_t sr_i_get_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fi
                                            qx_uint32_t total_values,
                                            qx_uint32_t uncommitted_updates_visible,
                                            sr_row_state_t *p_row_state) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     // The state tells the caller about both versions, whichever one it sees
     // and whether or not it could see one at all.
@@ -125,6 +130,7 @@ qx_int32_t sr_i_get_value_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fix
                                           qx_char_ptr_t p_column_name, qx_value_t *p_value,
                                           qx_uint32_t uncommitted_updates_visible,
                                           sr_row_state_t *p_row_state) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     // The one-value path of sr_i_get_values_for_fixed_index, looking the
     // column up once: this is the path of every lookup by key.
@@ -194,6 +200,7 @@ qx_int32_t sr_i_fixed_row_index_for_packed_index(const sr_i_table_t *p_table, qx
 
 qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t row_key,
                                             qx_uint32_t *p_fixed_row_index) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     const qx_data_type_t key_type = p_table->p_columns[0].type;
     if (p_table->p_rows_hash_table != nullptr) {
         const void *p_key = sr_i_is_pointer_type(key_type)
@@ -224,6 +231,7 @@ qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t ro
 
 qx_int32_t sr_i_get_updated_rows(sr_i_table_t *p_table, qx_uint32_t *p_updated_rows_count,
                                  qx_uint32_t **p_p_updated_rows_fixed_indices) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     qx_uint32_t updated = 0;
     qx_uint32_t deleted = 0;
     for (sr_i_change_entry_t *p = p_table->p_rows_change_list; p != nullptr; p = p->p_next) {

@@ -2,6 +2,7 @@
 // durable before the call returns.  The exported call's frame runs it after a
 // successful update, under ForkMutex and the table's write lock.
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 

@@ -13,6 +13,10 @@
 
 #include "sr_i_files.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_list_tables", "1.1");
 
@@ -139,6 +143,7 @@ void sr_i_list_tables_action(const void *p_node, VISIT visit, int /*level*/) {
 
 qx_int32_t sr_i_list_tables(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
                             qx_char_ptr_t **p_p_table_list, qx_uint32_t *p_count) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     if (p_registry_path == nullptr) return SR_ERROR_TEXT(SR_E_INVALID_PATH, nullptr);
     if (p_p_table_list == nullptr || p_count == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
 

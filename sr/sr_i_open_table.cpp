@@ -10,9 +10,15 @@
 #include <cstring>
 #include <utility>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_open_table", "1.1");
 
@@ -22,6 +28,8 @@ namespace {
 // access (which takes the file lock) and the fresh contents go into the
 // shared record.  Caller holds the tree's and the table's write locks.
 qx_int32_t reload_for_write(sr_i_table_t *p_table, qx_uint32_t mode) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->p_tree->lock);
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     sr_hash_table_t *p_hash_table = nullptr;
     if (p_table->p_rows_hash_table != nullptr) {
         const sr_hash_table_t *p_old = p_table->p_rows_hash_table;

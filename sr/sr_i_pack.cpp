@@ -27,7 +27,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_hash_table.h"
 #include "sr_i_pack.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_pack", "1.1");
 
@@ -288,6 +293,7 @@ qx_int32_t describe_column(const sr_i_table_t *p_table, qx_uint32_t index,
 
 qx_int32_t sr_i_get_table_fixed_metadata_SD(sr_i_table_t *p_table, qx_uint32_t view_applied,
                                             qx_structured_data_t **p_p_fixed_metadata) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     auto *p_sd = static_cast<qx_structured_data_t *>(sr_i_calloc(1, QX_SD_SIZE(kFixedElements)));
     if (p_sd == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     p_sd->element_count = kFixedElements;

@@ -15,6 +15,8 @@
 
 #include "sr_i_files.h"
 #include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_paths", "1.1");
 
@@ -86,13 +88,13 @@ qx_int32_t sr_i_create_all_directories_in_path(qx_char_ptr_t p_path) {
     for (char *p_slash = strchr(p_path + (p_path[0] != '\0' ? 1 : 0), '/'); p_slash != nullptr;
          p_slash = strchr(p_slash + 1, '/')) {
         *p_slash = '\0';
-        int result = sr_i_file_ops.p_mkdir(p_path, 0755);
+        int result = sr_i_sys_mkdir(p_path, 0755);
         int the_errno = errno;
         *p_slash = '/';
         if (result != 0 && the_errno == ENOSPC) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (result != 0 && the_errno != EEXIST) return SR_ERROR_SYSCALL("mkdir", the_errno);
     }
-    if (sr_i_file_ops.p_mkdir(p_path, 0755) != 0) {
+    if (sr_i_sys_mkdir(p_path, 0755) != 0) {
         int the_errno = errno;
         if (the_errno == ENOSPC) return SR_ERROR(SR_E_FILESYSTEM_FULL);
         if (the_errno != EEXIST) return SR_ERROR_SYSCALL("mkdir", the_errno);
@@ -112,6 +114,7 @@ void sr_i_free_mount_point(sr_i_mount_point_t *p_mount) {
 
 qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path,
                                  const char *p_filesystem_path) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     qx_char_ptr_t p_resolved = nullptr;
     qx_uint32_t block_size = 0;
     qx_int32_t rc = sr_i_resolve_path(p_tree, p_registry_path, &p_resolved, &block_size);
@@ -166,6 +169,7 @@ qx_int32_t sr_i_mount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_p
 }
 
 qx_int32_t sr_i_unmount_local_tree(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     if (p_tree->p_mount_points == nullptr) return SR_ERROR(SR_E_NO_MOUNT_POINT);
     qx_char_ptr_t p_resolved = nullptr;
     qx_uint32_t block_size = 0;

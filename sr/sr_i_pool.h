@@ -153,15 +153,17 @@ qx_int32_t sr_i_rb_free_duplication_map(
 void *sr_i_malloc(size_t size);
 void *sr_i_calloc(size_t count, size_t size);
 void *sr_i_realloc(void *p_memory, size_t size);
-/* Test hook: let the next successful_allocations allocations through and make
- * the one after them fail, once; a negative value disarms the hook. */
-void sr_i_alloc_fail_after(qx_int64_t successful_allocations);
-/* Non-zero while an armed failure has not happened yet. */
-int sr_i_alloc_failure_pending();
-/* Test device: makes every sr_i_realloc move its block (true) or lets the
- * heap decide again (false). */
-void sr_i_alloc_move_reallocations(bool move);
 /* A copy of p_text in memory from sr_i_malloc, or NULL. */
 char *sr_i_strdup(const char *p_text);
+
+/* Test builds only (QX_TEST_SEAMS: the static archive).  Lets the next
+ * successful_allocations allocations through and makes the one after them
+ * fail, once; a negative value disarms the hook. */
+void sr_i_alloc_fail_after(qx_int64_t successful_allocations);
+/* Test builds only: non-zero while an armed failure has not happened yet. */
+int sr_i_alloc_failure_pending();
+/* Test builds only: makes every sr_i_realloc move its block (true) or lets
+ * the heap decide again (false). */
+void sr_i_alloc_move_reallocations(bool move);
 
 #endif /* SR_I_POOL_H */

@@ -44,7 +44,8 @@ qx_int32_t readers(const sr_i_read_write_lock_t *p_rwlock) {
 
 // With the mutex held: wakes one waiting writer if it may now go in.
 int signal_writer_if_free(sr_i_read_write_lock_t *p_rwlock) {
-    if (p_rwlock->writer_holding == 0 && p_rwlock->writers.load() != 0 && readers(p_rwlock) == 0)
+    if (p_rwlock->writer_holding.load(std::memory_order_relaxed) == 0 &&
+        p_rwlock->writers.load() != 0 && readers(p_rwlock) == 0)
         return pthread_cond_signal(&p_rwlock->write_condition);
     return 0;
 }
@@ -84,7 +85,7 @@ qx_int32_t lock_failure(const char *p_call, const char *p_function, int line, in
 void sr_i_rw_open(sr_i_read_write_lock_t *p_rwlock) {
     for (auto &shard : p_rwlock->shards) shard.readers.store(0, std::memory_order_relaxed);
     p_rwlock->writers.store(0, std::memory_order_relaxed);
-    p_rwlock->writer_holding = 0;
+    p_rwlock->writer_holding.store(0, std::memory_order_relaxed);
     p_rwlock->waiting_readers = 0;
     p_rwlock->waiting_writers = 0;
     pthread_mutex_init(&p_rwlock->lock, nullptr);
@@ -100,9 +101,24 @@ void sr_i_rw_close(sr_i_read_write_lock_t *p_rwlock) {
 
 qx_int32_t sr_i_rw_state(sr_i_read_write_lock_t *p_rwlock) {
     pthread_mutex_lock(&p_rwlock->lock);
-    qx_int32_t state = p_rwlock->writer_holding != 0 ? -1 : readers(p_rwlock);
+    qx_int32_t state =
+        p_rwlock->writer_holding.load(std::memory_order_relaxed) != 0 ? -1 : readers(p_rwlock);
     pthread_mutex_unlock(&p_rwlock->lock);
     return state;
+}
+
+// The holder's own stores precede its check in its own thread, so relaxed
+// loads see them; a thread's read lock is released by the thread that took
+// it, so while the caller reads, no shard is below zero and its own counts.
+bool sr_i_rw_held_for_write(const sr_i_read_write_lock_t *p_rwlock) {
+    return p_rwlock->writer_holding.load(std::memory_order_relaxed) != 0;
+}
+
+bool sr_i_rw_held(const sr_i_read_write_lock_t *p_rwlock) {
+    if (sr_i_rw_held_for_write(p_rwlock)) return true;
+    qx_int32_t sum = 0;
+    for (const auto &shard : p_rwlock->shards) sum += shard.readers.load(std::memory_order_relaxed);
+    return sum > 0;
 }
 
 qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock) {
@@ -121,7 +137,7 @@ qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock) {
     qx_int32_t result = 0;
     reader_cleanup cleanup{p_rwlock, &shard};
     pthread_cleanup_push(decrement_readers_if_thread_cancelled, &cleanup);
-    while (p_rwlock->writer_holding != 0) {
+    while (p_rwlock->writer_holding.load(std::memory_order_relaxed) != 0) {
         rc = pthread_cond_wait(&p_rwlock->read_condition, &p_rwlock->lock);
         if (rc != 0) {
             --p_rwlock->waiting_readers;
@@ -164,7 +180,8 @@ qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock) {
     p_rwlock->writers.fetch_add(1);
     qx_int32_t result = 0;
     pthread_cleanup_push(decrement_writers_if_thread_cancelled, p_rwlock);
-    while (p_rwlock->writer_holding != 0 || readers(p_rwlock) != 0) {
+    while (p_rwlock->writer_holding.load(std::memory_order_relaxed) != 0 ||
+           readers(p_rwlock) != 0) {
         rc = pthread_cond_wait(&p_rwlock->write_condition, &p_rwlock->lock);
         if (rc != 0) {
             --p_rwlock->waiting_writers;
@@ -178,7 +195,7 @@ qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock) {
     if (result != 0) return result;
     // waiting_writers is deliberately left as it is: it records that
     // writers have come, and nothing decides anything by it.
-    p_rwlock->writer_holding = 1;
+    p_rwlock->writer_holding.store(1, std::memory_order_relaxed);
     rc = pthread_mutex_unlock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_unlock", __func__, __LINE__, rc);
     return 0;
@@ -187,7 +204,7 @@ qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock) {
 qx_int32_t sr_i_rw_unlock_write(sr_i_read_write_lock_t *p_rwlock) {
     int rc = pthread_mutex_lock(&p_rwlock->lock);
     if (rc != 0) return lock_failure("pthread_mutex_lock", __func__, __LINE__, rc);
-    p_rwlock->writer_holding = 0;
+    p_rwlock->writer_holding.store(0, std::memory_order_relaxed);
     p_rwlock->writers.fetch_sub(1);
     const char *p_call;
     if (p_rwlock->waiting_readers != 0) {
@@ -200,7 +217,7 @@ qx_int32_t sr_i_rw_unlock_write(sr_i_read_write_lock_t *p_rwlock) {
     }
     if (rc != 0) {
         p_rwlock->writers.fetch_add(1);
-        p_rwlock->writer_holding = 1;
+        p_rwlock->writer_holding.store(1, std::memory_order_relaxed);
         pthread_mutex_unlock(&p_rwlock->lock);
         return lock_failure(p_call, __func__, __LINE__, rc);
     }

@@ -5,6 +5,7 @@
 #ifndef SR_I_READ_WRITE_LOCK_H
 #define SR_I_READ_WRITE_LOCK_H
 
+#include <assert.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -30,7 +31,9 @@ typedef struct sr_i_read_write_lock_struct_t {
     pthread_mutex_t lock; /* guards the fields below and every wait */
     pthread_cond_t read_condition;
     pthread_cond_t write_condition;
-    qx_int32_t writer_holding;
+    /* Decided on under `lock` only; atomic so that the assertions below may
+     * read it without the mutex. */
+    std::atomic<qx_int32_t> writer_holding;
     qx_int32_t waiting_readers;
     qx_int32_t waiting_writers; /* writers that have come (never decremented on success) */
 } sr_i_read_write_lock_t;
@@ -44,5 +47,19 @@ qx_int32_t sr_i_rw_lock_read(sr_i_read_write_lock_t *p_rwlock);
 qx_int32_t sr_i_rw_unlock_read(sr_i_read_write_lock_t *p_rwlock);
 qx_int32_t sr_i_rw_lock_write(sr_i_read_write_lock_t *p_rwlock);
 qx_int32_t sr_i_rw_unlock_write(sr_i_read_write_lock_t *p_rwlock);
+
+/* For the assertions of caller-holds-the-lock contracts only: whether a
+ * writer holds the lock, and whether a writer or some reader holds it.  The
+ * lock has no owner, so neither can tell whether the holder is the caller.
+ * Each is a few relaxed loads that order nothing, so a debug build under
+ * ThreadSanitizer still sees every race the contract is there to prevent. */
+bool sr_i_rw_held_for_write(const sr_i_read_write_lock_t *p_rwlock);
+bool sr_i_rw_held(const sr_i_read_write_lock_t *p_rwlock);
+
+/* A routine whose caller must hold a lock states it with one of these: in
+ * debug builds the process stops when the lock is not held; release builds
+ * (NDEBUG) compile them to nothing. */
+#define SR_I_ASSERT_WRITE_LOCKED(p_rwlock) assert(sr_i_rw_held_for_write(p_rwlock))
+#define SR_I_ASSERT_LOCKED(p_rwlock) assert(sr_i_rw_held(p_rwlock))
 
 #endif /* SR_I_READ_WRITE_LOCK_H */

@@ -10,11 +10,14 @@
 
 #include "sr_i_files.h"
 #include "sr_i_management.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_repair", "1.1");
 
 qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
                               qx_uint32_t array_count) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     if (array_count == 0) return 0;
     if (p_table_names == nullptr) return SR_ERROR(SR_E_NULL_POINTER);
     for (qx_uint32_t i = 0; i < array_count; ++i) {
@@ -27,7 +30,7 @@ qx_int32_t sr_i_repair_tables(sr_i_tree_t *p_tree, qx_char_ptr_t *p_table_names,
         // The resolved path has room for the suffix.  A missing rewrite file
         // is the normal case and no error.
         std::strcat(p_file, ".rewrite");
-        if (sr_i_file_ops.p_unlink(p_file) == 0) (void)sr_i_sync_directory_of(p_file);
+        if (sr_i_sys_unlink(p_file) == 0) (void)sr_i_sync_directory_of(p_file);
         std::free(p_file);
     }
     return 0;

@@ -9,8 +9,12 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_select", "1.1");
 
@@ -283,6 +287,7 @@ qx_int32_t sr_i_compile_expression(qx_char_ptr_t p_selection_criteria, sr_i_tabl
 }
 
 qx_int32_t sr_i_delete_rows_matching(sr_i_table_t *p_table, qx_char_ptr_t p_selection_criteria) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     CompiledGuard compiled;
     qx_int32_t rc = sr_i_compile_expression(p_selection_criteria, p_table, &compiled.p,
                                             to_table_handle(p_table));
@@ -308,6 +313,7 @@ qx_int32_t sr_i_get_selected_rows(sr_i_table_t *p_table, qx_char_ptr_t p_selecti
                                   qx_uint32_t uncommitted_updates_visible,
                                   qx_uint32_t *p_total_selected_rows,
                                   qx_uint32_t **p_p_selected_rows_fixed_index) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     const bool committed_view =
         uncommitted_updates_visible == 0 && p_table->uncommitted_updates_visible == 0;
     const qx_uint32_t rows = committed_view
@@ -519,6 +525,7 @@ qx_int32_t create_result_table(sr_i_table_t *p_table, const qx_uint32_t *p_indic
 qx_int32_t sr_i_select(sr_i_table_t *p_table, qx_char_ptr_t *p_column_names,
                        qx_uint32_t total_column_names, qx_char_ptr_t p_selection_criteria,
                        sr_i_table_t **p_select_table) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     qx_uint32_t *p_indices = nullptr;
     qx_uint32_t total = 0;
     qx_int32_t rc = choose_columns(p_table, p_column_names, total_column_names, &p_indices, &total);
@@ -564,6 +571,7 @@ qx_int32_t sr_i_get_duplicate_rows(sr_i_table_t *p_table, qx_value_t *p_key_valu
                                    qx_uint32_t *p_duplicate_rows_count,
                                    qx_uint32_t **p_p_duplicate_rows_fixed_indices,
                                    qx_uint32_t uncommitted_updates_visible) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     qx_uint32_t room = 10;
     qx_uint32_t count = 0;
     auto *p_indices = static_cast<qx_uint32_t *>(sr_i_malloc(sizeof(qx_uint32_t) * room));

@@ -9,7 +9,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_set_values", "1.1");
 
@@ -22,6 +25,7 @@ constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 qx_int32_t sr_i_set_values_for_fixed_index(sr_i_table_t *p_table, qx_uint32_t fixed_row_index,
                                            qx_char_ptr_t *p_column_names, qx_value_t **p_p_values,
                                            qx_uint32_t total_values) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     if (p_table->ready_for_commit != 0) return SR_ERROR(SR_E_APPLIED_NOT_COMMITTED);
     if (fixed_row_index >= p_table->maximum_rows) return SR_ERROR(SR_E_NO_ROW_FOR_INDEX);
     sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[fixed_row_index];

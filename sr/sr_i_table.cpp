@@ -8,6 +8,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_table", "1.1");

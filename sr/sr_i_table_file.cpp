@@ -23,8 +23,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_files.h"
+#include "sr_i_hash_table.h"
+#include "sr_i_pool.h"
 #include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_table_file", "1.1");
 

@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_i_table_metadata", "1.1");
 
@@ -94,6 +97,7 @@ void sr_i_free_column_metadata(sr_column_t *p_column, qx_uint32_t total_columns)
 
 qx_int32_t sr_i_get_table_metadata(sr_i_table_t *p_table, qx_int32_t all_metadata,
                                    sr_table_metadata_t **p_p_metadata) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     auto *p_metadata =
         static_cast<sr_table_metadata_t *>(sr_i_calloc(1, sizeof(sr_table_metadata_t)));
     if (p_metadata == nullptr) return SR_ERROR(SR_E_NO_MEMORY);

@@ -9,7 +9,12 @@
 // the file system; either way the test kills it and looks at what is on disk.
 //
 // The variable is read once per process.  When it is unset, a point is one
-// acquire load and one branch, so the points stay in production builds.
+// acquire load and one branch.
+//
+// This file is compiled twice.  Only the static archive the tests link is
+// built with QX_TEST_SEAMS and reads the variable; in the shared library,
+// which is what gets installed, a point is an empty call: no setting of any
+// environment can make a production process stop itself.
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -21,6 +26,8 @@
 #include "sr_i_test_pause.h"
 
 SR_SOURCE_FILE("sr/sr_i_test_pause", "1.1");
+
+#if defined(QX_TEST_SEAMS)
 
 namespace {
 
@@ -100,3 +107,9 @@ void sr_i_test_pause(const char *p_point) {
     pthread_mutex_unlock(&Pause_Mutex);
     if (stop) stop_here(p_point);
 }
+
+#else
+
+void sr_i_test_pause(const char *) {}
+
+#endif

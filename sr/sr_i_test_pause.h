@@ -8,8 +8,9 @@
 #include "sr_i_common.h"
 
 /*
- * Test-only pause points on the durable path.  QX_SR_TEST_PAUSE names one
- * point, read once per process (sr_i_test_pause_reload reads it again, for a
+ * Test-only pause points on the durable path.  In test builds
+ * (QX_TEST_SEAMS: the static archive) QX_SR_TEST_PAUSE names one point, read
+ * once per process (sr_i_test_pause_reload reads it again, for a
  * forked child that set it):
  *   "<point>"                 the process stops itself with SIGSTOP there;
  *   "<point>@<n>"             only at the n-th time the point is reached;
@@ -23,7 +24,8 @@
  * of table management: "copy-before-rename" (a copy's complete image synced,
  * not yet renamed over the target) and "schema-applied" (a rebuilt table
  * written to the rewrite file, its commit not yet begun).
- * Unset, a point costs one load and one branch.
+ * Unset, a point costs one load and one branch.  In the shipped library a
+ * point does nothing and sr_i_test_pause_reload does not exist.
  */
 void sr_i_test_pause(const char *p_point);
 void sr_i_test_pause_reload();

@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_read_write_lock.h"
 #include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_i_tree", "1.1");
 

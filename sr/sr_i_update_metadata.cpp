@@ -15,9 +15,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
+#include "sr_i_hash_table.h"
 #include "sr_i_management.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 #include "sr_i_test_pause.h"
 #include "sr_i_transaction.h"
 
@@ -256,6 +261,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
                                 qx_uint32_t total_new_columns, qx_char_ptr_t p_old_column_name,
                                 qx_char_ptr_t p_new_column_name, qx_value_t *p_new_value,
                                 sr_i_table_t **p_result_table) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     // The new file is built from the file's definitions; the overlays end
     // with the table they were made on.
     overlays_hidden_t hidden(p_table);
@@ -340,6 +346,7 @@ qx_int32_t sr_i_update_metadata(sr_i_table_t *p_table, sr_column_t *p_new_column
 
 qx_int32_t sr_i_delete_columns(sr_i_table_t *p_table, qx_char_ptr_t *column_names,
                                qx_uint32_t array_count, sr_i_table_t **p_p_result_table) {
+    SR_I_ASSERT_LOCKED(&p_table->lock);
     overlays_hidden_t hidden(p_table);
     qx_int32_t rc = check_committed(p_table);
     if (rc != 0) return rc;
@@ -375,6 +382,7 @@ qx_int32_t sr_i_delete_columns(sr_i_table_t *p_table, qx_char_ptr_t *column_name
 }
 
 qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     p_new->change_counter = p_table->change_counter;
     // The rewritten commit record carries the table's application metadata;
     // the record keeps its own, this copy goes with the old contents.
@@ -426,6 +434,7 @@ qx_int32_t sr_i_install_rebuilt_table(sr_i_table_t *p_table, sr_i_table_t *p_new
 
 qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                                 sr_qualifier_t new_qualifier) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     // Only the modifier bits of a standard column can change this way.
     if ((new_qualifier & SR_QUALIFIER_BASE_MASK) != SR_STANDARD)
         return SR_ERROR(SR_E_INVALID_COLUMN);
@@ -443,6 +452,7 @@ qx_int32_t sr_i_overlay_memory_column_qualifier(sr_i_table_t *p_table, qx_char_p
 
 qx_int32_t sr_i_overlay_memory_default_value(sr_i_table_t *p_table, qx_char_ptr_t p_column_name,
                                              qx_value_t new_default_value) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_table->lock);
     const qx_int32_t c = sr_i_find_column(p_table, p_column_name);
     if (c < 0) return SR_ERROR(SR_E_INVALID_COLUMN);
     const qx_data_type_t type = sr_i_load_column(&p_table->p_columns[c]).type;

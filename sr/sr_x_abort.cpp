@@ -1,6 +1,7 @@
 // sr_abort_1: throws away a table's pending and applied changes, bringing it
 // back to its last committed state.
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
 #include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_x_abort", "1.1");

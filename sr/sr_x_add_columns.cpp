@@ -3,6 +3,7 @@
 // swapped into the record every handle shares.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_add_columns", "1.1");
 

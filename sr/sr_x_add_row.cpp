@@ -2,6 +2,7 @@
 // column must be among them.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_add_row", "1.1");
 

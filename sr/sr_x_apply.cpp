@@ -2,6 +2,7 @@
 // file (or, for a file that is mostly dead space, a complete new image beside
 // it) and syncs them, leaving the table applied until commit or abort.
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
 #include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_x_apply", "1.1");

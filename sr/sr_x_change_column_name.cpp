@@ -2,6 +2,7 @@
 // rebuilt table, written over its file and swapped into the shared record.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_change_column_name", "1.1");
 

@@ -3,6 +3,7 @@
 // into the shared record.  Rows keep the values they have.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_change_default_value", "1.1");
 

@@ -5,6 +5,9 @@
 #include <search.h>
 
 #include "sr_i_frame.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_close_table", "1.1");
 
@@ -12,6 +15,7 @@ namespace {
 
 // Caller holds the tree's write lock.
 void close_table(sr_i_tree_t *p_tree, sr_i_table_t *p_table) {
+    SR_I_ASSERT_WRITE_LOCKED(&p_tree->lock);
     if (p_table->p_name == nullptr) {
         tdelete(p_table, &p_tree->p_unnamed_tables, sr_i_pointer_compare);
         sr_i_close_table(p_table);

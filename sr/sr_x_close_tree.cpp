@@ -4,6 +4,7 @@
 #include <search.h>
 
 #include "sr_i_frame.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_close_tree", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_commit_1: makes a table's applied changes its committed state, on disk
 // and in memory.
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
 #include "sr_i_transaction.h"
 
 SR_SOURCE_FILE("sr/sr_x_commit", "1.1");

@@ -3,6 +3,7 @@
 // read lock and, for a file target, the directory's ",Lock" file.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_copy_table_by_handle", "1.1");
 

@@ -1,6 +1,9 @@
 // sr_create_hashed_key_table_1: creates a table with the caller's hashed key
 // index over its key column.
 #include "sr_i_frame.h"
+#include "sr_i_hash_table.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_create_hashed_key_table", "1.1");
 

@@ -1,6 +1,8 @@
 // sr_create_table_1: creates a table (persistent under a mount point,
 // transient elsewhere) and opens it for write.
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_create_table", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_delete_row_by_index_1: deletes the row at a packed index (pending until commit).
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_row_by_index", "1.1");
 

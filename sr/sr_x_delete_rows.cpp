@@ -6,6 +6,7 @@
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_rows", "1.1");
 

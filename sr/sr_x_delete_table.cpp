@@ -10,6 +10,8 @@
 
 #include "sr_i_files.h"
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_delete_table", "1.1");
 
@@ -33,13 +35,13 @@ qx_int32_t delete_table(sr_i_tree_t *p_tree, qx_char_ptr_t p_registry_path) {
         return rc;
     }
     size_t length = std::strlen(p_absolute);
-    if (sr_i_file_ops.p_unlink(p_absolute) != 0) {
+    if (sr_i_sys_unlink(p_absolute) != 0) {
         rc = SR_ERROR_FILE("unlink", errno, true);
     } else {
         // A ".rewrite" file left by a crash goes too; it may well not exist.
         // The resolved path has room for the suffix.
         std::memcpy(p_absolute + length, ".rewrite", 9);
-        (void)sr_i_file_ops.p_unlink(p_absolute);
+        (void)sr_i_sys_unlink(p_absolute);
         // Gone for good only once the directory is synced; the table is
         // gone either way, so a failure is captured, not returned.
         (void)sr_i_sync_directory_of(p_absolute);

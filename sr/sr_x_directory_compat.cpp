@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "sr_i_frame.h"
+#include "sr_i_pool.h"
 
 SR_SOURCE_FILE("sr/sr_x_directory_compat", "1.1");
 

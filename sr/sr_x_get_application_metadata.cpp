@@ -1,7 +1,9 @@
 // sr_get_application_metadata_1: a copy of the table's application metadata
 // (the block of type 0) as the table's own visibility shows it; the caller
 // frees it with free().
+#include "sr_i_application_metadata.h"
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_application_metadata", "1.1");
 

@@ -2,6 +2,7 @@
 // table's visibility says).
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_field_by_index", "1.1");
 

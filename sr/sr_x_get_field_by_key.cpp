@@ -1,6 +1,7 @@
 // sr_get_field_by_key_1: reads one field of the row with a given key.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_field_by_key", "1.1");
 

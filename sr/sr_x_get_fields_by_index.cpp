@@ -1,6 +1,7 @@
 // sr_get_fields_by_index_1: reads several fields of a row by packed index.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_fields_by_index", "1.1");
 

@@ -2,6 +2,7 @@
 // caller's visibility, and the row's state.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_fields_by_key_and_visibility", "1.1");
 

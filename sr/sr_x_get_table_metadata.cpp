@@ -3,6 +3,7 @@
 // released by the caller with sr_free_table_metadata_1.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_table_metadata", "1.1");
 

@@ -2,6 +2,7 @@
 // frees.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_get_updated_rows", "1.1");
 

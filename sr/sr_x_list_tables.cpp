@@ -3,6 +3,7 @@
 // tree's write lock alone guards the tree's listing work fields.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_list_tables", "1.1");
 

@@ -2,6 +2,7 @@
 // directory, creating the directory and its parents when missing.
 #include "sr_i_files.h"
 #include "sr_i_frame.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_mount_local_tree", "1.1");
 

@@ -3,6 +3,7 @@
 // taken inside the move.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_move_table_by_handle", "1.1");
 

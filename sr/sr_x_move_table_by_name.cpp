@@ -2,6 +2,7 @@
 // another registry path of the tree.  The locks are taken inside the move.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_move_table_by_name", "1.1");
 

@@ -1,6 +1,8 @@
 // sr_open_table_1: opens a table by registry path, sharing the tree's record
 // when the table is already open there.
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_open_table", "1.1");
 

@@ -4,6 +4,9 @@
 #include <cstdlib>
 
 #include "sr_i_frame.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_open_tree", "1.1");
 

@@ -2,6 +2,7 @@
 // standard column in memory only; the file never sees it.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_overlay_memory_column_qualifier", "1.1");
 

@@ -2,6 +2,7 @@
 // only; rows added afterwards take it, the file never sees it.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_overlay_memory_default_value", "1.1");
 

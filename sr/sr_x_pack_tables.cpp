@@ -5,6 +5,9 @@
 
 #include "sr_i_frame.h"
 #include "sr_i_pack.h"
+#include "sr_i_pool.h"
+#include "sr_i_read_write_lock.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_pack_tables", "1.1");
 

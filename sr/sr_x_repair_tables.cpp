@@ -3,6 +3,7 @@
 // takes only the tree's write lock, not the API mutex.
 #include "sr_i_frame.h"
 #include "sr_i_management.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_repair_tables", "1.1");
 

@@ -8,7 +8,10 @@
 #include <stdlib.h>
 
 #include "sr_i_frame.h"
+#include "sr_i_read_write_lock.h"
 #include "sr_i_select.h"
+#include "sr_i_table.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_select", "1.1");
 

@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <cstring>
 
+#include "sr_i_application_metadata.h"
 #include "sr_i_frame.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_set_application_metadata", "1.1");
 

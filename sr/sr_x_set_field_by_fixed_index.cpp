@@ -1,6 +1,7 @@
 // sr_set_field_by_fixed_index_1: changes one field of a row by fixed index.
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_set_field_by_fixed_index", "1.1");
 

@@ -1,6 +1,7 @@
 // sr_set_field_by_key_1: changes one field of the row with a given key (`result` is the new value).
 #include "sr_i_frame.h"
 #include "sr_i_rows.h"
+#include "sr_i_table.h"
 
 SR_SOURCE_FILE("sr/sr_x_set_field_by_key", "1.1");
 

@@ -2,6 +2,7 @@
 // and tables already open under it are left alone.
 #include "sr_i_files.h"
 #include "sr_i_frame.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_unmount_local_tree", "1.1");
 

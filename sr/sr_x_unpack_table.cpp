@@ -3,6 +3,7 @@
 // so the buffer must outlive the table; the locks are those of creation.
 #include "sr_i_frame.h"
 #include "sr_i_pack.h"
+#include "sr_i_tree.h"
 
 SR_SOURCE_FILE("sr/sr_x_unpack_table", "1.1");
 

@@ -21,6 +21,20 @@ for m in man1/qxsr.1 man3/qx_sr.3; do
 done
 "$prefix/bin/qxsr" --version >/dev/null || { echo "the installed qxsr does not run"; exit 1; }
 
+# The installed registry has no test seams: no pause-point setting it reads,
+# no file-call table, no allocation-failure hook (they live in the static
+# archive the tests link).  nm sees the local symbols of an unstripped
+# library; the string check holds for a stripped one too.
+lib=$(readlink -f "$prefix/lib/libqx_sr.so")
+if LC_ALL=C grep -q -a QX_SR_TEST_PAUSE "$lib"; then
+  echo "the installed libqx_sr.so reads QX_SR_TEST_PAUSE"; exit 1
+fi
+seams=$( { nm -C "$lib" 2>/dev/null || true; nm -D -C "$lib"; } |
+  grep -Ew 'sr_i_file_ops|sr_i_default_file_ops|sr_i_alloc_fail_after|sr_i_alloc_failure_pending|sr_i_alloc_move_reallocations|sr_i_test_pause_reload' || true)
+if [ -n "$seams" ]; then
+  echo "the installed libqx_sr.so has test seams:"; echo "$seams"; exit 1
+fi
+
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 # shellcheck disable=SC2046
 cc -std=c11 -Wall -Wextra -Werror -o "$work/c_api" "$here/../c/c_api_test.c" \

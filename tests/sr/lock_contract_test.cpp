@@ -1,0 +1,46 @@
+// Caller-holds-the-lock contracts: the lock queries the debug-build checks
+// use, and a routine called without the lock its contract names stopping the
+// process.
+#include <gtest/gtest.h>
+
+#include "sr_i.h"
+
+namespace {
+
+TEST(LockContractTest, QueriesTellAFreeLockFromAReadAndAWriteHeldOne) {
+    sr_i_read_write_lock_t lock;
+    sr_i_rw_open(&lock);
+    EXPECT_FALSE(sr_i_rw_held(&lock));
+    EXPECT_FALSE(sr_i_rw_held_for_write(&lock));
+    ASSERT_EQ(sr_i_rw_lock_read(&lock), 0);
+    EXPECT_TRUE(sr_i_rw_held(&lock));
+    EXPECT_FALSE(sr_i_rw_held_for_write(&lock));
+    ASSERT_EQ(sr_i_rw_unlock_read(&lock), 0);
+    ASSERT_EQ(sr_i_rw_lock_write(&lock), 0);
+    EXPECT_TRUE(sr_i_rw_held(&lock));
+    EXPECT_TRUE(sr_i_rw_held_for_write(&lock));
+    ASSERT_EQ(sr_i_rw_unlock_write(&lock), 0);
+    EXPECT_FALSE(sr_i_rw_held(&lock));
+    sr_i_rw_close(&lock);
+}
+
+TEST(LockContractTest, ARoutineCalledWithoutItsLockStopsADebugBuild) {
+#ifdef NDEBUG
+    GTEST_SKIP() << "the checks are compiled into debug builds only";
+#else
+    sr_opaque_handle_t tree = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
+    auto *p_tree = static_cast<sr_i_tree_t *>(tree);
+    char path[] = "/";
+    qx_char_ptr_t *p_list = nullptr;
+    qx_uint32_t count = 0;
+    EXPECT_DEATH(sr_i_list_tables(p_tree, path, &p_list, &count), "sr_i_rw_held_for_write");
+    ASSERT_EQ(sr_i_rw_lock_write(&p_tree->lock), 0);
+    EXPECT_EQ(sr_i_list_tables(p_tree, path, &p_list, &count), 0);
+    ASSERT_EQ(sr_i_rw_unlock_write(&p_tree->lock), 0);
+    EXPECT_EQ(sr_free_table_list_1(p_list, count), 0);
+    EXPECT_EQ(sr_close_tree_1(tree), 0);
+#endif
+}
+
+}  // namespace
