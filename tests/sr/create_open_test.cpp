@@ -1,6 +1,6 @@
-// Creating, opening, closing and deleting tables: column validation, open
-// modes and their conflicts, shared records, transient tables that outlive
-// their last close, deletion while open, and what a failed create leaves.
+// Creating, opening, closing and deleting tables: column validation, modes,
+// shared records, transient tables outliving their last close, deletion while
+// open, and what a failed create leaves.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -192,20 +192,20 @@ TEST_F(CreateOpenTest, FailedCreatesLeaveNoFileAndTheCallersArrayUnchanged) {
 
 TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
     auto columns = ScalarColumns(2);
-    sr_opaque_handle_t table = nullptr;
-    EXPECT_EQ(sr_create_hashed_key_table_1(tree_, Text("/h"), columns.data(), 2, 2, 0,
-                                           HashFirstByte, CompareInt64, &table),
-              101);
-    // A failed validation closes the index it was given (the leak checker
-    // watches this one).
-    columns[0].qualifier = SR_STANDARD;
-    EXPECT_EQ(sr_create_hashed_key_table_1(tree_, Text("/h"), columns.data(), 2, 2, 7,
-                                           HashFirstByte, CompareInt64, &table),
-              107);
+    sr_opaque_handle_t table = nullptr, again = nullptr;
+    auto create = [&](const char *path, qx_uint32_t buckets) {
+        return sr_create_hashed_key_table_1(tree_, Text(path), columns.data(), 2, 6, buckets,
+                                            HashFirstByte, CompareInt64, &table);
+    };
+    auto open = [&](const char *path, int mode, qx_uint32_t buckets, sr_opaque_handle_t *p_out) {
+        return sr_open_hashed_key_table_1(tree_, Text(path), mode, buckets, HashFirstByte,
+                                          CompareInt64, p_out);
+    };
+    EXPECT_EQ(create("/h", 0), 101);
+    columns[0].qualifier = SR_STANDARD;  // the failed validation closes the index it was given
+    EXPECT_EQ(create("/h", 7), 107);
     columns[0].qualifier = SR_PRIMARY_KEY;
-    ASSERT_EQ(sr_create_hashed_key_table_1(tree_, Text("/m/h"), columns.data(), 2, 6, 7,
-                                           HashFirstByte, CompareInt64, &table),
-              0);
+    ASSERT_EQ(create("/m/h", 7), 0);
     auto *p_table = static_cast<sr_i_table_t *>(table);
     EXPECT_EQ(p_table->p_rows_hash_table->total_hash_buckets, 7u);
     for (int k = 1; k <= 20; ++k) ASSERT_EQ(AddC1(p_table, k, I64(k * 10)), 0);
@@ -213,36 +213,21 @@ TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
     EXPECT_EQ(sr_close_table_1(table), 0);
     // A second open keeps the first one's index; an open that makes no
     // record closes the index it made.
-    ASSERT_EQ(
-        sr_open_hashed_key_table_1(tree_, Text("/m/h"), 2, 7, HashFirstByte, CompareInt64, &table),
-        0);
-    sr_opaque_handle_t again = nullptr;
-    ASSERT_EQ(
-        sr_open_hashed_key_table_1(tree_, Text("/m/h"), 2, 3, HashFirstByte, CompareInt64, &again),
-        0);
+    ASSERT_EQ(open("/m/h", 2, 7, &table), 0);
+    ASSERT_EQ(open("/m/h", 2, 3, &again), 0);
     EXPECT_EQ(again, table);
     EXPECT_EQ(static_cast<sr_i_table_t *>(table)->p_rows_hash_table->total_hash_buckets, 7u);
     EXPECT_EQ(ValueOf(table, 13), 130);
-    EXPECT_EQ(sr_open_hashed_key_table_1(tree_, Text("/m/nowhere"), 2, 7, HashFirstByte,
-                                         CompareInt64, &again),
-              200);
-    EXPECT_EQ(sr_open_hashed_key_table_1(tree_, Text("/nowhere"), 2, 7, HashFirstByte, CompareInt64,
-                                         &again),
-              200);
-    EXPECT_EQ(sr_open_hashed_key_table_1(tree_, Text("/nowhere"), 4, 7, HashFirstByte, CompareInt64,
-                                         &again),
-              103);
-    EXPECT_EQ(
-        sr_open_hashed_key_table_1(tree_, Text("/t"), 2, 0, HashFirstByte, CompareInt64, &again),
-        101);
+    EXPECT_EQ(open("/m/nowhere", 2, 7, &again), 200);
+    EXPECT_EQ(open("/nowhere", 2, 7, &again), 200);
+    EXPECT_EQ(open("/nowhere", 4, 7, &again), 103);
+    EXPECT_EQ(open("/t", 2, 0, &again), 101);
     ASSERT_EQ(sr_close_table_1(table), 0);
     ASSERT_EQ(sr_close_table_1(table), 0);
-    // Every allocation of a load with its index failed in turn: 12.
-    for (qx_int64_t n = 0;; ++n) {
+    for (qx_int64_t n = 0;; ++n) {  // every allocation of a load with its index failing
         ASSERT_LT(n, 200);
         sr_i_alloc_fail_after(n);
-        qx_int32_t rc = sr_open_hashed_key_table_1(tree_, Text("/m/h"), 1, 7, HashFirstByte,
-                                                   CompareInt64, &table);
+        qx_int32_t rc = open("/m/h", 1, 7, &table);
         sr_i_alloc_fail_after(-1);
         if (rc == 0) break;
         EXPECT_EQ(rc, 12) << n;
