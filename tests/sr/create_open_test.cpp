@@ -12,14 +12,10 @@
 
 #include "sr/rows_test_util.h"
 
-using qxtest::Exists;
-using qxtest::I64;
-using qxtest::last_error;
-using qxtest::ReadBytes;
-
+namespace qxtest {
 namespace {
 
-class CreateOpenTest : public qxtest::RowsTest {
+class CreateOpenTest : public RowsTest {
   protected:
     qx_int32_t TryCreate(const std::string &path, std::vector<sr_column_t> &columns, int mode = 2) {
         sr_opaque_handle_t table = nullptr;
@@ -104,7 +100,7 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
     EXPECT_EQ(TryCreate("/t", columns), 0);
     EXPECT_EQ(TryCreate("/t", columns), 201);
     EXPECT_EQ(last_error().message, "2605-201 The table already exists.\n");
-    qxtest::WriteBytes(File("f"), "not a table");
+    WriteBytes(File("f"), "not a table");
     EXPECT_EQ(TryCreate("/m/f", columns), 201);
     EXPECT_EQ(ReadBytes(File("f")), "not a table");
     EXPECT_FALSE(Exists(File("f.rewrite")));
@@ -116,7 +112,7 @@ std::string Appearing_Path;
 std::string Appearing_Bytes;
 int SyncWhileATableAppears(int fd) {
     if (!Appearing_Path.empty()) {
-        qxtest::WriteBytes(Appearing_Path, Appearing_Bytes);
+        WriteBytes(Appearing_Path, Appearing_Bytes);
         Appearing_Path.clear();
     }
     return fdatasync(fd);
@@ -128,7 +124,8 @@ TEST_F(CreateOpenTest, FailedCreatesLeaveNoFileAndTheCallersArrayUnchanged) {
     Appearing_Path = File("t");
     sr_i_file_ops.p_fdatasync = SyncWhileATableAppears;
     std::vector<sr_column_t> columns = ScalarColumns(2);
-    EXPECT_EQ(TryCreate("/m/t", columns), SR_E_TABLE_EXISTS);  // the other table stays
+    EXPECT_EQ(TryCreate("/m/t", columns),
+              SR_E_TABLE_EXISTS);  // the other table stays
     sr_i_file_ops = sr_i_default_file_ops;
     EXPECT_EQ(ReadBytes(File("t")), Appearing_Bytes);
     EXPECT_FALSE(Exists(File("t.rewrite")));
@@ -239,9 +236,9 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
     for (int mode : {0, 4, 5, 8, -1, 100}) {
         Open("/m/t", mode, 103);
-        EXPECT_EQ(
-            last_error().message,
-            "2605-103 An invalid mode was specified while trying to create or open the table.\n");
+        EXPECT_EQ(last_error().message,
+                  "2605-103 An invalid mode was specified while trying to create "
+                  "or open the table.\n");
     }
     const struct {
         int mode;
@@ -269,7 +266,8 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     EXPECT_EQ(p_writer->mode, 2u);
     Open("/m/t", 6, 211);
     EXPECT_EQ(last_error().code, 211);
-    EXPECT_EQ(Open("/m/t", 1), p_writer);  // a reader shares the writer's record unchanged
+    EXPECT_EQ(Open("/m/t", 1),
+              p_writer);  // a reader shares the writer's record unchanged
     EXPECT_EQ(p_writer->mode, 2u);
     EXPECT_EQ(p_writer->references, 3u);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(sr_close_table_1(p_writer), 0);
@@ -284,7 +282,7 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     Open("/nowhere", 2, 200);
     EXPECT_EQ(last_error().message, "2605-200 The table does not exist.\n");
     Open("/m/nowhere", 2, 200);
-    qxtest::WriteBytes(File("short"), std::string(12, '\0'));
+    WriteBytes(File("short"), std::string(12, '\0'));
     Open("/m/short", 1, 14);
     EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n");
     if (geteuid() != 0) {
@@ -325,7 +323,7 @@ TEST_F(CreateOpenTest, TransientTablesOutliveTheirLastCloseUntilDeleted) {
 
 TEST_F(CreateOpenTest, PersistentTableDeletedWhileOpenKeepsItsHandle) {
     sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2));
-    qxtest::WriteBytes(File("t.rewrite"), "left by a crash");
+    WriteBytes(File("t.rewrite"), "left by a crash");
     ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
     EXPECT_FALSE(Exists(File("t")));
     EXPECT_FALSE(Exists(File("t.rewrite")));
@@ -345,7 +343,7 @@ TEST_F(CreateOpenTest, PersistentTableDeletedWhileOpenKeepsItsHandle) {
 // A packed rows array makes a read-only table whose rows are the records
 // the array points at, committed at once and never copied.
 TEST_F(CreateOpenTest, PackedRowsBecomeAReadOnlyCommittedTableInPlace) {
-    qxtest::FileImage rows;
+    FileImage rows;
     rows.Row(0, {1, 10});
     rows.Row(0, {2, 20});
     rows.Row(0, {3, 30});
@@ -407,3 +405,4 @@ TEST_F(CreateOpenTest, ClosingATreeClosesItsTablesAndGivesUpTheirLocks) {
 }
 
 }  // namespace
+}  // namespace qxtest

@@ -12,10 +12,7 @@
 
 #include "sr/rows_test_util.h"
 
-using qxtest::I32;
-using qxtest::I64;
-using qxtest::Str;
-
+namespace qxtest {
 namespace {
 
 using Row = std::pair<std::string, qx_int32_t>;  // columns s and n
@@ -29,15 +26,14 @@ std::string Name(const Config &c) {
 }
 constexpr qx_int64_t kKeys = 40;
 
-class RowModelTest : public qxtest::RowsTest, public ::testing::WithParamInterface<Config> {
+class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Config> {
   protected:
     int Mode() const { return GetParam().explicit_control ? 6 : 2; }
     void Open() {
         sr_opaque_handle_t t = nullptr;
-        ASSERT_EQ(0, GetParam().hashed
-                         ? sr_open_hashed_key_table_1(tree_, Text(path_), Mode(), 1024,
-                                                      qxtest::HashI64, qxtest::CompareI64, &t)
-                         : sr_open_table_1(tree_, Text(path_), Mode(), &t));
+        ASSERT_EQ(0, GetParam().hashed ? sr_open_hashed_key_table_1(tree_, Text(path_), Mode(),
+                                                                    1024, HashI64, CompareI64, &t)
+                                       : sr_open_table_1(tree_, Text(path_), Mode(), &t));
         p_ = static_cast<sr_i_table_t *>(t);
     }
     // Texts up to 600 bytes, an empty one now and then given as NULL.
@@ -70,7 +66,8 @@ class RowModelTest : public qxtest::RowsTest, public ::testing::WithParamInterfa
                                            Row(s.ptr_char, n.val_int32));
             }
         }
-        std::multiset<qx_int64_t> live, expected;  // the packed index shows each live key once
+        std::multiset<qx_int64_t> live,
+            expected;  // the packed index shows each live key once
         for (qx_uint32_t r = 0; r < p_->total_applied_rows; ++r) {
             qx_value_t k{};
             if (Get(p_, static_cast<qx_int32_t>(r), "k", &k, 1) == 0) live.insert(k.val_int64);
@@ -217,3 +214,4 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<Config> &info) { return Name(info.param); });
 
 }  // namespace
+}  // namespace qxtest
