@@ -1,7 +1,7 @@
 // Adding, setting and deleting rows: names and defaults, empty values, growth
 // of records and of the index, the linear key check (with its self-match) and
-// the hashed one (with revival), rows added and deleted in one transaction,
-// protected and reset columns, and a table left as it was by every failure.
+// the hashed one (with revival), protected and reset columns, and a table left
+// as it was by every failure.
 #include <errno.h>
 #include <gtest/gtest.h>
 
@@ -121,50 +121,6 @@ TEST_F(AddRowTest, HashedTableRevivesARowDeletedSinceTheLastCommit) {
     ASSERT_EQ(0, ApplyCommit(p_table));
     EXPECT_EQ("new", TextOf(p_table, 1));
     EXPECT_EQ(3u, p_table->total_committed_rows);
-}
-
-TEST_F(AddRowTest, RowsAddedAndDeletedInOneTransactionArePassedOverByEveryWalk) {
-    for (qx_uint32_t qualifier : {SR_PRIMARY_KEY, SR_PRIMARY_KEY_NOCHECK}) {
-        SCOPED_TRACE(qualifier);
-        sr_i_table_t *p_table = Make("/m/ghost" + std::to_string(qualifier), Columns(qualifier), 6);
-        ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
-        ASSERT_EQ(0, AddRow(p_table, 2, "two", 2));
-        ASSERT_EQ(0, AddRow(p_table, 3, "three", 3));
-        ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 0));
-        ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
-        EXPECT_EQ(SR_ROW_STATE_NO_ROW, StateOf(p_table, 0));
-        EXPECT_EQ(2u, FixedOf(p_table, 3));
-        qx_uint32_t fixed = 0;
-        EXPECT_EQ(202, sr_get_fixed_row_index_for_key_1(p_table, I64(1), &fixed));
-        qx_value_t v{};
-        sr_row_state_t state = SR_ROW_STATE_COMMITTED;
-        EXPECT_EQ(204, Get(p_table, 0, "s", &v, 1, &state));
-        EXPECT_EQ(SR_ROW_STATE_NO_ROW, state);
-        ASSERT_EQ(0, AddRow(p_table, 1, "one again", 10));
-        EXPECT_EQ("one again", TextOf(p_table, 1, 1));
-        if (qualifier == SR_PRIMARY_KEY) {
-            EXPECT_EQ(108, AddRow(p_table, 3, "dup", 0));
-        }
-        ASSERT_EQ(0, sr_apply_1(p_table, 0));
-        EXPECT_EQ(212, AddRow(p_table, 5, "five", 5));
-        EXPECT_EQ(212, last_error().code);
-        ASSERT_EQ(0, sr_commit_1(p_table));
-        EXPECT_EQ(2u, p_table->total_committed_rows);
-        if (qualifier == SR_PRIMARY_KEY_NOCHECK) {
-            // Abort after another add/delete sequence restores the committed
-            // rows (a checked add would meet itself in reused slot 0).
-            ASSERT_EQ(0, AddRow(p_table, 4, "four", 4));
-            ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 2));
-            ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 0));
-            ASSERT_EQ(0, sr_abort_1(p_table));
-            EXPECT_EQ("three", TextOf(p_table, 3, 1));
-            EXPECT_EQ("<202>", TextOf(p_table, 4, 1));
-        }
-        ASSERT_EQ(0, sr_delete_rows_1(p_table, nullptr));
-        EXPECT_EQ(0u, Live(p_table));
-        ASSERT_EQ(0, ApplyCommit(p_table));
-        EXPECT_EQ(&p_table->p_rows_fixed_index[0], p_table->p_rows_free_chain);
-    }
 }
 
 TEST_F(AddRowTest, ImplicitAddIsInTheFileAndAFailedOneLeavesTheLastCommit) {
@@ -310,26 +266,6 @@ TEST_F(SetValuesTest, ProtectedDefaultedAndRefusedColumns) {
     sr_i_table_t *p_keyed = Make("/t/protected_key", Columns(SR_PRIMARY_KEY | SR_PROTECTED), 6);
     ASSERT_EQ(0, AddRow(p_keyed, 1, "one", 5));
     EXPECT_EQ(105, sr_set_field_by_index_1(p_keyed, 0, const_cast<char *>("k"), &key));
-}
-
-TEST_F(SetValuesTest, HashedIndexFollowsTheKeyOfARowWithoutACommittedVersion) {
-    sr_i_table_t *p_table = Make("/t/hashed", 6, true);
-    for (int k = 0; k < 20; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));
-    // Each set frees the row's pending record, which other rows then reuse:
-    // an index still pointing into it would find the wrong keys.
-    for (int round = 0; round < 5; ++round) {
-        for (int k = 0; k < 20; ++k) {
-            std::string text(40 + round * 30, static_cast<char>('a' + round));
-            ASSERT_EQ(0, SetText(p_table, k, text.c_str()));
-        }
-    }
-    for (int k = 0; k < 20; ++k) {
-        EXPECT_EQ(static_cast<qx_uint32_t>(k), FixedOf(p_table, k));
-        EXPECT_EQ(std::string(160, 'e'), TextOf(p_table, k, 1));
-    }
-    EXPECT_EQ(108, AddRow(p_table, 7, "dup", 0));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ(std::string(160, 'e'), TextOf(p_table, 19));
 }
 
 TEST_F(SetValuesTest, EveryAllocationFailureLeavesTheRowAsItWas) {

@@ -87,39 +87,10 @@ TEST_F(GetValuesTest, RowsColumnsAndArgumentsThatCannotBeRead) {
     EXPECT_EQ(105, last_error().code);
     EXPECT_EQ(202, sr_get_field_by_key_1(p_table, I64(9), s, &v));
     EXPECT_EQ(100, sr_get_field_by_index_1(nullptr, 0, s, &v));
-}
-
-TEST_F(GetValuesTest, PluralReadersAndTheFixedIndexOfAKey) {
-    sr_i_table_t *p_hashed = Committed("/t/plural", true);
-    sr_i_table_t *p_linear = Committed("/t/linear");
-    for (sr_i_table_t *p_table : {p_hashed, p_linear}) {
-        qx_uint32_t fixed = 77;
-        ASSERT_EQ(0, sr_get_fixed_row_index_for_key_1(p_table, I64(3), &fixed));
-        EXPECT_EQ(2u, fixed);
-        EXPECT_EQ(202, sr_get_fixed_row_index_for_key_1(p_table, I64(33), &fixed));
-    }
-    char *names[] = {const_cast<char *>("n"), const_cast<char *>("k"), const_cast<char *>("s")};
-    qx_value_t n{}, k{}, s{};
-    qx_value_t *values[] = {&n, &k, &s};
-    auto row = [&] {
-        return std::to_string(n.val_int32) + std::to_string(k.val_int64) + s.ptr_char;
-    };
-    ASSERT_EQ(0, sr_get_fields_by_key_1(p_hashed, I64(3), names, values, 3));
-    EXPECT_EQ("303three", row());
-    sr_row_state_t state = SR_ROW_STATE_NO_ROW;
-    ASSERT_EQ(0, sr_get_fields_by_index_and_visibility_1(p_hashed, 0, names, values, 3, 1, &state));
-    EXPECT_EQ("101one", row());
-    EXPECT_EQ(SR_ROW_STATE_COMMITTED, state);
-    auto *p_get = sr_get_fields_by_fixed_index_and_visibility_1;
-    ASSERT_EQ(0, p_get(p_hashed, 1, names, values, 3, 0, &state));
-    EXPECT_EQ("202two", row());
-    ASSERT_EQ(0,
-              sr_get_fields_by_key_and_visibility_1(p_hashed, I64(1), names, values, 3, 0, &state));
-    EXPECT_EQ("101one", row());
     // The values before an unknown name are stored, the one after is not.
     char *bad[] = {const_cast<char *>("n"), const_cast<char *>("zz"), const_cast<char *>("k")};
-    k.val_int64 = -1;
-    EXPECT_EQ(105, sr_get_fields_by_index_1(p_hashed, 1, bad, values, 3));
+    qx_value_t n{}, k = I64(-1), z{}, *values[] = {&n, &k, &z};
+    EXPECT_EQ(105, sr_get_fields_by_index_1(p_table, 1, bad, values, 3));
     EXPECT_EQ(20, n.val_int32);
     EXPECT_EQ(-1, k.val_int64);
 }

@@ -8,14 +8,16 @@
 #include <random>
 #include <set>
 #include <string>
-#include <utility>
+#include <tuple>
+#include <vector>
 
 #include "sr/rows_test_util.h"
 
 namespace qxtest {
 namespace {
 
-using Row = std::pair<std::string, qx_int32_t>;  // columns s and n
+using Row = std::tuple<std::string, qx_int32_t, std::string>;  // columns s, n and t
+char *const kNames[] = {const_cast<char *>("s"), const_cast<char *>("n"), const_cast<char *>("t")};
 struct Config {
     bool persistent, explicit_control, hashed;
     int steps;
@@ -36,13 +38,15 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
                                        : sr_open_table_1(tree_, Text(path_), Mode(), &t));
         p_ = static_cast<sr_i_table_t *>(t);
     }
-    // Texts up to 600 bytes, an empty one now and then given as NULL.
-    Row Random(qx_value_t *p_s, qx_value_t *p_n) {
+    // Texts up to 600 and 60 bytes, an empty s now and then given as NULL.
+    Row Random(qx_value_t *v) {
         const size_t length = rng_() % 8 == 0 ? 0 : rng_() % 600;
         text_.assign(length, static_cast<char>('a' + rng_() % 26));
-        *p_s = Str(text_.empty() && rng_() % 2 ? nullptr : text_.c_str());
-        *p_n = I32(static_cast<qx_int32_t>(rng_()));
-        return {text_, p_n->val_int32};
+        other_.assign(rng_() % 60, 'z');
+        v[0] = Str(text_.empty() && rng_() % 2 ? nullptr : text_.c_str());
+        v[1] = I32(static_cast<qx_int32_t>(rng_()));
+        v[2] = Str(other_.c_str());
+        return {text_, v[1].val_int32, other_};
     }
     // What a read by key returns in each view, from the model.
     qx_int32_t ExpectedCode(qx_int64_t key, qx_uint32_t visible) const {
@@ -56,14 +60,13 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
         ASSERT_EQ(applied_.size(), Live(p_));
         for (qx_int64_t key = 0; key < kKeys; ++key) {
             for (qx_uint32_t visible : {0u, 1u}) {
-                qx_value_t s{}, n{}, *values[] = {&s, &n};
-                char *names[] = {const_cast<char *>("s"), const_cast<char *>("n")};
+                qx_value_t v[3]{}, *values[] = {&v[0], &v[1], &v[2]};
                 sr_row_state_t state;
-                qx_int32_t rc = sr_get_fields_by_key_and_visibility_1(p_, I64(key), names, values,
-                                                                      2, visible, &state);
+                qx_int32_t rc = sr_get_fields_by_key_and_visibility_1(
+                    p_, I64(key), const_cast<qx_char_ptr_t *>(kNames), values, 3, visible, &state);
                 ASSERT_EQ(ExpectedCode(key, visible), rc) << "key " << key << " view " << visible;
                 ASSERT_TRUE(rc != 0 || (visible ? applied_ : committed_).at(key) ==
-                                           Row(s.ptr_char, n.val_int32));
+                                           Row(v[0].ptr_char, v[1].val_int32, v[2].ptr_char));
             }
         }
         std::multiset<qx_int64_t> live,
@@ -99,12 +102,13 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
     void Step(int step) {
         const unsigned op = static_cast<unsigned>(rng_() % 100);
         const std::string at = " at step " + std::to_string(step);
-        qx_value_t s{}, n{};
+        qx_value_t v[3]{};
         if (op < 35) {  // add
             const qx_int64_t key = static_cast<qx_int64_t>(rng_() % kKeys);
-            Row row = Random(&s, &n);
+            Row row = Random(v);
             qx_int32_t expected = applied_.count(key) || SelfMatch() ? 108 : 0;
-            ASSERT_EQ(expected, Add(p_, {{"k", I64(key)}, {"s", s}, {"n", n}})) << key << at;
+            ASSERT_EQ(expected, Add(p_, {{"k", I64(key)}, {"s", v[0]}, {"n", v[1]}, {"t", v[2]}}))
+                << key << at;
             if (expected != 0) return;
             applied_[key] = row;
             if (GetParam().hashed) deleted_.erase(key);  // revived in place
@@ -115,15 +119,21 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
                 key =
                     std::next(applied_.begin(), static_cast<long>(rng_() % applied_.size()))->first;
             Row row = applied_.count(key) ? applied_.at(key) : Row{};
-            Row random = Random(&s, &n);
-            const unsigned mask = 1 + static_cast<unsigned>(rng_() % 3);
-            char *names[] = {const_cast<char *>("s"), const_cast<char *>("n")};
-            qx_value_t *values[] = {&s, &n};
-            if (mask & 1) row.first = random.first;
-            if (mask & 2) row.second = random.second;
+            Row random = Random(v);
+            const unsigned mask = 1 + static_cast<unsigned>(rng_() % 7);
+            std::vector<qx_char_ptr_t> names;
+            std::vector<qx_value_t *> values;
+            for (int c = 0; c < 3; ++c) {
+                if ((mask & (1u << c)) == 0) continue;
+                names.push_back(kNames[c]);
+                values.push_back(&v[c]);
+            }
+            if (mask & 1) std::get<0>(row) = std::get<0>(random);
+            if (mask & 2) std::get<1>(row) = std::get<1>(random);
+            if (mask & 4) std::get<2>(row) = std::get<2>(random);
             const qx_int32_t expected = ExpectedCode(key, 1);
-            ASSERT_EQ(expected, sr_set_fields_by_key_1(p_, I64(key), names + (mask == 2),
-                                                       values + (mask == 2), mask == 3 ? 2 : 1))
+            ASSERT_EQ(expected, sr_set_fields_by_key_1(p_, I64(key), names.data(), values.data(),
+                                                       static_cast<qx_uint32_t>(names.size())))
                 << "set " << key << at;
             if (expected != 0) return;
             applied_[key] = row;
@@ -174,7 +184,7 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
     }
 
     std::mt19937_64 rng_{20261122};
-    std::string path_, text_;
+    std::string path_, text_, other_;
     sr_i_table_t *p_ = nullptr;
     std::map<qx_int64_t, Row> committed_, applied_;
     std::set<qx_int64_t> deleted_;  // committed keys deleted since the last commit
@@ -185,7 +195,9 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
 TEST_P(RowModelTest, RandomOperationsMatchTheModelAfterEveryStep) {
     const Config &c = GetParam();
     path_ = (c.persistent ? "/m/" : "/t/") + Name(c);
-    p_ = Make(path_, Mode(), c.hashed);
+    std::vector<sr_column_t> columns = Columns();
+    columns.push_back({Text("t"), QX_CHAR_PTR, SR_STANDARD, 0, nullptr, {}});
+    p_ = Make(path_, columns, Mode(), c.hashed);
     ASSERT_NE(nullptr, p_);
     qx_uint32_t rewrites = 0, previous_length = p_->file_length;
     for (int step = 0; step < c.steps; ++step) {
