@@ -1,7 +1,6 @@
 // Adding, setting and deleting rows: names and defaults, empty values, growth
-// of records and of the index, the linear key check (with its self-match) and
-// the hashed one (with revival), protected and reset columns, and a table left
-// as it was by every failure.
+// of records and of the index, the linear key check (with its self-match),
+// protected and reset columns, and a table left as it was by every failure.
 #include <errno.h>
 #include <gtest/gtest.h>
 
@@ -101,26 +100,6 @@ TEST_F(AddRowTest, LinearCheckRefusesALiveKeyAndMeetsTheNewRowInAReusedLowerSlot
         }
         ASSERT_EQ(0, sr_abort_1(p_table));
     }
-}
-
-TEST_F(AddRowTest, HashedTableRevivesARowDeletedSinceTheLastCommit) {
-    sr_i_table_t *p_table = Make("/t/revive", 6, true);
-    for (int k = 0; k < 3; ++k) ASSERT_EQ(0, AddRow(p_table, k, "old", k));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    const qx_uint32_t fixed = FixedOf(p_table, 1);
-    ASSERT_EQ(0,
-              sr_delete_row_by_index_1(p_table, p_table->p_rows_fixed_index[fixed].packed_index));
-    EXPECT_EQ(108, AddRow(p_table, 2, "live key", 0));
-    ASSERT_EQ(0, AddRow(p_table, 1, "new", 11));
-    EXPECT_EQ(fixed, FixedOf(p_table, 1));
-    EXPECT_EQ(3u, Live(p_table));
-    EXPECT_EQ(SR_ROW_STATE_UPDATED, StateOf(p_table, fixed));
-    EXPECT_EQ(nullptr, p_table->p_delete_rows_change_list);
-    EXPECT_EQ("old", TextOf(p_table, 1, 0));
-    EXPECT_EQ("new", TextOf(p_table, 1, 1));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ("new", TextOf(p_table, 1));
-    EXPECT_EQ(3u, p_table->total_committed_rows);
 }
 
 TEST_F(AddRowTest, ImplicitAddIsInTheFileAndAFailedOneLeavesTheLastCommit) {
