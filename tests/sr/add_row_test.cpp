@@ -267,39 +267,5 @@ TEST_F(SetValuesTest, EveryAllocationFailureLeavesTheRowAsItWas) {
     EXPECT_EQ(big, TextOf(p_table, 1, 1));
 }
 
-class DeleteRowsTest : public RowsTest {};
-
-TEST_F(DeleteRowsTest, DeletionsArePendingUntilCommitAndRefusedWhenTheyCannotBe) {
-    EXPECT_EQ(205, sr_delete_rows_1(Make("/t/empty", 6), const_cast<char *>("k == 1")));
-    sr_i_table_t *p_table = Make("/m/t", 6);
-    for (int k = 0; k < 4; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ(203, sr_delete_row_by_index_1(p_table, 4));
-    EXPECT_EQ(203, last_error().code);
-    EXPECT_EQ(100, sr_delete_row_by_index_1(nullptr, 0));
-    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
-    EXPECT_NE(0, sr_delete_row_by_index_1(p_table, 1));  // no working record left to drop
-    EXPECT_EQ(3u, Live(p_table));
-    EXPECT_EQ("v", TextOf(p_table, 1, 0));
-    EXPECT_EQ(SR_ROW_STATE_DELETED, StateOf(p_table, 1));
-    ASSERT_EQ(0, sr_apply_1(p_table, 0));
-    EXPECT_EQ(212, sr_delete_rows_1(p_table, nullptr));
-    EXPECT_EQ(212, sr_delete_rows_1(p_table, const_cast<char *>("k == 1")));
-    ASSERT_EQ(0, sr_commit_1(p_table));
-    EXPECT_EQ(3u, p_table->total_committed_rows);
-    EXPECT_EQ("<202>", TextOf(p_table, 1, 0));
-    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 2));
-    ASSERT_EQ(0, sr_delete_rows_1(p_table, nullptr));  // every row, deleted ones passed over
-    for (qx_uint32_t f : {0u, 2u, 3u}) EXPECT_EQ(SR_ROW_STATE_DELETED, StateOf(p_table, f));
-    EXPECT_EQ(205, sr_delete_rows_1(p_table, nullptr));
-    EXPECT_EQ(205, last_error().code);
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ(205, sr_delete_rows_1(p_table, nullptr));
-    ASSERT_EQ(0, sr_close_table_1(p_table));
-    sr_opaque_handle_t t = nullptr;
-    ASSERT_EQ(0, sr_open_table_1(tree_, Text("/m/t"), SR_MODE_READ, &t));
-    EXPECT_EQ(0u, static_cast<sr_i_table_t *>(t)->total_committed_rows);
-}
-
 }  // namespace
 }  // namespace qxtest

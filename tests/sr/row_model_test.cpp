@@ -171,6 +171,7 @@ class RowModelTest : public RowsTest, public ::testing::WithParamInterface<Confi
                 ASSERT_EQ(0, sr_apply_1(p_, 0)) << at;
                 ASSERT_EQ(212, sr_apply_1(p_, 0));
                 ASSERT_EQ(212, Add(p_, {{"k", I64(kKeys + 1)}}));
+                ASSERT_EQ(212, sr_delete_rows_1(p_, nullptr));
                 ASSERT_NO_FATAL_FAILURE(Check("applied" + at));
             }
             ASSERT_EQ(0, choice == 2 ? sr_commit_1(p_) : sr_abort_1(p_)) << at;
