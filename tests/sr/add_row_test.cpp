@@ -1,7 +1,6 @@
-// Adding rows: names and defaults, empty values, growth of the record and of
-// the index, the linear key check (with its self-match) and the hashed one
-// (with revival), rows added and deleted in one transaction, durability, and
-// a table left as it was by every failure.
+// Adding, setting and deleting rows: names and defaults, empty values, growth
+// of records and of the index, the linear key check (with its self-match),
+// protected and reset columns, and a table left as it was by every failure.
 #include <errno.h>
 #include <gtest/gtest.h>
 
@@ -10,26 +9,16 @@
 
 #include "sr/rows_test_util.h"
 
-using qxtest::I32;
-using qxtest::I64;
-using qxtest::last_error;
-using qxtest::Str;
-
+namespace qxtest {
 namespace {
 
-class AddRowTest : public qxtest::RowsTest {};
+class AddRowTest : public RowsTest {};
 
 TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     std::vector<sr_column_t> columns = Columns();
-    const qx_data_type_t types[] = {QX_BINARY_PTR, QX_INT32_ARRAY, QX_CHAR_PTR_ARRAY};
-    const char *names[] = {"b", "ia", "ca"};
-    for (int i = 0; i < 3; ++i) {
-        sr_column_t c{};
-        c.name = Text(names[i]);
-        c.type = types[i];
-        c.qualifier = SR_STANDARD;
-        columns.push_back(c);
-    }
+    columns.push_back({Text("b"), QX_BINARY_PTR, SR_STANDARD, 0, nullptr, {}});
+    columns.push_back({Text("ia"), QX_INT32_ARRAY, SR_STANDARD, 0, nullptr, {}});
+    columns.push_back({Text("ca"), QX_CHAR_PTR_ARRAY, SR_STANDARD, 0, nullptr, {}});
     sr_i_table_t *p_table = Make("/t/names", columns, 2);
     EXPECT_EQ(104, Add(p_table, {{"k", I64(1)}, {"k", I64(2)}}));
     EXPECT_EQ(104, last_error().code);
@@ -48,21 +37,13 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     EXPECT_EQ("two", TextOf(p_table, 2));
     EXPECT_EQ(3, IntOf(p_table, 2));
     // NULL pointers are stored as the empty value of their type.
-    qx_value_t null_value{};
-    ASSERT_EQ(0, Add(p_table, {{"k", I64(3)},
-                               {"s", null_value},
-                               {"b", null_value},
-                               {"ia", null_value},
-                               {"ca", null_value}}));
-    qx_value_t s{}, b{}, ia{}, ca{};
-    ASSERT_EQ(0, Get(p_table, 2, "s", &s));
-    ASSERT_EQ(0, Get(p_table, 2, "b", &b));
-    ASSERT_EQ(0, Get(p_table, 2, "ia", &ia));
-    ASSERT_EQ(0, Get(p_table, 2, "ca", &ca));
-    EXPECT_STREQ("", s.ptr_char);
-    EXPECT_EQ(0u, b.ptr_binary->length);
-    EXPECT_EQ(0u, ia.ptr_array->element_count);
-    EXPECT_EQ(0u, ca.ptr_array->element_count);
+    const qx_value_t null{};
+    ASSERT_EQ(0,
+              Add(p_table, {{"k", I64(3)}, {"s", null}, {"b", null}, {"ia", null}, {"ca", null}}));
+    EXPECT_STREQ("", Val(p_table, 3, "s").ptr_char);
+    EXPECT_EQ(0u, Val(p_table, 3, "b").ptr_binary->length);
+    EXPECT_EQ(0u, Val(p_table, 3, "ia").ptr_array->element_count);
+    EXPECT_EQ(0u, Val(p_table, 3, "ca").ptr_array->element_count);
     // A value far past the first guess of the record size.
     std::string big(100000, 'x');
     big[4321] = 'y';
@@ -121,70 +102,6 @@ TEST_F(AddRowTest, LinearCheckRefusesALiveKeyAndMeetsTheNewRowInAReusedLowerSlot
     }
 }
 
-TEST_F(AddRowTest, HashedTableRevivesARowDeletedSinceTheLastCommit) {
-    sr_i_table_t *p_table = Make("/t/revive", 6, true);
-    for (int k = 0; k < 3; ++k) ASSERT_EQ(0, AddRow(p_table, k, "old", k));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    const qx_uint32_t fixed = FixedOf(p_table, 1);
-    ASSERT_EQ(0,
-              sr_delete_row_by_index_1(p_table, p_table->p_rows_fixed_index[fixed].packed_index));
-    EXPECT_EQ(108, AddRow(p_table, 2, "live key", 0));
-    ASSERT_EQ(0, AddRow(p_table, 1, "new", 11));
-    EXPECT_EQ(fixed, FixedOf(p_table, 1));
-    EXPECT_EQ(3u, Live(p_table));
-    EXPECT_EQ(SR_ROW_STATE_UPDATED, StateOf(p_table, fixed));
-    EXPECT_EQ(nullptr, p_table->p_delete_rows_change_list);
-    EXPECT_EQ("old", TextOf(p_table, 1, 0));
-    EXPECT_EQ("new", TextOf(p_table, 1, 1));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ("new", TextOf(p_table, 1));
-    EXPECT_EQ(3u, p_table->total_committed_rows);
-}
-
-TEST_F(AddRowTest, RowsAddedAndDeletedInOneTransactionArePassedOverByEveryWalk) {
-    for (qx_uint32_t qualifier : {SR_PRIMARY_KEY, SR_PRIMARY_KEY_NOCHECK}) {
-        SCOPED_TRACE(qualifier);
-        sr_i_table_t *p_table = Make("/m/ghost" + std::to_string(qualifier), Columns(qualifier), 6);
-        ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
-        ASSERT_EQ(0, AddRow(p_table, 2, "two", 2));
-        ASSERT_EQ(0, AddRow(p_table, 3, "three", 3));
-        ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 0));
-        ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
-        EXPECT_EQ(SR_ROW_STATE_NO_ROW, StateOf(p_table, 0));
-        EXPECT_EQ(2u, FixedOf(p_table, 3));
-        qx_uint32_t fixed = 0;
-        EXPECT_EQ(202, sr_get_fixed_row_index_for_key_1(p_table, I64(1), &fixed));
-        qx_value_t v{};
-        sr_row_state_t state = SR_ROW_STATE_COMMITTED;
-        EXPECT_EQ(204, Get(p_table, 0, "s", &v, 1, &state));
-        EXPECT_EQ(SR_ROW_STATE_NO_ROW, state);
-        ASSERT_EQ(0, AddRow(p_table, 1, "one again", 10));
-        EXPECT_EQ("one again", TextOf(p_table, 1, 1));
-        if (qualifier == SR_PRIMARY_KEY) {
-            EXPECT_EQ(108, AddRow(p_table, 3, "dup", 0));
-        }
-        ASSERT_EQ(0, sr_apply_1(p_table, 0));
-        EXPECT_EQ(212, AddRow(p_table, 5, "five", 5));
-        EXPECT_EQ(212, last_error().code);
-        ASSERT_EQ(0, sr_commit_1(p_table));
-        EXPECT_EQ(2u, p_table->total_committed_rows);
-        if (qualifier == SR_PRIMARY_KEY_NOCHECK) {
-            // Abort after another add/delete sequence restores the committed
-            // rows (a checked add would meet itself in reused slot 0).
-            ASSERT_EQ(0, AddRow(p_table, 4, "four", 4));
-            ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 2));
-            ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 0));
-            ASSERT_EQ(0, sr_abort_1(p_table));
-            EXPECT_EQ("three", TextOf(p_table, 3, 1));
-            EXPECT_EQ("<202>", TextOf(p_table, 4, 1));
-        }
-        ASSERT_EQ(0, sr_delete_rows_1(p_table, nullptr));
-        EXPECT_EQ(0u, Live(p_table));
-        ASSERT_EQ(0, ApplyCommit(p_table));
-        EXPECT_EQ(&p_table->p_rows_fixed_index[0], p_table->p_rows_free_chain);
-    }
-}
-
 TEST_F(AddRowTest, ImplicitAddIsInTheFileAndAFailedOneLeavesTheLastCommit) {
     sr_i_table_t *p_table = Make("/m/implicit", 2, true);
     ASSERT_EQ(0, AddRow(p_table, 1, "one", 10));
@@ -196,6 +113,8 @@ TEST_F(AddRowTest, ImplicitAddIsInTheFileAndAFailedOneLeavesTheLastCommit) {
     EXPECT_EQ(10, IntOf(static_cast<sr_i_table_t *>(reader), 1));
     EXPECT_EQ(206, AddRow(static_cast<sr_i_table_t *>(reader), 2, "a", 1));
     EXPECT_EQ(206, last_error().code);
+    EXPECT_EQ(206, sr_delete_rows_1(reader, nullptr));
+    EXPECT_EQ(206, sr_delete_row_by_index_1(reader, 0));
     ASSERT_EQ(0, sr_close_tree_1(other_tree));
 
     sr_i_file_ops.p_writev = [](int, const struct iovec *, int) -> ssize_t {
@@ -214,8 +133,8 @@ TEST_F(AddRowTest, ImplicitAddIsInTheFileAndAFailedOneLeavesTheLastCommit) {
     ASSERT_EQ(0, AddRow(p_table, 2, "two", 2));  // the key is free again
     ASSERT_EQ(0, sr_close_table_1(p_table));
     sr_opaque_handle_t reopened = nullptr;
-    ASSERT_EQ(0, sr_open_hashed_key_table_1(tree_, Text("/m/implicit"), SR_MODE_READ, 1024,
-                                            qxtest::HashI64, qxtest::CompareI64, &reopened));
+    ASSERT_EQ(0, sr_open_hashed_key_table_1(tree_, Text("/m/implicit"), SR_MODE_READ, 1024, HashI64,
+                                            CompareI64, &reopened));
     EXPECT_EQ("one", TextOf(static_cast<sr_i_table_t *>(reopened), 1));
     EXPECT_EQ("two", TextOf(static_cast<sr_i_table_t *>(reopened), 2));
 }
@@ -246,4 +165,107 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
     }
 }
 
+class SetValuesTest : public RowsTest {
+  protected:
+    qx_int32_t SetText(sr_i_table_t *p_table, qx_int64_t key, const char *text) {
+        qx_value_t v = Str(text);
+        return sr_set_field_by_key_1(p_table, I64(key), const_cast<char *>("s"), &v);
+    }
+};
+
+TEST_F(SetValuesTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
+    sr_i_table_t *p_table = Make("/m/t", 6);
+    ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
+    ASSERT_EQ(0, ApplyCommit(p_table));
+    ASSERT_EQ(0, AddRow(p_table, 2, "two", 2));
+    ASSERT_EQ(0, SetText(p_table, 1, "uno"));
+    ASSERT_EQ(0, SetText(p_table, 1, "eins"));
+    ASSERT_EQ(0, SetText(p_table, 2, "zwei"));
+    EXPECT_EQ("one", TextOf(p_table, 1, 0));
+    EXPECT_EQ("eins", TextOf(p_table, 1, 1));
+    EXPECT_EQ("zwei", TextOf(p_table, 2, 1));
+    EXPECT_EQ(2, IntOf(p_table, 2, 1));
+    EXPECT_EQ(SR_ROW_STATE_UPDATED, StateOf(p_table, 0));
+    EXPECT_EQ(SR_ROW_STATE_ADDED, StateOf(p_table, 1));
+    // Values far past the first guess of the record size, and back.
+    std::string big(200000, 'L');
+    ASSERT_EQ(0, SetText(p_table, 2, big.c_str()));
+    EXPECT_EQ(big, TextOf(p_table, 2, 1));
+    ASSERT_EQ(0, SetText(p_table, 2, "s"));
+    ASSERT_EQ(0, ApplyCommit(p_table));
+    EXPECT_EQ("eins", TextOf(p_table, 1, 0));
+    EXPECT_EQ("s", TextOf(p_table, 2, 0));
+    EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 0));
+}
+
+TEST_F(SetValuesTest, ProtectedDefaultedAndRefusedColumns) {
+    std::vector<sr_column_t> columns = Columns();
+    columns[1].qualifier = SR_STANDARD | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED;
+    columns[2].qualifier = SR_STANDARD | SR_PROTECTED;
+    sr_i_table_t *p_table = Make("/m/columns", columns, 6);
+    ASSERT_EQ(0, AddRow(p_table, 1, "custom", 5));
+    ASSERT_EQ(0, AddRow(p_table, 2, "two", 6));
+    qx_value_t same = I32(5);
+    EXPECT_EQ(105, sr_set_field_by_index_1(p_table, 0, const_cast<char *>("n"), &same));
+    EXPECT_EQ(105, last_error().code);
+    ASSERT_EQ(0, SetText(p_table, 1, "again"));
+    EXPECT_EQ("again", TextOf(p_table, 1, 1));
+    EXPECT_EQ(5, IntOf(p_table, 1, 1));  // protected, left out: kept
+    // The key may become another row's key; "s", left out, is reset.
+    qx_value_t key = I64(2);
+    ASSERT_EQ(0, sr_set_field_by_index_1(p_table, 0, const_cast<char *>("k"), &key));
+    qx_value_t v{};
+    ASSERT_EQ(0, Get(p_table, 0, "s", &v, 1));
+    EXPECT_STREQ("dflt", v.ptr_char);
+    // Unknown and repeated names change nothing.
+    const qx_uint32_t used_before = p_table->record_buffer_pool.used_bytes;
+    qx_value_t a = Str("a"), b = Str("b");
+    qx_value_t *values[] = {&a, &b};
+    char *repeated[] = {const_cast<char *>("s"), const_cast<char *>("s")};
+    EXPECT_EQ(105, sr_set_fields_by_index_1(p_table, 1, repeated, values, 2));
+    char *unknown[] = {const_cast<char *>("s"), const_cast<char *>("q")};
+    EXPECT_EQ(105, sr_set_fields_by_fixed_index_1(p_table, 1, unknown, values, 2));
+    EXPECT_EQ(used_before, p_table->record_buffer_pool.used_bytes);
+    ASSERT_EQ(0, Get(p_table, 1, "s", &v, 1));
+    EXPECT_STREQ("two", v.ptr_char);
+    char *s = const_cast<char *>("s");
+    EXPECT_EQ(203, sr_set_field_by_index_1(p_table, 2, s, &a));
+    EXPECT_EQ(203, sr_set_field_by_fixed_index_1(p_table, -1, s, &a));
+    EXPECT_EQ(204, sr_set_field_by_fixed_index_1(p_table, 5, s, &a));
+    EXPECT_EQ(202, sr_set_field_by_key_1(p_table, I64(9), s, &a));
+    EXPECT_EQ(101, sr_set_field_by_index_1(p_table, 0, s, nullptr));
+    EXPECT_EQ(100, sr_set_field_by_index_1(nullptr, 0, s, &a));
+    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
+    EXPECT_EQ(204, sr_set_field_by_index_1(p_table, 1, s, &a));
+    EXPECT_EQ(204, last_error().code);
+    ASSERT_EQ(0, sr_apply_1(p_table, 0));
+    EXPECT_EQ(212, sr_set_field_by_index_1(p_table, 0, s, &a));
+    ASSERT_EQ(0, sr_commit_1(p_table));
+    // A protected key cannot be set either.
+    sr_i_table_t *p_keyed = Make("/t/protected_key", Columns(SR_PRIMARY_KEY | SR_PROTECTED), 6);
+    ASSERT_EQ(0, AddRow(p_keyed, 1, "one", 5));
+    EXPECT_EQ(105, sr_set_field_by_index_1(p_keyed, 0, const_cast<char *>("k"), &key));
+}
+
+TEST_F(SetValuesTest, EveryAllocationFailureLeavesTheRowAsItWas) {
+    sr_i_table_t *p_table = Make("/t/oom", 6);
+    ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
+    ASSERT_EQ(0, ApplyCommit(p_table));
+    std::string big(50000, 'B');
+    for (qx_int64_t n = 0;; ++n) {
+        sr_i_alloc_fail_after(n);
+        qx_int32_t rc = SetText(p_table, 1, big.c_str());
+        const bool failed = sr_i_alloc_failure_pending() == 0 && rc != 0;
+        sr_i_alloc_fail_after(-1);
+        if (rc == 0) break;
+        ASSERT_TRUE(failed) << rc;
+        EXPECT_EQ(12, rc);
+        EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 0));
+        EXPECT_EQ("one", TextOf(p_table, 1, 1));
+        ASSERT_LT(n, 50);
+    }
+    EXPECT_EQ(big, TextOf(p_table, 1, 1));
+}
+
 }  // namespace
+}  // namespace qxtest

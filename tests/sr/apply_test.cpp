@@ -4,7 +4,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <map>
 #include <string>
 #include <utility>
@@ -38,18 +37,11 @@ class ApplyTest : public RowsTest {
     sr_i_table_t *Make(const std::string &name, int mode = 6) {
         return Create("/m/" + name, ScalarColumns(2), mode);
     }
-    static qx_int32_t Put(sr_i_table_t *p_table, qx_int64_t key, qx_int64_t value) {
-        char k[] = "k", c1[] = "c1";
-        qx_char_ptr_t names[] = {k, c1};
-        qx_value_t kv = I64(key), cv = I64(value);
-        qx_value_t *values[] = {&kv, &cv};
+    qx_int32_t Put(sr_i_table_t *p_table, qx_int64_t key, qx_int64_t value) {
+        char k[] = "k", c1[] = "c1", *names[] = {k, c1};
+        qx_value_t kv = I64(key), cv = I64(value), *values[] = {&kv, &cv};
         if (FixedOf(p_table, key) == 0xFFFFFFFF) return sr_add_row_1(p_table, names, values, 2);
         return sr_set_field_by_key_1(p_table, kv, c1, &cv);
-    }
-    static qx_uint32_t FixedOf(sr_i_table_t *p_table, qx_int64_t key) {
-        qx_uint32_t fixed = 0xFFFFFFFF;
-        sr_get_fixed_row_index_for_key_1(p_table, I64(key), &fixed);
-        return fixed;
     }
     static qx_int32_t Delete(sr_i_table_t *p_table, qx_int64_t key) {
         std::string criteria = "k == " + std::to_string(key);
@@ -59,6 +51,7 @@ class ApplyTest : public RowsTest {
     State Reopened(const std::string &name, qx_uint64_t *p_counter = nullptr) {
         State rows;
         sr_opaque_handle_t tree = nullptr, table = nullptr;
+        char k[] = "k", c1[] = "c1", *names[] = {k, c1};
         EXPECT_EQ(0, sr_open_tree_1(&tree, 0, 0));
         EXPECT_EQ(0, sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1));
         sr_table_metadata_t *p_metadata = nullptr;
@@ -66,10 +59,7 @@ class ApplyTest : public RowsTest {
             sr_get_table_metadata_1(table, 0, &p_metadata) == 0) {
             if (p_counter != nullptr) *p_counter = p_metadata->table_change_counter;
             for (qx_uint32_t i = 0; i < p_metadata->number_of_rows; ++i) {
-                char k[] = "k", c1[] = "c1";
-                qx_char_ptr_t names[] = {k, c1};
-                qx_value_t kv{}, cv{};
-                qx_value_t *values[] = {&kv, &cv};
+                qx_value_t kv{}, cv{}, *values[] = {&kv, &cv};
                 EXPECT_EQ(0, sr_get_fields_by_index_1(table, static_cast<qx_int32_t>(i), names,
                                                       values, 2));
                 rows[kv.val_int64] = cv.val_int64;
@@ -272,26 +262,6 @@ TEST_F(ApplyTest, RewriteDecisionNeedsMoreThan16KiBAndLessThanHalfLive) {
         table.record_buffer_pool.used_bytes = c.used;
         EXPECT_EQ(sr_i_rewrite_wanted(&table), c.wanted) << c.file << " " << c.used;
     }
-}
-
-TEST_F(ApplyTest, ImplicitUpdatesRewriteAFileThatHasBecomeMostlyDeadSpace) {
-    sr_i_table_t *p_table = Make("t", 2);
-    ASSERT_EQ(Put(p_table, 1, 0), 0);
-    qx_uint32_t largest = 0;
-    bool rewritten = false;
-    for (int i = 1; i < 1000 && !rewritten; ++i) {
-        ASSERT_EQ(Put(p_table, 1, i), 0);
-        const qx_uint32_t length = static_cast<qx_uint32_t>(ReadBytes(File("t")).size());
-        rewritten = length < largest;
-        largest = std::max(largest, length);
-    }
-    ASSERT_TRUE(rewritten);
-    EXPECT_GT(largest, 16384u);
-    EXPECT_LE(largest, 16384u + 32 + 24);
-    const std::string bytes = ReadBytes(File("t"));
-    EXPECT_EQ(bytes.size(), U32At(bytes, 0) + 32 + kCommit);  // metadata, the row, a commit record
-    EXPECT_FALSE(Exists(File("t.rewrite")));
-    EXPECT_EQ(Reopened("t").size(), 1u);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Reading fields: which version a reader sees and the row state it is told,
-// the ways to name a row, the plural readers, key comparison (NaN included),
-// the updated rows list, and readers running beside a writer.
+// Reading fields: the version a reader sees and the row state it is told, the
+// ways to name a row, key comparison, updated rows, readers beside a writer.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -13,15 +12,10 @@
 
 #include "sr/rows_test_util.h"
 
-using qxtest::F64;
-using qxtest::I32;
-using qxtest::I64;
-using qxtest::last_error;
-using qxtest::Str;
-
+namespace qxtest {
 namespace {
 
-class GetValuesTest : public qxtest::RowsTest {
+class GetValuesTest : public RowsTest {
   protected:
     // A committed table with keys 1..3 ("one", "two", "three"; n = 10*k).
     sr_i_table_t *Committed(const std::string &path, bool hashed = false) {
@@ -65,9 +59,6 @@ TEST_F(GetValuesTest, EachReaderSeesItsVersionAndEveryReaderTheRowState) {
     }
     ASSERT_EQ(0, sr_abort_1(p_table));
     EXPECT_EQ("two", TextOf(p_table, 2, 1));
-    ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ("<202>", TextOf(p_table, 2, 0));
     // Visibility for every reader of a table comes from the environment at
     // creation; the argument only widens it.
     setenv("SR_UNCOMMITTED_UPDATES_VISIBLE", "", 1);
@@ -96,38 +87,10 @@ TEST_F(GetValuesTest, RowsColumnsAndArgumentsThatCannotBeRead) {
     EXPECT_EQ(105, last_error().code);
     EXPECT_EQ(202, sr_get_field_by_key_1(p_table, I64(9), s, &v));
     EXPECT_EQ(100, sr_get_field_by_index_1(nullptr, 0, s, &v));
-}
-
-TEST_F(GetValuesTest, PluralReadersAndTheFixedIndexOfAKey) {
-    sr_i_table_t *p_hashed = Committed("/t/plural", true);
-    sr_i_table_t *p_linear = Committed("/t/linear");
-    for (sr_i_table_t *p_table : {p_hashed, p_linear}) {
-        qx_uint32_t fixed = 77;
-        ASSERT_EQ(0, sr_get_fixed_row_index_for_key_1(p_table, I64(3), &fixed));
-        EXPECT_EQ(2u, fixed);
-        EXPECT_EQ(202, sr_get_fixed_row_index_for_key_1(p_table, I64(33), &fixed));
-    }
-    char *names[] = {const_cast<char *>("n"), const_cast<char *>("k"), const_cast<char *>("s")};
-    qx_value_t n{}, k{}, s{};
-    qx_value_t *values[] = {&n, &k, &s};
-    ASSERT_EQ(0, sr_get_fields_by_key_1(p_hashed, I64(3), names, values, 3));
-    EXPECT_EQ(30, n.val_int32);
-    EXPECT_EQ(3, k.val_int64);
-    EXPECT_STREQ("three", s.ptr_char);
-    sr_row_state_t state = SR_ROW_STATE_NO_ROW;
-    ASSERT_EQ(0, sr_get_fields_by_index_and_visibility_1(p_hashed, 0, names, values, 3, 1, &state));
-    EXPECT_EQ(1, k.val_int64);
-    EXPECT_EQ(SR_ROW_STATE_COMMITTED, state);
-    ASSERT_EQ(
-        0, sr_get_fields_by_fixed_index_and_visibility_1(p_hashed, 1, names, values, 3, 0, &state));
-    EXPECT_EQ(2, k.val_int64);
-    ASSERT_EQ(0,
-              sr_get_fields_by_key_and_visibility_1(p_hashed, I64(1), names, values, 3, 0, &state));
-    EXPECT_STREQ("one", s.ptr_char);
     // The values before an unknown name are stored, the one after is not.
     char *bad[] = {const_cast<char *>("n"), const_cast<char *>("zz"), const_cast<char *>("k")};
-    k.val_int64 = -1;
-    EXPECT_EQ(105, sr_get_fields_by_index_1(p_hashed, 1, bad, values, 3));
+    qx_value_t n{}, k = I64(-1), z{}, *values[] = {&n, &k, &z};
+    EXPECT_EQ(105, sr_get_fields_by_index_1(p_table, 1, bad, values, 3));
     EXPECT_EQ(20, n.val_int32);
     EXPECT_EQ(-1, k.val_int64);
 }
@@ -246,3 +209,4 @@ TEST_F(GetValuesConcurrencyTest, ReadersRunBesideAWriterAndSeeWholeVersions) {
 }
 
 }  // namespace
+}  // namespace qxtest

@@ -112,6 +112,13 @@ class RowsTest : public TableTest {
         qx_int32_t rc = ByKey(p_table, key, "n", &value, visible);
         return rc != 0 ? -rc : value.val_int32;
     }
+    // Column `column` of the row with key `key` in the working version.
+    static qx_value_t Val(sr_opaque_handle_t table, qx_int64_t key, const char *column) {
+        qx_value_t v{};
+        EXPECT_EQ(0, sr_get_field_by_key_1(table, I64(key), const_cast<char *>(column), &v))
+            << key << column;
+        return v;
+    }
     static qx_int32_t ByKey(sr_i_table_t *p_table, qx_int64_t key, const char *column,
                             qx_value_t *p_value, qx_uint32_t visible) {
         sr_row_state_t state;

@@ -1,10 +1,11 @@
-// The free chain of the row index: lowest slot first whatever order slots
-// are freed in (a copy rebuilds it from the top down), and the block rule.
+// The free chain of the row index hands out the lowest slot first whatever
+// order slots are freed in (a copy rebuilds it top down); the block rule.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "sr_i.h"
@@ -18,14 +19,11 @@ class TableIndexTest : public ::testing::Test {
         free(table_.p_rows_fixed_index);
         free(table_.p_rows_packed_index);
     }
-    qx_uint32_t slot_of(const sr_i_index_entry_t *p_entry) const {
-        return static_cast<qx_uint32_t>(p_entry - table_.p_rows_fixed_index);
-    }
     std::vector<qx_uint32_t> free_slots() const {
         std::vector<qx_uint32_t> slots;
         for (auto *p = table_.p_rows_free_chain; p != nullptr;
              p = static_cast<sr_i_index_entry_t *>(p->p_pending_change)) {
-            slots.push_back(slot_of(p));
+            slots.push_back(static_cast<qx_uint32_t>(p - table_.p_rows_fixed_index));
         }
         return slots;
     }
@@ -35,8 +33,7 @@ class TableIndexTest : public ::testing::Test {
 TEST_F(TableIndexTest, ScrambledFreeingKeepsTheChainAscending) {
     ASSERT_EQ(0, sr_i_establish_rows_index(&table_, 0));
     EXPECT_EQ((std::vector<qx_uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}), free_slots());
-    free(table_.p_rows_fixed_index);
-    free(table_.p_rows_packed_index);
+    TearDown();
     ASSERT_EQ(0, sr_i_establish_rows_index(&table_, 5000));
     std::vector<sr_i_index_entry_t *> rows;
     static char record[] = "record";
@@ -45,36 +42,27 @@ TEST_F(TableIndexTest, ScrambledFreeingKeepsTheChainAscending) {
         rows.back()->p_applied = rows.back()->p_committed = record;
     }
     EXPECT_EQ(nullptr, sr_i_rows_free_chain_remove(&table_));
-    std::vector<bool> is_free(5000, false);
-    auto expected = [&] {
-        std::vector<qx_uint32_t> slots;
-        for (qx_uint32_t s = 0; s < is_free.size(); ++s) {
-            if (is_free[s]) slots.push_back(s);
-        }
-        return slots;
-    };
+    std::set<qx_uint32_t> is_free;
     qx_uint32_t x = 12345;
     for (int step = 0; step < 6000; ++step) {
         x = x * 1103515245u + 12345u;
-        qx_uint32_t slot = (x >> 8) % 5000;
+        const qx_uint32_t slot = (x >> 8) % 5000;
         sr_i_rows_free_chain_insert(&table_, rows[slot]);
         EXPECT_EQ(nullptr, rows[slot]->p_applied);  // a free slot is zero apart from its link
-        is_free[slot] = true;
+        is_free.insert(slot);
         if (step % 7 == 0) {
-            std::vector<qx_uint32_t> now = expected();
             sr_i_index_entry_t *p_taken = sr_i_rows_free_chain_remove(&table_);
-            ASSERT_EQ(now.front(), slot_of(p_taken));
+            ASSERT_EQ(rows[*is_free.begin()], p_taken);
             EXPECT_EQ(nullptr, p_taken->p_pending_change);
-            is_free[now.front()] = false;
+            is_free.erase(is_free.begin());
         }
-        if (step == 3000) {
+        if (step == 3000) {  // a copy rebuilds the chain from the top down
             table_.p_rows_free_chain = nullptr;
-            for (qx_uint32_t s = 5000; s-- > 0;) {
-                if (is_free[s]) sr_i_rows_free_chain_insert(&table_, rows[s]);
-            }
+            for (auto s = is_free.rbegin(); s != is_free.rend(); ++s)
+                sr_i_rows_free_chain_insert(&table_, rows[*s]);
         }
     }
-    EXPECT_EQ(expected(), free_slots());
+    EXPECT_EQ(std::vector<qx_uint32_t>(is_free.begin(), is_free.end()), free_slots());
 }
 
 TEST_F(TableIndexTest, RecordIsContainedInABlockWhenItEndsInTheBlockItStartsIn) {
