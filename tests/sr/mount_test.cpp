@@ -155,11 +155,6 @@ TEST_F(MountTest, UnmountTakesTheNameAsMounted) {
     EXPECT_EQ(Unmount("/a"), 208);
 }
 
-int FailMkdirWithEnospc(const char *, mode_t) {
-    errno = ENOSPC;
-    return -1;
-}
-
 TEST_F(MountTest, DirectoryCreation) {
     std::string path = tmp_.file("d2/d3/d4");
     std::string copy = path;
@@ -182,7 +177,7 @@ TEST_F(MountTest, DirectoryCreation) {
                                         " to the sr_i_create_all_directories_in_path function"),
               std::string::npos)
         << last_error().message;
-    sr_i_file_ops.p_mkdir = FailMkdirWithEnospc;
+    sr_i_file_ops.p_mkdir = [](const char *, mode_t) { return errno = ENOSPC, -1; };
     copy = tmp_.file("x/y");
     EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 13);
 }
