@@ -186,10 +186,7 @@ TEST_F(CopyMoveTest, MovesRemoveTheSourceOnlyOnceTheTargetExists) {
     sr_opaque_handle_t gone = nullptr;
     EXPECT_EQ(sr_open_table_1(tree_, Text("/t/c"), SR_MODE_READ, &gone), 200);
     // A move that cannot make its target keeps the source.
-    sr_i_file_ops.p_fdatasync = [](int) -> int {
-        errno = EIO;
-        return -1;
-    };
+    sr_i_file_ops.p_fdatasync = [](int) { return errno = EIO, -1; };
     sr_i_table_t *p_open = Open("/m/d/e");
     EXPECT_EQ(sr_move_table_by_handle_1(p_open, Text("/m/f"), 0), 10);
     sr_i_file_ops = sr_i_default_file_ops;
@@ -269,14 +266,8 @@ TEST_F(CopyMoveTest, RefusalsAndFailuresLeaveNoTarget) {
     EXPECT_EQ(Copy("/m/a", "/t/busy", 1), 209);
     // A full filesystem under a copy from a file and from memory.
     sr_i_table_t *p_memory = Table("/t/mem", {1});
-    sr_i_file_ops.p_write = [](int, const void *, size_t) -> ssize_t {
-        errno = ENOSPC;
-        return -1;
-    };
-    sr_i_file_ops.p_writev = [](int, const struct iovec *, int) -> ssize_t {
-        errno = ENOSPC;
-        return -1;
-    };
+    sr_i_file_ops.p_write = [](int, const void *, size_t) -> ssize_t { return errno = ENOSPC, -1; };
+    sr_i_file_ops.p_writev = [](int, const iovec *, int) -> ssize_t { return errno = ENOSPC, -1; };
     EXPECT_EQ(Copy("/m/a", "/m/x"), 13);
     EXPECT_EQ(Copy("/t/mem", "/m/x"), 13);
     sr_i_file_ops = sr_i_default_file_ops;

@@ -54,12 +54,9 @@ qx_int32_t Implicit(sr_i_table_t *p_table) {
 }
 // The exported call's frame runs the implicit cycle with the same steps.
 qx_int32_t ExportedAdd(sr_i_table_t *p_table) {
-    char key_name[] = "k";
-    char value_name[] = "c1";
+    char key_name[] = "k", value_name[] = "c1";
     qx_char_ptr_t names[2] = {key_name, value_name};
-    qx_value_t values[2] = {};
-    values[0].val_int64 = 77;
-    values[1].val_int64 = 7;
+    qx_value_t values[2] = {{.val_int64 = 77}, {.val_int64 = 7}};
     qx_value_t *p_values[2] = {&values[0], &values[1]};
     return sr_add_row_1(p_table, names, p_values, 2);
 }

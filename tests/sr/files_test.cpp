@@ -1,7 +1,6 @@
 // The file primitives through their system-call seam: retries, short writes, failures, captures.
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <regex.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -13,8 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "sr/test_util.h"
-#include "sr_i.h"
+#include "sr/table_test_util.h"
 
 using qxtest::last_error;
 
@@ -80,11 +78,6 @@ int FakeUsleep(unsigned microseconds) {
     return 0;
 }
 
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // A real file in a private working directory (for the capture file); "_SRA" records traced.
 class FilesTest : public ::testing::Test {
   protected:
@@ -124,29 +117,28 @@ class FilesTest : public ::testing::Test {
         writev_calls.clear();
         sleeps.clear();
         cu_set_no_error_1();
-        seen_ = AllRetries().size();
+        seen_ = Retries(true).size();
     }
-    std::string Data() { return ReadFile(tmp_.file("table")); }
+    std::string Data() { return qxtest::ReadBytes(tmp_.file("table")); }
 
-    // The retry records "<retries>|<limit>" in the trace.
-    std::vector<std::string> AllRetries() {
+    // The retry records "<retries>|<limit>" in the trace since the last Reset (all: from the
+    // start).
+    std::vector<std::string> Retries(bool all = false) {
         std::vector<std::string> found;
         std::ifstream in(tmp_.file("trace.log"));
-        std::string line;
         const std::string tag = " _SRA DV|RET|";
-        while (std::getline(in, line)) {
+        for (std::string line; std::getline(in, line);) {
             size_t at = line.find(tag);
             if (at == std::string::npos) continue;
             std::string rest = line.substr(at + tag.size());  // "<line>|<retries>|<limit>"
             found.push_back(rest.substr(rest.find('|') + 1));
         }
+        if (!all) found.erase(found.begin(), found.begin() + static_cast<long>(seen_));
         return found;
     }
-    std::vector<std::string> Retries() {
-        std::vector<std::string> all = AllRetries();
-        return std::vector<std::string>(all.begin() + static_cast<long>(seen_), all.end());
+    std::string Capture() {
+        return qxtest::ReadBytes(tmp_.file("reginfo_pid." + std::to_string(getpid())));
     }
-    std::string Capture() { return ReadFile(tmp_.file("reginfo_pid." + std::to_string(getpid()))); }
 
     qxtest::TempDir tmp_;
     char saved_cwd_[4096];
@@ -186,14 +178,10 @@ TEST_F(FilesTest, WriteRetriesInterruptionsResumesShortWritesAndMapsErrors) {
         EXPECT_EQ(sr_i_write(fd_, const_cast<char *>(text.data()), 16), c.rc);
         EXPECT_EQ(Data(), c.rc == 0 ? text : "");
         EXPECT_EQ(sleeps.size(), c.sleeps);
-        if (c.sleeps > 0) {
-            EXPECT_EQ(sleeps[0], 10000u);
-        }
+        EXPECT_EQ(sleeps.empty() ? 10000u : sleeps[0], 10000u);
         EXPECT_EQ(Retries(), c.retries);
         EXPECT_EQ(last_error().code, c.rc);
-        if (!c.message.empty()) {
-            EXPECT_TRUE(Matches(last_error().message, c.message));
-        }
+        EXPECT_TRUE(c.message.empty() || Matches(last_error().message, c.message));
     }
     // A table that must exist but is missing reads 200 only where the caller says so.
     EXPECT_EQ(SR_ERROR_FILE("open", ENOENT, false), 10);

@@ -168,10 +168,7 @@ TEST_F(ManagementProcessConcurrencyTest, SchemaChangeKilledBeforeItsRenameKeepsT
         KillChildAt(point, [&](sr_opaque_handle_t tree) {
             sr_opaque_handle_t table = nullptr;
             qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), SR_MODE_WRITE, &table);
-            sr_column_t extra{};
-            extra.name = Text("extra");
-            extra.type = QX_INT32;
-            extra.qualifier = SR_STANDARD;
+            sr_column_t extra{Text("extra"), QX_INT32, SR_STANDARD, 0, nullptr, {}};
             return rc != 0 ? rc : sr_add_columns_1(table, &extra, 1);
         });
         EXPECT_EQ(Read("t"), Expected("t", 6)) << point;

@@ -23,19 +23,11 @@ constexpr size_t kSector = 512;
 enum class Kind { create, write, truncate, sync, directory_sync, rename, unlink, begin, end };
 
 struct Op {
-    Op(Kind k, int file = -1, qx_uint64_t at = 0, std::string data = "", std::string from = "",
-       std::string to = "")
-        : kind(k),
-          id(file),
-          offset(at),
-          bytes(std::move(data)),
-          a(std::move(from)),
-          b(std::move(to)) {}
     Kind kind;
-    int id;  // the file, for data operations
-    qx_uint64_t offset;
-    std::string bytes;  // written bytes
-    std::string a, b;   // names
+    int id = -1;  // the file, for data operations
+    qx_uint64_t offset = 0;
+    std::string bytes{};   // written bytes
+    std::string a{}, b{};  // names
 };
 
 // Files are numbered as they come into being: a reused inode number is a new file.
@@ -104,7 +96,8 @@ ssize_t RecWritev(int fd, const struct iovec *p_vector, int count) {
     return n;
 }
 
-int RecSync(int fd, int (*p_real)(int)) {
+template <int (*p_real)(int)>
+int RecSync(int fd) {
     int rc = p_real(fd);
     struct stat st;
     if (rc == 0 && fstat(fd, &st) == 0) {
@@ -113,17 +106,11 @@ int RecSync(int fd, int (*p_real)(int)) {
     }
     return rc;
 }
-int RecFdatasync(int fd) {
-    return RecSync(fd, fdatasync);
-}
-int RecFsync(int fd) {
-    return RecSync(fd, fsync);
-}
 
 template <int (*p_real)(const char *, const char *)>
 int RecRename(const char *p_from, const char *p_to) {
     int rc = p_real(p_from, p_to);
-    Record(Op(Kind::rename, -1, 0, "", BaseName(p_from), BaseName(p_to)), rc == 0);
+    Record(Op{Kind::rename, -1, 0, "", BaseName(p_from), BaseName(p_to)}, rc == 0);
     return rc;
 }
 int RenameNoreplace(const char *p_from, const char *p_to) {
@@ -250,8 +237,8 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     sr_i_file_ops.p_open = RecOpen;
     sr_i_file_ops.p_write = RecWrite;
     sr_i_file_ops.p_writev = RecWritev;
-    sr_i_file_ops.p_fdatasync = RecFdatasync;
-    sr_i_file_ops.p_fsync = RecFsync;
+    sr_i_file_ops.p_fdatasync = RecSync<fdatasync>;
+    sr_i_file_ops.p_fsync = RecSync<fsync>;
     sr_i_file_ops.p_rename = RecRename<rename>;
     sr_i_file_ops.p_rename_noreplace = RecRename<RenameNoreplace>;
     sr_i_file_ops.p_unlink = RecUnlink;
@@ -263,18 +250,12 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
             [&] { return sr_create_table_1(tree_, Text("/m/t"), columns.data(), 2, 2, &t); });
     for (int k = 1; k <= 4; ++k) Durable("implicit add", [&] { return AddRow(t, k, k * 10); });
     Durable("implicit set", [&] {
-        qx_value_t key{}, v{};
-        key.val_int64 = 2;
-        v.val_int64 = 77;
+        qx_value_t key{.val_int64 = 2}, v{.val_int64 = 77};
         return sr_set_field_by_key_1(t, key, Text("c1"), &v);
     });
     Durable("implicit delete", [&] { return sr_delete_row_by_index_1(t, 0); });
     Durable("add column", [&] {
-        sr_column_t c{};
-        c.name = Text("c2");
-        c.type = QX_INT64;
-        c.qualifier = SR_STANDARD;
-        c.default_value.val_int64 = 5;
+        sr_column_t c{Text("c2"), QX_INT64, SR_STANDARD, 0, nullptr, {.val_int64 = 5}};
         return sr_add_columns_1(t, &c, 1);
     });
     Durable("implicit add", [&] { return AddRow(t, 5, 50); });

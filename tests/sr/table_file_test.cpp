@@ -409,28 +409,10 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
     }
     // A string column named like the int32 key, of no qualifier: create could not have made it.
     std::string data;
-    for (qx_uint32_t w : {0u,
-                          0u,
-                          2u,
-                          1u,
-                          0u,
-                          qx_uint32_t{QX_INT32},
-                          qx_uint32_t{SR_PRIMARY_KEY},
-                          0u,
-                          0u,
-                          0u,
-                          0u,
-                          0u,
-                          0u,
-                          qx_uint32_t{QX_CHAR_PTR},
-                          0xFFFFFFFEu,
-                          0u,
-                          0u,
-                          0u,
-                          0u,
-                          2u}) {
-        PutU32(data, w);
-    }
+    const qx_uint32_t words[] = {0,           0, 2, 1, 0, QX_INT32, SR_PRIMARY_KEY,
+                                 0,           0, 0, 0, 0, 0,        QX_CHAR_PTR,
+                                 0xFFFFFFFEu, 0, 0, 0, 0, 2};
+    for (qx_uint32_t w : words) PutU32(data, w);
     data += std::string("k\0", 2);
     FileImage twins;
     PutHeader(twins.bytes, static_cast<qx_uint32_t>(12 + data.size()), 1);

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -326,42 +327,34 @@ TEST_F(TableProcessConcurrencyTest, ThreadsOpenAndCloseOneTable) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
     const int before = OpenDescriptors();
     std::atomic<int> failures{0};
+    auto race = [&](const std::function<bool(int, int)> &open_close) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 40; ++i) failures += open_close(t, i) ? 0 : 1;
+            });
+        }
+        for (auto &thread : threads) thread.join();
+    };
     std::vector<sr_opaque_handle_t> trees(4);
     for (auto &tree : trees) tree = OtherTree();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            char path[] = "/m/t";
-            for (int i = 0; i < 40; ++i) {
-                sr_opaque_handle_t table = nullptr;
-                if (sr_open_table_1(trees[t], path, (i + t) % 3 == 0 ? 2 : 1, &table) != 0 ||
-                    static_cast<sr_i_table_t *>(table)->total_columns != 2 ||
-                    sr_close_table_1(table) != 0) {
-                    ++failures;
-                }
-            }
-        });
-    }
-    for (auto &thread : threads) thread.join();
+    race([&](int t, int i) {
+        sr_opaque_handle_t table = nullptr;
+        char path[] = "/m/t";
+        return sr_open_table_1(trees[t], path, (i + t) % 3 == 0 ? 2 : 1, &table) == 0 &&
+               static_cast<sr_i_table_t *>(table)->total_columns == 2 &&
+               sr_close_table_1(table) == 0;
+    });
     for (auto tree : trees) sr_close_tree_1(tree);
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_FALSE(LockedForOthers());
-
     sr_opaque_handle_t writer = Open(tree_, 2);
-    threads.clear();
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            char path[] = "/m/t";
-            for (int i = 0; i < 50; ++i) {
-                sr_opaque_handle_t table = nullptr;
-                if (sr_open_table_1(tree_, path, 1, &table) != 0 || table != writer ||
-                    sr_close_table_1(table) != 0) {
-                    ++failures;
-                }
-            }
-        });
-    }
-    for (auto &thread : threads) thread.join();
+    race([&](int, int) {
+        sr_opaque_handle_t table = nullptr;
+        char path[] = "/m/t";
+        return sr_open_table_1(tree_, path, 1, &table) == 0 && table == writer &&
+               sr_close_table_1(table) == 0;
+    });
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(static_cast<sr_i_table_t *>(writer)->references, 1u);
     EXPECT_TRUE(LockedForOthers());

@@ -70,6 +70,10 @@ class TransactionFaultTest : public TransactionTest {
         sr_i_file_ops.p_write = FaultyWrite;
     }
 
+    void Drop(sr_i_table_t *p_table) {
+        ASSERT_EQ(sr_close_table_1(p_table), 0);
+        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
+    }
     // A committed table /m/<name> of `total` rows.
     sr_i_table_t *Committed(int total, const std::string &name = "t") {
         sr_i_table_t *p_table = Make(name);
@@ -107,13 +111,10 @@ class TransactionFaultTest : public TransactionTest {
 };
 
 TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTable) {
-    Plan enospc, second_batch, short_then_eio, apply_sync, no_memory;
-    enospc.writev_fail_at = 1;
-    enospc.writev_errno = ENOSPC;
-    second_batch.writev_fail_at = 2;  // 31 rows: two batches before the commit record
-    short_then_eio.writev_short = true;
-    short_then_eio.writev_fail_at = 5;
-    apply_sync.sync_fail_at = 1;
+    const Plan enospc{.writev_fail_at = 1, .writev_errno = ENOSPC}, no_memory{};
+    const Plan second_batch{.writev_fail_at = 2};  // 31 rows: two batches before the commit record
+    const Plan short_then_eio{.writev_fail_at = 5, .writev_short = true},
+        apply_sync{.sync_fail_at = 1};
     const struct {
         const char *what;
         Plan plan;
@@ -150,8 +151,7 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
             EXPECT_TRUE(Exists(tmp_.file("reginfo_pid." + std::to_string(getpid()))));
         }
         ExpectRecoverable(p_table);
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
+        Drop(p_table);
     }
 }
 
@@ -159,9 +159,7 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
 TEST_F(TransactionFaultTest, AppendAfterAFailedRewriteKeepsUpdatesAsUpdates) {
     sr_i_table_t *p_table = Committed(4);
     const State wanted = Change(p_table, 2);
-    Plan plan;
-    plan.writev_fail_at = 1;
-    Arm(plan);
+    Arm({.writev_fail_at = 1});
     EXPECT_EQ(sr_i_apply(p_table, 1, 0), SR_E_SYSTEM_CALL);
     EXPECT_STREQ(sr_i_load_column(&p_table->p_columns[1]).name, "c1");
     sr_i_file_ops = sr_i_default_file_ops;
@@ -178,9 +176,7 @@ TEST_F(TransactionFaultTest, FailedSyncOfCommitRestoresTheSwitchAndLeavesTheTabl
         ASSERT_EQ(sr_apply_1(p_table, 0), 0);
         const qx_uint32_t old_commit = p_table->commit_record_offset;
         const std::string applied = ReadBytes(File("t"));
-        Plan plan;
-        plan.sync_fail_at = 1;
-        Arm(plan);
+        Arm({.sync_fail_at = 1});
         EXPECT_EQ(sr_commit_1(p_table), 0);
         // Zero, then the commit type written back, then a second sync.
         EXPECT_EQ(P.write_calls, 2);
@@ -197,18 +193,14 @@ TEST_F(TransactionFaultTest, FailedSyncOfCommitRestoresTheSwitchAndLeavesTheTabl
         EXPECT_EQ(p_table->ready_for_commit, 0u);
         EXPECT_EQ(Reopened("t"), finish_by_commit ? wanted : committed_);
         EXPECT_EQ(Snapshot(p_table, true), finish_by_commit ? wanted : committed_);
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
+        Drop(p_table);
     }
 }
 
 // Neither the switch nor its restore can be written: abort still leaves the committed file.
 TEST_F(TransactionFaultTest, CommitWhoseSwitchOrRestoreFailsIsAbortable) {
-    Plan switch_fails, restore_fails;
-    switch_fails.write_fail_at = -1;
-    restore_fails.sync_fail_at = 1;
-    restore_fails.write_fail_at = 2;
-    for (const Plan &plan : {switch_fails, restore_fails}) {
+    for (const Plan &plan :
+         {Plan{.write_fail_at = -1}, Plan{.sync_fail_at = 1, .write_fail_at = 2}}) {
         sr_i_table_t *p_table = Committed(3);
         Change(p_table, 1);
         ASSERT_EQ(sr_apply_1(p_table, 0), 0);
@@ -218,22 +210,18 @@ TEST_F(TransactionFaultTest, CommitWhoseSwitchOrRestoreFailsIsAbortable) {
         sr_i_file_ops = sr_i_default_file_ops;
         ASSERT_EQ(sr_abort_1(p_table), 0);
         ExpectRecoverable(p_table);
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
+        Drop(p_table);
     }
 }
 
 // An implicit update is saved only when committed; one failed switch sync is retried.
 TEST_F(TransactionFaultTest, ImplicitUpdateIsSavedOnlyWhenCommitted) {
-    Plan apply_fails, retried, lasting;
-    apply_fails.writev_fail_at = 1;
-    apply_fails.writev_errno = ENOSPC;
-    retried.sync_fail_at = 2;  // apply's sync is the first
-    lasting.sync_fail_from = 2;
     const struct {
         Plan plan;
         qx_int32_t rc;
-    } cases[] = {{apply_fails, SR_E_FILESYSTEM_FULL}, {retried, 0}, {lasting, SR_E_SYSTEM_CALL}};
+    } cases[] = {{{.writev_fail_at = 1, .writev_errno = ENOSPC}, SR_E_FILESYSTEM_FULL},
+                 {{.sync_fail_at = 2}, 0},  // apply's sync is the first
+                 {{.sync_fail_from = 2}, SR_E_SYSTEM_CALL}};
     int n = 0;
     for (const auto &c : cases) {
         const std::string name = "i" + std::to_string(n++);
@@ -288,8 +276,7 @@ TEST_F(TransactionFaultTest, RewriteCommitThatCannotRenameLeavesTheTableAbortabl
             ASSERT_EQ(rmdir(File("t").c_str()), 0);
             WriteBytes(File("t"), saved);
         }
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
+        Drop(p_table);
     }
 }
 

@@ -1,5 +1,4 @@
-// Shared by the apply, commit/abort, fault and crash tests: rows changed on a
-// table's structures without the implicit cycle, snapshots, reopens, file walks.
+// Rows changed without the implicit cycle, snapshots, reopens and file walks for transaction tests.
 #ifndef QX_TESTS_SR_TRANSACTION_TEST_UTIL_H
 #define QX_TESTS_SR_TRANSACTION_TEST_UTIL_H
 
@@ -244,21 +243,10 @@ class TransactionTest : public TableTest {
     sr_i_table_t *Make(const std::string &name, int mode = 6, int columns = 2) {
         return Create("/m/" + name, ScalarColumns(columns), mode);
     }
-    sr_i_table_t *MakeHashed(const std::string &name, int mode = 6) {
-        std::vector<sr_column_t> defs = ScalarColumns(2);
-        sr_opaque_handle_t table = nullptr;
-        EXPECT_EQ(sr_create_hashed_key_table_1(tree_, Text("/m/" + name), defs.data(), 2, mode, 64,
-                                               HashInt64, CompareInt64, &table),
-                  0);
-        return static_cast<sr_i_table_t *>(table);
-    }
-
     // Adds row (k: key, c1: value) through the exported call and its frame.
     qx_int32_t AddRow(sr_opaque_handle_t table, qx_int64_t key, qx_int64_t value) {
         char *names[] = {Text("k"), Text("c1")};
-        qx_value_t values[2] = {};
-        values[0].val_int64 = key;
-        values[1].val_int64 = value;
+        qx_value_t values[2] = {{.val_int64 = key}, {.val_int64 = value}};
         qx_value_t *p_values[] = {&values[0], &values[1]};
         return sr_add_row_1(table, names, p_values, 2);
     }
