@@ -1,7 +1,5 @@
-// Diagnostic dumps: which detail bit prints which line, the exact line forms,
-// the hex dump, the type and qualifier names, and the tree dump.
+// Diagnostic dumps: detail bits, line forms, hex dump, names, the tree dump.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -12,15 +10,13 @@
 #include <vector>
 
 #include "cross/cross_tables.h"
-#include "sr/test_util.h"
-#include "sr_i.h"
+#include "sr/table_test_util.h"
 
 namespace {
 
 using qxcross::Arena;
 using Lines = std::vector<std::string>;
 
-// What `dump` printed to a memory stream.
 template <typename Dump>
 std::string Capture(Dump &&dump) {
     char *p_text = nullptr;
@@ -40,9 +36,11 @@ Lines Split(const std::string &text) {
     return lines;
 }
 
-bool HasLine(const std::string &text, const std::string &line) {
-    const Lines lines = Split(text);
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
+void ExpectLines(const std::string &text, const Lines &lines) {
+    const Lines have = Split(text);
+    for (const std::string &line : lines) {
+        EXPECT_NE(std::find(have.begin(), have.end(), line), have.end()) << line << "\n" << text;
+    }
 }
 
 std::string Address(const void *p) {
@@ -51,53 +49,40 @@ std::string Address(const void *p) {
     return text;
 }
 
-class DumpTest : public ::testing::Test {
+class DumpTest : public qxtest::TableTest {
   protected:
-    void SetUp() override { ASSERT_EQ(sr_open_tree_1(&tree_, 0, 0), 0); }
-    void TearDown() override { sr_close_tree_1(tree_); }
-
-    sr_i_table_t *Table(const std::string &path, std::vector<sr_column_t> columns, int mode = 2) {
-        sr_opaque_handle_t handle = nullptr;
-        EXPECT_EQ(sr_create_table_1(tree_, arena_.text(path), columns.data(),
-                                    static_cast<qx_uint32_t>(columns.size()), mode, &handle),
-                  0);
-        return static_cast<sr_i_table_t *>(handle);
-    }
     sr_column_t Column(const char *name, qx_data_type_t type, qx_uint32_t qualifier) {
         sr_column_t c{};
-        c.name = arena_.text(name);
+        c.name = Text(name);
         c.type = type;
         c.qualifier = qualifier;
         return c;
-    }
-    sr_i_table_t *KeyOnly(const std::string &path) {
-        return Table(path, {Column("k", QX_INT32, SR_PRIMARY_KEY)});
     }
     std::string Dump(sr_i_table_t *p_table, qx_uint64_t flags) {
         return Capture([&](FILE *p) { EXPECT_EQ(sr_i_dump_table(p_table, p, flags), 0); });
     }
     qx_int32_t Add(sr_i_table_t *p_table, std::vector<qx_value_t> values) {
-        qx_char_ptr_t names[] = {arena_.text("k"), arena_.text("s")};
+        qx_char_ptr_t names[] = {Text("k"), Text("s")};
         qx_value_t *p_values[] = {&values[0], &values[1]};
         return sr_add_row_1(p_table, names, p_values, 2);
     }
-
-    sr_opaque_handle_t tree_ = nullptr;
     Arena arena_;
 };
 
 TEST_F(DumpTest, NamesPrintfAndHexStorage) {
-    EXPECT_STREQ(sr_i_get_type_string(QX_UNKNOWN), "QX_UNKNOWN");
-    EXPECT_STREQ(sr_i_get_type_string(QX_RSRC_HANDLE_PTR), "QX_RSRC_HANDLE_PTR");
-    EXPECT_STREQ(sr_i_get_type_string(QX_SD_PTR_ARRAY), "QX_SD_PTR_ARRAY");
-    EXPECT_STREQ(sr_i_get_type_string(static_cast<qx_data_type_t>(23)), "GARBAGE");
-    EXPECT_STREQ(sr_i_get_type_string(static_cast<qx_data_type_t>(-1)), "GARBAGE");
-    EXPECT_STREQ(sr_i_get_qualifier_type_string(0), "SR_UNKNOWN_QUALIFIER");
-    EXPECT_STREQ(sr_i_get_qualifier_type_string(SR_SYSTEM), "SR_SYSTEM");
-    EXPECT_STREQ(sr_i_get_qualifier_type_string(SR_PRIMARY_KEY_NOCHECK | SR_INVISIBLE),
-                 "SR_PRIMARY_KEY_NOCHECK");
-    EXPECT_STREQ(sr_i_get_qualifier_type_string(5), "GARBAGE");
-    EXPECT_STREQ(sr_i_get_qualifier_type_string(15 | SR_PROTECTED), "GARBAGE");
+    const std::pair<int, const char *> types[] = {{QX_UNKNOWN, "QX_UNKNOWN"},
+                                                  {QX_RSRC_HANDLE_PTR, "QX_RSRC_HANDLE_PTR"},
+                                                  {QX_SD_PTR_ARRAY, "QX_SD_PTR_ARRAY"},
+                                                  {23, "GARBAGE"},
+                                                  {-1, "GARBAGE"}},
+                                       qualifiers[] = {{0, "SR_UNKNOWN_QUALIFIER"},
+                                                       {SR_SYSTEM, "SR_SYSTEM"},
+                                                       {SR_PRIMARY_KEY_NOCHECK | SR_INVISIBLE,
+                                                        "SR_PRIMARY_KEY_NOCHECK"},
+                                                       {5, "GARBAGE"},
+                                                       {15 | SR_PROTECTED, "GARBAGE"}};
+    for (auto [t, name] : types) EXPECT_STREQ(sr_i_get_type_string(qx_data_type_t(t)), name);
+    for (auto [q, name] : qualifiers) EXPECT_STREQ(sr_i_get_qualifier_type_string(q), name);
     EXPECT_EQ(Capture([](FILE *p) { EXPECT_EQ(sr_i_printf(0x10, 0x0F, p, "x%d", 1), 0); }), "");
     EXPECT_EQ(Capture([](FILE *p) { EXPECT_EQ(sr_i_printf(0x18, 0x08, p, "x%d", 12), 3); }), "x12");
     // Lines of `width` words grouped by four, the last one left unended.
@@ -115,8 +100,8 @@ TEST_F(DumpTest, NamesPrintfAndHexStorage) {
     EXPECT_EQ(Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x8); }), "");
 }
 
-// A table with a column of every kind, an uncommitted row and application
-// metadata: each detail bit prints its own lines, every one of them with all.
+// Each detail bit prints its own lines (a column of every kind, an uncommitted
+// row, application metadata); all bits print every one of them.
 TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     std::vector<sr_column_t> columns = {
         Column("k", QX_INT32, SR_PRIMARY_KEY | SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED),
@@ -136,7 +121,7 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     columns[6].default_value.val_float64 = -1.25;
     columns[7].default_value.ptr_binary = qxcross::make_value(arena_, QX_BINARY_PTR, 2).ptr_binary;
     columns[8].sd_defn = qxcross::sd_definition(arena_);
-    sr_i_table_t *p_table = Table("/d/q", columns, 6);
+    sr_i_table_t *p_table = Create("/d/q", columns, 6);
     qx_value_t key{}, text{};
     key.val_int32 = 42;
     text.ptr_char = arena_.text("hello");
@@ -163,39 +148,37 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     EXPECT_EQ(rows.back(), "    COMMITTED ROW RECORD: NONE");
     const std::string all = Dump(p_table, SR_I_DUMP_ALL);
     EXPECT_EQ(Split(all)[2], "  references(1)");
-    for (const char *line : {"  column(0)",
-                             "    name(k)",
-                             "    type(QX_INT32)",
-                             "    qualifier(SR_PRIMARY_KEY)",
-                             "    qualifier(SR_STANDARD)",
-                             "    properties(0)",
-                             "    default_value: 0",
-                             "    default_value: dflt",
-                             "    default_value: 4000000000",
-                             "    default_value: -5000000000",
-                             "    default_value: 18000000000000000000",
-                             "    default_value: 0.5",
-                             "    default_value: -1.25",
-                             "    default_value: length(7), data:",
-                             "        number_of_fields(2)",
-                             "            type(QX_CHAR_PTR)",
-                             "            name(b)",
-                             "  total_columns(9)",
-                             "  total_variable_length_columns(3)",
-                             "  total_applied_rows(1) total_committed_rows(0) maximum_rows(100)",
-                             "  applied_deletions(0)",
-                             "  change_counter(1)",
-                             "  implicitly_controlled(0)",
-                             "  mode(2)",
-                             "  file_fd(-1)",
-                             "  p_persistent_table_registry_path()",
-                             "    max_elements(1)",
-                             "    total_elements(1)",
-                             "        APPLIED: length(3), data:",
-                             "        COMMITTED: NONE",
-                             "      k(QX_INT32): 42"}) {
-        EXPECT_TRUE(HasLine(all, line)) << line << "\n" << all;
-    }
+    ExpectLines(all, {"  column(0)",
+                      "    name(k)",
+                      "    type(QX_INT32)",
+                      "    qualifier(SR_PRIMARY_KEY)",
+                      "    qualifier(SR_STANDARD)",
+                      "    properties(0)",
+                      "    default_value: 0",
+                      "    default_value: dflt",
+                      "    default_value: 4000000000",
+                      "    default_value: -5000000000",
+                      "    default_value: 18000000000000000000",
+                      "    default_value: 0.5",
+                      "    default_value: -1.25",
+                      "    default_value: length(7), data:",
+                      "        number_of_fields(2)",
+                      "            type(QX_CHAR_PTR)",
+                      "            name(b)",
+                      "  total_columns(9)",
+                      "  total_variable_length_columns(3)",
+                      "  total_applied_rows(1) total_committed_rows(0) maximum_rows(100)",
+                      "  applied_deletions(0)",
+                      "  change_counter(1)",
+                      "  implicitly_controlled(0)",
+                      "  mode(2)",
+                      "  file_fd(-1)",
+                      "  p_persistent_table_registry_path()",
+                      "    max_elements(1)",
+                      "    total_elements(1)",
+                      "        APPLIED: length(3), data:",
+                      "        COMMITTED: NONE",
+                      "      k(QX_INT32): 42"});
     EXPECT_NE(all.find("      0: type(7) p_applied(0x"), std::string::npos);
     EXPECT_NE(all.find(" 616263"), std::string::npos);
     // A type no column may have, as a damaged record would carry it.
@@ -203,48 +186,36 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     column.type = static_cast<qx_data_type_t>(23);
     std::memcpy(&p_table->p_columns[2], &column, sizeof column);
     const std::string garbage = Dump(p_table, SR_I_DUMP_COLUMN_TYPE | SR_I_DUMP_COLUMN_DEFAULT);
-    EXPECT_TRUE(HasLine(garbage, "    type(GARBAGE)")) << garbage;
-    EXPECT_TRUE(HasLine(garbage, "    default_value: GARBAGE")) << garbage;
+    ExpectLines(garbage, {"    type(GARBAGE)", "    default_value: GARBAGE"});
     EXPECT_EQ(Dump(nullptr, SR_I_DUMP_ALL), "Table p_table(0x00000000)\n");
     sr_i_table_t *p_unnamed = nullptr;
     ASSERT_EQ(sr_i_create_transient_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
                                           columns.data(), 1, SR_MODE_WRITE, nullptr, &p_unnamed),
               0);
-    EXPECT_TRUE(HasLine(Dump(p_unnamed, 1), "  p_name(UNNAMED TABLE)"));
+    ExpectLines(Dump(p_unnamed, 1), {"  p_name(UNNAMED TABLE)"});
     sr_i_close_table(p_unnamed);
 }
 
-// A new file of two int32 columns: 120 bytes (metadata record 96, commit
-// record 24), a first pool buffer of 8,420 bytes (a hundred times the 84
-// asked for, plus 20), 116 used, the metadata record first.  The tree dump
-// goes to standard output with every table in every detail.
+// A new two-int32 file: 120 bytes (metadata 96, commit 24), a pool buffer of
+// 100 * 84 + 20 bytes, 116 used; the tree dump goes to standard output.
 TEST_F(DumpTest, NewFileItsPoolAndTheTree) {
-    qxtest::TempDir dir;
-    ASSERT_EQ(sr_mount_local_tree_1(tree_, arena_.text("/m"), arena_.text(dir.path()), 1), 0);
     sr_i_table_t *p_table =
-        Table("/m/t", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("v", QX_INT32, SR_STANDARD)});
-    struct stat st;
-    ASSERT_EQ(stat(dir.file("t").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 120);
+        Create("/m/t", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("v", QX_INT32, SR_STANDARD)});
+    EXPECT_EQ(qxtest::ReadBytes(File("t")).size(), 120u);
     const std::string text = Dump(p_table, SR_I_DUMP_RECORD_BUFFER_POOL);
-    for (const char *line : {"  total_bytes(8420)", "  used_bytes(116)",
-                             "  cumulative_total_bytes(8420)", "  cumulative_used_bytes(116)"}) {
-        EXPECT_TRUE(HasLine(text, line)) << line << "\n" << text;
-    }
+    ExpectLines(text, {"  total_bytes(8420)", "  used_bytes(116)", "  cumulative_total_bytes(8420)",
+                       "  cumulative_used_bytes(116)"});
     const size_t first = text.find("\n    record(");
     EXPECT_EQ(text.compare(first + 1, 13, "    record(0:"), 0) << text;
     EXPECT_NE(text.find("length(96) type(1)", first), std::string::npos);
-    KeyOnly("/d/one");
+    Create("/d/one", {Column("k", QX_INT32, SR_PRIMARY_KEY)});
     testing::internal::CaptureStdout();
     EXPECT_EQ(sr_i_dump_tree(static_cast<sr_i_tree_t *>(tree_)), 0);
     const std::string tree = testing::internal::GetCapturedStdout();
     EXPECT_EQ(tree.rfind("Tree p_tree(0x", 0), 0u);
-    for (const std::string &line :
-         Lines{"  p_name(/d/one)", "  p_persistent_table_registry_path(/m/t)",
-               "  p_name(" + dir.file("t") + ")", "    p_name(/m/)",
-               "    p_filesystem_path(" + dir.path() + ")"}) {
-        EXPECT_TRUE(HasLine(tree, line)) << line << "\n" << tree;
-    }
+    ExpectLines(tree, {"  p_name(/d/one)", "  p_persistent_table_registry_path(/m/t)",
+                       "  p_name(" + File("t") + ")", "    p_name(/m/)",
+                       "    p_filesystem_path(" + tmp_.file("d") + ")"});
     EXPECT_EQ(Split(tree).back().rfind("  p_from_table_string_conversion_handle(0x", 0), 0u);
 }
 

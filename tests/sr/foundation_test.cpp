@@ -1,5 +1,4 @@
-// The registry's foundation: message table and catalogue, error records,
-// trees, the call frame, the errno capture and fork handling.
+// Message table and catalogue, error records, trees, errno capture, fork.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/wait.h>
@@ -9,12 +8,10 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
-#include "sr/test_util.h"
-#include "sr_i.h"
+#include "sr/table_test_util.h"
 
 using qxtest::last_error;
 
@@ -27,8 +24,7 @@ TEST(MessageTableTest, TextsInCodeOrderAndTheCatalogueMatchesThem) {
                          109, 200, 201, 202, 203, 204, 205, 206, 207, 208, 209, 210, 211, 212};
     EXPECT_EQ(0u, sr_i_message_index(0));
     EXPECT_EQ(0u, sr_i_message_index(16));
-    // ctest sets NLSPATH to the generated catalogue: its text wins over the
-    // deliberately wrong default.
+    // ctest sets NLSPATH to the generated catalogue, whose text must win.
     const bool catalogue = getenv("NLSPATH") != nullptr;
     for (int i = 1; i < SR_NUMBER_OF_MESSAGES; ++i) {
         const std::string text = cu_mesgtbl_qx_sr_set[i];
@@ -79,16 +75,8 @@ TEST(ErrorReportTest, RecordsCarryTheirValuesPerThreadAndSuccessClears) {
     EXPECT_EQ(0, sr_close_tree_1(b));
 }
 
-std::string read_file(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
-
-// Only the process's last capture remains; the name is predictable, so a
-// link planted under it must not make the library write another file; an
-// unwritable directory is skipped quietly.
+// Only the last capture remains; a link planted under the predictable name is
+// not followed; an unwritable directory is skipped quietly.
 TEST(ErrnoCaptureTest, LastCaptureOnlyNoLinkFollowedUnwritableSkipped) {
     qxtest::TempDir dir;
     char cwd[4096];
@@ -98,14 +86,14 @@ TEST(ErrnoCaptureTest, LastCaptureOnlyNoLinkFollowedUnwritableSkipped) {
     ASSERT_EQ(0, chdir(dir.path().c_str()));
     sr_i_capture_errno("sr_i_fdatasync", 5, 120, "1.1");
     sr_i_capture_errno("sr_i_commit", 28, 77, "1.4");
-    EXPECT_EQ("function(sr_i_commit) errno(28) line(77) sccsid(1.4)\n", read_file(name));
+    EXPECT_EQ("function(sr_i_commit) errno(28) line(77) sccsid(1.4)\n", qxtest::ReadBytes(name));
     for (bool hard : {false, true}) {
         std::ofstream(victim) << "precious";
         unlink(name.c_str());
         ASSERT_EQ(
             0, hard ? link(victim.c_str(), name.c_str()) : symlink(victim.c_str(), name.c_str()));
         sr_i_capture_errno("sr_i_fdatasync", 5, 120, "1.1");
-        EXPECT_EQ("precious", read_file(victim)) << hard;
+        EXPECT_EQ("precious", qxtest::ReadBytes(victim)) << hard;
     }
     ASSERT_EQ(0, mkdir("ro", 0500));
     ASSERT_EQ(0, chdir("ro"));
@@ -113,9 +101,7 @@ TEST(ErrnoCaptureTest, LastCaptureOnlyNoLinkFollowedUnwritableSkipped) {
     ASSERT_EQ(0, chdir(cwd));
 }
 
-// fork() from one thread while another holds the API mutex: the fork waits
-// for the mutex (the child never sees a half-done change), and the child
-// starts with a free mutex.
+// fork() waits for the API mutex another thread holds; the child gets a free one.
 TEST(ForkConcurrencyTest, ForkWaitsForTheApiMutexAndChildGetsAFreeOne) {
     sr_opaque_handle_t tree = nullptr;
     ASSERT_EQ(0, sr_open_tree_1(&tree, 0, 0));  // installs the fork handlers

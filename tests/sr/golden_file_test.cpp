@@ -1,8 +1,5 @@
-// Golden files: a table file and a packed buffer assembled here byte by byte
-// from the format (record headers, 32-byte column entries, values end to end
-// in their protocol forms), never through the library.  The library reads
-// each back value for value and, doing the same operations, writes exactly
-// those bytes.
+// A table file and a packed buffer assembled byte by byte from the format,
+// never through the library: it reads them back and writes exactly them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,7 +16,6 @@ namespace {
 
 using qxtest::ReadBytes;
 
-// Where two byte strings first differ, or -1: readable for kilobytes.
 long FirstDifference(const std::string &a, const std::string &b) {
     if (a == b) return -1;
     return std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
@@ -33,9 +29,7 @@ std::string W32(size_t v) {
     return Bytes(static_cast<qx_uint32_t>(v));
 }
 
-// A value as a caller passes it and as the format stores it: the 8-byte slot
-// of a scalar (zero behind a 4-byte value), or the protocol form of a
-// pointer type (its anchor is placed by the enclosing record or form).
+// A caller's value and its stored form: a scalar's 8-byte slot or a pointer's protocol form.
 struct V {
     V() { std::memset(&value, 0, sizeof value); }
     qx_data_type_t type = QX_UNKNOWN;
@@ -44,8 +38,7 @@ struct V {
     std::string form;
 };
 
-// Slots (or anchors from `base`) then the pointer values' forms end to end;
-// `typed`: each slot follows its element's type and a 0.
+// Slots (or anchors from `base`; `typed`: after type and 0) then the forms.
 std::string SlotsAndForms(const std::vector<V> &values, size_t base = 0, bool typed = false) {
     std::string slots, forms;
     for (const V &v : values) {
@@ -56,7 +49,6 @@ std::string SlotsAndForms(const std::vector<V> &values, size_t base = 0, bool ty
     return slots + forms;
 }
 
-// Builds caller values (kept alive here) and their forms.
 class Values {
   public:
     template <typename T>
@@ -68,10 +60,11 @@ class Values {
     }
     V I32(qx_int32_t x) { return Num(QX_INT32, x); }
     V U32(qx_uint32_t x) { return Num(QX_UINT32, x); }
-    // A value whose object is its own protocol form.
-    V Object(qx_data_type_t type, const std::string &form) {
-        V v = Pointer(type, form);
-        v.value.ptr_char = Keep(form);
+    // A pointer value: its object is its form unless given.
+    V Object(qx_data_type_t type, const std::string &form, void *p_object = nullptr) {
+        V v;
+        v.type = type, v.pointer = true, v.form = form;
+        v.value.ptr_char = static_cast<char *>(p_object != nullptr ? p_object : Keep(form));
         return v;
     }
     V Text(const std::string &s) { return Object(QX_CHAR_PTR, s + '\0'); }
@@ -81,8 +74,6 @@ class Values {
         for (qx_uint32_t i = 0; i < 5; ++i) form += W32(first + i);
         return Object(QX_RSRC_HANDLE_PTR, form);
     }
-    // count, 0, then slots or anchors counting from the start, then the
-    // nested forms; a structured element's slot follows its type and a 0.
     V Array(qx_data_type_t type, const std::vector<V> &elements) {
         const size_t n = elements.size();
         const bool sd = type == QX_SD_PTR;
@@ -94,12 +85,10 @@ class Values {
             if (sd) p_sd->elements[i] = {elements[i].type, 0, elements[i].value};
             if (!sd) p_array->elements[i] = elements[i].value;
         }
-        V v = Pointer(type, W32(n) + W32(0) + SlotsAndForms(elements, 8 + (sd ? 16 : 8) * n, sd));
-        v.value.ptr_array = p_array;
-        return v;
+        return Object(type, W32(n) + W32(0) + SlotsAndForms(elements, 8 + (sd ? 16 : 8) * n, sd),
+                      p);
     }
     V Sd(const std::vector<V> &elements) { return Array(QX_SD_PTR, elements); }
-    // The value with a NULL pointer, which stands for the empty value.
     static V Null(V v) {
         v.value.ptr_char = nullptr;
         return v;
@@ -116,13 +105,6 @@ class Values {
     }
 
   private:
-    static V Pointer(qx_data_type_t type, const std::string &form) {
-        V v;
-        v.type = type;
-        v.pointer = true;
-        v.form = form;
-        return v;
-    }
     char *Keep(const std::string &bytes) {
         return static_cast<char *>(std::memcpy(Zeroed(bytes.size()), bytes.data(), bytes.size()));
     }
@@ -139,7 +121,6 @@ std::string Record(qx_int32_t type, const std::string &data) {
 std::string RowRecord(qx_uint32_t replaces_offset, const std::vector<V> &values) {
     return Record(2, W32(replaces_offset) + SlotsAndForms(values));
 }
-// A commit record; `last` is the valid one (older ones are switched off).
 std::string CommitRecord(qx_uint64_t counter, bool last = true, const std::string &block = "") {
     std::string data = Bytes(counter);
     if (!block.empty()) data += W32(1) + W32(0) + W32(block.size()) + block;
@@ -157,33 +138,28 @@ struct Column {
     V default_value;
 };
 
-// The metadata record: byte-order flag, 0, counts, 32-byte entries, then
-// the defaults of pointer columns, the names and the structured definitions.
+// Entries, then defaults of pointer columns, names and definitions, each at an offset.
 std::string MetadataRecord(const std::vector<Column> &columns) {
     std::string defaults, names, definitions, entries;
-    std::vector<size_t> default_at, name_at, definition_at(columns.size());
+    std::vector<size_t> default_at, name_at, definition_at;
     for (const Column &c : columns) {
         default_at.push_back(defaults.size());
         if (c.default_value.pointer) defaults += c.default_value.form;
-    }
-    for (const Column &c : columns) {
-        name_at.push_back(defaults.size() + names.size());
+        name_at.push_back(names.size());
         names += std::string(c.p_name) + '\0';
-    }
-    for (size_t i = 0; i < columns.size(); ++i) {
-        const sr_sd_def_t *p_def = columns[i].p_definition;
-        if (p_def == nullptr) continue;
-        definition_at[i] = defaults.size() + names.size() + definitions.size();
-        definitions += W32(p_def->number_of_fields);
-        for (qx_uint32_t f = 0; f < p_def->number_of_fields; ++f) {
+        const sr_sd_def_t *p_def = c.p_definition;
+        definition_at.push_back(p_def ? definitions.size() : SIZE_MAX);
+        if (p_def) definitions += W32(p_def->number_of_fields);
+        for (qx_uint32_t f = 0; p_def && f < p_def->number_of_fields; ++f)
             definitions += W32(p_def->field_def[f].type) + p_def->field_def[f].name + '\0';
-        }
     }
     size_t variable = 0;
     for (size_t i = 0; i < columns.size(); ++i) {
         const Column &c = columns[i];
-        entries += W32(name_at[i]) + W32(c.type) + W32(c.qualifier) + Bytes(c.properties) +
-                   W32(definition_at[i]) + W32(0);
+        const size_t definition =
+            definition_at[i] == SIZE_MAX ? 0 : defaults.size() + names.size() + definition_at[i];
+        entries += W32(defaults.size() + name_at[i]) + W32(c.type) + W32(c.qualifier) +
+                   Bytes(c.properties) + W32(definition) + W32(0);
         entries += c.default_value.pointer ? W32(default_at[i]) + W32(c.default_value.form.size())
                                            : Bytes(c.default_value.value);
         variable += c.default_value.pointer;
@@ -194,7 +170,6 @@ std::string MetadataRecord(const std::vector<Column> &columns) {
                          defaults + names + definitions);
 }
 
-// The protocol form of a value the library handed out, by the value library.
 std::string FormOf(qx_data_type_t type, const qx_value_t &value) {
     qx_uint32_t size = 0, running = 0;
     EXPECT_EQ(qx_pmsg_size_conv_protocol_value_1(nullptr, 0, type, &value, &size), 0);
@@ -232,7 +207,6 @@ class GoldenFileTest : public qxtest::TableTest {
         return sr_add_row_1(table, names.data(), values.data(),
                             static_cast<qx_uint32_t>(names.size()));
     }
-    // Every column of the row with this key reads back as `row`.
     void ExpectRow(sr_opaque_handle_t table, const std::vector<Column> &columns,
                    const std::vector<V> &row) {
         for (size_t i = 0; i < columns.size(); ++i) {
@@ -248,8 +222,8 @@ class GoldenFileTest : public qxtest::TableTest {
     Values vals_;
 };
 
-// A table of every type through its life: create, two rows, an update, a
-// deletion with odd-length application metadata, an apply left uncommitted.
+// Every type through create, two rows, an update, a deletion with odd-length
+// application metadata, and an apply left uncommitted.
 TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
     Values &v = vals_;
     V invalid_handle =
@@ -285,8 +259,7 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
                            Values::Null(v.Array(kArrays[i], {}))});
     }
     columns.push_back({"tail", QX_CHAR_PTR, kStd, 0, nullptr, Values::Null(v.Text(""))});
-    // One row of every column; `seed` varies lengths and contents so that
-    // forms fall at every alignment.
+    // `seed` varies lengths so that forms fall at every alignment.
     auto row = [&](const std::string &key, int seed) {
         const std::string n(static_cast<size_t>(seed % 5), 'x');
         const qx_uint32_t u = static_cast<qx_uint32_t>(seed);
@@ -314,14 +287,12 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
             v.Array(QX_RSRC_HANDLE_PTR_ARRAY, {v.Handle(6), v.Handle(11)}),
             v.Array(QX_SD_PTR_ARRAY, {v.Sd({v.Num(QX_INT64, 77ll)}),
                                       v.Sd({v.Num(QX_INT64, static_cast<qx_int64_t>(seed))})}),
-            v.Text(n),
-        };
+            v.Text(n)};
     };
     const std::vector<V> a = row("a", 1), b = row("bee", 2);
     std::vector<V> a2 = a;
     a2[1] = v.Text("changed!");
 
-    // The file, from the format.
     std::string golden = MetadataRecord(columns) + CommitRecord(1, false);
     const size_t a_at = golden.size();
     golden += RowRecord(0, a);
@@ -331,11 +302,9 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
     golden += RowRecord(a_at, a2) + CommitRecord(3, false);
     golden += Record(3, W32(1) + W32(b_at)) + CommitRecord(4, true, "odd");
     const std::string committed = golden;
-    // The uncommitted tail: a deletion of the updated row and its commit
-    // record, after the valid one.
+    // The uncommitted tail: a deletion and its commit record.
     golden += Record(3, W32(1) + W32(a2_at)) + CommitRecord(5, true, "odd");
 
-    // The library, doing the same.
     sr_opaque_handle_t t = Create("/m/g", columns);
     EXPECT_EQ(FirstDifference(ReadBytes(File("g")), MetadataRecord(columns) + CommitRecord(1)), -1);
     ASSERT_EQ(AddRow(t, columns, a), 0);
@@ -358,7 +327,6 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
     ASSERT_EQ(sr_abort_1(t), 0);
     ASSERT_EQ(sr_close_table_1(t), 0);
 
-    // The golden bytes, read by the library: the committed state.
     qxtest::WriteBytes(File("h"), golden);
     sr_opaque_handle_t h = nullptr;
     ASSERT_EQ(sr_open_table_1(tree_, Text("/m/h"), SR_MODE_READ, &h), 0);
@@ -391,8 +359,6 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
     ASSERT_EQ(sr_close_table_1(h), 0);
 }
 
-// Two tables in one packed buffer: the head slots, each table's name, fixed
-// metadata, column metadata and rows, in the value forms, end to end.
 TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
     Values &v = vals_;
     const std::vector<Column> first = {
@@ -412,9 +378,7 @@ TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
     const std::vector<std::vector<V>> second_rows = {
         {v.Text("only"), v.Sd({v.I32(5), v.Text("five")})},
     };
-    // Column metadata: per column name, type, qualifier, properties, the
-    // default (structured defaults travel as UINT32 0), the field count and,
-    // with a definition, the fields' types and names.
+    // Structured defaults travel as UINT32 0.
     auto column_metadata = [&](const std::vector<Column> &columns) {
         std::vector<V> described;
         for (const Column &c : columns) {
@@ -437,8 +401,7 @@ TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
         }
         return v.Array(QX_SD_PTR_ARRAY, described).form;
     };
-    // Rows: binaries whose length word is the record's length and whose
-    // bytes are the rest of the record and four zero bytes.
+    // Rows: binaries of the row record and four zero bytes.
     auto rows_form = [&](const std::vector<std::vector<V>> &rows) {
         std::vector<V> binaries;
         for (const auto &row : rows) {
@@ -453,8 +416,7 @@ TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
         return v.Sd({v.Text(p_name), v.U32(rows), v.U32(columns), v.Num(QX_UINT64, 2ull), v.I32(0)})
             .form;
     };
-    // A persistent table's name is its file's; the fixed metadata names its
-    // registry path.
+    // A persistent table's name is its file's; its fixed metadata has the path.
     std::vector<V> forms(8);
     const std::string texts[] = {v.Text(File("p")).form,  fixed("/m/p", 2, 3),
                                  column_metadata(first),  rows_form(first_rows),
@@ -466,7 +428,6 @@ TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
                                Bytes(0ull) + Bytes(1ull) + Bytes(uint64_t(40 + area.size())) +
                                Bytes(2ull) + area;
 
-    // The library packs the same two tables.
     sr_opaque_handle_t tables[2] = {Create("/m/p", first), Create("/t", second)};
     for (const auto &r : first_rows) ASSERT_EQ(AddRow(tables[0], first, r), 0);
     for (const auto &r : second_rows) ASSERT_EQ(AddRow(tables[1], second, r), 0);

@@ -1,5 +1,5 @@
-// Table metadata and application metadata as callers see them (the column
-// definitions' values are proven by the golden file and schema tests).
+// Table and application metadata as callers see them (column definitions'
+// values: golden file and schema tests).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -13,7 +13,6 @@ namespace {
 
 class MetadataTest : public qxtest::RowsTest {
   protected:
-    // The application block as the table shows it, or "<code>".
     static std::string AppData(sr_opaque_handle_t table) {
         qx_binary_t *p = nullptr;
         qx_int32_t rc = sr_get_application_metadata_1(table, &p);
@@ -30,7 +29,7 @@ class MetadataTest : public qxtest::RowsTest {
         free(p);
         return rc;
     }
-    // Name, row count and column count of `p_table`'s metadata.
+    // Name, row, column and change counts.
     static std::string Summary(sr_i_table_t *p_table, qx_int32_t visibility = 0) {
         sr_table_metadata_t *p = nullptr;
         if (sr_get_table_metadata_1(p_table, visibility, &p) != 0) return "<error>";
@@ -63,26 +62,13 @@ TEST_F(MetadataTest, CountsNamesInvisibleColumnsDeepCopiesAndFailures) {
     EXPECT_EQ(Summary(p_table), " 0 3 1");
     sr_i_close_table(p_table);
     // An invisible column is left out unless every column is asked for.
-    sr_column_t sd{};
-    sd.name = Text("sd");
-    sd.type = QX_SD_PTR;
-    sd.qualifier = SR_STANDARD | SR_INVISIBLE;
     sr_sd_def_t definition{1, {{QX_INT32, Text("first")}}};
-    sd.sd_defn = &definition;
     columns = Columns();
-    columns.push_back(sd);
+    columns.push_back({Text("sd"), QX_SD_PTR, SR_STANDARD | SR_INVISIBLE, 0, &definition, {}});
     p_table = Make("/m/deep", columns, 6);
     EXPECT_EQ(Summary(p_table, 1), "/m/deep 0 3 1");
-    for (qx_int64_t n = 0;; ++n) {
-        sr_i_alloc_fail_after(n);
-        qx_int32_t rc = sr_get_table_metadata_1(p_table, -1, &p_metadata);
-        const bool failed = sr_i_alloc_failure_pending() == 0;
-        sr_i_alloc_fail_after(-1);
-        if (!failed) break;
-        EXPECT_EQ(12, rc);
-        EXPECT_EQ(nullptr, p_metadata);
-        ASSERT_LT(n, 40);
-    }
+    qxtest::EachAllocationFailure([&] { return sr_get_table_metadata_1(p_table, -1, &p_metadata); },
+                                  [&] { EXPECT_EQ(nullptr, p_metadata); });
     // The definitions are deep copies that outlive the table.
     ASSERT_NE(p_metadata, nullptr);
     ASSERT_EQ(0, sr_close_table_1(p_table));

@@ -1,6 +1,4 @@
-// The record buffer pool: buffer sizing, the split/whole rule, merging on
-// free, the address-ordered free chain across buffers, duplication, the file
-// image case, and what every allocation failure leaves behind.
+// The record buffer pool: sizing, split/merge, the free chain, duplication.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,8 +20,6 @@ namespace {
 constexpr qx_uint32_t kHeader = SR_I_RECORD_HEADER_LENGTH;
 using Records = std::vector<char *>;
 
-// The free chain as the pool walks it: buffer by buffer in address order,
-// each buffer's own part by its links.
 Records free_chain(const sr_i_record_buffer_pool_t &pool) {
     Records chain;
     sr_i_record_buffer_t *p_owner = pool.p_first_record_buffer;
@@ -40,13 +36,12 @@ Records free_chain(const sr_i_record_buffer_pool_t &pool) {
 }
 
 std::vector<sr_i_record_buffer_t *> buffers(const sr_i_record_buffer_pool_t &pool) {
-    std::vector<sr_i_record_buffer_t *> result;
-    for (auto *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) result.push_back(p);
-    return result;
+    std::vector<sr_i_record_buffer_t *> all;
+    for (auto *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) all.push_back(p);
+    return all;
 }
 
-// Everything the pool promises about itself.  adjacent_free_allowed: a
-// duplicated pool may hold free records that touch across a former border.
+// Everything the pool promises; a duplicated pool may hold adjacent free records.
 ::testing::AssertionResult pool_is_consistent(const sr_i_record_buffer_pool_t &pool,
                                               bool adjacent_free_allowed = false) {
     auto fail = [] { return ::testing::AssertionFailure(); };
@@ -59,28 +54,23 @@ std::vector<sr_i_record_buffer_t *> buffers(const sr_i_record_buffer_pool_t &poo
     if (pool.p_last_record_buffer != all.back()) return fail() << "last buffer is not the end";
     sr_i_record_buffer_t *p_owner = all.front();
     if (p_owner->total_directory != all.size()) return fail() << "directory size";
-    std::set<sr_i_record_buffer_t *> in_chain(all.begin(), all.end());
     qx_uint64_t total = 0;
     std::set<char *> free_by_type;
+    // Walks buffers in directory order; the chain order check below proves that order.
     for (qx_uint32_t i = 0; i < p_owner->total_directory; ++i) {
         const sr_i_record_buffer_slot_t &slot = p_owner->p_directory[i];
-        if (in_chain.count(slot.p_buffer) == 0) return fail() << "entry " << i << " no buffer";
-        if (i > 0 && !std::less<>()(p_owner->p_directory[i - 1].p_buffer, slot.p_buffer)) {
-            return fail() << "directory out of address order at " << i;
-        }
-        if (slot.max_free > p_owner->p_directory[i - i % SR_I_RECORD_BUFFER_GROUP].group_max_free) {
-            return fail() << "group bound below slot " << i;
-        }
         total += slot.p_buffer->total_bytes;
-        char *p = sr_i_rb_buffer_data(slot.p_buffer);
-        char *p_end = sr_i_rb_buffer_end(slot.p_buffer);
+        char *p = sr_i_rb_buffer_data(slot.p_buffer), *p_end = sr_i_rb_buffer_end(slot.p_buffer);
         for (qx_uint32_t length; p < p_end; p += length) {
             length = sr_i_record_length(p);
             if (length < kHeader) return fail() << "record shorter than 12";
             if (sr_i_record_type(p) != SR_I_RECORD_TYPE_FREE) continue;
             free_by_type.insert(p);
-            // First fit passes over a buffer on its bound: it must not lie low.
-            if (length > slot.max_free) return fail() << "buffer " << i << " bound too low";
+            // First fit skips a buffer whose bound lies low.
+            if (length > slot.max_free ||
+                length > p_owner->p_directory[i - i % SR_I_RECORD_BUFFER_GROUP].group_max_free) {
+                return fail() << "buffer " << i << " bound too low";
+            }
         }
         if (p != p_end) return fail() << "records overrun their buffer";
     }
@@ -101,7 +91,6 @@ std::vector<sr_i_record_buffer_t *> buffers(const sr_i_record_buffer_pool_t &poo
     return ::testing::AssertionSuccess();
 }
 
-// Everything observable about a pool, to compare before and after a failure.
 std::vector<uintptr_t> snapshot(const sr_i_record_buffer_pool_t &pool) {
     std::vector<uintptr_t> s{pool.total_bytes, pool.used_bytes};
     for (auto *p : buffers(pool)) s.push_back(reinterpret_cast<uintptr_t>(p));
@@ -122,8 +111,6 @@ class PoolTest : public ::testing::Test {
         EXPECT_EQ(0, sr_i_reserve_record(&pool_, length, type, &p_data));
         return p_data;
     }
-    // Finds room for `length` data bytes: its data address, with the chain
-    // predecessor and the room's length.
     char *find(qx_uint32_t length, char **pp_previous = nullptr, qx_uint32_t *p_actual = nullptr) {
         char *p_data = nullptr, *p_previous = nullptr;
         qx_uint32_t actual = 0;
@@ -132,8 +119,7 @@ class PoolTest : public ::testing::Test {
         if (p_actual != nullptr) *p_actual = actual;
         return p_data;
     }
-    // Free records of the given lengths in ascending address order, each
-    // fenced by an allocated record so that none can merge; their headers.
+    // Free records of these lengths, fenced by allocated ones so none merge.
     Records fenced_free_records(std::vector<qx_uint32_t> lengths) {
         Records records;
         for (qx_uint32_t length : lengths) {
@@ -249,9 +235,7 @@ TEST_F(PoolTest, MisuseIsRefusedAndChangesNothing) {
     EXPECT_TRUE(pool_is_consistent(pool_));
 }
 
-// A table's file is read straight into room found in an empty pool, over the
-// room's own header, and the room is taken as one record: the link words the
-// file brings along never become part of the chain.
+// A file image read over a found room's header: its link words never join the chain.
 TEST_F(PoolTest, LinkWordsOfAFileImageNeverReachTheChain) {
     constexpr qx_uint32_t kImage = 300;
     char *p_previous = nullptr;
@@ -319,11 +303,8 @@ TEST_F(PoolTest, DuplicatingThreeBuffersYieldsOneBufferSixteenBytesSmaller) {
     sr_i_rb_uninitialize_record_buffer_pool(&copy);
 }
 
-// Random reserves and frees against a model of what each record holds, first
-// among hundreds of buffers (in whatever address order malloc gives) of one
-// large record each; then thousands of small records of one large buffer
-// freed in a scrambled order with reserves in between (the old versions of
-// rows a commit replaces).
+// Random reserves and frees against a content model: hundreds of buffers,
+// then thousands of small records of one buffer freed in scrambled order.
 TEST_F(PoolTest, RandomReservesAndFreesKeepEveryPromise) {
     std::mt19937 random(12345);
     std::vector<std::pair<char *, std::string>> live;
@@ -370,39 +351,17 @@ TEST_F(PoolTest, RandomReservesAndFreesKeepEveryPromise) {
     ASSERT_TRUE(pool_is_consistent(pool_));
 }
 
-// Runs `attempt` with the n-th allocation failing, n = 0, 1, ... until it
-// runs without meeting the failure; `on_failure` checks each failed run.
-template <typename Attempt, typename OnFailure>
-int fail_each_allocation(Attempt attempt, OnFailure on_failure) {
-    for (qx_int64_t n = 0; n < 1000; ++n) {
-        sr_i_alloc_fail_after(n);
-        qx_int32_t rc = attempt();
-        bool failed = !sr_i_alloc_failure_pending();
-        sr_i_alloc_fail_after(-1);
-        if (!failed) {
-            EXPECT_EQ(0, rc) << "with no failure injected";
-            return static_cast<int>(n);
-        }
-        EXPECT_EQ(12, rc);
-        EXPECT_EQ(12, last_error().code);
-        on_failure();
-    }
-    ADD_FAILURE() << "never succeeded";
-    return -1;
-}
-
 TEST_F(PoolTest, EveryAllocationFailureReturns12AndLeavesThePoolAsItWas) {
     sr_i_rb_uninitialize_record_buffer_pool(&pool_);
-    EXPECT_EQ(2,
-              fail_each_allocation([&] { return sr_i_rb_initialize_record_buffer_pool(1, &pool_); },
-                                   [&] { EXPECT_EQ(nullptr, pool_.p_first_record_buffer); }));
+    EXPECT_EQ(2, qxtest::EachAllocationFailure(
+                     [&] { return sr_i_rb_initialize_record_buffer_pool(1, &pool_); },
+                     [&] { EXPECT_EQ(nullptr, pool_.p_first_record_buffer); }));
     sr_i_rb_uninitialize_record_buffer_pool(&pool_);
-    // A new buffer in an empty pool (buffer and directory), then in a pool
-    // whose directory must grow.
+    // A new buffer in an empty pool, then in one whose directory grows.
     for (int round = 0; round < 12; ++round) {
         auto before = snapshot(pool_);
         char *p_data = nullptr;
-        EXPECT_GE(fail_each_allocation(
+        EXPECT_GE(qxtest::EachAllocationFailure(
                       [&] { return sr_i_reserve_record(&pool_, 70000 + round, 2, &p_data); },
                       [&] {
                           EXPECT_EQ(before, snapshot(pool_));
@@ -413,7 +372,7 @@ TEST_F(PoolTest, EveryAllocationFailureReturns12AndLeavesThePoolAsItWas) {
     auto before = snapshot(pool_);
     sr_i_record_buffer_pool_t copy{};
     sr_i_record_buffer_pool_duplication_map_t *p_map = nullptr;
-    EXPECT_EQ(6, fail_each_allocation(  // map, three arrays, buffer, directory
+    EXPECT_EQ(6, qxtest::EachAllocationFailure(  // map, three arrays, buffer, directory
                      [&] {
                          copy = {};
                          p_map = nullptr;
@@ -428,8 +387,7 @@ TEST_F(PoolTest, EveryAllocationFailureReturns12AndLeavesThePoolAsItWas) {
     sr_i_rb_uninitialize_record_buffer_pool(&copy);
 }
 
-// Tables are locked one by one, so different tables' pools and indexes are
-// worked on at the same time; all of them share the allocation seam.
+// Tables are locked one by one: pools and indexes of separate tables work at once.
 TEST(EngineConcurrencyTest, SeparateTablesWorkSideBySide) {
     std::vector<int> failures(4, 0);
     std::vector<std::thread> threads;

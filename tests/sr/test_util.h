@@ -9,6 +9,7 @@
 #include <string>
 
 #include "qx_cu.h"
+#include "sr_i.h"
 
 namespace qxtest {
 
@@ -50,6 +51,28 @@ class TempDir {
   private:
     std::string path_;
 };
+
+// Fails the n-th allocation of `attempt` for n = 0, 1, ... until a run meets
+// no failure, which must succeed (returns that n); each failed run gives 12
+// with its error record and passes `on_failure`.
+template <typename Attempt, typename OnFailure>
+int EachAllocationFailure(Attempt attempt, OnFailure on_failure) {
+    for (qx_int64_t n = 0; n < 1000; ++n) {
+        sr_i_alloc_fail_after(n);
+        const qx_int32_t rc = attempt();
+        const bool failed = sr_i_alloc_failure_pending() == 0;
+        sr_i_alloc_fail_after(-1);
+        if (!failed) {
+            EXPECT_EQ(rc, 0) << "with no failure injected";
+            return static_cast<int>(n);
+        }
+        EXPECT_EQ(rc, SR_E_NO_MEMORY) << n;
+        EXPECT_EQ(last_error().code, SR_E_NO_MEMORY) << n;
+        on_failure();
+    }
+    ADD_FAILURE() << "never succeeded";
+    return -1;
+}
 
 }  // namespace qxtest
 
