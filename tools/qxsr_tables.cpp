@@ -137,15 +137,18 @@ int run_describe(Shell &shell, int argc, char **argv) {
 
 int run_delete_table(Shell &shell, int argc, char **argv) {
     if (argc != 2) return usage(shell, "delete-table PATH");
+    int rc = sr_delete_table_1(shell.tree, argv[1]);
+    if (rc != 0) return report_failure(shell, "delete-table", rc);
+    // A deleted table lives on for its openers until their last close: ours
+    // is closed now, which frees it.
     for (size_t i = 0; i < shell.tables.size(); ++i) {
         if (shell.tables[i].path == argv[1]) {
-            // The library closes an open table it deletes; forget our handle.
+            (void)sr_close_table_1(shell.tables[i].handle);
             shell.tables.erase(shell.tables.begin() + static_cast<long>(i));
             break;
         }
     }
-    int rc = sr_delete_table_1(shell.tree, argv[1]);
-    return rc == 0 ? 0 : report_failure(shell, "delete-table", rc);
+    return 0;
 }
 
 constexpr Command kCommands[] = {
