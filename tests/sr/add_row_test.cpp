@@ -16,9 +16,9 @@ class AddRowTest : public RowsTest {};
 
 TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     std::vector<sr_column_t> columns = Columns();
-    columns.push_back({Text("b"), QX_BINARY_PTR, SR_STANDARD, 0, nullptr, {}});
-    columns.push_back({Text("ia"), QX_INT32_ARRAY, SR_STANDARD, 0, nullptr, {}});
-    columns.push_back({Text("ca"), QX_CHAR_PTR_ARRAY, SR_STANDARD, 0, nullptr, {}});
+    columns.push_back({Text("b"), QX_BINARY_PTR, SR_STANDARD, 0, nullptr, Str(nullptr)});
+    columns.push_back({Text("ia"), QX_INT32_ARRAY, SR_STANDARD, 0, nullptr, Str(nullptr)});
+    columns.push_back({Text("ca"), QX_CHAR_PTR_ARRAY, SR_STANDARD, 0, nullptr, Str(nullptr)});
     sr_i_table_t *p_table = Make("/t/names", columns, 2);
     EXPECT_EQ(104, Add(p_table, {{"k", I64(1)}, {"k", I64(2)}}));
     EXPECT_EQ(104, last_error().code);
@@ -37,7 +37,7 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     EXPECT_EQ("two", TextOf(p_table, 2));
     EXPECT_EQ(3, IntOf(p_table, 2));
     // NULL pointers are stored as the empty value of their type.
-    const qx_value_t null{};
+    const qx_value_t null = Str(nullptr);  // all 8 bytes: {} sets only the first member
     ASSERT_EQ(0,
               Add(p_table, {{"k", I64(3)}, {"s", null}, {"b", null}, {"ia", null}, {"ca", null}}));
     EXPECT_STREQ("", Val(p_table, 3, "s").ptr_char);

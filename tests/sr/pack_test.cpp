@@ -354,15 +354,16 @@ TEST_F(PackTest, TruncatedOrDamagedBuffersAreRefusedWithoutReadingPastThem) {
         ExerciseUntrusted(receiver_, damaged, round % 2 == 1);
     }
     // A row record too short for its table's columns.
-    ASSERT_EQ(Pack({tables[2]}, {0}, &buffer), 0);
-    char *form = buffer.bytes() + 72 + U32(buffer.bytes() + 64);
+    Buffer one;
+    ASSERT_EQ(Pack({tables[2]}, {0}, &one), 0);
+    char *form = one.bytes() + 72 + U32(one.bytes() + 64);
     char *binary = form + U32(form + 8);
     ASSERT_GT(U32(binary), 20u);
     const qx_uint32_t short_length = 20, anchor_length = 24;
     std::memcpy(binary, &short_length, 4);
     std::memcpy(form + 12, &anchor_length, 4);
     sr_opaque_handle_t unpacked = nullptr;
-    EXPECT_EQ(Unpack(buffer.p, 0, &unpacked), 14);
+    EXPECT_EQ(Unpack(one.p, 0, &unpacked), 14);
     EXPECT_EQ(last_error().code, 14);
 }
 

@@ -197,7 +197,7 @@ TEST_P(RowModelTest, RandomOperationsMatchTheModelAfterEveryStep) {
     const Config &c = GetParam();
     path_ = (c.persistent ? "/m/" : "/t/") + Name(c);
     std::vector<sr_column_t> columns = Columns();
-    columns.push_back({Text("t"), QX_CHAR_PTR, SR_STANDARD, 0, nullptr, {}});
+    columns.push_back({Text("t"), QX_CHAR_PTR, SR_STANDARD, 0, nullptr, Str(nullptr)});
     p_ = Make(path_, columns, Mode(), c.hashed);
     ASSERT_NE(nullptr, p_);
     qx_uint32_t rewrites = 0, previous_length = p_->file_length;
