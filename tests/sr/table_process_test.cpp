@@ -234,8 +234,9 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     // A second writer of the same process waits as another process's would.
     std::atomic<qx_int64_t> opened_at{0};
     sr_opaque_handle_t writer2 = nullptr;
+    char *p_path = Text("/m/t");  // the test's text store is not shared between threads
     std::thread second([&] {
-        qx_int32_t rc = sr_open_table_1(other, Text("/m/t"), 2, &writer2);
+        qx_int32_t rc = sr_open_table_1(other, p_path, 2, &writer2);
         opened_at = rc == 0 ? NowMs() : -rc;
     });
     usleep(300000);
