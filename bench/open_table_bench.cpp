@@ -11,40 +11,15 @@
 #include <iterator>
 #include <string>
 
+#include "bench_util.h"
 #include "sr_i.h"
 
 namespace {
 
-struct BenchTree {
-    sr_opaque_handle_t tree = nullptr;
-    std::string dir;
-    BenchTree() {
-        const char *base = getenv("TMPDIR");
-        std::string templ = std::string(base != nullptr ? base : "/tmp") + "/qxsr-bench-XXXXXX";
-        char *made = mkdtemp(templ.data());
-        dir = made != nullptr ? made : "/tmp";
-        sr_open_tree_1(&tree, 0, 0);
-        sr_mount_local_tree_1(tree, const_cast<char *>("/b"), dir.data(), 1);
-    }
-    ~BenchTree() {
-        sr_close_tree_1(tree);
-        std::string command = "rm -rf '" + dir + "'";
-        if (system(command.c_str()) != 0) {
-        }
-    }
-};
-
-BenchTree &bench_tree() {
-    static BenchTree tree;
-    return tree;
-}
-
-void put32(std::string &b, qx_uint32_t v) {
-    b.append(reinterpret_cast<const char *>(&v), 4);
-}
-void put64(std::string &b, qx_uint64_t v) {
-    b.append(reinterpret_cast<const char *>(&v), 8);
-}
+using qxbench::bench_tree;
+using qxbench::BenchTree;
+using qxbench::put32;
+using qxbench::put64;
 
 // A table file of `rows` rows: a text key and two 64-bit columns, written
 // as a created table followed by the row records and a commit record.
