@@ -15,6 +15,8 @@
  * outside any tree). */
 enum class sr_i_lock_kind {
     none,
+    /* Readers take only the table's read lock: reads of one table run side
+     * by side and exclude only its writer. */
     table_read,
     table_write,
     tree_read,

@@ -8,8 +8,6 @@ SR_SOURCE_FILE("sr/sr_x_get_field_by_index", "1.1");
 
 extern "C" qx_int32_t sr_get_field_by_index_1(sr_opaque_handle_t table_handle, qx_int32_t row_index,
                                               qx_char_ptr_t column_name, qx_value_t *result) {
-    // Readers take only the table's read lock: reads of one table run side
-    // by side and exclude only its writer.
     static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_field_by_index_1",
                                          .entry_id = 45,
                                          .lock = sr_i_lock_kind::table_read};

@@ -10,8 +10,6 @@ extern "C" qx_int32_t sr_get_fields_by_fixed_index_and_visibility_1(
     sr_opaque_handle_t table_handle, qx_int32_t fixed_row_index, qx_char_ptr_t *column_names,
     qx_value_t **result, qx_uint32_t array_count, qx_uint32_t uncommitted_updates_visible,
     sr_row_state_t *p_row_state) {
-    // Readers take only the table's read lock: reads of one table run side
-    // by side and exclude only its writer.
     static constexpr sr_i_frame_t kFrame{
         .p_function = "sr_get_fields_by_fixed_index_and_visibility_1",
         .entry_id = 53,

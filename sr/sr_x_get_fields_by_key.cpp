@@ -8,8 +8,6 @@ SR_SOURCE_FILE("sr/sr_x_get_fields_by_key", "1.1");
 extern "C" qx_int32_t sr_get_fields_by_key_1(sr_opaque_handle_t table_handle, qx_value_t row_key,
                                              qx_char_ptr_t *column_names, qx_value_t **result,
                                              qx_uint32_t array_count) {
-    // Readers take only the table's read lock: reads of one table run side
-    // by side and exclude only its writer.
     static constexpr sr_i_frame_t kFrame{
         .p_function = "sr_get_fields_by_key_1", .entry_id = 59, .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(sr_i_this_source, kFrame, table_handle,

@@ -8,8 +8,6 @@ SR_SOURCE_FILE("sr/sr_x_get_fixed_row_index_for_key", "1.1");
 extern "C" qx_int32_t sr_get_fixed_row_index_for_key_1(sr_opaque_handle_t table_handle,
                                                        qx_value_t key_value,
                                                        qx_uint32_t *p_fixed_row_index) {
-    // Readers take only the table's read lock: reads of one table run side
-    // by side and exclude only its writer.
     static constexpr sr_i_frame_t kFrame{.p_function = "sr_get_fixed_row_index_for_key_1",
                                          .entry_id = 107,
                                          .lock = sr_i_lock_kind::table_read};

@@ -9,8 +9,6 @@ SR_SOURCE_FILE("sr/sr_x_get_updated_rows", "1.1");
 extern "C" qx_int32_t sr_get_updated_rows_1(sr_opaque_handle_t table_handle,
                                             qx_uint32_t *p_updated_rows_count,
                                             qx_uint32_t **p_p_updated_rows_fixed_indices) {
-    // Readers take only the table's read lock: reads of one table run side
-    // by side and exclude only its writer.
     static constexpr sr_i_frame_t kFrame{
         .p_function = "sr_get_updated_rows_1", .entry_id = 67, .lock = sr_i_lock_kind::table_read};
     return sr_i_api_call<sr_i_table_t>(
