@@ -262,7 +262,7 @@ qx_int32_t sr_i_common_add_change_entry(sr_i_table_t *p_table, sr_i_index_entry_
             *p_other_tail = p_change->p_prev;
         }
     } else {
-        p_change = static_cast<sr_i_change_entry_t *>(sr_i_malloc(sizeof(sr_i_change_entry_t)));
+        p_change = sr_i_new_change_entry(p_table);
         if (p_change == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     }
     p_change->deletion = deletion;

@@ -214,7 +214,7 @@ qx_int32_t sr_i_close_table(sr_i_table_t *p_table) {
     std::free(p_table->p_rows_fixed_index);
     std::free(p_table->p_rows_packed_index);
     std::free(p_table->p_columns);
-    sr_i_free_change_lists(p_table);
+    sr_i_release_change_slabs(p_table);
     std::free(p_table->p_name);
     if (p_table->p_file_path != nullptr) {
         std::free(p_table->p_file_path);

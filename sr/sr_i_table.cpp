@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 
 #include "sr_i_hash_table.h"
 #include "sr_i_pool.h"
@@ -416,19 +415,65 @@ void sr_i_remove_row_from_packed_index(sr_i_table_t *p_table, sr_i_index_entry_t
     sr_i_rows_free_chain_insert(p_table, p_index_entry);
 }
 
-void sr_i_free_change_lists(sr_i_table_t *p_table) {
-    for (sr_i_change_entry_t *p_list :
-         {p_table->p_rows_change_list, p_table->p_delete_rows_change_list}) {
-        while (p_list != nullptr) {
-            sr_i_change_entry_t *p_next = p_list->p_next;
-            free(p_list);
-            p_list = p_next;
-        }
+// A slab of change entries: this header, then `capacity` entries.
+struct sr_i_change_slab_struct {
+    sr_i_change_slab_struct *p_older;
+    qx_uint32_t used;
+    qx_uint32_t capacity;
+};
+
+namespace {
+
+// The first slab holds a few entries, enough for the usual single-row
+// transaction; each next one twice as many as the last, up to 64 KiB.
+constexpr qx_uint32_t kFirstChangeSlabEntries = 16;
+constexpr qx_uint32_t kLargestChangeSlabEntries = 2048;
+
+sr_i_change_entry_t *slab_entries(sr_i_change_slab_struct *p_slab) {
+    return reinterpret_cast<sr_i_change_entry_t *>(p_slab + 1);
+}
+
+}  // namespace
+
+sr_i_change_entry_t *sr_i_new_change_entry(sr_i_table_t *p_table) {
+    sr_i_change_slab_struct *p_slab = p_table->p_change_slabs;
+    if (p_slab == nullptr || p_slab->used == p_slab->capacity) {
+        qx_uint32_t capacity = p_slab == nullptr ? kFirstChangeSlabEntries
+                               : p_slab->capacity < kLargestChangeSlabEntries
+                                   ? 2 * p_slab->capacity
+                                   : kLargestChangeSlabEntries;
+        auto *p_new = static_cast<sr_i_change_slab_struct *>(
+            sr_i_malloc(sizeof(sr_i_change_slab_struct) + sizeof(sr_i_change_entry_t) * capacity));
+        if (p_new == nullptr) return nullptr;
+        p_new->p_older = p_slab;
+        p_new->used = 0;
+        p_new->capacity = capacity;
+        p_table->p_change_slabs = p_new;
+        p_slab = p_new;
     }
+    return &slab_entries(p_slab)[p_slab->used++];
+}
+
+void sr_i_free_change_lists(sr_i_table_t *p_table) {
+    // The lists hold nothing but slab entries: the slabs go as a whole.
+    sr_i_change_slab_struct *p_slab = p_table->p_change_slabs;
+    while (p_slab != nullptr && p_slab->p_older != nullptr) {
+        sr_i_change_slab_struct *p_older = p_slab->p_older;
+        free(p_slab);
+        p_slab = p_older;
+    }
+    if (p_slab != nullptr) p_slab->used = 0;
+    p_table->p_change_slabs = p_slab;
     p_table->p_rows_change_list = nullptr;
     p_table->p_rows_change_list_tail = nullptr;
     p_table->p_delete_rows_change_list = nullptr;
     p_table->p_delete_rows_change_list_tail = nullptr;
+}
+
+void sr_i_release_change_slabs(sr_i_table_t *p_table) {
+    sr_i_free_change_lists(p_table);
+    free(p_table->p_change_slabs);
+    p_table->p_change_slabs = nullptr;
 }
 
 // One buffer holds "<file>.rewrite"; the byte after the file name is either

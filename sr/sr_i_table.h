@@ -95,6 +95,11 @@ typedef struct sr_i_table_struct {
     /* Slots by key hash for the key check of an unhashed unique table; built
      * by the first check, dropped by abort (sr_i_unique_key.cpp). */
     struct sr_i_unique_key_index_struct *p_unique_key_index;
+    /* Change entries are carved from slabs the table owns, newest first (one
+     * allocation per slab, not per change), and released together when the
+     * lists are emptied; the oldest, smallest slab stays for the next
+     * transaction (sr_i_table.cpp). */
+    struct sr_i_change_slab_struct *p_change_slabs;
 } sr_i_table_t;
 
 /* --- table file records --- */
@@ -267,8 +272,14 @@ qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table);
 /* Moves the last packed row into the removed row's packed slot, frees the
  * removed row's slot and counts one live row less. */
 void sr_i_remove_row_from_packed_index(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry);
-/* Frees every change entry of both lists and empties them. */
+/* A change entry from the table's slabs, its fields unset; NULL when a new
+ * slab cannot be allocated. */
+sr_i_change_entry_t *sr_i_new_change_entry(sr_i_table_t *p_table);
+/* Empties both change lists and gives back the entries' slabs but the
+ * oldest, which is emptied for the next transaction. */
 void sr_i_free_change_lists(sr_i_table_t *p_table);
+/* Frees the slab sr_i_free_change_lists keeps (closing the table). */
+void sr_i_release_change_slabs(sr_i_table_t *p_table);
 /* The data file's name / the ".rewrite" name, from the one path buffer. */
 char *sr_i_set_data_path(sr_i_table_t *p_table);
 char *sr_i_set_rewrite_path(sr_i_table_t *p_table);
