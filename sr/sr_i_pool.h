@@ -21,6 +21,11 @@ typedef struct sr_i_record_buffer_pool_struct_t {
     char *p_free_chain;      /* first free record (header address), address order */
     sr_i_record_buffer_t *p_first_record_buffer;
     sr_i_record_buffer_t *p_last_record_buffer;
+    /* First fit's memo: no free record of the buffers at directory positions
+     * below fit_index is fit_length bytes long (header included) or longer.
+     * All zero is always true. */
+    qx_uint64_t fit_length;
+    qx_uint32_t fit_index;
 } sr_i_record_buffer_pool_t;
 
 typedef struct sr_i_record_buffer_pool_duplication_map_struct_t {

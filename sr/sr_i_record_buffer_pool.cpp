@@ -94,6 +94,14 @@ qx_int64_t directory_index_of(const sr_i_record_buffer_pool_t *p_pool, const cha
     qx_int64_t low = 0;
     qx_int64_t high = static_cast<qx_int64_t>(p_owner->total_directory) - 1;
     uintptr_t a = addr(p_address);
+    // The buffer first fit chose last is the likely one: rows are added
+    // into it one after another.
+    if (p_pool->fit_index <= high) {
+        buffer_t *p_buffer = p_directory[p_pool->fit_index].p_buffer;
+        if (a >= addr(sr_i_rb_buffer_data(p_buffer)) && a < addr(sr_i_rb_buffer_end(p_buffer))) {
+            return p_pool->fit_index;
+        }
+    }
     while (low <= high) {
         qx_int64_t middle = low + (high - low) / 2;
         buffer_t *p_buffer = p_directory[middle].p_buffer;
@@ -158,6 +166,14 @@ qx_int32_t reserve_directory_slot(buffer_t *p_owner) {
 inline sr_i_record_buffer_slot_t *group_of(sr_i_record_buffer_slot_t *p_directory,
                                            qx_int64_t index) {
     return &p_directory[index - index % kGroup];
+}
+
+// The memo of first fit no longer holds below a buffer that gained a free
+// record of length bytes at directory position index.
+void forget_fit(sr_i_record_buffer_pool_t *p_pool, qx_int64_t index, qx_uint64_t length) {
+    if (index < p_pool->fit_index && length >= p_pool->fit_length) {
+        p_pool->fit_index = static_cast<qx_uint32_t>(index);
+    }
 }
 
 // Raises the bounds of directory slot index to cover a free record of length.
@@ -486,6 +502,8 @@ qx_int32_t add_buffer(sr_i_record_buffer_pool_t *p_pool, qx_uint32_t data_length
         p_pool->p_last_record_buffer->p_next = p_buffer;
         p_pool->p_last_record_buffer = p_buffer;
     }
+    // Positions from here on moved up.
+    if (position <= p_pool->fit_index) p_pool->fit_index = static_cast<qx_uint32_t>(position);
     p_pool->total_bytes += static_cast<qx_uint32_t>(block);
     p_pool->used_bytes += kBufferHeader + kHeader;
     char *p_new = sr_i_rb_buffer_data(p_buffer);
@@ -495,6 +513,12 @@ qx_int32_t add_buffer(sr_i_record_buffer_pool_t *p_pool, qx_uint32_t data_length
     }
     *p_record = p_new;
     return 0;
+}
+
+// First fit found nothing of length bytes below directory position index.
+void remember_fit(sr_i_record_buffer_pool_t *p_pool, qx_int64_t index, qx_uint64_t length) {
+    p_pool->fit_index = static_cast<qx_uint32_t>(index);
+    p_pool->fit_length = length;
 }
 
 }  // namespace
@@ -547,10 +571,17 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
         return SR_ERROR(SR_E_NULL_POINTER);
     }
     char *p_previous = nullptr;
-    qx_int64_t index = directory_index_of(p_pool, p_pool->p_free_chain);
+    const qx_uint64_t needed = static_cast<qx_uint64_t>(data_length) + kHeader;
+    // The walk starts at the buffer of the chain's head, or where the memo
+    // says nothing below can serve the request.
+    qx_int64_t index = -1;
+    if (p_pool->p_free_chain != nullptr) {
+        index = needed >= p_pool->fit_length && p_pool->fit_index > 0
+                    ? p_pool->fit_index
+                    : directory_index_of(p_pool, p_pool->p_free_chain);
+    }
     if (index >= 0) {
         buffer_t *p_owner = directory_owner(p_pool);
-        qx_uint64_t needed = static_cast<qx_uint64_t>(data_length) + kHeader;
         sr_i_record_buffer_slot_t *p_directory = p_owner->p_directory;
         const qx_int64_t total = p_owner->total_directory;
         while (index < total) {
@@ -588,6 +619,7 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
                             *p_previous_free_record = last_free_record_before(p_pool, index);
                         }
                         *actual_data_length = sr_i_record_length(p_record) - kHeader;
+                        remember_fit(p_pool, index, needed);
                         return 0;
                     }
                     p_slot->max_free = bound;
@@ -610,6 +642,7 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
                                 *p_previous_free_record = last_free_record_before(p_pool, index);
                             }
                             *actual_data_length = length - kHeader;
+                            remember_fit(p_pool, index, needed);
                             return 0;
                         }
                         if (length > longest) longest = length;
@@ -626,6 +659,8 @@ qx_int32_t sr_i_rb_find_suitable_record(sr_i_record_buffer_pool_t *p_record_buff
     char *p_record = nullptr;
     qx_int32_t rc = add_buffer(p_pool, data_length, &p_record, &p_previous);
     if (rc != 0) return rc;
+    // No buffer but the new one can serve the request.
+    remember_fit(p_pool, directory_index_of(p_pool, p_record), needed);
     *p_data = p_record + kHeader;
     *p_previous_free_record = p_previous;
     *actual_data_length = sr_i_record_length(p_record) - kHeader;
@@ -813,6 +848,7 @@ qx_uint32_t sr_i_rb_insert_free_record(sr_i_record_buffer_pool_t *p_record_buffe
         }
     }
     raise_bound(directory_owner(p_pool), index, survivor_length);
+    forget_fit(p_pool, index, survivor_length);
     p_buffer->insert_hint = block_offset_of(p_buffer, p_survivor);
 
     if (p_previous_free_record_returned != nullptr) {
