@@ -220,7 +220,8 @@ qx_int32_t sr_i_complete_rows_index(sr_i_table_t *p_table, qx_uint32_t used) {
     if (wanted < kLoadedRows) wanted = kLoadedRows;
     if (wanted > UINT32_MAX) wanted = UINT32_MAX;
     const qx_uint32_t n = static_cast<qx_uint32_t>(wanted);
-    auto *p_packed = static_cast<qx_uint32_t *>(sr_i_calloc(n, sizeof(qx_uint32_t)));
+    // Not zeroed here: the live part is written below, the rest zeroed then.
+    auto *p_packed = static_cast<qx_uint32_t *>(sr_i_malloc(sizeof(qx_uint32_t) * n));
     if (p_packed == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
     // The reserved block is kept as it is when the index fits (it was sized
     // for every row record the file could hold: handing its unused end back
@@ -254,16 +255,18 @@ qx_int32_t sr_i_complete_rows_index(sr_i_table_t *p_table, qx_uint32_t used) {
     p_table->maximum_rows = n;
     // Live slots in fixed index order.  When none was freed they are the
     // slots handed out, each already holding its own number.
+    qx_uint32_t seen = used;
     if (p_table->total_applied_rows == used) {
         for (qx_uint32_t f = 0; f < used; ++f) p_packed[f] = f;
     } else {
-        qx_uint32_t seen = 0;
+        seen = 0;
         for (qx_uint32_t f = 0; f < used; ++f) {
             if (p_base[f].p_committed == nullptr) continue;
             p_packed[seen] = f;
             p_base[f].packed_index = seen++;
         }
     }
+    memset(p_packed + seen, 0, sizeof(qx_uint32_t) * (n - seen));
     // The slots past the last one used join the end of the free chain.
     sr_i_index_entry_t *p_last = p_table->p_rows_free_chain;
     while (p_last != nullptr && p_last->p_pending_change != nullptr) {
