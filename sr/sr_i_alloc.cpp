@@ -113,9 +113,16 @@ void *hint_huge_pages(void *p_memory, size_t size) {
 
 void *sr_i_malloc(size_t size) {
     if (alloc_should_fail()) return nullptr;
+    if (size >= kHugeHintBytes) {
+        // Begun on a huge page boundary, a block loses no huge page at its
+        // head, where filling it starts.
+        void *p_memory = nullptr;
+        if (posix_memalign(&p_memory, kHugePageBytes, size) != 0) return nullptr;
+        return hint_huge_pages(p_memory, size);
+    }
     // A zero-byte request still yields a pointer so that NULL means only
     // "no memory" to every caller.
-    return hint_huge_pages(std::malloc(size != 0 ? size : 1), size);
+    return std::malloc(size != 0 ? size : 1);
 }
 
 void *sr_i_calloc(size_t count, size_t size) {
