@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
@@ -42,6 +43,14 @@ using Clock = std::chrono::steady_clock;
 
 double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Page faults of this process so far: fresh memory costs one per page first
+// touched, which on a virtual machine can outweigh the work itself.
+long page_faults() {
+    struct rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt + usage.ru_majflt;
 }
 
 [[noreturn]] void die(const char *what, long rc) {
@@ -455,6 +464,7 @@ int main(int argc, char **argv) {
     sr_opaque_handle_t main_table = nullptr;
     {
         main_table = qx.create("w2", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, n);
+        const long faults = page_faults();
         auto s = Clock::now();
         for (std::uint32_t i = 0; i < n; ++i)
             Qx::add(main_table, data.keys[i], data.vals[i], data.names[i]);
@@ -463,6 +473,7 @@ int main(int argc, char **argv) {
         check(sr_apply_1(main_table, 0), "sr_apply_1");
         check(sr_commit_1(main_table), "sr_commit_1");
         double apply_commit = seconds_since(s2);
+        const long w2_faults = page_faults() - faults;
         double q = (adds + apply_commit) * 1e3;
         double l = -1, m = -1;
 #ifdef QX_PEER_SQLITE
@@ -481,7 +492,8 @@ int main(int argc, char **argv) {
             m = seconds_since(s) * 1e3;
         }
 #endif
-        printf("  (qx_sr: adds %.1f ms, apply + commit %.1f ms)\n", adds * 1e3, apply_commit * 1e3);
+        printf("  (qx_sr: adds %.1f ms, apply + commit %.1f ms, %ld page faults)\n", adds * 1e3,
+               apply_commit * 1e3, w2_faults);
         report("W2 bulk load, one transaction", "ms", q, l, m);
     }
 
@@ -575,7 +587,9 @@ int main(int argc, char **argv) {
         double file_read = sequential_read(dir + "/w2");
         check(sr_close_table_1(main_table), "sr_close_table_1");
         double best = 1e9;
+        long best_faults = 0;
         for (int round = 0; round < 5; ++round) {
+            const long faults = page_faults();
             auto s = Clock::now();
             qx.remount();
             sr_opaque_handle_t t = qx.open("w2", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, n);
@@ -584,7 +598,9 @@ int main(int argc, char **argv) {
             qx_value_t out;
             check(sr_get_field_by_key_1(t, key, kName, &out), "sr_get_field_by_key_1");
             double e = seconds_since(s);
+            const long round_faults = page_faults() - faults;
             check(sr_close_table_1(t), "sr_close_table_1");
+            if (e < best) best_faults = round_faults;
             best = std::min(best, e);
         }
         main_table = qx.open("w2", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, n);
@@ -615,7 +631,9 @@ int main(int argc, char **argv) {
             m = b * 1e3;
         }
 #endif
-        printf("  (reading the %s file sequentially: %.3f ms)\n", "table", file_read * 1e3);
+        printf(
+            "  (reading the %s file sequentially: %.3f ms; qx_sr's best round: %ld page faults)\n",
+            "table", file_read * 1e3, best_faults);
         report("W5 reopen and read one row (best of 5)", "ms", best * 1e3, l, m);
     }
 
