@@ -91,34 +91,14 @@ TEST_F(DumpTest, NamesPrintfAndHexStorage) {
     EXPECT_EQ(Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x8); }), "");
 }
 
-// Each detail bit prints its own lines (a column of every kind, an uncommitted
-// row, application metadata); all bits print every one of them.
+// Each detail bit prints its own lines (a column and a row value of every
+// type, an uncommitted row, application metadata); all bits print all of them.
 TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
-    std::vector<sr_column_t> columns = {
-        Column("k", QX_INT32, SR_PRIMARY_KEY | SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED),
-        Column("s", QX_CHAR_PTR, SR_STANDARD),
-        Column("u", QX_UINT32, SR_STANDARD),
-        Column("i", QX_INT64, SR_STANDARD),
-        Column("w", QX_UINT64, SR_STANDARD),
-        Column("f", QX_FLOAT32, SR_STANDARD),
-        Column("d", QX_FLOAT64, SR_STANDARD),
-        Column("b", QX_BINARY_PTR, SR_STANDARD),
-        Column("sd", QX_SD_PTR, SR_STANDARD)};
-    columns[1].default_value.ptr_char = arena_.text("dflt");
-    columns[2].default_value.val_uint32 = 4000000000u;
-    columns[3].default_value.val_int64 = -5000000000ll;
-    columns[4].default_value.val_uint64 = 18000000000000000000ull;
-    columns[5].default_value.val_float32 = 0.5f;
-    columns[6].default_value.val_float64 = -1.25;
-    columns[7].default_value.ptr_binary = qxcross::make_value(arena_, QX_BINARY_PTR, 2).ptr_binary;
-    columns[8].sd_defn = qxcross::sd_definition(arena_);
+    const qxcross::TableLayout layout = qxcross::table_layouts()[0];
+    std::vector<sr_column_t> columns = qxcross::column_definitions(arena_, layout);
+    columns[0].qualifier |= SR_PROTECTED | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED;
     sr_i_table_t *p_table = Create("/d/q", columns, 6);
-    qx_value_t key{}, text{};
-    key.val_int32 = 42;
-    text.ptr_char = arena_.text("hello");
-    qx_char_ptr_t names[] = {Text("k"), Text("s")};
-    qx_value_t *p_values[] = {&key, &text};
-    ASSERT_EQ(sr_add_row_1(p_table, names, p_values, 2), 0);
+    ASSERT_EQ(qxcross::add_row(p_table, arena_, layout, 6), 0);
     char data[] = "abc";
     ASSERT_EQ(sr_i_set_application_metadata(p_table->p_application_metadata, 7, 3, data), 0);
     const std::string header = "Table p_table(" + Address(p_table) + ")\n";
@@ -126,31 +106,41 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     EXPECT_EQ(Dump(p_table, 0xFFFFFFFF00000000ull), "");  // not the table dump's bits
     EXPECT_EQ(Dump(p_table, SR_I_DUMP_NAME), header + "  p_name(/d/q)\n");
     EXPECT_EQ(Dump(p_table, SR_I_DUMP_REFERENCES), header + "  references(1)\n");
-    EXPECT_EQ(
-        Dump(p_table, SR_I_DUMP_COLUMN_MODIFIERS),
-        header + "    qualifier_modifiers(SR_PROTECTED|SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)\n");
+    EXPECT_EQ(Dump(p_table, SR_I_DUMP_COLUMN_MODIFIERS),
+              header +
+                  "    qualifier_modifiers(SR_PROTECTED|SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED)\n" +
+                  "    qualifier_modifiers(SR_PROTECTED)\n");
     const Lines rows = Split(
         Dump(p_table, SR_I_DUMP_ROWS | SR_I_DUMP_APPLIED_RECORDS | SR_I_DUMP_COMMITTED_RECORDS));
     ASSERT_GT(rows.size(), 6u);
     EXPECT_EQ(rows[1].rfind("  row(0) p_applied(0x", 0), 0u);
     EXPECT_NE(rows[1].find(" p_committed(0x0) "), std::string::npos);
     EXPECT_NE(rows[1].find(" file_offset(0) applied_file_offset(0)"), std::string::npos);
-    EXPECT_EQ(Lines(rows.begin() + 2, rows.begin() + 5),
+    EXPECT_EQ(Lines(rows.begin() + 2, rows.begin() + 4),
               (Lines{"    APPLIED ROW RECORD: replaces_offset(0), COLUMN VALUES:",
-                     "      k(QX_INT32): 42", "      s(QX_CHAR_PTR): hello"}));
+                     "      k(QX_INT32): 4100"}));
     EXPECT_EQ(rows.back(), "    COMMITTED ROW RECORD: NONE");
+    // Every column's default, none unknown to the dump.
     const std::string all = Dump(p_table, SR_I_DUMP_ALL);
     EXPECT_EQ(Split(all)[2], "  references(1)");
-    for (const char *value : {"0", "dflt", "4000000000", "-5000000000", "18000000000000000000",
-                              "0.5", "-1.25", "length(7), data:"}) {
-        ExpectLines(all, {std::string("    default_value: ") + value});
-    }
-    ExpectLines(all, {"    qualifier(SR_PRIMARY_KEY)", "            name(b)",
+    EXPECT_EQ(all.find("GARBAGE"), std::string::npos);
+    const Lines all_lines = Split(all);
+    EXPECT_EQ(
+        std::count_if(all_lines.begin(), all_lines.end(),
+                      [](const std::string &l) { return l.rfind("    default_value:", 0) == 0; }),
+        22);
+    ExpectLines(all, {"    default_value: 4026532742", "    default_value: -1116049372671192",
+                      "    default_value: 18364758544493065624", "    default_value: 1357.25",
+                      "    default_value: 302", "    default_value: text-907",
+                      "    default_value: length(8), data:", "            name(b)",
                       "  total_applied_rows(1) total_committed_rows(0) maximum_rows(100)",
-                      "  total_variable_length_columns(3)", "        APPLIED: length(3), data:",
-                      "        COMMITTED: NONE", "      k(QX_INT32): 42"});
+                      "        APPLIED: length(3), data:", "        COMMITTED: NONE"});
     EXPECT_NE(all.find("      0: type(7) p_applied(0x"), std::string::npos);
     EXPECT_NE(all.find(" 616263"), std::string::npos);
+    sr_opaque_handle_t unnamed = nullptr;
+    ASSERT_EQ(sr_select_1(p_table, nullptr, 0, &unnamed, nullptr), 0);
+    ExpectLines(Dump(static_cast<sr_i_table_t *>(unnamed), 1), {"  p_name(UNNAMED TABLE)"});
+    sr_close_table_1(unnamed);
     // A type no column may have, as a damaged record would carry it.
     sr_column_t column = sr_i_load_column(&p_table->p_columns[2]);
     column.type = static_cast<qx_data_type_t>(23);
@@ -158,12 +148,6 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     const std::string garbage = Dump(p_table, SR_I_DUMP_COLUMN_TYPE | SR_I_DUMP_COLUMN_DEFAULT);
     ExpectLines(garbage, {"    type(GARBAGE)", "    default_value: GARBAGE"});
     EXPECT_EQ(Dump(nullptr, SR_I_DUMP_ALL), "Table p_table(0x00000000)\n");
-    sr_i_table_t *p_unnamed = nullptr;
-    ASSERT_EQ(sr_i_create_transient_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
-                                          columns.data(), 1, SR_MODE_WRITE, nullptr, &p_unnamed),
-              0);
-    ExpectLines(Dump(p_unnamed, 1), {"  p_name(UNNAMED TABLE)"});
-    sr_i_close_table(p_unnamed);
 }
 
 // A new two-int32 file: 120 bytes (metadata 96, commit 24), a pool buffer of
