@@ -56,13 +56,11 @@ TEST_F(HashTableTest, DefaultsHashAResourceHandlesFourthWord) {
     ASSERT_EQ(0, sr_i_hash_table_add(p_table_, reinterpret_cast<char *>(&handle), 42, &bucket_,
                                      &element_, SR_PRIMARY_KEY));
     EXPECT_EQ(0x2345u, bucket_);
-    qx_uint32_t row = 0;
     char **pp_key = nullptr;
+    qx_uint32_t row = 0;
     ASSERT_EQ(0, sr_i_hash_table_get_index(p_table_, &probe, &row, &pp_key));
-    EXPECT_EQ(42u, row);
-    EXPECT_EQ(reinterpret_cast<char *>(&handle), *pp_key);
-    // Same bucket, told apart by the compare function.
-    probe.id.id3 = 4;
+    EXPECT_EQ(std::make_pair(42u, reinterpret_cast<char *>(&handle)), std::make_pair(row, *pp_key));
+    probe.id.id3 = 4;  // same bucket, told apart by the compare function
     EXPECT_EQ(202, sr_i_hash_table_get_index(p_table_, &probe, &row, nullptr));
 }
 
