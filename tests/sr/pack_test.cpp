@@ -82,58 +82,6 @@ class PackTest : public ::testing::Test {
     Arena arena_;
 };
 
-// Every column type and default reads back as packed, in either view.
-TEST_F(PackTest, EveryColumnTypeRoundTripsInBothViews) {
-    Handles tables = Tables("/names");
-    const char *names[] = {"/names/all", "/names/text", "/names/handles"};
-    for (qx_uint32_t view : {0u, 1u}) {
-        Buffer buffer;
-        ASSERT_EQ(Pack(tables, {view, view, view}, &buffer), 0);
-        // Structured defaults travel as a 32-bit 0, never followed even if damaged.
-        char *columns_form = buffer.bytes() + 136 + U32(buffer.bytes() + 56);
-        char *sd_default = columns_form + U32(columns_form + 8 + 8 * 10) + 8 + 16 * 4;  // "sd"
-        ASSERT_EQ(U32(sd_default), static_cast<qx_uint32_t>(QX_UINT32));
-        std::memset(sd_default + 8, 0xDE, 4);
-        qx_uint32_t total = 0;
-        ASSERT_EQ(sr_get_total_packed_tables_1(buffer.p, &total), 0);
-        EXPECT_EQ(total, 3u);
-        for (qx_uint32_t i = 0; i < 3; ++i) {
-            qx_char_ptr_t name = nullptr;
-            ASSERT_EQ(sr_get_packed_table_name_1(buffer.p, i, &name), 0);
-            EXPECT_STREQ(name, names[i]);
-            EXPECT_TRUE(name > buffer.bytes() && name < buffer.bytes() + buffer.length());
-            const std::string sent = qxcross::render_table(tables[i], view);
-            ASSERT_EQ(qxcross::described_rows(sent), view ? 6 : 5) << sent;
-            EXPECT_EQ(Received(buffer.p, i), sent) << "table " << i << " view " << view;
-        }
-        // Fixed metadata counts the working view's rows without its deletion.
-        qx_value_t fixed;
-        ASSERT_EQ(qx_pmsg_build_conv_packed_client_value_1(
-                      nullptr, QX_PMSG_CLIENT_MALLOC, QX_SD_PTR, &fixed, buffer.bytes() + 48,
-                      buffer.bytes() + 136, buffer.length() - 136),
-                  0);
-        EXPECT_EQ(fixed.ptr_sd->elements[1].value.val_uint32, view ? 7u : 5u);
-        std::free(fixed.ptr_sd);
-        sr_opaque_handle_t unpacked = nullptr;
-        ASSERT_EQ(Unpack(buffer.p, 0, &unpacked), 0);
-        sr_table_metadata_t *p_received = nullptr;
-        ASSERT_EQ(sr_get_table_metadata_1(unpacked, -1, &p_received), 0);
-        EXPECT_EQ(p_received->column_definitions[10].default_value.ptr_sd->element_count, 0u);
-        EXPECT_EQ(p_received->column_definitions[21].default_value.ptr_array->element_count, 0u);
-        sr_free_table_metadata_1(p_received);
-        sr_close_table_1(unpacked);
-    }
-    // A selection's table has no name.
-    sr_opaque_handle_t unnamed = nullptr;
-    ASSERT_EQ(sr_select_1(tables[1], nullptr, 0, &unnamed, nullptr), 0);
-    Buffer buffer;
-    ASSERT_EQ(Pack({unnamed}, {0}, &buffer), 0);
-    qx_char_ptr_t name = nullptr;
-    ASSERT_EQ(sr_get_packed_table_name_1(buffer.p, 0, &name), 0);
-    EXPECT_STREQ(name, "");
-    sr_close_table_1(unnamed);
-}
-
 TEST_F(PackTest, BadIndicesHandlesAndChosenRows) {
     Handles tables = Tables();
     Buffer buffer;
@@ -220,9 +168,10 @@ TEST_F(PackTest, UnpackingWithAHashedKeyIndexFindsRowsByKey) {
     }
 }
 
-// Buffers packed on a big-endian machine convert to this host's bytes (but
-// the head's marker slots) and unpack to the tables the packer described.
-TEST_F(PackTest, BigEndianBuffersConvertOnceAndUnpack) {
+// Every column type and default reads back as packed, in either view, and
+// buffers packed on a big-endian machine convert once to this host's bytes
+// (but the head's marker slots): the same bytes, the same tables.
+TEST_F(PackTest, EveryTypeRoundTripsAndBigEndianBuffersConvertOnce) {
     Handles tables = Tables("/cross");
     for (qx_uint32_t view : {0u, 1u}) {
         const std::string name = std::string("s390x_") + qxcross::kViews[view];
@@ -242,19 +191,56 @@ TEST_F(PackTest, BigEndianBuffersConvertOnceAndUnpack) {
         EXPECT_EQ(required, 0u);
         EXPECT_EQ(sr_convert_packed_table_buffer_1(p.p, 0, 0), 0);
         EXPECT_EQ(p.str(), once);
-        std::string received;
+        std::string received, sent;
+        qx_uint32_t total = 0;
+        ASSERT_EQ(sr_get_total_packed_tables_1(p.p, &total), 0);
+        EXPECT_EQ(total, 3u);
         for (qx_uint32_t i = 0; i < 3; ++i) {
             qx_char_ptr_t name = nullptr;
             ASSERT_EQ(sr_get_packed_table_name_1(p.p, i, &name), 0);
+            EXPECT_TRUE(name > p.bytes() && name < p.bytes() + p.length());
             received += std::string("table ") + name + "\n" + Received(p.p, i);
+            sent += std::string("table /cross/") + qxcross::table_layouts()[i].leaf + "\n" +
+                    qxcross::render_table(tables[i], view);
         }
         EXPECT_EQ(received, report);
+        EXPECT_EQ(sent, report);
         Buffer local;
         ASSERT_EQ(Pack(tables, {view, view, view}, &local), 0);
         ASSERT_EQ(local.length(), p.length());
         std::memcpy(p.bytes() + 16, local.bytes() + 16, 16);
         EXPECT_EQ(p.str(), local.str());
+        // Fixed metadata counts the working view's rows without its deletion.
+        qx_value_t fixed;
+        ASSERT_EQ(qx_pmsg_build_conv_packed_client_value_1(
+                      nullptr, QX_PMSG_CLIENT_MALLOC, QX_SD_PTR, &fixed, local.bytes() + 48,
+                      local.bytes() + 136, local.length() - 136),
+                  0);
+        EXPECT_EQ(fixed.ptr_sd->elements[1].value.val_uint32, view ? 7u : 5u);
+        std::free(fixed.ptr_sd);
+        // Structured defaults travel as a 32-bit 0, never followed even if damaged.
+        char *columns_form = local.bytes() + 136 + U32(local.bytes() + 56);
+        char *sd_default = columns_form + U32(columns_form + 8 + 8 * 10) + 8 + 16 * 4;  // "sd"
+        ASSERT_EQ(U32(sd_default), static_cast<qx_uint32_t>(QX_UINT32));
+        std::memset(sd_default + 8, 0xDE, 4);
+        sr_opaque_handle_t unpacked = nullptr;
+        ASSERT_EQ(Unpack(local.p, 0, &unpacked), 0);
+        sr_table_metadata_t *p_received = nullptr;
+        ASSERT_EQ(sr_get_table_metadata_1(unpacked, -1, &p_received), 0);
+        EXPECT_EQ(p_received->column_definitions[10].default_value.ptr_sd->element_count, 0u);
+        EXPECT_EQ(p_received->column_definitions[21].default_value.ptr_array->element_count, 0u);
+        sr_free_table_metadata_1(p_received);
+        sr_close_table_1(unpacked);
     }
+    // A selection's table has no name.
+    sr_opaque_handle_t unnamed = nullptr;
+    ASSERT_EQ(sr_select_1(tables[1], nullptr, 0, &unnamed, nullptr), 0);
+    Buffer one;
+    ASSERT_EQ(Pack({unnamed}, {0}, &one), 0);
+    qx_char_ptr_t name = nullptr;
+    ASSERT_EQ(sr_get_packed_table_name_1(one.p, 0, &name), 0);
+    EXPECT_STREQ(name, "");
+    sr_close_table_1(unnamed);
     Buffer buffer;
     ASSERT_EQ(Pack(tables, {0, 1, 0}, &buffer), 0);
     const std::string before = buffer.str();
