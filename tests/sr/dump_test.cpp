@@ -1,4 +1,4 @@
-// Diagnostic dumps: detail bits, line forms, hex dump, names, the tree dump.
+// Diagnostic dumps: detail bits, line forms, hex words, names, the tree dump.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -60,37 +60,6 @@ class DumpTest : public qxtest::TableTest {
     Arena arena_;
 };
 
-TEST_F(DumpTest, NamesPrintfAndHexStorage) {
-    const std::pair<int, const char *> types[] = {{QX_UNKNOWN, "QX_UNKNOWN"},
-                                                  {QX_RSRC_HANDLE_PTR, "QX_RSRC_HANDLE_PTR"},
-                                                  {QX_SD_PTR_ARRAY, "QX_SD_PTR_ARRAY"},
-                                                  {23, "GARBAGE"},
-                                                  {-1, "GARBAGE"}},
-                                       qualifiers[] = {{0, "SR_UNKNOWN_QUALIFIER"},
-                                                       {SR_SYSTEM, "SR_SYSTEM"},
-                                                       {SR_PRIMARY_KEY_NOCHECK | SR_INVISIBLE,
-                                                        "SR_PRIMARY_KEY_NOCHECK"},
-                                                       {5, "GARBAGE"},
-                                                       {15 | SR_PROTECTED, "GARBAGE"}};
-    for (auto [t, name] : types) EXPECT_STREQ(sr_i_get_type_string(qx_data_type_t(t)), name);
-    for (auto [q, name] : qualifiers) EXPECT_STREQ(sr_i_get_qualifier_type_string(q), name);
-    EXPECT_EQ(Capture([](FILE *p) { EXPECT_EQ(sr_i_printf(0x10, 0x0F, p, "x%d", 1), 0); }), "");
-    EXPECT_EQ(Capture([](FILE *p) { EXPECT_EQ(sr_i_printf(0x18, 0x08, p, "x%d", 12), 3); }), "x12");
-    // Lines of `width` words grouped by four, the last one left unended.
-    unsigned char bytes[70];
-    for (int i = 0; i < 70; ++i) bytes[i] = static_cast<unsigned char>(i);
-    const std::string text =
-        Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x4); });
-    const Lines lines = Split(text);
-    ASSERT_EQ(lines.size(), 2u);
-    const std::string prefix = ">>" + Address(bytes) + " ";
-    EXPECT_EQ(lines[0].rfind(prefix + "00010203 04050607 ", 0), 0u);
-    EXPECT_EQ(lines[0].size(), prefix.size() + 16 * 9);
-    EXPECT_EQ(lines[1], ">>" + Address(bytes + 64) + " 40414243 4445");
-    EXPECT_NE(text.back(), '\n');
-    EXPECT_EQ(Capture([&](FILE *p) { sr_i_dump_storage(bytes, 70, 16, ">>", p, 0x4, 0x8); }), "");
-}
-
 // Each detail bit prints its own lines (a column and a row value of every
 // type, an uncommitted row, application metadata); all bits print all of them.
 TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
@@ -137,6 +106,7 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
                       "        APPLIED: length(3), data:", "        COMMITTED: NONE"});
     EXPECT_NE(all.find("      0: type(7) p_applied(0x"), std::string::npos);
     EXPECT_NE(all.find(" 616263"), std::string::npos);
+    EXPECT_NE(all.find(" 04000000 f4f5f6f7 \n"), std::string::npos);  // binary data in words
     sr_opaque_handle_t unnamed = nullptr;
     ASSERT_EQ(sr_select_1(p_table, nullptr, 0, &unnamed, nullptr), 0);
     ExpectLines(Dump(static_cast<sr_i_table_t *>(unnamed), 1), {"  p_name(UNNAMED TABLE)"});
