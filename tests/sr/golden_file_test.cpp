@@ -206,8 +206,7 @@ class GoldenFileTest : public qxtest::TableTest {
     void ExpectRow(sr_opaque_handle_t table, const std::vector<Column> &columns,
                    const std::vector<V> &row) {
         for (size_t i = 0; i < columns.size(); ++i) {
-            qx_value_t got;
-            std::memset(&got, 0, sizeof got);
+            qx_value_t got = V().value;
             char *p_name = const_cast<char *>(columns[i].p_name);
             ASSERT_EQ(sr_get_field_by_key_1(table, row[0].value, p_name, &got), 0) << p_name;
             EXPECT_EQ(row[i].pointer ? FormOf(columns[i].type, got) : Bytes(got),
