@@ -190,11 +190,7 @@ class GoldenFileTest : public qxtest::TableTest {
             definitions.push_back({const_cast<char *>(c.p_name), c.type, c.qualifier, c.properties,
                                    c.p_definition, c.default_value.value});
         }
-        sr_opaque_handle_t table = nullptr;
-        EXPECT_EQ(sr_create_table_1(tree_, Text(p_path), definitions.data(),
-                                    static_cast<qx_uint32_t>(definitions.size()), 6, &table),
-                  0);
-        return table;
+        return TableTest::Create(p_path, definitions, 6);
     }
     qx_int32_t AddRow(sr_opaque_handle_t table, const std::vector<Column> &columns,
                       std::vector<V> row) {
@@ -210,8 +206,7 @@ class GoldenFileTest : public qxtest::TableTest {
     void ExpectRow(sr_opaque_handle_t table, const std::vector<Column> &columns,
                    const std::vector<V> &row) {
         for (size_t i = 0; i < columns.size(); ++i) {
-            qx_value_t got;
-            std::memset(&got, 0, sizeof got);
+            qx_value_t got = V().value;
             char *p_name = const_cast<char *>(columns[i].p_name);
             ASSERT_EQ(sr_get_field_by_key_1(table, row[0].value, p_name, &got), 0) << p_name;
             EXPECT_EQ(row[i].pointer ? FormOf(columns[i].type, got) : Bytes(got),
@@ -231,12 +226,6 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
                  std::string(reinterpret_cast<const char *>(cu_ptr_invld_rsrc_hndl_1), 20));
     invalid_handle.value.ptr_char = nullptr;
     const qx_uint32_t kStd = SR_STANDARD;
-    const qx_data_type_t kArrays[] = {
-        QX_INT32_ARRAY,           QX_UINT32_ARRAY,  QX_INT64_ARRAY,    QX_UINT64_ARRAY,
-        QX_FLOAT32_ARRAY,         QX_FLOAT64_ARRAY, QX_CHAR_PTR_ARRAY, QX_BINARY_PTR_ARRAY,
-        QX_RSRC_HANDLE_PTR_ARRAY, QX_SD_PTR_ARRAY};
-    const char *kArrayNames[] = {"ai32", "au32", "ai64", "au64", "af32",
-                                 "af64", "acp",  "abin", "arh",  "asd"};
     std::vector<Column> columns = {
         {"k", QX_CHAR_PTR, SR_PRIMARY_KEY, 11, nullptr, v.Text("key?")},
         {"s", QX_CHAR_PTR, kStd | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED, -1, nullptr,
@@ -253,10 +242,11 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
          Values::Null(v.Sd({}))},
         {"sbs", QX_SBS_PTR, kStd, 0, nullptr, v.Object(QX_SBS_PTR, W32(0))},
     };
-    for (size_t i = 0; i < 10; ++i) {
-        columns.push_back({kArrayNames[i], kArrays[i], kStd, 0,
-                           i == 9 ? v.Definition({{QX_INT64, "big"}}) : nullptr,
-                           Values::Null(v.Array(kArrays[i], {}))});
+    for (int type = QX_INT32_ARRAY; type <= QX_SD_PTR_ARRAY; ++type) {
+        const auto array = static_cast<qx_data_type_t>(type);
+        columns.push_back({v.Name("a" + std::to_string(type)), array, kStd, 0,
+                           type == QX_SD_PTR_ARRAY ? v.Definition({{QX_INT64, "big"}}) : nullptr,
+                           Values::Null(v.Array(array, {}))});
     }
     columns.push_back({"tail", QX_CHAR_PTR, kStd, 0, nullptr, Values::Null(v.Text(""))});
     // `seed` varies lengths so that forms fall at every alignment.

@@ -13,25 +13,19 @@ using qxtest::last_error;
 
 namespace {
 
-// Eight buckets by the low bits of a 32-bit key.
-qx_uint32_t hash_u32(const void *p_key) {
-    qx_uint32_t v;
-    memcpy(&v, p_key, sizeof v);
-    return v % 8;
-}
-qx_int32_t compare_u32(const void *p_key1, const void *p_key2) {
-    return memcmp(p_key1, p_key2, 4);
-}
-qx_uint32_t hash_out_of_range(const void *) {
-    return 8;
-}
-
 class HashTableTest : public ::testing::Test {
   protected:
     void TearDown() override {
         sr_i_alloc_fail_after(-1);
         sr_i_hash_table_close(p_table_);
     }
+    // Eight buckets by the low bits of a 32-bit key.
+    static qx_uint32_t hash_u32(const void *p_key) {
+        qx_uint32_t v;
+        memcpy(&v, p_key, sizeof v);
+        return v % 8;
+    }
+    static qx_int32_t compare_u32(const void *p_a, const void *p_b) { return memcmp(p_a, p_b, 4); }
     void open_u32() { ASSERT_EQ(0, sr_i_hash_table_open(8, hash_u32, compare_u32, &p_table_)); }
     // Keys stay put, as in row records (a deque never moves them).
     qx_int32_t add(qx_uint32_t v, qx_uint32_t row, sr_qualifier_t qualifier) {
@@ -62,13 +56,11 @@ TEST_F(HashTableTest, DefaultsHashAResourceHandlesFourthWord) {
     ASSERT_EQ(0, sr_i_hash_table_add(p_table_, reinterpret_cast<char *>(&handle), 42, &bucket_,
                                      &element_, SR_PRIMARY_KEY));
     EXPECT_EQ(0x2345u, bucket_);
-    qx_uint32_t row = 0;
     char **pp_key = nullptr;
+    qx_uint32_t row = 0;
     ASSERT_EQ(0, sr_i_hash_table_get_index(p_table_, &probe, &row, &pp_key));
-    EXPECT_EQ(42u, row);
-    EXPECT_EQ(reinterpret_cast<char *>(&handle), *pp_key);
-    // Same bucket, told apart by the compare function.
-    probe.id.id3 = 4;
+    EXPECT_EQ(std::make_pair(42u, reinterpret_cast<char *>(&handle)), std::make_pair(row, *pp_key));
+    probe.id.id3 = 4;  // same bucket, told apart by the compare function
     EXPECT_EQ(202, sr_i_hash_table_get_index(p_table_, &probe, &row, nullptr));
 }
 
@@ -111,23 +103,18 @@ TEST_F(HashTableTest, EqualKeysDuplicatesRemovalAndStatistics) {
 }
 
 TEST_F(HashTableTest, BadHashValueAndAllocationFailuresChangeNothing) {
-    for (qx_int64_t n = 0; n < 2; ++n) {
-        sr_i_alloc_fail_after(n);
-        EXPECT_EQ(12, sr_i_hash_table_open(0, nullptr, nullptr, &p_table_));
-        EXPECT_EQ(nullptr, p_table_);
-        EXPECT_EQ(12, last_error().code);
-    }
-    sr_i_alloc_fail_after(-1);
+    EXPECT_EQ(2, qxtest::EachAllocationFailure(
+                     [&] { return sr_i_hash_table_open(0, nullptr, nullptr, &p_table_); },
+                     [&] { EXPECT_EQ(nullptr, p_table_); }));
+    sr_i_hash_table_close(p_table_);
     open_u32();
     ASSERT_EQ(0, add(3, 0, SR_PRIMARY_KEY));
-    sr_i_alloc_fail_after(0);
-    EXPECT_EQ(12, add(11, 1, SR_PRIMARY_KEY));
-    sr_i_alloc_fail_after(-1);
-    EXPECT_EQ(-202, row_of(11));
-    EXPECT_EQ(0, add(11, 1, SR_PRIMARY_KEY));
+    EXPECT_EQ(1, qxtest::EachAllocationFailure([&] { return add(11, 1, SR_PRIMARY_KEY); },
+                                               [&] { EXPECT_EQ(-202, row_of(11)); }));
     EXPECT_EQ(0, row_of(3));
     sr_i_hash_table_close(p_table_);
-    ASSERT_EQ(0, sr_i_hash_table_open(8, hash_out_of_range, compare_u32, &p_table_));
+    auto out_of_range = [](const void *) -> qx_uint32_t { return 8; };
+    ASSERT_EQ(0, sr_i_hash_table_open(8, out_of_range, compare_u32, &p_table_));
     EXPECT_EQ(15, add(1, 0, SR_STANDARD));
     EXPECT_EQ(-15, row_of(1));
     EXPECT_EQ(15, remove(1));

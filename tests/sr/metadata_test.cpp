@@ -1,18 +1,36 @@
-// Table and application metadata as callers see them (column definitions'
-// values: golden file and schema tests).
+// Listing tables (mounted directories, open transient tables, the compatibility
+// calls) and table and application metadata as callers see them.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "sr/rows_test_util.h"
 
+namespace qxtest {
 namespace {
 
-class MetadataTest : public qxtest::RowsTest {
+using Names = std::vector<std::string>;
+
+class MetadataTest : public RowsTest {
   protected:
+    Names List(const std::string &path) {
+        qx_char_ptr_t *p_list = nullptr;
+        qx_uint32_t count = 12345;
+        qx_int32_t rc = sr_list_tables_1(tree_, Text(path), &p_list, &count);
+        if (rc != 0) return {"<" + std::to_string(rc) + ">"};
+        EXPECT_NE(p_list, nullptr);
+        Names names(p_list, p_list + count);
+        EXPECT_EQ(sr_free_table_list_1(p_list, count), 0);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    void Transient(const std::string &path) {
+        ASSERT_EQ(sr_close_table_1(Create(path, ScalarColumns(2))), 0);
+    }
     static std::string AppData(sr_opaque_handle_t table) {
         qx_binary_t *p = nullptr;
         qx_int32_t rc = sr_get_application_metadata_1(table, &p);
@@ -22,12 +40,10 @@ class MetadataTest : public qxtest::RowsTest {
         return bytes;
     }
     static qx_int32_t SetAppData(sr_opaque_handle_t table, const std::string &bytes) {
-        auto *p = static_cast<qx_binary_t *>(malloc(QX_BINARY_SIZE(bytes.size() + 1)));
-        p->length = static_cast<qx_uint32_t>(bytes.size());
-        std::memcpy(p->data, bytes.data(), bytes.size());
-        qx_int32_t rc = sr_set_application_metadata_1(table, p);
-        free(p);
-        return rc;
+        std::vector<qx_uint32_t> words(2 + bytes.size() / 4);
+        words[0] = static_cast<qx_uint32_t>(bytes.size());
+        std::memcpy(&words[1], bytes.data(), bytes.size());
+        return sr_set_application_metadata_1(table, reinterpret_cast<qx_binary_t *>(words.data()));
     }
     // Name, row, column and change counts.
     static std::string Summary(sr_i_table_t *p_table, qx_int32_t visibility = 0) {
@@ -42,6 +58,68 @@ class MetadataTest : public qxtest::RowsTest {
     }
 };
 
+// Hidden, lock and rewrite files are skipped and "," reads as "/".
+TEST_F(MetadataTest, MountPointsAndTransientTablesListByPrefix) {
+    for (const char *name : {"x", "y,z", "yy", ",Lock", "x.rewrite", ".hidden"}) {
+        WriteBytes(File(name), "x");
+    }
+    EXPECT_EQ(List("/m"), (Names{"/m/x", "/m/y/z", "/m/yy"}));
+    EXPECT_EQ(List("/m/"), List("/m"));
+    EXPECT_EQ(List("/m/y"), (Names{"/m/y/z", "/m/yy"}));
+    EXPECT_EQ(List("/m/y/"), (Names{"/m/y/z"}));
+    EXPECT_EQ(List("/m/q"), Names{});
+    for (const char *path : {"/t1", "/t/a", "/u"}) Transient(path);
+    // An open persistent table is not listed as transient.
+    ASSERT_NE(Create("/m/p", ScalarColumns(2)), nullptr);
+    EXPECT_EQ(List("/t"), (Names{"/t/a", "/t1"}));
+    EXPECT_EQ(List("/"), (Names{"/t/a", "/t1", "/u"}));
+}
+
+TEST_F(MetadataTest, ListingCompatibilityCallsEmptyResultsAndFailures) {
+    for (const char *name : {"a", "b,c"}) WriteBytes(File(name), "x");
+    sr_entry_metadata_t *p_entries = nullptr;
+    qx_uint32_t count = 0;
+    ASSERT_EQ(sr_i_get_directory_list_compat(tree_, Text("/m"), &p_entries, &count), 0);
+    ASSERT_EQ(count, 2u);
+    Names names;
+    for (qx_uint32_t i = 0; i < count; ++i) {
+        names.push_back(p_entries[i].name);
+        EXPECT_EQ(p_entries[i].type, SR_TABLE);
+        EXPECT_EQ(p_entries[i].storage, SR_UNKNOWN_STORAGE);
+        EXPECT_EQ(p_entries[i].name, p_entries[0].p_table_list[i]);
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (Names{"/m/a", "/m/b/c"}));
+    EXPECT_EQ(sr_i_free_directory_list_compat(p_entries, count), 0);
+    EXPECT_EQ(sr_i_create_directory_compat(), 0);
+    EXPECT_EQ(sr_i_delete_directory_compat(), 0);
+    // An empty result: an empty caller-owned array, or NULL for the older call.
+    EXPECT_EQ(List("/nothing"), Names{});
+    count = 7;
+    ASSERT_EQ(sr_i_get_directory_list_compat(tree_, Text("/nothing"), &p_entries, &count), 0);
+    EXPECT_EQ(p_entries, nullptr);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(sr_i_free_directory_list_compat(nullptr, 0), 0);
+    // Bad arguments, no memory, a missing directory.
+    qx_char_ptr_t *p_list = nullptr;
+    EXPECT_EQ(sr_list_tables_1(nullptr, Text("/m"), &p_list, &count), SR_E_INVALID_HANDLE);
+    EXPECT_EQ(sr_list_tables_1(tree_, nullptr, &p_list, &count), SR_E_INVALID_PATH);
+    EXPECT_NE(last_error().message.find("<NULL POINTER>"), std::string::npos);
+    EXPECT_EQ(sr_list_tables_1(tree_, Text("/a b"), &p_list, &count), SR_E_INVALID_PATH);
+    EXPECT_EQ(sr_i_get_directory_list_compat(nullptr, Text("/m"), &p_entries, &count),
+              SR_E_INVALID_HANDLE);
+    for (int i = 0; i < 120; ++i) Transient("/r/t" + std::to_string(i));
+    EachAllocationFailure([&] { return sr_list_tables_1(tree_, Text("/r"), &p_list, &count); },
+                          [] {});
+    EXPECT_EQ(count, 120u);
+    sr_free_table_list_1(p_list, count);
+    // The mounted directory removed behind the tree's back.
+    for (const char *name : {"a", "b,c"}) unlink(File(name).c_str());
+    ASSERT_EQ(rmdir(tmp_.file("d").c_str()), 0);
+    EXPECT_EQ(List("/m"), Names{"<10>"});
+    EXPECT_NE(last_error().message.find("opendir"), std::string::npos);
+}
+
 TEST_F(MetadataTest, CountsNamesInvisibleColumnsDeepCopiesAndFailures) {
     sr_i_table_t *p_table = Make("/m/plain", 6);
     ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
@@ -49,7 +127,7 @@ TEST_F(MetadataTest, CountsNamesInvisibleColumnsDeepCopiesAndFailures) {
     ASSERT_EQ(0, AddRow(p_table, 2, "two", 2));
     EXPECT_EQ(Summary(p_table), "/m/plain 1 3 2");  // committed rows only
     sr_table_metadata_t *p_metadata = nullptr;
-    EXPECT_EQ(100, sr_get_table_metadata_1(nullptr, 0, &p_metadata));
+    EXPECT_EQ(SR_E_INVALID_HANDLE, sr_get_table_metadata_1(nullptr, 0, &p_metadata));
     // A table that shows uncommitted updates counts pending rows.
     setenv("SR_UNCOMMITTED_UPDATES_VISIBLE", "1", 1);
     p_table = Make("/t/visible", 6);
@@ -67,8 +145,8 @@ TEST_F(MetadataTest, CountsNamesInvisibleColumnsDeepCopiesAndFailures) {
     columns.push_back({Text("sd"), QX_SD_PTR, SR_STANDARD | SR_INVISIBLE, 0, &definition, {}});
     p_table = Make("/m/deep", columns, 6);
     EXPECT_EQ(Summary(p_table, 1), "/m/deep 0 3 1");
-    qxtest::EachAllocationFailure([&] { return sr_get_table_metadata_1(p_table, -1, &p_metadata); },
-                                  [&] { EXPECT_EQ(nullptr, p_metadata); });
+    EachAllocationFailure([&] { return sr_get_table_metadata_1(p_table, -1, &p_metadata); },
+                          [&] { EXPECT_EQ(nullptr, p_metadata); });
     // The definitions are deep copies that outlive the table.
     ASSERT_NE(p_metadata, nullptr);
     ASSERT_EQ(0, sr_close_table_1(p_table));
@@ -102,10 +180,11 @@ TEST_F(MetadataTest, ApplicationMetadataFollowsTheCommitCycle) {
     sr_opaque_handle_t reopened = nullptr;
     ASSERT_EQ(0, sr_open_table_1(tree_, Text("/m/appdata"), SR_MODE_READ, &reopened));
     EXPECT_EQ("second", AppData(reopened));
-    EXPECT_EQ(206, SetAppData(reopened, "x"));
+    EXPECT_EQ(SR_E_ACCESS, SetAppData(reopened, "x"));
     ASSERT_EQ(0, sr_open_table_1(tree_, Text("/m/implicit"), SR_MODE_READ, &reopened));
     EXPECT_EQ("", AppData(reopened));
-    EXPECT_EQ(100, sr_get_application_metadata_1(nullptr, nullptr));
+    EXPECT_EQ(SR_E_INVALID_HANDLE, sr_get_application_metadata_1(nullptr, nullptr));
 }
 
 }  // namespace
+}  // namespace qxtest
