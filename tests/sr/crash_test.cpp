@@ -33,11 +33,6 @@ class CrashConcurrencyTest : public TransactionTest {
         TransactionTest::SetUp();
         Fresh();
     }
-    void TearDown() override {
-        unsetenv("QX_SR_TEST_PAUSE");
-        sr_i_test_pause_reload();
-        TransactionTest::TearDown();
-    }
     // /m/t of kRows committed rows, closed: the writer in the child needs its lock.
     void Fresh() {
         sr_delete_table_1(tree_, Text("/m/t"));
@@ -73,23 +68,10 @@ class CrashConcurrencyTest : public TransactionTest {
     // A child that opens /m/t and runs `work`, returned once stopped at the pause point.
     pid_t StopChildAt(const std::string &point, int mode,
                       const std::function<qx_int32_t(sr_i_table_t *)> &work) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            alarm(60);  // never outlive a broken test
-            setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
-            sr_i_test_pause_reload();
+        return qxtest::StopChildAt(point, [&] {
             sr_i_table_t *p_table = OpenT(mode);
-            _exit(p_table == nullptr ? 3 : work(p_table) != 0 ? 4 : 0);
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
-        EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
-        return pid;
-    }
-    static void Kill(pid_t pid) {
-        kill(pid, SIGKILL);
-        int status = 0;
-        waitpid(pid, &status, 0);
+            return p_table == nullptr ? 3 : work(p_table) != 0 ? 4 : 0;
+        });
     }
 
     State old_;

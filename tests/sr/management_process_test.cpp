@@ -1,31 +1,16 @@
 // Copies across processes wait for ",Lock" and lose nothing; killed ones leave whole tables.
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <functional>
-#include <map>
 #include <string>
 
 #include "sr/rows_test_util.h"
+#include "sr/transaction_test_util.h"
 
 namespace qxtest {
 namespace {
 
-int WaitChild(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
-
 class ManagementProcessConcurrencyTest : public RowsTest {
   protected:
-    void TearDown() override {
-        unsetenv("QX_SR_TEST_PAUSE");
-        sr_i_test_pause_reload();
-        RowsTest::TearDown();
-    }
     // In a child: a tree of its own with the same mount.
     sr_opaque_handle_t ChildTree() {
         sr_opaque_handle_t tree = nullptr;
@@ -65,18 +50,7 @@ class ManagementProcessConcurrencyTest : public RowsTest {
     // Runs `work` in a child with the pause point armed, and kills it there.
     void KillChildAt(const std::string &point,
                      const std::function<qx_int32_t(sr_opaque_handle_t)> &work) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            alarm(60);  // never outlive a broken test
-            setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
-            sr_i_test_pause_reload();
-            _exit(work(ChildTree()) != 0 ? 4 : 0);  // 0: the point was never reached
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
-        EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
+        Kill(StopChildAt(point, [&] { return work(ChildTree()) != 0 ? 4 : 0; }));
     }
     qx_int32_t Repair(const std::string &path) {
         char *names[] = {Text(path)};

@@ -4,15 +4,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +17,7 @@
 
 using qxtest::Exists;
 using qxtest::FileImage;
+using qxtest::WaitChild;
 
 namespace {
 
@@ -51,12 +48,6 @@ struct Channel {
         return value;
     }
 };
-
-int WaitChild(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
 
 int OpenDescriptors() {
     int count = 0;
@@ -407,8 +398,7 @@ TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) 
     int status = -1;
     for (int i = 0; i < 300 && waitpid(probe, &status, WNOHANG) == 0; ++i) usleep(10000);
     if (waitpid(probe, &status, WNOHANG) == 0) {
-        kill(probe, SIGKILL);
-        WaitChild(probe);
+        qxtest::Kill(probe);
         FAIL() << "the tree's lock was left held by the cancelled thread";
     }
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

@@ -3,10 +3,14 @@
 #define QX_TESTS_SR_TRANSACTION_TEST_UTIL_H
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <string>
 #include <variant>
@@ -14,6 +18,36 @@
 
 #include "sr/table_test_util.h"
 #include "sr_i.h"
+
+namespace qxtest {
+
+// A child's exit status, or 100 + the signal that ended it.
+inline int WaitChild(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+inline void Kill(pid_t pid) {
+    kill(pid, SIGKILL);
+    WaitChild(pid);
+}
+
+// A child that runs `work` with the pause point armed, returned once stopped there.
+inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        alarm(60);  // never outlive a broken test
+        setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
+        sr_i_test_pause_reload();
+        _exit(work());
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
+    EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
+    return pid;
+}
+
+}  // namespace qxtest
 
 namespace qxtest::tx {
 
