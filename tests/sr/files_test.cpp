@@ -188,70 +188,40 @@ TEST_F(FilesTest, WriteRetriesInterruptionsResumesShortWritesAndMapsErrors) {
     EXPECT_EQ(SR_ERROR_FILE("open", ENOENT, true), 200);
 }
 
-TEST_F(FilesTest, RealCallsReachTheFile) {
-    sr_i_file_ops = sr_i_default_file_ops;
-    char text[] = "plain bytes";
-    EXPECT_EQ(sr_i_write(fd_, text, 11), 0);
-    EXPECT_EQ(sr_i_fdatasync(fd_), 0);
-    char a[] = "ab", b[] = "cde";
-    struct iovec v[2] = {{a, 2}, {b, 3}};
-    qx_uint32_t length = 11;
-    EXPECT_EQ(sr_i_writev(fd_, v, 2, 5, &length), 0);
-    EXPECT_EQ(length, 16u);
-    EXPECT_EQ(Data(), "plain bytesabcde");
-    EXPECT_EQ(sr_i_write(-1, text, 1), 10);
-    EXPECT_NE(last_error().message.find("errno of " + std::to_string(EBADF)), std::string::npos);
-}
-
 TEST_F(FilesTest, WritevResumesWhereItWasCutAndCountsWhatWasWritten) {
-    char a[] = "AAAA", b[] = "BBBB", c[] = "CCCC", e[] = "e";
-    struct iovec v[3] = {{a, 4}, {b, 4}, {c, 4}};
-    writev_script = {{5, 0}};
-    qx_uint32_t cumulative = 100;
-    EXPECT_EQ(sr_i_writev(fd_, v, 3, 12, &cumulative), 0);
-    EXPECT_EQ(cumulative, 112u);
-    EXPECT_EQ(Data(), "AAAABBBBCCCC");
-    ASSERT_EQ(writev_calls.size(), 2u);
-    EXPECT_EQ(writev_calls[1], (std::vector<std::string>{"BBB", "CCCC"}));
-    EXPECT_TRUE(Retries().empty());
-
-    Reset();  // across empty and whole elements, one byte at a time
-    struct iovec w[5] = {{a, 2}, {a, 0}, {c, 2}, {c, 0}, {e, 1}};
-    writev_script.assign(5, Step{1, 0});
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, w, 5, 5, &cumulative), 0);
-    EXPECT_EQ(Data(), "AACCe");
-    EXPECT_EQ(writev_calls.size(), 5u);
-    EXPECT_EQ(writev_calls.back(), (std::vector<std::string>{"e"}));
-
-    Reset();
-    struct iovec x[3] = {{a, 4}, {b, 4}, {c, 4}};
-    writev_script = {{5, 0}, {-1, ENOSPC}};
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, x, 3, 12, &cumulative), 13);
-    EXPECT_EQ(cumulative, 5u);
-    EXPECT_EQ(Data(), "AAAAB");
-
-    Reset();
-    struct iovec one[1] = {{a, 4}};
-    writev_script = {{-1, EINTR}, {2, 0}, {-1, EINTR}};
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, one, 1, 4, &cumulative), 0);
-    EXPECT_EQ(cumulative, 4u);
-    EXPECT_EQ(Retries(), (std::vector<std::string>{"2|100"}));
-    struct iovec again[1] = {{a, 4}};
-    writev_script = {{-1, EIO}};
-    EXPECT_EQ(sr_i_writev(fd_, again, 1, 4, &cumulative), 10);
-    EXPECT_NE(last_error().message.find("The writev system call unexpectedly returned an errno "
-                                        "of 5 to the sr_i_writev function"),
-              std::string::npos);
-
-    Reset();  // a total beyond the vector is an internal error
-    struct iovec y[1] = {{a, 4}};
-    writev_script = {{4, 0}};
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, y, 1, 6, &cumulative), 15);
-    EXPECT_EQ(cumulative, 4u);
+    const struct {
+        std::vector<std::string> elements;
+        qx_uint32_t total;  // 6 for 4 bytes: more than the vector holds, an internal error
+        std::vector<Step> script;
+        int rc;
+        std::string data;
+        std::vector<std::string> last_call, retries;
+    } cases[] = {
+        {{"AAAA", "BBBB", "CCCC"}, 12, {{5, 0}}, 0, "AAAABBBBCCCC", {"BBB", "CCCC"}, {}},
+        {{"AA", "", "CC", "", "e"}, 5, std::vector<Step>(5, Step{1, 0}), 0, "AACCe", {"e"}, {}},
+        {{"AAAA", "BBBB", "CCCC"}, 12, {{5, 0}, {-1, ENOSPC}}, 13, "AAAAB", {"BBB", "CCCC"}, {}},
+        {{"AAAA"}, 4, {{-1, EINTR}, {2, 0}, {-1, EINTR}}, 0, "AAAA", {"AA"}, {"2|100"}},
+        {{"AAAA"}, 4, {{-1, EIO}}, 10, "", {"AAAA"}, {}},
+        {{"AAAA"}, 6, {{4, 0}}, 15, "AAAA", {"AAAA"}, {}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.data);
+        Reset();
+        std::vector<std::string> elements = c.elements;
+        std::vector<struct iovec> v;
+        for (std::string &e : elements) v.push_back({e.data(), e.size()});
+        writev_script.assign(c.script.begin(), c.script.end());
+        qx_uint32_t cumulative = 100;
+        EXPECT_EQ(sr_i_writev(fd_, v.data(), static_cast<int>(v.size()), c.total, &cumulative),
+                  c.rc);
+        EXPECT_EQ(cumulative, 100 + c.data.size());
+        EXPECT_EQ(Data(), c.data);
+        EXPECT_EQ(writev_calls.back(), c.last_call);
+        EXPECT_EQ(Retries(), c.retries);
+        EXPECT_TRUE(c.rc != 10 || Matches(last_error().message,
+                                          ".*The writev system call unexpectedly returned an errno "
+                                          "of 5 to the sr_i_writev function.*"));
+    }
 }
 
 TEST_F(FilesTest, SyncFailuresAreCapturedInTheProcessFile) {
