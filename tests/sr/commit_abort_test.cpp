@@ -43,15 +43,12 @@ TEST_F(CommitAbortTest, NothingToDoOrRefusedWritesNothing) {
     EXPECT_EQ(sr_commit_1(p_table), 0);
     EXPECT_EQ(sr_abort_1(p_table), 0);
     // A transient table commits and aborts in memory only.
-    sr_opaque_handle_t handle = nullptr;
-    std::vector<sr_column_t> columns = ScalarColumns(2);
-    ASSERT_EQ(sr_create_table_1(tree_, Text("/mem/t"), columns.data(), 2, 6, &handle), 0);
+    sr_i_table_t *p_memory = Create("/mem/t", ScalarColumns(2), 6);
     for (qx_int64_t k : {1, 2}) {
-        ASSERT_EQ(AddRow(handle, k, k), 0);
-        ASSERT_EQ(sr_apply_1(handle, 0), 0);
-        ASSERT_EQ(k == 1 ? sr_commit_1(handle) : sr_abort_1(handle), 0);
+        ASSERT_EQ(AddRow(p_memory, k, k) | sr_apply_1(p_memory, 0), 0);
+        ASSERT_EQ(k == 1 ? sr_commit_1(p_memory) : sr_abort_1(p_memory), 0);
     }
-    EXPECT_EQ(Snapshot(static_cast<sr_i_table_t *>(handle), true), (State{{1, R(1, {1})}}));
+    EXPECT_EQ(Snapshot(p_memory, true), (State{{1, R(1, {1})}}));
     EXPECT_TRUE(Writes.empty());
     EXPECT_EQ(Syncs, 0);
     EXPECT_EQ(ReadBytes(File("t")), bytes);
@@ -106,8 +103,7 @@ TEST_F(CommitAbortTest, AbortAfterAppendOrRewriteLeavesTheCommittedFile) {
     qx_uint32_t fixed = 9;
     EXPECT_EQ(sr_get_fixed_row_index_for_key_1(p_table, {.val_int64 = 1}, &fixed), 0);
     EXPECT_EQ(fixed, 0u) << "both slots are free again, lowest first";
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
+    ASSERT_EQ(ApplyCommit(p_table), 0);
     const std::string bytes = ReadBytes(File("t"));
     ASSERT_EQ(AddRow(p_table, 2, 2), 0);
     ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
@@ -117,18 +113,14 @@ TEST_F(CommitAbortTest, AbortAfterAppendOrRewriteLeavesTheCommittedFile) {
     EXPECT_EQ(ReadBytes(File("t")), bytes);
     // The committed record lost its first word to the rewrite; appends still work.
     ASSERT_EQ(Put(p_table, R(1, {5}), false), 0);
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
+    ASSERT_EQ(ApplyCommit(p_table), 0);
     EXPECT_EQ(Reopened("t"), (State{{1, R(1, {5})}}));
 }
 
 TEST_F(CommitAbortTest, RepeatedUpdatesAndAbortsRunInTheSameMemory) {
-    sr_opaque_handle_t handle = nullptr;
-    std::vector<sr_column_t> columns = ScalarColumns(3);
-    ASSERT_EQ(sr_create_table_1(tree_, Text("/mem/t"), columns.data(), 3, 6, &handle), 0);
-    auto *p_table = static_cast<sr_i_table_t *>(handle);
+    sr_i_table_t *p_table = Create("/mem/t", ScalarColumns(3), 6);
     for (int k = 0; k < 50; ++k) ASSERT_EQ(Put(p_table, R(k, {k, k})), 0);
-    ASSERT_EQ(sr_apply_1(p_table, 0) | sr_commit_1(p_table), 0);
+    ASSERT_EQ(ApplyCommit(p_table), 0);
     qx_uint32_t pool_bytes = 0;
     for (int i = 0; i < 30000; ++i) {
         if (i % 7 == 0) {
@@ -137,7 +129,7 @@ TEST_F(CommitAbortTest, RepeatedUpdatesAndAbortsRunInTheSameMemory) {
             ASSERT_EQ(sr_abort_1(p_table), 0);
         } else {
             ASSERT_EQ(Put(p_table, R(i % 50, {i, -i}), false), 0);
-            ASSERT_EQ(sr_apply_1(p_table, 0) | sr_commit_1(p_table), 0);
+            ASSERT_EQ(ApplyCommit(p_table), 0);
         }
         if (i == 1000) pool_bytes = p_table->record_buffer_pool.total_bytes;
     }
@@ -169,8 +161,7 @@ TEST_F(CommitAbortTest, RowAddedAndDeletedInOneExplicitTransactionLeavesNoTrace)
     ASSERT_EQ(AddRow(p_table, 2, 20), 0);
     ASSERT_EQ(sr_delete_row_by_index_1(p_table, 0), 0);
     ASSERT_EQ(AddRow(p_table, 3, 30), 0);
-    ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_table), 0);
+    ASSERT_EQ(ApplyCommit(p_table), 0);
     // The retired commit record, two rows, the new commit record: no deletion.
     std::vector<FileRecord> records = FileRecords(ReadBytes(File("t")));
     ASSERT_EQ(records.size(), 5u);
@@ -243,15 +234,9 @@ TEST_P(TransactionModelTest, EveryStepMatchesTheModel) {
     const int mode = explicit_control ? 6 : 2;
     const qx_data_type_t types[] = {QX_INT64,  QX_INT32,   QX_UINT32,  QX_FLOAT32,
                                     QX_UINT64, QX_FLOAT64, QX_CHAR_PTR};
-    std::vector<sr_column_t> columns;
-    for (size_t i = 0; i < 7; ++i) {
-        sr_column_t c{};
-        c.name = Text(i == 0 ? "k" : "c" + std::to_string(i));
-        c.type = types[i];
-        c.qualifier = i == 0 ? SR_PRIMARY_KEY : SR_STANDARD;
-        if (types[i] == QX_CHAR_PTR) c.default_value.ptr_char = Text("none");
-        columns.push_back(c);
-    }
+    std::vector<sr_column_t> columns = ScalarColumns(7);
+    for (size_t i = 0; i < 7; ++i) columns[i].type = types[i];
+    columns[6].default_value.ptr_char = Text("none");
     sr_opaque_handle_t handle = nullptr;
     ASSERT_EQ(hashed ? sr_create_hashed_key_table_1(tree_, Text("/m/t"), columns.data(), 7, mode,
                                                     64, HashInt64, CompareInt64, &handle)

@@ -42,8 +42,7 @@ class CrashConcurrencyTest : public TransactionTest {
         columns[0].qualifier = SR_PRIMARY_KEY_NOCHECK;
         sr_i_table_t *p_table = Create("/m/t", columns, 6);
         for (int k = 0; k < kRows; ++k) ASSERT_EQ(Put(p_table, R(k, {0, k})), 0);
-        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-        ASSERT_EQ(sr_commit_1(p_table), 0);
+        ASSERT_EQ(ApplyCommit(p_table), 0);
         old_ = Snapshot(p_table, false);
         ASSERT_EQ(sr_close_table_1(p_table), 0);
     }

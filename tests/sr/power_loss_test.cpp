@@ -72,28 +72,20 @@ int RecOpen(const char *p_path, int flags, mode_t mode) {
     return fd;
 }
 
-ssize_t RecWrite(int fd, const void *p_buffer, size_t length) {
-    const off_t at = lseek(fd, 0, SEEK_CUR);
-    ssize_t n = write(fd, p_buffer, length);
-    if (n > 0) {
-        Record(Op{Kind::write, IdOf(fd), static_cast<qx_uint64_t>(at),
-                  std::string(static_cast<const char *>(p_buffer), static_cast<size_t>(n))});
-    }
-    return n;
-}
-
 ssize_t RecWritev(int fd, const struct iovec *p_vector, int count) {
     const off_t at = lseek(fd, 0, SEEK_CUR);
     ssize_t n = writev(fd, p_vector, count);
-    if (n > 0) {
-        std::string bytes;
-        for (int i = 0; i < count; ++i) {
-            bytes.append(static_cast<const char *>(p_vector[i].iov_base), p_vector[i].iov_len);
-        }
-        bytes.resize(static_cast<size_t>(n));
-        Record(Op{Kind::write, IdOf(fd), static_cast<qx_uint64_t>(at), bytes});
+    std::string bytes;
+    for (int i = 0; i < count; ++i) {
+        bytes.append(static_cast<const char *>(p_vector[i].iov_base), p_vector[i].iov_len);
     }
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    Record(Op{Kind::write, IdOf(fd), static_cast<qx_uint64_t>(at), bytes}, n > 0);
     return n;
+}
+ssize_t RecWrite(int fd, const void *p_buffer, size_t length) {
+    struct iovec v = {const_cast<void *>(p_buffer), length};
+    return RecWritev(fd, &v, 1);
 }
 
 template <int (*p_real)(int)>

@@ -151,8 +151,7 @@ TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrit
     CommitRewrite(p_writer);
     EXPECT_EQ(done.Receive(300), -1) << "the copy went ahead under the writer";
     ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
-    ASSERT_EQ(sr_apply_1(p_writer, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_writer), 0);
+    ASSERT_EQ(ApplyCommit(p_writer), 0);
     sr_opaque_handle_t other = OtherTree();
     EXPECT_EQ(CommittedRows(other), 2u) << "the commits went to a file the copy replaced";
     sr_close_tree_1(other);
@@ -285,21 +284,13 @@ TEST_F(TableProcessConcurrencyTest, ReadersBesideAWriterReuseDescriptorsAndKeepI
     EXPECT_TRUE(LockedForOthers());
     std::vector<sr_opaque_handle_t> kept;  // readers kept open make the register grow
     for (int k = 0; k < 40; ++k) {
-        for (int n = 0;; ++n) {
-            ASSERT_LT(n, 200);
-            sr_opaque_handle_t tree = OtherTree();
-            sr_i_alloc_fail_after(n);
-            sr_opaque_handle_t reader = nullptr;
-            qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), 1, &reader);
-            const bool failed = !sr_i_alloc_failure_pending();
-            sr_i_alloc_fail_after(-1);
-            if (!failed) {
-                ASSERT_EQ(rc, 0);
-                kept.push_back(tree);
-                break;
-            }
-            sr_close_tree_1(tree);
-        }
+        kept.push_back(OtherTree());
+        qxtest::EachAllocationFailure(
+            [&] {
+                sr_opaque_handle_t reader = nullptr;
+                return sr_open_table_1(kept.back(), Text("/m/t"), 1, &reader);
+            },
+            [] {});
     }
     EXPECT_TRUE(LockedForOthers());
     for (sr_opaque_handle_t tree : kept) sr_close_tree_1(tree);

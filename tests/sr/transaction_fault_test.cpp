@@ -78,8 +78,7 @@ class TransactionFaultTest : public TransactionTest {
     sr_i_table_t *Committed(int total, const std::string &name = "t") {
         sr_i_table_t *p_table = Make(name);
         for (int i = 0; i < total; ++i) EXPECT_EQ(AddRow(p_table, i, i), 0);
-        EXPECT_EQ(sr_apply_1(p_table, 0), 0);
-        EXPECT_EQ(sr_commit_1(p_table), 0);
+        EXPECT_EQ(ApplyCommit(p_table), 0);
         committed_ = Snapshot(p_table, false);
         return p_table;
     }
@@ -97,8 +96,7 @@ class TransactionFaultTest : public TransactionTest {
         ASSERT_EQ(sr_abort_1(p_table), 0);
         EXPECT_EQ(Snapshot(p_table, true), committed_);
         const State wanted = Change(p_table, 2);
-        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-        ASSERT_EQ(sr_commit_1(p_table), 0);
+        ASSERT_EQ(ApplyCommit(p_table), 0);
         EXPECT_EQ(Reopened("t"), wanted);
     }
 

@@ -156,6 +156,10 @@ class TransactionTest : public TableTest {
     qx_int32_t AddRow(sr_opaque_handle_t table, qx_int64_t key, qx_int64_t value) {
         return Put(table, R(key, {value}));
     }
+    static qx_int32_t ApplyCommit(sr_opaque_handle_t table) {
+        const qx_int32_t rc = sr_apply_1(table, 0);
+        return rc != 0 ? rc : sr_commit_1(table);
+    }
     qx_int32_t Delete(sr_opaque_handle_t table, qx_int64_t key) {
         return sr_delete_rows_1(table, Text("k == $L"), key);
     }
