@@ -153,8 +153,8 @@ std::string Mix(const std::string &old, const std::string &now, std::mt19937 &rn
     std::string out(length, '\0');
     for (size_t s = 0; s < length; s += kSector) {
         const size_t end = std::min(length, s + kSector);
-        std::string o = s < old.size() ? old.substr(s, end - s) : "";
-        std::string n = s < now.size() ? now.substr(s, end - s) : "";
+        std::string o = old.substr(std::min(s, old.size()), end - s);
+        std::string n = now.substr(std::min(s, now.size()), end - s);
         o.resize(end - s, '\0');
         n.resize(end - s, '\0');
         std::string chosen;
@@ -207,18 +207,15 @@ class PowerLossTest : public TransactionTest {
                 sr_i_open_persistent_table(static_cast<sr_i_tree_t *>(tree_), nullptr, path.c_str(),
                                            SR_MODE_READ, 512, nullptr, &p_table);
             unlink(path.c_str());
-            all += name + ":";
-            if (rc != 0) {
-                all += "unreadable " + std::to_string(rc) + "\n";
-                continue;
-            }
-            all += std::to_string(p_table->total_columns);
+            all += "\n" + name + ":";
+            all += rc != 0 ? "unreadable " + std::to_string(rc)
+                           : std::to_string(p_table->total_columns);
+            if (rc != 0) continue;
             for (const auto &[key, row] : Snapshot(p_table, false)) {
                 all += " (";
                 for (const Field &f : row) all += std::to_string(std::get<qx_uint64_t>(f)) + ",";
                 all += ")";
             }
-            all += "\n";
             sr_i_close_table(p_table);
         }
         return all;

@@ -82,12 +82,10 @@ TEST_F(TableFileTest, SparseFileNearFourGigabytesCostsOnlyItsRecords) {
     FileImage metadata_only = NewFile("u");
     FileImage free_over_hole = NewFile("v");
     PutHeader(free_over_hole.bytes, 0x80000000u, SR_I_RECORD_TYPE_FREE);
-    const struct {
-        const FileImage *p_image;
-        int expected;  // 0 also wants both rows
-    } cases[] = {{&committed, 0}, {&metadata_only, 14}, {&free_over_hole, 14}};
-    for (const auto &c : cases) {
-        qxtest::WriteBytes(File("sparse"), c.p_image->bytes);
+    // 0 also wants both rows.
+    for (auto [p_image, expected] :
+         {std::pair{&committed, 0}, {&metadata_only, 14}, {&free_over_hole, 14}}) {
+        qxtest::WriteBytes(File("sparse"), p_image->bytes);
         ASSERT_EQ(truncate(File("sparse").c_str(), UINT32_MAX - 4 * 4096), 0);
         pid_t pid = fork();
         if (pid == 0) {
@@ -105,7 +103,7 @@ TEST_F(TableFileTest, SparseFileNearFourGigabytesCostsOnlyItsRecords) {
         int status = 0;
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         ASSERT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), c.expected) << c.expected;
+        EXPECT_EQ(WEXITSTATUS(status), expected) << expected;
     }
 }
 
