@@ -140,17 +140,13 @@ TEST_F(CrashConcurrencyTest, NextWriterAfterACrashWritesOverTheStaleTailOrImage)
 
 TEST_F(CrashConcurrencyTest, PausePointCanLeaveAMarkerAndWaitToBeKilled) {
     const std::string marker = tmp_.file("marker");
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(60);
-        setenv("QX_SR_TEST_PAUSE", ("commit-written@2," + marker).c_str(), 1);
-        sr_i_test_pause_reload();
+    pid_t pid = ForkPaused("commit-written@2," + marker, [&] {
         sr_i_table_t *p_table = OpenT(6);
         for (int g = 1; p_table != nullptr && g <= 3; ++g) {
-            if (Generation(p_table, g) != 0) _exit(4);
+            if (Generation(p_table, g) != 0) return 4;
         }
-        _exit(3);
-    }
+        return 3;
+    });
     for (int i = 0; i < 6000 && !Exists(marker); ++i) usleep(10000);
     ASSERT_TRUE(Exists(marker));
     EXPECT_EQ(ReadBytes(marker), "commit-written");
