@@ -171,22 +171,28 @@ TEST_F(TableFileTest, ATornCommitSwitchIsReadAsOneSideOfTheSwitch) {
     ExpectUnreadable(image, "type word of other bytes");
 }
 
+// Odd-length metadata in the retired commit records puts later records at odd addresses.
 TEST_F(TableFileTest, SupersedingAndDeletionRecordsKeepFixedIndexesAndFreeSlots) {
     FileImage image = NewFile("t");
     std::vector<qx_uint32_t> rows;
     for (int k = 0; k < 5; ++k) rows.push_back(image.Row(0, {qx_uint64_t(k), 0}));
-    qx_uint32_t c1 = image.Commit(1);
+    qx_uint32_t c1 = image.Commit(1, {{0, "odd"}});
     qx_uint32_t r1b = image.Row(rows[2], {2, 21});
-    qx_uint32_t c2 = image.Commit(2);
+    qx_uint32_t c2 = image.Commit(2, {{0, "odder"}, {5, std::string(6, 'x')}});
     image.Retire(c1);
     image.Row(r1b, {2, 22});
     image.Deletion({rows[3], rows[1]});
-    c1 = image.Commit(3);
+    c1 = image.Commit(3, {{0, "x"}});
     image.Retire(c2);
     sr_i_table_t *p_table = Expect("t", image, 3, 3);
     qx_uint32_t fixed = 0;
     EXPECT_EQ(ValueOf(p_table, 2, &fixed), 22);
     EXPECT_EQ(fixed, 2u);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(p_table->p_rows_fixed_index[fixed].p_committed) % 2, 1u);
+    qx_binary_t *p_binary = nullptr;
+    ASSERT_EQ(sr_get_application_metadata_1(p_table, &p_binary), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(p_binary->data), p_binary->length), "x");
+    std::free(p_binary);
     EXPECT_EQ(ValueOf(p_table, 1), -1);
     EXPECT_EQ(ValueOf(p_table, 3), -1);
     for (qx_uint32_t expected : {1u, 3u, 5u}) {  // freed slots come back lowest first
@@ -229,32 +235,6 @@ TEST_F(TableFileTest, ApplicationMetadataIsReadSortedAndWrittenBackSorted) {
     ASSERT_EQ(sr_i_create_commit_record(nullptr, 1, &length, &p_record), 0);
     EXPECT_EQ(length, 24u);
     std::free(p_record);
-    sr_i_close_table(p_table);
-}
-
-// Odd-length metadata in a retired commit record puts later records at odd addresses.
-TEST_F(TableFileTest, RecordsAfterOddLengthMetadataAreReadAtOddAddresses) {
-    FileImage image = NewFile("t");
-    qx_uint32_t r0 = image.Row(0, {1, 10});
-    qx_uint32_t c1 = image.Commit(1, {{0, "odd"}});
-    qx_uint32_t r1 = image.Row(0, {2, 20});
-    image.Row(r0, {1, 11});
-    qx_uint32_t c2 = image.Commit(2, {{0, "odder"}, {5, std::string(6, 'x')}});
-    image.Retire(c1);
-    image.Deletion({r1});
-    image.Row(0, {3, 30});
-    image.Commit(3, {{0, "x"}});
-    image.Retire(c2);
-    sr_i_table_t *p_table = Expect("t", image, 2, 3);
-    qx_uint32_t fixed = 0;
-    EXPECT_EQ(ValueOf(p_table, 1), 11);
-    EXPECT_EQ(ValueOf(p_table, 2), -1);
-    EXPECT_EQ(ValueOf(p_table, 3, &fixed), 30);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(p_table->p_rows_fixed_index[fixed].p_committed) % 2, 1u);
-    qx_binary_t *p_binary = nullptr;
-    ASSERT_EQ(sr_get_application_metadata_1(p_table, &p_binary), 0);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(p_binary->data), p_binary->length), "x");
-    std::free(p_binary);
     sr_i_close_table(p_table);
 }
 
