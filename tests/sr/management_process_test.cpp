@@ -12,14 +12,7 @@ namespace {
 class ManagementProcessConcurrencyTest : public RowsTest {
   protected:
     // In a child: a tree of its own with the same mount.
-    sr_opaque_handle_t ChildTree() {
-        sr_opaque_handle_t tree = nullptr;
-        if (sr_open_tree_1(&tree, 0, 0) != 0 ||
-            sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1) != 0) {
-            _exit(91);
-        }
-        return tree;
-    }
+    sr_opaque_handle_t ChildTree() { return MountedTree(tmp_.file("d")); }
     // /m/<name> with `rows` rows key -> ("<name><key>", key), closed.
     void FileTable(const std::string &name, int rows) {
         sr_i_table_t *p_table = Make("/m/" + name, SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL);

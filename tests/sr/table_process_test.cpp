@@ -60,16 +60,7 @@ int OpenDescriptors() {
 
 class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
   protected:
-    // A tree of its own with the same mount (in a child: _exit on failure).
-    sr_opaque_handle_t OtherTree(bool child = false) {
-        sr_opaque_handle_t tree = nullptr;
-        if (sr_open_tree_1(&tree, 0, 0) != 0 ||
-            sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1) != 0) {
-            if (child) _exit(91);
-            ADD_FAILURE() << "no tree";
-        }
-        return tree;
-    }
+    sr_opaque_handle_t OtherTree() { return qxtest::MountedTree(tmp_.file("d")); }
     sr_opaque_handle_t Open(sr_opaque_handle_t tree, int mode) {
         sr_opaque_handle_t table = nullptr;
         EXPECT_EQ(sr_open_table_1(tree, Text("/m/t"), mode, &table), 0);
@@ -110,7 +101,7 @@ TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIn
     Channel ready, done;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree(true);
+        sr_opaque_handle_t tree = OtherTree();
         ready.Send(1);
         sr_opaque_handle_t table = nullptr;
         if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
@@ -139,7 +130,7 @@ TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrit
     Channel ready, done;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree(true);
+        sr_opaque_handle_t tree = OtherTree();
         ready.Send(1);
         qx_int32_t rc = sr_copy_table_by_name_1(tree, Text("/m/s"), Text("/m/t"), 1);
         done.Send(rc == 0 ? 1 : -rc);
@@ -173,7 +164,7 @@ TEST_F(TableProcessConcurrencyTest, OtherProcessesReadTheCommittedStateAndCannot
     Channel report;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t table = Open(OtherTree(true), 1);
+        sr_opaque_handle_t table = Open(OtherTree(), 1);
         auto *p = static_cast<sr_i_table_t *>(table);
         report.Send(p ? p->total_committed_rows * 100 + static_cast<qx_int64_t>(p->change_counter)
                       : -1);
@@ -194,7 +185,7 @@ TEST_F(TableProcessConcurrencyTest, TwoProcessesCreatingOneTableOneWinsTheOtherG
         for (pid_t &child : children) {
             child = fork();
             if (child == 0) {
-                sr_opaque_handle_t tree = OtherTree(true);
+                sr_opaque_handle_t tree = OtherTree();
                 if (go.Receive(5000) < 0) _exit(95);
                 std::vector<sr_column_t> columns = ScalarColumns(3);
                 sr_opaque_handle_t table = nullptr;
@@ -353,7 +344,7 @@ TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) 
     Channel ready, release;
     pid_t holder = fork();
     if (holder == 0) {
-        if (Open(OtherTree(true), 2) == nullptr) _exit(1);
+        if (Open(OtherTree(), 2) == nullptr) _exit(1);
         ready.Send(1);
         release.Receive(10000);
         _exit(0);

@@ -21,6 +21,14 @@
 
 namespace qxtest {
 
+// A tree of its own with "/m" mounted on `directory`.
+inline sr_opaque_handle_t MountedTree(std::string directory) {
+    sr_opaque_handle_t tree = nullptr;
+    char m[] = "/m";
+    EXPECT_EQ(sr_open_tree_1(&tree, 0, 0) | sr_mount_local_tree_1(tree, m, directory.data(), 1), 0);
+    return tree;
+}
+
 // A child's exit status, or 100 + the signal that ended it.
 inline int WaitChild(pid_t pid) {
     int status = 0;
