@@ -165,26 +165,25 @@ TEST_F(MountTest, RepairRemovesLeftOverRewriteFiles) {
     for (const char *name : {"/m/a", "/m/b"}) {
         ASSERT_EQ(sr_close_table_1(Create(name, ScalarColumns(2))), 0);
     }
-    auto file = [&](const std::string &name) { return File(name); };
-    const std::string a = qxtest::ReadBytes(file("a"));
+    const std::string a = qxtest::ReadBytes(File("a"));
     auto repair = [&](std::vector<std::string> paths) {
         std::vector<char *> names;
         for (const std::string &path : paths) names.push_back(Text(path));
         return sr_repair_tables_1(tree_, names.data(), static_cast<qx_uint32_t>(names.size()));
     };
-    qxtest::WriteBytes(file("a.rewrite"), "half an image");
-    qxtest::WriteBytes(file("b.rewrite"), "");
+    qxtest::WriteBytes(File("a.rewrite"), "half an image");
+    qxtest::WriteBytes(File("b.rewrite"), "");
     ASSERT_EQ(repair({"/m/a", "/t/memory", "/m/never", "/m/b"}), 0);
-    EXPECT_FALSE(Exists(file("a.rewrite")));
-    EXPECT_FALSE(Exists(file("b.rewrite")));
-    EXPECT_EQ(qxtest::ReadBytes(file("a")), a);
-    EXPECT_TRUE(Exists(file("b")));
-    qxtest::WriteBytes(file("a.rewrite"), "x");
-    qxtest::WriteBytes(file("b.rewrite"), "x");
+    EXPECT_FALSE(Exists(File("a.rewrite")));
+    EXPECT_FALSE(Exists(File("b.rewrite")));
+    EXPECT_EQ(qxtest::ReadBytes(File("a")), a);
+    EXPECT_TRUE(Exists(File("b")));
+    qxtest::WriteBytes(File("a.rewrite"), "x");
+    qxtest::WriteBytes(File("b.rewrite"), "x");
     EXPECT_EQ(repair({"/m/a", "/m/bad path", "/m/b"}), 102);
     EXPECT_EQ(last_error().code, 102);
-    EXPECT_FALSE(Exists(file("a.rewrite")));
-    EXPECT_TRUE(Exists(file("b.rewrite")));
+    EXPECT_FALSE(Exists(File("a.rewrite")));
+    EXPECT_TRUE(Exists(File("b.rewrite")));
     EXPECT_EQ(sr_repair_tables_1(tree_, nullptr, 0), 0);
     EXPECT_EQ(sr_repair_tables_1(nullptr, nullptr, 1), 100);
 }
