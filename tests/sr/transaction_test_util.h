@@ -117,17 +117,14 @@ struct FileRecord {
     qx_int32_t type;
 };
 
-// The records of a file image up to and including the first commit record
-// (or to the end, when `whole`).
-inline std::vector<FileRecord> FileRecords(const std::string &bytes, bool whole = false) {
+// The records of a file image up to and including the first commit record.
+inline std::vector<FileRecord> FileRecords(const std::string &bytes) {
     std::vector<FileRecord> records;
-    for (size_t at = 0; at + 12 <= bytes.size();) {
-        FileRecord r{static_cast<qx_uint32_t>(at), U32At(bytes, at),
-                     static_cast<qx_int32_t>(U32At(bytes, at + 8))};
-        if (r.length < 12) break;
-        records.push_back(r);
-        if (r.type == SR_I_RECORD_TYPE_COMMIT && !whole) break;
-        at += r.length;
+    for (size_t at = 0; at + 12 <= bytes.size() && U32At(bytes, at) >= 12;) {
+        records.push_back({static_cast<qx_uint32_t>(at), U32At(bytes, at),
+                           static_cast<qx_int32_t>(U32At(bytes, at + 8))});
+        if (records.back().type == SR_I_RECORD_TYPE_COMMIT) break;
+        at += records.back().length;
     }
     return records;
 }
