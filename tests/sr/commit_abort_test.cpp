@@ -202,7 +202,7 @@ class TransactionModelTest : public TransactionTest,
                            {.val_float32 = static_cast<float>(rng_() % 1000) / 7.0f},
                            {.val_uint64 = static_cast<qx_uint64_t>(rng_()) << 32 | rng_()},
                            {.val_float64 = static_cast<double>(rng_()) / 3.0}};
-        Row row{I64(key)};
+        Row row = R(key, {});
         for (const qx_value_t &value : v) {
             qx_uint64_t bits = 0;
             std::memcpy(&bits, &value, 8);

@@ -74,17 +74,11 @@ using Field = std::variant<qx_uint64_t, std::string>;
 using Row = std::vector<Field>;
 using State = std::map<qx_int64_t, Row>;  // rows by key (column 0, an INT64)
 
-inline Field I64(qx_int64_t v) {
-    return static_cast<qx_uint64_t>(v);
-}
 // A row of INT64 columns: the key, then the given values.
 inline Row R(qx_int64_t key, std::initializer_list<qx_int64_t> rest) {
-    Row row{I64(key)};
-    for (qx_int64_t v : rest) row.push_back(I64(v));
+    Row row{static_cast<qx_uint64_t>(key)};
+    for (qx_int64_t v : rest) row.emplace_back(static_cast<qx_uint64_t>(v));
     return row;
-}
-inline bool IsText(const sr_i_table_t *p_table, qx_uint32_t column) {
-    return sr_i_load_column(&p_table->p_columns[column]).type == QX_CHAR_PTR;
 }
 
 // The committed (or working) rows of a table, by key.
@@ -98,7 +92,7 @@ inline State Snapshot(const sr_i_table_t *p_table, bool applied) {
         Row row;
         for (qx_uint32_t c = 0; c < columns; ++c) {
             const char *p_slot = p_data + 4 + 8 * c;
-            if (IsText(p_table, c)) {
+            if (sr_i_load_column(&p_table->p_columns[c]).type == QX_CHAR_PTR) {
                 qx_uint32_t length = sr_i_load_u32(p_slot + 4);
                 row.emplace_back(std::string(p_data + 4 + 8 * columns + sr_i_load_u32(p_slot),
                                              length > 0 ? length - 1 : 0));
