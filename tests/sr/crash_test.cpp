@@ -1,6 +1,4 @@
 // A writer killed at any step leaves exactly the last or the new commit; readers never see half.
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>

@@ -376,18 +376,6 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
         image.Commit(1);
         ExpectUnreadable(image, "bad name");
     }
-    // A string column named like the int32 key, of no qualifier: create could not have made it.
-    std::string data;
-    const qx_uint32_t words[] = {0,           0, 2, 1, 0, QX_INT32, SR_PRIMARY_KEY,
-                                 0,           0, 0, 0, 0, 0,        QX_CHAR_PTR,
-                                 0xFFFFFFFEu, 0, 0, 0, 0, 2};
-    for (qx_uint32_t w : words) PutU32(data, w);
-    data += std::string("k\0", 2);
-    FileImage twins;
-    PutHeader(twins.bytes, static_cast<qx_uint32_t>(12 + data.size()), 1);
-    twins.bytes += data;
-    twins.Commit(1);
-    ExpectUnreadable(twins, "twin columns k");
 }
 
 TEST_F(TableFileTest, EveryAllocationFailureOfALoadIs12) {
