@@ -176,10 +176,6 @@ class PowerLossTest : public TransactionTest {
         Rec = Recorder{};
         ASSERT_EQ(mkdir(tmp_.file("x").c_str(), 0755), 0);
     }
-    void TearDown() override {
-        Rec.on = false;
-        TransactionTest::TearDown();
-    }
 
     // One durable call of the workload, marked in the recording.
     template <typename F>
