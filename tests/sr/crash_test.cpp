@@ -1,6 +1,4 @@
 // A writer killed at any step leaves exactly the last or the new commit; readers never see half.
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -17,18 +15,7 @@ namespace {
 
 constexpr int kRows = 12;
 
-// The changes of generation g: g everywhere, one row gone, one row new.
-void Transaction(sr_i_table_t *p_table, qx_int64_t g) {
-    RowKit rows(p_table);
-    for (int k = 0; k < kRows; ++k) {
-        qx_int64_t f = rows.Find(k);
-        if (f >= 0) rows.Set(static_cast<qx_uint32_t>(f), R(k, {g, k * g}));
-    }
-    qx_int64_t gone = rows.Find(g % kRows);
-    if (gone >= 0) rows.Delete(static_cast<qx_uint32_t>(gone));
-    if (rows.Find(100 + g) < 0) rows.Add(R(100 + g, {g, -g}));
-}
-// The state Transaction(g) makes of `state`.
+// The state generation g makes of `state`: g everywhere, one row gone, one row new.
 State After(State state, qx_int64_t g) {
     for (auto &[key, row] : state) {
         if (key < kRows) row = R(key, {g, key * g});
@@ -38,58 +25,45 @@ State After(State state, qx_int64_t g) {
     return state;
 }
 
-qx_int32_t Append(sr_i_table_t *p_table) {
-    Transaction(p_table, 1);
-    qx_int32_t rc = sr_apply_1(p_table, 0);
-    return rc != 0 ? rc : sr_commit_1(p_table);
-}
-qx_int32_t Rewrite(sr_i_table_t *p_table) {
-    Transaction(p_table, 1);
-    qx_int32_t rc = sr_i_apply(p_table, 1, 0);
-    return rc != 0 ? rc : sr_i_commit(p_table);
-}
-qx_int32_t Implicit(sr_i_table_t *p_table) {
-    Transaction(p_table, 1);
-    return sr_i_implicit_apply_commit(p_table);
-}
-// The exported call's frame runs the implicit cycle with the same steps.
-qx_int32_t ExportedAdd(sr_i_table_t *p_table) {
-    char key_name[] = "k", value_name[] = "c1";
-    qx_char_ptr_t names[2] = {key_name, value_name};
-    qx_value_t values[2] = {{.val_int64 = 77}, {.val_int64 = 7}};
-    qx_value_t *p_values[2] = {&values[0], &values[1]};
-    return sr_add_row_1(p_table, names, p_values, 2);
-}
-// Many rows added, never committed: a long stale tail or image.
-qx_int32_t LongTail(sr_i_table_t *p_table, int rewrite) {
-    RowKit rows(p_table);
-    for (int k = 500; k < 600; ++k) rows.Add(R(k, {k, k}));
-    qx_int32_t rc = sr_i_apply(p_table, rewrite, 0);
-    return rc != 0 ? rc : sr_i_commit(p_table);
-}
-
 class CrashConcurrencyTest : public TransactionTest {
   protected:
     void SetUp() override {
         TransactionTest::SetUp();
         Fresh();
     }
-    void TearDown() override {
-        unsetenv("QX_SR_TEST_PAUSE");
-        sr_i_test_pause_reload();
-        TransactionTest::TearDown();
-    }
     // /m/t of kRows committed rows, closed: the writer in the child needs its lock.
     void Fresh() {
         sr_delete_table_1(tree_, Text("/m/t"));
         unlink(File("t.rewrite").c_str());
-        sr_i_table_t *p_table = Make("t", 6, 3);
-        RowKit rows(p_table);
-        for (int k = 0; k < kRows; ++k) rows.Add(R(k, {0, k}));
-        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-        ASSERT_EQ(sr_commit_1(p_table), 0);
+        // An unchecked key: a checked one refuses adds into slots below the highest.
+        std::vector<sr_column_t> columns = ScalarColumns(3);
+        columns[0].qualifier = SR_PRIMARY_KEY_NOCHECK;
+        sr_i_table_t *p_table = Create("/m/t", columns, 6);
+        for (int k = 0; k < kRows; ++k) ASSERT_EQ(Put(p_table, R(k, {0, k})), 0);
+        ASSERT_EQ(ApplyCommit(p_table), 0);
         old_ = Snapshot(p_table, false);
         ASSERT_EQ(sr_close_table_1(p_table), 0);
+    }
+    // Makes the changes of generation g, applies them (by a rewrite or not) and commits.
+    qx_int32_t Generation(sr_i_table_t *p_table, qx_int64_t g, int rewrite = 0) {
+        const State working = Snapshot(p_table, true);
+        qx_int32_t rc = 0;
+        for (const auto &[key, row] : working) {
+            if (key < kRows) rc |= Put(p_table, R(key, {g, key * g}), false);
+        }
+        if (working.count(g % kRows) != 0) rc |= Delete(p_table, g % kRows);
+        if (working.count(100 + g) == 0) rc |= Put(p_table, R(100 + g, {g, -g}));
+        if (rc == 0) rc = rewrite ? sr_i_apply(p_table, 1, 0) : sr_apply_1(p_table, 0);
+        return rc != 0 ? rc : sr_commit_1(p_table);
+    }
+    // Generation g adds the row of key 100 + g: the highest key tells the last one.
+    static qx_int64_t GenerationOf(const State &state) {
+        return state.empty() || state.rbegin()->first < 100 ? 0 : state.rbegin()->first - 100;
+    }
+    State Generations(qx_int64_t g) const {
+        State state = old_;
+        for (qx_int64_t i = 1; i <= g; ++i) state = After(state, i);
+        return state;
     }
     sr_i_table_t *OpenT(int mode) {
         sr_opaque_handle_t handle = nullptr;
@@ -100,46 +74,34 @@ class CrashConcurrencyTest : public TransactionTest {
     // A child that opens /m/t and runs `work`, returned once stopped at the pause point.
     pid_t StopChildAt(const std::string &point, int mode,
                       const std::function<qx_int32_t(sr_i_table_t *)> &work) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            alarm(60);  // never outlive a broken test
-            setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
-            sr_i_test_pause_reload();
+        return qxtest::StopChildAt(point, [&] {
             sr_i_table_t *p_table = OpenT(mode);
-            _exit(p_table == nullptr ? 3 : work(p_table) != 0 ? 4 : 0);
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
-        EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
-        return pid;
-    }
-    static void Kill(pid_t pid) {
-        kill(pid, SIGKILL);
-        int status = 0;
-        waitpid(pid, &status, 0);
+            return p_table == nullptr ? 3 : work(p_table) != 0 ? 4 : 0;
+        });
     }
 
     State old_;
 };
 
 TEST_F(CrashConcurrencyTest, KilledAtEachStepShowsTheLastOrTheNewCommit) {
-    State with_row;
+    auto append = [this](sr_i_table_t *p_table) { return Generation(p_table, 1); };
+    auto rewrite = [this](sr_i_table_t *p_table) { return Generation(p_table, 1, 1); };
+    auto add = [this](sr_i_table_t *p_table) { return AddRow(p_table, 77, 7); };
     const struct {
         const char *point;
         int mode;
-        qx_int32_t (*work)(sr_i_table_t *);
+        std::function<qx_int32_t(sr_i_table_t *)> work;
         bool new_state;
         int rewrite_file;  // -1: not looked at
     } cases[] = {
-        {"apply-written", 6, Append, false, -1},
-        {"implicit-applied", 2, Implicit, false, -1},
-        {"commit-written", 6, Append, true, -1},
-        {"commit-synced", 2, Implicit, true, -1},
-        {"apply-written", 6, Rewrite, false, 1},
-        {"rewrite-before-rename", 6, Rewrite, false, 1},
-        {"rewrite-after-rename", 6, Rewrite, true, 0},
-        {"implicit-applied", 2, ExportedAdd, false, -1},
-        {"commit-written", 2, ExportedAdd, true, -1},
+        {"apply-written", 6, append, false, -1},
+        {"commit-written", 6, append, true, -1},
+        {"apply-written", 6, rewrite, false, 1},
+        {"rewrite-before-rename", 6, rewrite, false, 1},
+        {"rewrite-after-rename", 6, rewrite, true, 0},
+        {"implicit-applied", 2, add, false, -1},
+        {"commit-written", 2, add, true, -1},
+        {"commit-synced", 2, add, true, -1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.point);
@@ -147,7 +109,7 @@ TEST_F(CrashConcurrencyTest, KilledAtEachStepShowsTheLastOrTheNewCommit) {
         const std::string bytes = ReadBytes(File("t"));
         Kill(StopChildAt(c.point, c.mode, c.work));
         State expected = old_;
-        if (c.new_state && c.work == ExportedAdd) {
+        if (c.new_state && c.mode == 2) {
             expected[77] = R(77, {7, 102});  // c2 takes its default
         } else if (c.new_state) {
             expected = After(old_, 1);
@@ -169,13 +131,15 @@ TEST_F(CrashConcurrencyTest, NextWriterAfterACrashWritesOverTheStaleTailOrImage)
     for (int rewrite : {0, 1}) {
         Fresh();
         Kill(StopChildAt(rewrite ? "rewrite-before-rename" : "apply-written", 6,
-                         [rewrite](sr_i_table_t *p_table) { return LongTail(p_table, rewrite); }));
+                         [&](sr_i_table_t *p_table) {
+                             for (int k = 500; k < 600; ++k) Put(p_table, R(k, {k, k}));
+                             qx_int32_t rc = sr_i_apply(p_table, rewrite, 0);
+                             return rc != 0 ? rc : sr_i_commit(p_table);
+                         }));
         sr_i_table_t *p_table = OpenT(6);
         ASSERT_NE(p_table, nullptr);
         EXPECT_EQ(Snapshot(p_table, false), old_);
-        Transaction(p_table, 2);
-        ASSERT_EQ(sr_i_apply(p_table, rewrite, 0), 0);
-        ASSERT_EQ(sr_i_commit(p_table), 0);
+        ASSERT_EQ(Generation(p_table, 2, rewrite), 0);
         EXPECT_EQ(Reopened("t"), After(old_, 2));
         ASSERT_EQ(sr_close_table_1(p_table), 0);
     }
@@ -183,24 +147,19 @@ TEST_F(CrashConcurrencyTest, NextWriterAfterACrashWritesOverTheStaleTailOrImage)
 
 TEST_F(CrashConcurrencyTest, PausePointCanLeaveAMarkerAndWaitToBeKilled) {
     const std::string marker = tmp_.file("marker");
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(60);
-        setenv("QX_SR_TEST_PAUSE", ("commit-written@2," + marker).c_str(), 1);
-        sr_i_test_pause_reload();
+    pid_t pid = ForkPaused("commit-written@2," + marker, [&] {
         sr_i_table_t *p_table = OpenT(6);
         for (int g = 1; p_table != nullptr && g <= 3; ++g) {
-            Transaction(p_table, g);
-            if (sr_apply_1(p_table, 0) != 0 || sr_commit_1(p_table) != 0) _exit(4);
+            if (Generation(p_table, g) != 0) return 4;
         }
-        _exit(3);
-    }
+        return 3;
+    });
     for (int i = 0; i < 6000 && !Exists(marker); ++i) usleep(10000);
     ASSERT_TRUE(Exists(marker));
     EXPECT_EQ(ReadBytes(marker), "commit-written");
     Kill(pid);
     // Stopped in the second commit, after its switch was written.
-    EXPECT_EQ(Reopened("t"), After(After(old_, 1), 2));
+    EXPECT_EQ(Reopened("t"), Generations(2));
 }
 
 // A writer killed at random leaves one whole generation, never older than one seen before.
@@ -214,22 +173,16 @@ TEST_F(CrashConcurrencyTest, RandomKillsAlwaysLeaveOneWholeCommittedGeneration) 
             alarm(60);
             sr_i_table_t *p_table = OpenT(6);
             for (qx_int64_t g = last + 1; p_table != nullptr; ++g) {
-                Transaction(p_table, g);
-                qx_int32_t rc = sr_i_apply(p_table, g % 4 == 0 ? 1 : 0, 0);
-                if (rc != 0 || sr_i_commit(p_table) != 0) _exit(4);
+                if (Generation(p_table, g, g % 4 == 0) != 0) _exit(4);
             }
             _exit(3);
         }
         usleep(static_cast<useconds_t>(5000 + rng() % 60000));
         Kill(pid);
-        State state = Reopened("t");
-        ASSERT_FALSE(state.empty());
-        // Generation g adds the row of key 100 + g: the highest key tells it.
-        const qx_int64_t g = state.rbegin()->first >= 100 ? state.rbegin()->first - 100 : 0;
+        const State state = Reopened("t");
+        const qx_int64_t g = GenerationOf(state);
         ASSERT_GE(g, last);
-        State expected = old_;
-        for (qx_int64_t i = 1; i <= g; ++i) expected = After(expected, i);
-        ASSERT_EQ(state, expected) << "generation " << g;
+        ASSERT_EQ(state, Generations(g)) << "generation " << g;
         last = g;
     }
     EXPECT_GT(last, 8) << "the writer hardly ever committed";
@@ -241,25 +194,8 @@ TEST_F(CrashConcurrencyTest, ReaderProcessNeverSeesHalfATransaction) {
         alarm(60);
         const time_t begin = time(nullptr);
         for (int opens = 0; time(nullptr) - begin < 3 || opens <= 20; ++opens) {
-            sr_i_table_t *p_table = nullptr;
-            if (sr_i_open_persistent_table(static_cast<sr_i_tree_t *>(tree_), nullptr,
-                                           File("t").c_str(), SR_MODE_READ, 512, nullptr,
-                                           &p_table) != 0) {
-                _exit(5);
-            }
-            State state = Snapshot(p_table, false);
-            sr_i_close_table(p_table);
-            qx_int64_t g = -1;
-            for (const auto &[key, row] : state) {
-                if (key >= kRows) continue;
-                qx_int64_t v = static_cast<qx_int64_t>(std::get<qx_uint64_t>(row[1]));
-                if (g >= 0 && v != g) _exit(6);  // a mix of two generations
-                g = v;
-                if (v >= 1 && std::get<qx_uint64_t>(row[2]) != static_cast<qx_uint64_t>(key * v)) {
-                    _exit(7);
-                }
-            }
-            if (g >= 1 && (state.count(100 + g) == 0 || state.count(g % kRows) != 0)) _exit(8);
+            const State state = Reopened("t");
+            if (state.empty() || state != Generations(GenerationOf(state))) _exit(6);
         }
         _exit(0);
     }
@@ -268,9 +204,7 @@ TEST_F(CrashConcurrencyTest, ReaderProcessNeverSeesHalfATransaction) {
     int status = 0;
     qx_int64_t g = 1;
     for (; waitpid(pid, &status, WNOHANG) == 0; ++g) {
-        Transaction(p_table, g);
-        ASSERT_EQ(sr_i_apply(p_table, g % 5 == 0 ? 1 : 0, 0), 0);
-        ASSERT_EQ(sr_i_commit(p_table), 0);
+        ASSERT_EQ(Generation(p_table, g, g % 5 == 0), 0);
     }
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the reader saw a broken state";

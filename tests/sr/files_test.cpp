@@ -35,9 +35,12 @@ struct Step {
     int error;
 };
 
-std::deque<Step> write_script, writev_script, fdatasync_script, open_script;
-std::vector<std::vector<std::string>> writev_calls;  // the elements of each call
-std::vector<unsigned> sleeps;
+// What the fakes replay, and what they saw.
+struct Scripts {
+    std::deque<Step> write, writev, fdatasync, open;
+    std::vector<std::vector<std::string>> writev_calls;  // the elements of each call
+    std::vector<unsigned> sleeps;
+} S;
 
 // The next step of a script, or nullptr to go through; sets errno on failure.
 const Step *Next(std::deque<Step> &script, Step *p_step) {
@@ -50,7 +53,7 @@ const Step *Next(std::deque<Step> &script, Step *p_step) {
 
 ssize_t FakeWrite(int fd, const void *p, size_t n) {
     Step step;
-    if (Next(write_script, &step) == nullptr) return write(fd, p, n);
+    if (Next(S.write, &step) == nullptr) return write(fd, p, n);
     return step.result < 0 ? -1 : write(fd, p, std::min(n, static_cast<size_t>(step.result)));
 }
 ssize_t FakeWritev(int fd, const struct iovec *v, int count) {
@@ -60,21 +63,21 @@ ssize_t FakeWritev(int fd, const struct iovec *v, int count) {
         elements.emplace_back(static_cast<const char *>(v[i].iov_base), v[i].iov_len);
         all += elements.back();
     }
-    writev_calls.push_back(elements);
+    S.writev_calls.push_back(elements);
     Step step;
-    if (Next(writev_script, &step) == nullptr) return writev(fd, v, count);
+    if (Next(S.writev, &step) == nullptr) return writev(fd, v, count);
     return step.result < 0 ? -1 : write(fd, all.data(), std::min(all.size(), size_t(step.result)));
 }
 int FakeFdatasync(int fd) {
     Step step;
-    return Next(fdatasync_script, &step) == nullptr ? fdatasync(fd) : -1;
+    return Next(S.fdatasync, &step) == nullptr ? fdatasync(fd) : -1;
 }
 int FakeOpen(const char *p_path, int flags, mode_t mode) {
     Step step;
-    return Next(open_script, &step) == nullptr ? open(p_path, flags, mode) : -1;
+    return Next(S.open, &step) == nullptr ? open(p_path, flags, mode) : -1;
 }
 int FakeUsleep(unsigned microseconds) {
-    sleeps.push_back(microseconds);
+    S.sleeps.push_back(microseconds);
     return 0;
 }
 
@@ -110,12 +113,7 @@ class FilesTest : public ::testing::Test {
         if (fd_ >= 0) close(fd_);
         fd_ = open(tmp_.file("table").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ASSERT_GE(fd_, 0);
-        write_script.clear();
-        writev_script.clear();
-        fdatasync_script.clear();
-        open_script.clear();
-        writev_calls.clear();
-        sleeps.clear();
+        S = Scripts{};
         cu_set_no_error_1();
         seen_ = Retries(true).size();
     }
@@ -174,11 +172,11 @@ TEST_F(FilesTest, WriteRetriesInterruptionsResumesShortWritesAndMapsErrors) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.rc);
         Reset();
-        write_script.assign(c.script.begin(), c.script.end());
+        S.write.assign(c.script.begin(), c.script.end());
         EXPECT_EQ(sr_i_write(fd_, const_cast<char *>(text.data()), 16), c.rc);
         EXPECT_EQ(Data(), c.rc == 0 ? text : "");
-        EXPECT_EQ(sleeps.size(), c.sleeps);
-        EXPECT_EQ(sleeps.empty() ? 10000u : sleeps[0], 10000u);
+        EXPECT_EQ(S.sleeps.size(), c.sleeps);
+        EXPECT_EQ(S.sleeps.empty() ? 10000u : S.sleeps[0], 10000u);
         EXPECT_EQ(Retries(), c.retries);
         EXPECT_EQ(last_error().code, c.rc);
         EXPECT_TRUE(c.message.empty() || Matches(last_error().message, c.message));
@@ -188,74 +186,44 @@ TEST_F(FilesTest, WriteRetriesInterruptionsResumesShortWritesAndMapsErrors) {
     EXPECT_EQ(SR_ERROR_FILE("open", ENOENT, true), 200);
 }
 
-TEST_F(FilesTest, RealCallsReachTheFile) {
-    sr_i_file_ops = sr_i_default_file_ops;
-    char text[] = "plain bytes";
-    EXPECT_EQ(sr_i_write(fd_, text, 11), 0);
-    EXPECT_EQ(sr_i_fdatasync(fd_), 0);
-    char a[] = "ab", b[] = "cde";
-    struct iovec v[2] = {{a, 2}, {b, 3}};
-    qx_uint32_t length = 11;
-    EXPECT_EQ(sr_i_writev(fd_, v, 2, 5, &length), 0);
-    EXPECT_EQ(length, 16u);
-    EXPECT_EQ(Data(), "plain bytesabcde");
-    EXPECT_EQ(sr_i_write(-1, text, 1), 10);
-    EXPECT_NE(last_error().message.find("errno of " + std::to_string(EBADF)), std::string::npos);
-}
-
 TEST_F(FilesTest, WritevResumesWhereItWasCutAndCountsWhatWasWritten) {
-    char a[] = "AAAA", b[] = "BBBB", c[] = "CCCC", e[] = "e";
-    struct iovec v[3] = {{a, 4}, {b, 4}, {c, 4}};
-    writev_script = {{5, 0}};
-    qx_uint32_t cumulative = 100;
-    EXPECT_EQ(sr_i_writev(fd_, v, 3, 12, &cumulative), 0);
-    EXPECT_EQ(cumulative, 112u);
-    EXPECT_EQ(Data(), "AAAABBBBCCCC");
-    ASSERT_EQ(writev_calls.size(), 2u);
-    EXPECT_EQ(writev_calls[1], (std::vector<std::string>{"BBB", "CCCC"}));
-    EXPECT_TRUE(Retries().empty());
-
-    Reset();  // across empty and whole elements, one byte at a time
-    struct iovec w[5] = {{a, 2}, {a, 0}, {c, 2}, {c, 0}, {e, 1}};
-    writev_script.assign(5, Step{1, 0});
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, w, 5, 5, &cumulative), 0);
-    EXPECT_EQ(Data(), "AACCe");
-    EXPECT_EQ(writev_calls.size(), 5u);
-    EXPECT_EQ(writev_calls.back(), (std::vector<std::string>{"e"}));
-
-    Reset();
-    struct iovec x[3] = {{a, 4}, {b, 4}, {c, 4}};
-    writev_script = {{5, 0}, {-1, ENOSPC}};
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, x, 3, 12, &cumulative), 13);
-    EXPECT_EQ(cumulative, 5u);
-    EXPECT_EQ(Data(), "AAAAB");
-
-    Reset();
-    struct iovec one[1] = {{a, 4}};
-    writev_script = {{-1, EINTR}, {2, 0}, {-1, EINTR}};
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, one, 1, 4, &cumulative), 0);
-    EXPECT_EQ(cumulative, 4u);
-    EXPECT_EQ(Retries(), (std::vector<std::string>{"2|100"}));
-    struct iovec again[1] = {{a, 4}};
-    writev_script = {{-1, EIO}};
-    EXPECT_EQ(sr_i_writev(fd_, again, 1, 4, &cumulative), 10);
-    EXPECT_NE(last_error().message.find("The writev system call unexpectedly returned an errno "
-                                        "of 5 to the sr_i_writev function"),
-              std::string::npos);
-
-    Reset();  // a total beyond the vector is an internal error
-    struct iovec y[1] = {{a, 4}};
-    writev_script = {{4, 0}};
-    cumulative = 0;
-    EXPECT_EQ(sr_i_writev(fd_, y, 1, 6, &cumulative), 15);
-    EXPECT_EQ(cumulative, 4u);
+    const struct {
+        std::vector<std::string> elements;
+        qx_uint32_t total;  // 6 for 4 bytes: more than the vector holds, an internal error
+        std::vector<Step> script;
+        int rc;
+        std::string data;
+        std::vector<std::string> last_call, retries;
+    } cases[] = {
+        {{"AAAA", "BBBB", "CCCC"}, 12, {{5, 0}}, 0, "AAAABBBBCCCC", {"BBB", "CCCC"}, {}},
+        {{"AA", "", "CC", "", "e"}, 5, std::vector<Step>(5, Step{1, 0}), 0, "AACCe", {"e"}, {}},
+        {{"AAAA", "BBBB", "CCCC"}, 12, {{5, 0}, {-1, ENOSPC}}, 13, "AAAAB", {"BBB", "CCCC"}, {}},
+        {{"AAAA"}, 4, {{-1, EINTR}, {2, 0}, {-1, EINTR}}, 0, "AAAA", {"AA"}, {"2|100"}},
+        {{"AAAA"}, 4, {{-1, EIO}}, 10, "", {"AAAA"}, {}},
+        {{"AAAA"}, 6, {{4, 0}}, 15, "AAAA", {"AAAA"}, {}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.data);
+        Reset();
+        std::vector<std::string> elements = c.elements;
+        std::vector<struct iovec> v;
+        for (std::string &e : elements) v.push_back({e.data(), e.size()});
+        S.writev.assign(c.script.begin(), c.script.end());
+        qx_uint32_t cumulative = 100;
+        EXPECT_EQ(sr_i_writev(fd_, v.data(), static_cast<int>(v.size()), c.total, &cumulative),
+                  c.rc);
+        EXPECT_EQ(cumulative, 100 + c.data.size());
+        EXPECT_EQ(Data(), c.data);
+        EXPECT_EQ(S.writev_calls.back(), c.last_call);
+        EXPECT_EQ(Retries(), c.retries);
+        EXPECT_TRUE(c.rc != 10 || Matches(last_error().message,
+                                          ".*The writev system call unexpectedly returned an errno "
+                                          "of 5 to the sr_i_writev function.*"));
+    }
 }
 
 TEST_F(FilesTest, SyncFailuresAreCapturedInTheProcessFile) {
-    fdatasync_script = {{-1, EIO}};
+    S.fdatasync = {{-1, EIO}};
     EXPECT_EQ(sr_i_fdatasync(fd_), 10);
     EXPECT_NE(last_error().message.find("The fdatasync system call unexpectedly returned an "
                                         "errno of 5 to the sr_i_fdatasync function"),
@@ -265,19 +233,19 @@ TEST_F(FilesTest, SyncFailuresAreCapturedInTheProcessFile) {
                         "sccsid\\(1\\.1\\)\n"))
         << Capture();
     Reset();  // an interruption is captured, then retried
-    fdatasync_script = {{-1, EINTR}};
+    S.fdatasync = {{-1, EINTR}};
     EXPECT_EQ(sr_i_fdatasync(fd_), 0);
-    EXPECT_EQ(sleeps.size(), 1u);
+    EXPECT_EQ(S.sleeps.size(), 1u);
     EXPECT_NE(Capture().find("function(fdatasync) errno(4) "), std::string::npos);
     EXPECT_EQ(Retries(), (std::vector<std::string>{"1|100"}));
     Reset();  // each capture replaces the last one
-    fdatasync_script = {{-1, EINTR}, {-1, ENOSPC}};
+    S.fdatasync = {{-1, EINTR}, {-1, ENOSPC}};
     EXPECT_EQ(sr_i_fdatasync(fd_), 13);
     EXPECT_TRUE(Matches(Capture(), "function\\(fdatasync\\) errno\\(28\\) [^\n]*\n")) << Capture();
 }
 
 TEST_F(FilesTest, OpenRetriesInterruptionsAndRecordsNoErrorOfItsOwn) {
-    open_script = {{-1, EINTR}, {-1, EINTR}};
+    S.open = {{-1, EINTR}, {-1, EINTR}};
     int fd = sr_i_open_file(tmp_.file("opened").c_str(), O_RDWR | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
     close(fd);
@@ -285,7 +253,7 @@ TEST_F(FilesTest, OpenRetriesInterruptionsAndRecordsNoErrorOfItsOwn) {
     errno = 0;
     EXPECT_EQ(sr_i_open_file(tmp_.file("missing/x").c_str(), O_RDONLY, 0), -1);
     EXPECT_EQ(errno, ENOENT);
-    open_script.assign(101, Step{-1, EINTR});
+    S.open.assign(101, Step{-1, EINTR});
     EXPECT_EQ(sr_i_open_file(tmp_.file("opened").c_str(), O_RDONLY, 0), -1);
     EXPECT_EQ(errno, EINTR);
     EXPECT_EQ(last_error().code, 0);

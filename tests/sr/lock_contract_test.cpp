@@ -1,28 +1,10 @@
-// Caller-holds-the-lock contracts: the lock queries the debug-build checks
-// use, and a routine called without the lock its contract names stopping the
-// process.
+// Caller-holds-the-lock contracts: a routine called without the lock its
+// contract names stops a debug build.
 #include <gtest/gtest.h>
 
 #include "sr_i.h"
 
 namespace {
-
-TEST(LockContractTest, QueriesTellAFreeLockFromAReadAndAWriteHeldOne) {
-    sr_i_read_write_lock_t lock;
-    sr_i_rw_open(&lock);
-    EXPECT_FALSE(sr_i_rw_held(&lock));
-    EXPECT_FALSE(sr_i_rw_held_for_write(&lock));
-    ASSERT_EQ(sr_i_rw_lock_read(&lock), 0);
-    EXPECT_TRUE(sr_i_rw_held(&lock));
-    EXPECT_FALSE(sr_i_rw_held_for_write(&lock));
-    ASSERT_EQ(sr_i_rw_unlock_read(&lock), 0);
-    ASSERT_EQ(sr_i_rw_lock_write(&lock), 0);
-    EXPECT_TRUE(sr_i_rw_held(&lock));
-    EXPECT_TRUE(sr_i_rw_held_for_write(&lock));
-    ASSERT_EQ(sr_i_rw_unlock_write(&lock), 0);
-    EXPECT_FALSE(sr_i_rw_held(&lock));
-    sr_i_rw_close(&lock);
-}
 
 TEST(LockContractTest, ARoutineCalledWithoutItsLockStopsADebugBuild) {
 #ifdef NDEBUG

@@ -1,82 +1,34 @@
 // Copies across processes wait for ",Lock" and lose nothing; killed ones leave whole tables.
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <functional>
-#include <map>
 #include <string>
 
-#include "sr/rows_test_util.h"
+#include "sr/transaction_test_util.h"
 
-namespace qxtest {
+namespace qxtest::tx {
 namespace {
 
-int WaitChild(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
-
-class ManagementProcessConcurrencyTest : public RowsTest {
+class ManagementProcessConcurrencyTest : public TransactionTest {
   protected:
-    void TearDown() override {
-        unsetenv("QX_SR_TEST_PAUSE");
-        sr_i_test_pause_reload();
-        RowsTest::TearDown();
-    }
     // In a child: a tree of its own with the same mount.
-    sr_opaque_handle_t ChildTree() {
-        sr_opaque_handle_t tree = nullptr;
-        if (sr_open_tree_1(&tree, 0, 0) != 0 ||
-            sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1) != 0) {
-            _exit(91);
-        }
-        return tree;
-    }
-    // /m/<name> with `rows` rows key -> ("<name><key>", key), closed.
+    sr_opaque_handle_t ChildTree() { return MountedTree(tmp_.file("d")); }
+    // /m/<name> of `rows` rows (k, rows, k), closed.
     void FileTable(const std::string &name, int rows) {
-        sr_i_table_t *p_table = Make("/m/" + name, SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL);
-        for (int k = 0; k < rows; ++k) {
-            ASSERT_EQ(AddRow(p_table, k, (name + std::to_string(k)).c_str(), k), 0);
-        }
+        sr_i_table_t *p_table = Make(name, 6, 3);
+        for (int k = 0; k < rows; ++k) ASSERT_EQ(Put(p_table, R(k, {rows, k})), 0);
         ASSERT_EQ(ApplyCommit(p_table), 0);
         ASSERT_EQ(sr_close_table_1(p_table), 0);
     }
-    // "<columns>:" then "<s>|<n>," per row of /m/<name>, or "<code>".
-    std::string Read(const std::string &name) {
-        sr_opaque_handle_t handle = nullptr;
-        qx_int32_t rc = sr_open_table_1(tree_, Text("/m/" + name), SR_MODE_READ, &handle);
-        if (rc != 0) return "<" + std::to_string(rc) + ">";
-        auto *p_table = static_cast<sr_i_table_t *>(handle);
-        std::string text = std::to_string(p_table->total_columns) + ":";
-        for (qx_int64_t k = 0; k < 100; ++k) {
-            if (TextOf(p_table, k).front() != '<') text += TextOf(p_table, k) + ",";
-        }
-        sr_close_table_1(p_table);
-        return text;
-    }
-    static std::string Expected(const std::string &name, int rows, int columns = 3) {
-        std::string text = std::to_string(columns) + ":";
-        for (int k = 0; k < rows; ++k) text += name + std::to_string(k) + ",";
-        return text;
+    // What FileTable(_, rows) holds, without its last column when `narrowed`.
+    static State Expected(int rows, bool narrowed = false) {
+        State state;
+        for (int k = 0; k < rows; ++k) state[k] = narrowed ? R(k, {rows}) : R(k, {rows, k});
+        return state;
     }
     // Runs `work` in a child with the pause point armed, and kills it there.
     void KillChildAt(const std::string &point,
                      const std::function<qx_int32_t(sr_opaque_handle_t)> &work) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            alarm(60);  // never outlive a broken test
-            setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
-            sr_i_test_pause_reload();
-            _exit(work(ChildTree()) != 0 ? 4 : 0);  // 0: the point was never reached
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
-        EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
+        Kill(StopChildAt(point, [&] { return work(ChildTree()) != 0 ? 4 : 0; }));
     }
     qx_int32_t Repair(const std::string &path) {
         char *names[] = {Text(path)};
@@ -99,7 +51,7 @@ TEST_F(ManagementProcessConcurrencyTest, CopyIntoADirectoryWaitsForItsLockFile) 
     EXPECT_FALSE(Exists(File("dst.rewrite")));
     close(lock_fd);
     EXPECT_EQ(WaitChild(copier), 0);
-    EXPECT_EQ(Read("dst"), Expected("src", 5));
+    EXPECT_EQ(Reopened("dst"), Expected(5));
 }
 
 TEST_F(ManagementProcessConcurrencyTest, TwoProcessesCopyingAndMovingIntoOneDirectoryLoseNothing) {
@@ -130,14 +82,14 @@ TEST_F(ManagementProcessConcurrencyTest, TwoProcessesCopyingAndMovingIntoOneDire
     pid_t second = racer("b", "y");
     EXPECT_EQ(WaitChild(first), 0);
     EXPECT_EQ(WaitChild(second), 0);
-    const std::string shared = Read("shared");
-    EXPECT_TRUE(shared == Expected("a", 20) || shared == Expected("b", 30)) << shared;
-    EXPECT_EQ(Read("x1"), Expected("a", 20));
-    EXPECT_EQ(Read("y1"), Expected("b", 30));
+    const State shared = Reopened("shared");
+    EXPECT_TRUE(shared == Expected(20) || shared == Expected(30));
+    EXPECT_EQ(Reopened("x1"), Expected(20));
+    EXPECT_EQ(Reopened("y1"), Expected(30));
     EXPECT_FALSE(Exists(File("x0")));
     EXPECT_FALSE(Exists(File("shared.rewrite")));
-    EXPECT_EQ(Read("a"), Expected("a", 20));
-    EXPECT_EQ(Read("b"), Expected("b", 30));
+    EXPECT_EQ(Reopened("a"), Expected(20));
+    EXPECT_EQ(Reopened("b"), Expected(30));
 }
 
 TEST_F(ManagementProcessConcurrencyTest, CopyKilledBeforeItsRenameKeepsTheOldTarget) {
@@ -149,15 +101,15 @@ TEST_F(ManagementProcessConcurrencyTest, CopyKilledBeforeItsRenameKeepsTheOldTar
     EXPECT_TRUE(Exists(File("dst.rewrite")));
     ASSERT_EQ(Repair("/m/dst"), 0);
     EXPECT_FALSE(Exists(File("dst.rewrite")));
-    EXPECT_EQ(Read("dst"), "<200>");
+    EXPECT_FALSE(Exists(File("dst")));
     FileTable("dst", 3);  // an open source copied over an existing target
     KillChildAt("copy-before-rename", [&](sr_opaque_handle_t tree) {
         sr_opaque_handle_t source = nullptr;
         qx_int32_t rc = sr_open_table_1(tree, Text("/m/src"), SR_MODE_WRITE, &source);
         return rc != 0 ? rc : sr_copy_table_by_handle_1(source, Text("/m/dst"), 1);
     });
-    EXPECT_EQ(Read("dst"), Expected("dst", 3));
-    EXPECT_EQ(Read("src"), Expected("src", 8));
+    EXPECT_EQ(Reopened("dst"), Expected(3));
+    EXPECT_EQ(Reopened("src"), Expected(8));
     ASSERT_EQ(Repair("/m/dst"), 0);
     EXPECT_FALSE(Exists(File("dst.rewrite")));
 }
@@ -171,19 +123,19 @@ TEST_F(ManagementProcessConcurrencyTest, SchemaChangeKilledBeforeItsRenameKeepsT
             sr_column_t extra{Text("extra"), QX_INT32, SR_STANDARD, 0, nullptr, {}};
             return rc != 0 ? rc : sr_add_columns_1(table, &extra, 1);
         });
-        EXPECT_EQ(Read("t"), Expected("t", 6)) << point;
+        EXPECT_EQ(Reopened("t"), Expected(6)) << point;
         ASSERT_EQ(Repair("/m/t"), 0);
         EXPECT_FALSE(Exists(File("t.rewrite"))) << point;
     }
     KillChildAt("rewrite-after-rename", [&](sr_opaque_handle_t tree) {
         sr_opaque_handle_t table = nullptr;
         qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), SR_MODE_WRITE, &table);
-        char *names[] = {Text("n")};
+        char *names[] = {Text("c2")};
         return rc != 0 ? rc : sr_delete_columns_1(table, names, 1);
     });
-    EXPECT_EQ(Read("t"), Expected("t", 6, 2));
+    EXPECT_EQ(Reopened("t"), Expected(6, true));
     EXPECT_FALSE(Exists(File("t.rewrite")));
 }
 
 }  // namespace
-}  // namespace qxtest
+}  // namespace qxtest::tx

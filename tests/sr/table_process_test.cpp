@@ -4,15 +4,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +17,7 @@
 
 using qxtest::Exists;
 using qxtest::FileImage;
+using qxtest::WaitChild;
 
 namespace {
 
@@ -52,12 +49,6 @@ struct Channel {
     }
 };
 
-int WaitChild(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
-
 int OpenDescriptors() {
     int count = 0;
     DIR *p_dir = opendir("/proc/self/fd");
@@ -69,16 +60,7 @@ int OpenDescriptors() {
 
 class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
   protected:
-    // A tree of its own with the same mount (in a child: _exit on failure).
-    sr_opaque_handle_t OtherTree(bool child = false) {
-        sr_opaque_handle_t tree = nullptr;
-        if (sr_open_tree_1(&tree, 0, 0) != 0 ||
-            sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1) != 0) {
-            if (child) _exit(91);
-            ADD_FAILURE() << "no tree";
-        }
-        return tree;
-    }
+    sr_opaque_handle_t OtherTree() { return qxtest::MountedTree(tmp_.file("d")); }
     sr_opaque_handle_t Open(sr_opaque_handle_t tree, int mode) {
         sr_opaque_handle_t table = nullptr;
         EXPECT_EQ(sr_open_table_1(tree, Text("/m/t"), mode, &table), 0);
@@ -104,12 +86,6 @@ class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
         EXPECT_TRUE(status == 0 || status == 1) << status;
         return status == 1;
     }
-
-    // A rewrite: a complete new image renamed over the file.
-    void CommitRewrite(sr_i_table_t *p_table) {
-        ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
-        ASSERT_EQ(sr_i_commit(p_table), 0);
-    }
 };
 
 // A writer waiting in the lock while the first renames a rewrite over the file must use the new
@@ -119,7 +95,7 @@ TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIn
     Channel ready, done;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree(true);
+        sr_opaque_handle_t tree = OtherTree();
         ready.Send(1);
         sr_opaque_handle_t table = nullptr;
         if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
@@ -131,7 +107,7 @@ TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIn
     ASSERT_EQ(ready.Receive(5000), 1);
     EXPECT_EQ(done.Receive(400), -1) << "the second writer did not wait";
     ASSERT_EQ(AddRow(p_table, 1, 10), 0);
-    CommitRewrite(p_table);
+    ASSERT_EQ(sr_i_apply(p_table, 1, 0) | sr_i_commit(p_table), 0);  // by a rewrite
     const qx_int64_t closed_at = NowMs();
     ASSERT_EQ(sr_close_table_1(p_table), 0);
     EXPECT_GE(done.Receive(5000), closed_at);
@@ -148,7 +124,7 @@ TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrit
     Channel ready, done;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree(true);
+        sr_opaque_handle_t tree = OtherTree();
         ready.Send(1);
         qx_int32_t rc = sr_copy_table_by_name_1(tree, Text("/m/s"), Text("/m/t"), 1);
         done.Send(rc == 0 ? 1 : -rc);
@@ -157,11 +133,10 @@ TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrit
     ASSERT_EQ(ready.Receive(5000), 1);
     EXPECT_EQ(done.Receive(300), -1) << "the copy did not wait for the writer";
     ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
-    CommitRewrite(p_writer);
+    ASSERT_EQ(sr_i_apply(p_writer, 1, 0) | sr_i_commit(p_writer), 0);  // by a rewrite
     EXPECT_EQ(done.Receive(300), -1) << "the copy went ahead under the writer";
     ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
-    ASSERT_EQ(sr_apply_1(p_writer, 0), 0);
-    ASSERT_EQ(sr_commit_1(p_writer), 0);
+    ASSERT_EQ(ApplyCommit(p_writer), 0);
     sr_opaque_handle_t other = OtherTree();
     EXPECT_EQ(CommittedRows(other), 2u) << "the commits went to a file the copy replaced";
     sr_close_tree_1(other);
@@ -183,7 +158,7 @@ TEST_F(TableProcessConcurrencyTest, OtherProcessesReadTheCommittedStateAndCannot
     Channel report;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t table = Open(OtherTree(true), 1);
+        sr_opaque_handle_t table = Open(OtherTree(), 1);
         auto *p = static_cast<sr_i_table_t *>(table);
         report.Send(p ? p->total_committed_rows * 100 + static_cast<qx_int64_t>(p->change_counter)
                       : -1);
@@ -204,7 +179,7 @@ TEST_F(TableProcessConcurrencyTest, TwoProcessesCreatingOneTableOneWinsTheOtherG
         for (pid_t &child : children) {
             child = fork();
             if (child == 0) {
-                sr_opaque_handle_t tree = OtherTree(true);
+                sr_opaque_handle_t tree = OtherTree();
                 if (go.Receive(5000) < 0) _exit(95);
                 std::vector<sr_column_t> columns = ScalarColumns(3);
                 sr_opaque_handle_t table = nullptr;
@@ -294,21 +269,13 @@ TEST_F(TableProcessConcurrencyTest, ReadersBesideAWriterReuseDescriptorsAndKeepI
     EXPECT_TRUE(LockedForOthers());
     std::vector<sr_opaque_handle_t> kept;  // readers kept open make the register grow
     for (int k = 0; k < 40; ++k) {
-        for (int n = 0;; ++n) {
-            ASSERT_LT(n, 200);
-            sr_opaque_handle_t tree = OtherTree();
-            sr_i_alloc_fail_after(n);
-            sr_opaque_handle_t reader = nullptr;
-            qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), 1, &reader);
-            const bool failed = !sr_i_alloc_failure_pending();
-            sr_i_alloc_fail_after(-1);
-            if (!failed) {
-                ASSERT_EQ(rc, 0);
-                kept.push_back(tree);
-                break;
-            }
-            sr_close_tree_1(tree);
-        }
+        kept.push_back(OtherTree());
+        qxtest::EachAllocationFailure(
+            [&] {
+                sr_opaque_handle_t reader = nullptr;
+                return sr_open_table_1(kept.back(), Text("/m/t"), 1, &reader);
+            },
+            [] {});
     }
     EXPECT_TRUE(LockedForOthers());
     for (sr_opaque_handle_t tree : kept) sr_close_tree_1(tree);
@@ -371,7 +338,7 @@ TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) 
     Channel ready, release;
     pid_t holder = fork();
     if (holder == 0) {
-        if (Open(OtherTree(true), 2) == nullptr) _exit(1);
+        if (Open(OtherTree(), 2) == nullptr) _exit(1);
         ready.Send(1);
         release.Receive(10000);
         _exit(0);
@@ -397,21 +364,15 @@ TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) 
     release.Send(1);
     EXPECT_EQ(WaitChild(holder), 0);
     EXPECT_EQ(pthread_join(waiter, nullptr), 0);
-    // A child probes the tree: it hangs if the waiter died holding a lock.
+    // A child probes the tree: it hangs (and its alarm ends it) if the waiter died holding a lock.
     pid_t probe = fork();
     if (probe == 0) {
+        alarm(3);
         sr_opaque_handle_t table = nullptr;
         char path[] = "/m/t";
-        _exit(sr_open_table_1(tree_, path, 1, &table) == 0 ? 0 : 1);
+        _exit(sr_open_table_1(tree_, path, 1, &table));
     }
-    int status = -1;
-    for (int i = 0; i < 300 && waitpid(probe, &status, WNOHANG) == 0; ++i) usleep(10000);
-    if (waitpid(probe, &status, WNOHANG) == 0) {
-        kill(probe, SIGKILL);
-        WaitChild(probe);
-        FAIL() << "the tree's lock was left held by the cancelled thread";
-    }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(WaitChild(probe), 0) << "the tree's lock was left held by the cancelled thread";
 }
 
 }  // namespace
