@@ -1,6 +1,5 @@
-// Selection: `$` items, expressions over every column type, rows skipped by
-// per-row outcomes, deleting by criteria, the committed view, sr_select_1,
-// duplicate keys, and readers selecting at once.
+// Selection: `$` items, expressions over every column type, skipped rows,
+// deleting by criteria, the committed view, sr_select_1, duplicate keys.
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -11,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "qx_sr.hpp"
 #include "sr/rows_test_util.h"
 
 namespace qxtest {
@@ -85,7 +85,7 @@ class SelectTest : public RowsTest {
         qx_int64_t k;
         std::string name;
         qx_int32_t n;
-        std::vector<unsigned char> blob;
+        qx::sr::Bytes blob;
         qx_uint32_t owner_id4;
         qx_int32_t level;
         std::string label;
@@ -105,24 +105,16 @@ class SelectTest : public RowsTest {
                                         QX_BINARY_PTR,  QX_RSRC_HANDLE_PTR, QX_SD_PTR,
                                         QX_INT32_ARRAY, QX_FLOAT32,         QX_UINT64};
         std::vector<sr_column_t> columns(9);
-        for (int i = 0; i < 9; ++i) {
-            columns[i] = {Text(kNames[i]),
-                          types[i],
-                          i ? SR_STANDARD : key_qualifier,
-                          0,
-                          types[i] == QX_SD_PTR ? p_def : nullptr,
-                          {}};
-        }
+        for (int i = 0; i < 9; ++i)
+            columns[i] = {Text(kNames[i]),          types[i], i ? SR_STANDARD : key_qualifier, 0,
+                          i == 5 ? p_def : nullptr, {}};
         return Make(path, columns, mode, hashed);
     }
 
     qx_int32_t AddModel(sr_opaque_handle_t table, const Model &m) {
-        std::vector<unsigned char> bin(4 + m.blob.size() + 1);
-        qx_uint32_t blen = static_cast<qx_uint32_t>(m.blob.size());
-        memcpy(bin.data(), &blen, 4);
-        if (!m.blob.empty()) memcpy(bin.data() + 4, m.blob.data(), m.blob.size());
+        qx::sr::Value blob(m.blob), nums(m.nums);
         qx_resource_handle_t owner{};
-        qx_uint16_t halves[2] = {1, 2};
+        const qx_uint16_t halves[2] = {1, 2};
         memcpy(&owner.header, halves, 4);
         owner.id = {0x10u, 0x20u, 0x30u, m.owner_id4};
         std::vector<unsigned char> sd(QX_SD_SIZE(2));
@@ -130,15 +122,9 @@ class SelectTest : public RowsTest {
         p_sd->element_count = 2;
         p_sd->elements[0] = {QX_INT32, 0, I32(m.level)};
         p_sd->elements[1] = {QX_CHAR_PTR, 0, Str(m.label.c_str())};
-        std::vector<unsigned char> arr(QX_ARRAY_SIZE(m.nums.size() + 1));
-        auto *p_arr = reinterpret_cast<qx_array_t *>(arr.data());
-        p_arr->element_count = static_cast<qx_uint32_t>(m.nums.size());
-        for (size_t i = 0; i < m.nums.size(); ++i) p_arr->elements[i] = I32(m.nums[i]);
-        qx_value_t v[9] = {I64(m.k), Str(m.name.c_str()), I32(m.n)};
-        v[3].ptr_binary = reinterpret_cast<qx_binary_t *>(bin.data());
+        qx_value_t v[9] = {I64(m.k), Str(m.name.c_str()), I32(m.n), blob.get(), {}, {}, nums.get()};
         v[4].ptr_rsrc_handle = &owner;
         v[5].ptr_sd = p_sd;
-        v[6].ptr_array = p_arr;
         v[7].val_float32 = m.f;
         v[8].val_uint64 = m.u;
         qx_value_t *values[9];
