@@ -12,7 +12,13 @@
 namespace qxtest {
 namespace {
 
-class AddRowTest : public RowsTest {};
+class AddRowTest : public RowsTest {
+  protected:
+    qx_int32_t SetText(sr_i_table_t *p_table, qx_int64_t key, const char *text) {
+        qx_value_t v = Str(text);
+        return sr_set_field_by_key_1(p_table, I64(key), const_cast<char *>("s"), &v);
+    }
+};
 
 TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     std::vector<sr_column_t> columns = Columns();
@@ -145,35 +151,27 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
         sr_i_table_t *p_table = Make(hashed ? "/t/oom_h" : "/t/oom", 6, hashed);
         // Enough rows to make the next add grow the index.
         for (int k = 0; k < 100; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));
-        const std::string long_text(5000, 'z');
-        for (qx_int64_t n = 0;; ++n) {
-            const qx_uint32_t before_used = p_table->record_buffer_pool.used_bytes;
-            sr_i_alloc_fail_after(n);
-            qx_int32_t rc = AddRow(p_table, 1000, long_text.c_str(), 1);
-            const bool failed = sr_i_alloc_failure_pending() == 0 && rc != 0;
-            sr_i_alloc_fail_after(-1);
-            if (rc == 0) break;
-            ASSERT_TRUE(failed) << rc;
-            EXPECT_EQ(12, rc);
-            EXPECT_EQ(100u, p_table->total_applied_rows);
-            EXPECT_EQ(before_used, p_table->record_buffer_pool.used_bytes);
-            EXPECT_EQ("<202>", TextOf(p_table, 1000, 1));
-            ASSERT_LT(n, 50);
-        }
+        ASSERT_EQ(0, ApplyCommit(p_table));
+        const std::string long_text(50000, 'z');
+        const qx_uint32_t used = p_table->record_buffer_pool.used_bytes;
+        EachAllocationFailure([&] { return AddRow(p_table, 1000, long_text.c_str(), 1); },
+                              [&] {
+                                  EXPECT_EQ(100u, p_table->total_applied_rows);
+                                  EXPECT_EQ(used, p_table->record_buffer_pool.used_bytes);
+                                  EXPECT_EQ("<202>", TextOf(p_table, 1000, 1));
+                              });
         EXPECT_EQ(long_text, TextOf(p_table, 1000, 1));
+        EachAllocationFailure([&] { return SetText(p_table, 1, long_text.c_str()); },
+                              [&] {
+                                  EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 1));
+                                  EXPECT_EQ("v", TextOf(p_table, 1, 1));
+                              });
+        EXPECT_EQ(long_text, TextOf(p_table, 1, 1));
         EXPECT_EQ(0, ApplyCommit(p_table));
     }
 }
 
-class SetValuesTest : public RowsTest {
-  protected:
-    qx_int32_t SetText(sr_i_table_t *p_table, qx_int64_t key, const char *text) {
-        qx_value_t v = Str(text);
-        return sr_set_field_by_key_1(p_table, I64(key), const_cast<char *>("s"), &v);
-    }
-};
-
-TEST_F(SetValuesTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
+TEST_F(AddRowTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
     sr_i_table_t *p_table = Make("/m/t", 6);
     ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
     ASSERT_EQ(0, ApplyCommit(p_table));
@@ -198,7 +196,7 @@ TEST_F(SetValuesTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
     EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 0));
 }
 
-TEST_F(SetValuesTest, ProtectedDefaultedAndRefusedColumns) {
+TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {
     std::vector<sr_column_t> columns = Columns();
     columns[1].qualifier = SR_STANDARD | SR_SET_TO_DEFAULT_WHEN_UNSPECIFIED;
     columns[2].qualifier = SR_STANDARD | SR_PROTECTED;
@@ -245,26 +243,6 @@ TEST_F(SetValuesTest, ProtectedDefaultedAndRefusedColumns) {
     sr_i_table_t *p_keyed = Make("/t/protected_key", Columns(SR_PRIMARY_KEY | SR_PROTECTED), 6);
     ASSERT_EQ(0, AddRow(p_keyed, 1, "one", 5));
     EXPECT_EQ(105, sr_set_field_by_index_1(p_keyed, 0, const_cast<char *>("k"), &key));
-}
-
-TEST_F(SetValuesTest, EveryAllocationFailureLeavesTheRowAsItWas) {
-    sr_i_table_t *p_table = Make("/t/oom", 6);
-    ASSERT_EQ(0, AddRow(p_table, 1, "one", 1));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    std::string big(50000, 'B');
-    for (qx_int64_t n = 0;; ++n) {
-        sr_i_alloc_fail_after(n);
-        qx_int32_t rc = SetText(p_table, 1, big.c_str());
-        const bool failed = sr_i_alloc_failure_pending() == 0 && rc != 0;
-        sr_i_alloc_fail_after(-1);
-        if (rc == 0) break;
-        ASSERT_TRUE(failed) << rc;
-        EXPECT_EQ(12, rc);
-        EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 0));
-        EXPECT_EQ("one", TextOf(p_table, 1, 1));
-        ASSERT_LT(n, 50);
-    }
-    EXPECT_EQ(big, TextOf(p_table, 1, 1));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Apply: what reaches the table file (append) or the rewrite file (rewrite),
-// in which gather writes, with which commit record, and what it refuses.
+// in which gather writes, with which commit record.
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "qx_sr.hpp"
 #include "sr/rows_test_util.h"
 
 namespace qxtest {
@@ -50,25 +51,17 @@ class ApplyTest : public RowsTest {
     // The committed rows of /m/<name> as another tree's fresh open reads them.
     State Reopened(const std::string &name, qx_uint64_t *p_counter = nullptr) {
         State rows;
-        sr_opaque_handle_t tree = nullptr, table = nullptr;
-        char k[] = "k", c1[] = "c1", *names[] = {k, c1};
-        EXPECT_EQ(0, sr_open_tree_1(&tree, 0, 0));
-        EXPECT_EQ(0, sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1));
+        auto tree = qx::sr::Tree::open();
+        EXPECT_TRUE(tree->mount("/m", tmp_.file("d")));
+        auto table = tree->open_table("/m/" + name, qx::sr::Mode::read);
+        EXPECT_TRUE(table) << table.message();
+        if (!table) return rows;
+        for (auto row : table->rows())
+            rows[*row.get<std::int64_t>("k")] = *row.get<std::int64_t>("c1");
         sr_table_metadata_t *p_metadata = nullptr;
-        if (sr_open_table_1(tree, Text("/m/" + name), SR_MODE_READ, &table) == 0 &&
-            sr_get_table_metadata_1(table, 0, &p_metadata) == 0) {
-            if (p_counter != nullptr) *p_counter = p_metadata->table_change_counter;
-            for (qx_uint32_t i = 0; i < p_metadata->number_of_rows; ++i) {
-                qx_value_t kv{}, cv{}, *values[] = {&kv, &cv};
-                EXPECT_EQ(0, sr_get_fields_by_index_1(table, static_cast<qx_int32_t>(i), names,
-                                                      values, 2));
-                rows[kv.val_int64] = cv.val_int64;
-            }
-            sr_free_table_metadata_1(p_metadata);
-        } else {
-            ADD_FAILURE() << "the file no longer reads";
-        }
-        sr_close_tree_1(tree);
+        EXPECT_EQ(0, sr_get_table_metadata_1(table->handle(), 0, &p_metadata));
+        if (p_counter != nullptr) *p_counter = p_metadata->table_change_counter;
+        sr_free_table_metadata_1(p_metadata);
         return rows;
     }
     static qx_uint32_t End(const sr_i_table_t *p_table) {
