@@ -135,17 +135,7 @@ TEST_F(CreateOpenTest, FailedCreatesLeaveNoFileAndTheCallersArrayUnchanged) {
     sr_i_file_ops = sr_i_default_file_ops;
     ASSERT_EQ(chdir(cwd), 0);
     unchanged();
-    qx_int64_t n = 0;  // every allocation failed in turn: 12 and nothing left behind
-    for (qx_int32_t rc = -1; rc != 0 && n < 200; ++n) {
-        sr_i_alloc_fail_after(n);
-        rc = TryCreate("/m/t", columns);
-        const bool failed = sr_i_alloc_failure_pending() == 0;
-        sr_i_alloc_fail_after(-1);
-        if (rc == 0) break;
-        EXPECT_TRUE(failed && rc == SR_E_NO_MEMORY) << n << " " << rc;
-        unchanged();
-    }
-    EXPECT_GT(n, 3);
+    EXPECT_GT(UntilNoAllocationFails([&] { return TryCreate("/m/t", columns); }, unchanged), 3);
     qx_pmsg_anchor_t anchor;  // the packed default's anchor is left in the caller's array
     std::memcpy(&anchor, &columns[2].default_value, 8);
     EXPECT_EQ(anchor.length, 8u);
