@@ -163,7 +163,8 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
         EXPECT_EQ(long_text, TextOf(p_table, 1000, 1));
         EachAllocationFailure([&] { return SetText(p_table, 1, long_text.c_str()); },
                               [&] {
-                                  EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 1));
+                                  EXPECT_EQ(SR_ROW_STATE_COMMITTED,
+                                            sr_i_get_row_state_for_fixed_index(p_table, 1));
                                   EXPECT_EQ("v", TextOf(p_table, 1, 1));
                               });
         EXPECT_EQ(long_text, TextOf(p_table, 1, 1));
@@ -183,8 +184,8 @@ TEST_F(AddRowTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
     EXPECT_EQ("eins", TextOf(p_table, 1, 1));
     EXPECT_EQ("zwei", TextOf(p_table, 2, 1));
     EXPECT_EQ(2, IntOf(p_table, 2, 1));
-    EXPECT_EQ(SR_ROW_STATE_UPDATED, StateOf(p_table, 0));
-    EXPECT_EQ(SR_ROW_STATE_ADDED, StateOf(p_table, 1));
+    EXPECT_EQ(SR_ROW_STATE_UPDATED, sr_i_get_row_state_for_fixed_index(p_table, 0));
+    EXPECT_EQ(SR_ROW_STATE_ADDED, sr_i_get_row_state_for_fixed_index(p_table, 1));
     // Values far past the first guess of the record size, and back.
     std::string big(200000, 'L');
     ASSERT_EQ(0, SetText(p_table, 2, big.c_str()));
@@ -193,7 +194,7 @@ TEST_F(AddRowTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
     ASSERT_EQ(0, ApplyCommit(p_table));
     EXPECT_EQ("eins", TextOf(p_table, 1, 0));
     EXPECT_EQ("s", TextOf(p_table, 2, 0));
-    EXPECT_EQ(SR_ROW_STATE_COMMITTED, StateOf(p_table, 0));
+    EXPECT_EQ(SR_ROW_STATE_COMMITTED, sr_i_get_row_state_for_fixed_index(p_table, 0));
 }
 
 TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {

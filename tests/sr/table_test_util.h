@@ -220,26 +220,19 @@ class TableTest : public ::testing::Test {
     std::list<std::string> texts_;
 };
 
-inline qx_value_t I64(qx_int64_t v) {
+// A value with one member set, the rest of its 8 bytes zero.
+template <auto Member, class T>
+qx_value_t MakeValue(T v) {
     qx_value_t x{};
-    x.val_int64 = v;
+    x.*Member = v;
     return x;
 }
-inline qx_value_t I32(qx_int32_t v) {
-    qx_value_t x{};
-    x.val_int32 = v;
-    return x;
-}
-inline qx_value_t F64(double v) {
-    qx_value_t x{};
-    x.val_float64 = v;
-    return x;
-}
-inline qx_value_t Str(const char *s) {
-    qx_value_t x{};
-    x.ptr_char = const_cast<char *>(s);
-    return x;
-}
+inline const auto I64 = [](qx_int64_t v) { return MakeValue<&qx_value_t::val_int64>(v); };
+inline const auto I32 = [](qx_int32_t v) { return MakeValue<&qx_value_t::val_int32>(v); };
+inline const auto F64 = [](double v) { return MakeValue<&qx_value_t::val_float64>(v); };
+inline const auto Str = [](const char *s) {
+    return MakeValue<&qx_value_t::ptr_char>(const_cast<char *>(s));
+};
 
 // Keys of 8-byte integers spread over 1024 buckets.
 inline qx_uint32_t HashI64(const void *p_key) {
@@ -346,17 +339,10 @@ class RowsTest : public TableTest {
         return sr_get_field_by_key_and_visibility_1(p_table, I64(key), const_cast<char *>(column),
                                                     p_value, visible, &state);
     }
-    sr_row_state_t StateOf(sr_i_table_t *p_table, qx_uint32_t fixed) {
-        return sr_i_get_row_state_for_fixed_index(p_table, fixed);
-    }
     qx_uint32_t FixedOf(sr_i_table_t *p_table, qx_int64_t key) {
         qx_uint32_t fixed = 0xFFFFFFFF;
         sr_get_fixed_row_index_for_key_1(p_table, I64(key), &fixed);
         return fixed;
-    }
-    // Live rows of the working version.
-    static qx_uint32_t Live(const sr_i_table_t *p_table) {
-        return p_table->total_applied_rows - p_table->applied_deletions;
     }
     static qx_int32_t ApplyCommit(sr_i_table_t *p_table) {
         qx_int32_t rc = sr_apply_1(p_table, 0);
