@@ -138,6 +138,20 @@ struct FileImage {
     }
 };
 
+// A value with one member set, the rest of its 8 bytes zero.
+template <auto Member, class T>
+qx_value_t MakeValue(T v) {
+    qx_value_t x{};
+    x.*Member = v;
+    return x;
+}
+inline const auto I64 = [](qx_int64_t v) { return MakeValue<&qx_value_t::val_int64>(v); };
+inline const auto I32 = [](qx_int32_t v) { return MakeValue<&qx_value_t::val_int32>(v); };
+inline const auto F64 = [](double v) { return MakeValue<&qx_value_t::val_float64>(v); };
+inline const auto Str = [](const char *s) {
+    return MakeValue<&qx_value_t::ptr_char>(const_cast<char *>(s));
+};
+
 // A tree with "/m" mounted on a fresh directory.
 class TableTest : public ::testing::Test {
   protected:
@@ -174,15 +188,13 @@ class TableTest : public ::testing::Test {
 
     // A key column of INT64 and further INT64 columns named c1, c2, ...
     std::vector<sr_column_t> ScalarColumns(int total) {
-        std::vector<sr_column_t> columns;
+        std::vector<sr_column_t> columns(static_cast<size_t>(total));
         for (int i = 0; i < total; ++i) {
-            sr_column_t c{};
-            c.name = Text(i == 0 ? "k" : "c" + std::to_string(i));
-            c.type = QX_INT64;
-            c.qualifier = i == 0 ? SR_PRIMARY_KEY : SR_STANDARD;
-            c.default_value.val_int64 = 100 + i;
-            columns.push_back(c);
+            columns[i] = {
+                Text(i ? "c" + std::to_string(i) : "k"), QX_INT64, SR_STANDARD, 0, {}, {}};
+            columns[i].default_value = I64(100 + i);
         }
+        if (total > 0) columns[0].qualifier = SR_PRIMARY_KEY;
         return columns;
     }
 
@@ -218,20 +230,6 @@ class TableTest : public ::testing::Test {
     TempDir tmp_;
     sr_opaque_handle_t tree_ = nullptr;
     std::list<std::string> texts_;
-};
-
-// A value with one member set, the rest of its 8 bytes zero.
-template <auto Member, class T>
-qx_value_t MakeValue(T v) {
-    qx_value_t x{};
-    x.*Member = v;
-    return x;
-}
-inline const auto I64 = [](qx_int64_t v) { return MakeValue<&qx_value_t::val_int64>(v); };
-inline const auto I32 = [](qx_int32_t v) { return MakeValue<&qx_value_t::val_int32>(v); };
-inline const auto F64 = [](double v) { return MakeValue<&qx_value_t::val_float64>(v); };
-inline const auto Str = [](const char *s) {
-    return MakeValue<&qx_value_t::ptr_char>(const_cast<char *>(s));
 };
 
 // Keys of 8-byte integers spread over 1024 buckets.
