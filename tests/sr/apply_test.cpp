@@ -1,5 +1,5 @@
 // Apply: what reaches the table file (append) or the rewrite file (rewrite),
-// in which gather writes, with which commit record.
+// in which gather writes, with which commit record; the block rule.
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -241,6 +241,21 @@ TEST_F(ApplyTest, RewriteDecisionNeedsMoreThan16KiBAndLessThanHalfLive) {
         table.record_buffer_pool.used_bytes = c.used;
         EXPECT_EQ(sr_i_rewrite_wanted(&table), c.wanted) << c.file << " " << c.used;
     }
+}
+
+// A record is read whole from one block when it ends in the block it starts in.
+TEST(TableBlockTest, RecordIsContainedInABlockWhenItEndsInTheBlockItStartsIn) {
+    sr_i_table_t table{};
+    table.block_size = 512;
+    qx_uint32_t block = 99;
+    EXPECT_EQ(1u, sr_i_record_contained_in_block(&table, 500, 11, &block));
+    EXPECT_EQ(0u, block);
+    EXPECT_EQ(0u, sr_i_record_contained_in_block(&table, 500, 12, &block));
+    EXPECT_EQ(1u, sr_i_record_contained_in_block(&table, 1024, 100, &block));
+    EXPECT_EQ(2u, block);
+    EXPECT_EQ(0u, sr_i_record_contained_in_block(&table, UINT32_MAX - 4, 100, &block));
+    table.block_size = 0;  // a transient table has no blocks
+    EXPECT_EQ(1u, sr_i_record_contained_in_block(&table, 500, 100, &block));
 }
 
 }  // namespace
