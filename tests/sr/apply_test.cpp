@@ -142,15 +142,6 @@ TEST_F(ApplyTest, RowsAndTheCommitRecordGoOutInGatherWritesOfSixteen) {
         sr_i_file_ops = sr_i_default_file_ops;
         EXPECT_EQ(Writes, c.writes) << c.rows;
     }
-    // A transient table is applied without any file.
-    sr_opaque_handle_t handle = nullptr;
-    std::vector<sr_column_t> columns = ScalarColumns(2);
-    ASSERT_EQ(sr_create_table_1(tree_, Text("/mem/t"), columns.data(), 2, 6, &handle), 0);
-    ASSERT_EQ(Put(static_cast<sr_i_table_t *>(handle), 1, 2), 0);
-    Writes.clear();
-    sr_i_file_ops.p_writev = CountingWritev;
-    ASSERT_EQ(ApplyCommit(static_cast<sr_i_table_t *>(handle)), 0);
-    EXPECT_TRUE(Writes.empty());
 }
 
 TEST_F(ApplyTest, ChangeCountersInTheCommitRecord) {

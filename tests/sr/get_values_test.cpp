@@ -123,25 +123,7 @@ TEST_F(GetValuesTest, CompareValuesOrdersByTypeAndNeverMatchesUnorderedTypes) {
     EXPECT_EQ(-1, sr_i_compare_values(&abc, &text_slot, QX_INT32_ARRAY, area));
 }
 
-TEST_F(GetValuesTest, LinearKeySearchMatchesNanFirstAndPrefersTheCommittedKey) {
-    for (qx_data_type_t type : {QX_FLOAT64, QX_FLOAT32}) {
-        auto key = [type](double d) {
-            qx_value_t v = F64(d);
-            if (type == QX_FLOAT32) v.val_float32 = static_cast<float>(d);
-            return v;
-        };
-        std::vector<sr_column_t> columns = Columns(SR_PRIMARY_KEY_NOCHECK);
-        columns[0].type = type;
-        sr_i_table_t *p_nan = Make("/t/nan" + std::to_string(type), columns, 6);
-        ASSERT_EQ(0, Add(p_nan, {{"k", key(5.0)}, {"s", Str("first")}}));
-        ASSERT_EQ(0, Add(p_nan, {{"k", key(6.0)}, {"s", Str("second")}}));
-        ASSERT_EQ(0, ApplyCommit(p_nan));
-        qx_value_t v{};
-        ASSERT_EQ(0, sr_get_field_by_key_1(p_nan, key(std::nan("")), const_cast<char *>("s"), &v));
-        EXPECT_STREQ("first", v.ptr_char);
-        ASSERT_EQ(0, sr_get_field_by_key_1(p_nan, key(6.0), const_cast<char *>("s"), &v));
-        EXPECT_STREQ("second", v.ptr_char);
-    }
+TEST_F(GetValuesTest, ChangedKeyIsFoundByItsNewValueOnlyInTheWorkingVersion) {
     sr_i_table_t *p_table = Committed("/t/keychange");
     qx_value_t new_key = I64(20);
     ASSERT_EQ(0, sr_set_field_by_key_1(p_table, I64(2), const_cast<char *>("k"), &new_key));

@@ -213,31 +213,5 @@ TEST_F(SchemaTest, OverlaysAreSeenAtOnceAndEndWithTheTableOrASchemaChange) {
     EXPECT_EQ(SchemaOf(p_table).defaults, (std::vector<std::string>{"0", "dflt", "7"}));
 }
 
-// A rewrite of the file and a copy into a file both write the metadata
-// record: without the overlays, which last while the table is open.
-TEST_F(SchemaTest, OverlaysNeverReachTheFileThroughARewriteOrACopy) {
-    for (bool copy : {false, true}) {
-        SCOPED_TRACE(copy ? "copy" : "rewrite");
-        sr_i_table_t *p_table =
-            Filled(copy ? "/t/o" : "/m/o", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL);
-        Overlay(p_table, true);
-        ASSERT_EQ(AddRow(p_table, 9, "x", 9), 0);
-        if (copy) {
-            ASSERT_EQ(sr_copy_table_by_handle_1(p_table, Text("/m/o2"), 0), 0);
-        } else {
-            ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);  // a complete new image
-            ASSERT_EQ(sr_i_commit(p_table), 0);
-        }
-        EXPECT_EQ(SchemaOf(p_table, 1).names.size(), 2u);  // still overlaid in memory
-        p_table = Reopen(p_table, copy ? "/m/o2" : "/m/o");
-        ASSERT_EQ(Add(p_table, {{"k", I64(6)}}), 0);
-        EXPECT_EQ(TextOf(p_table, 9), "x");
-        EXPECT_EQ(TextOf(p_table, 6), "dflt");
-        EXPECT_EQ(IntOf(p_table, 6), 7);
-        EXPECT_EQ(SchemaOf(p_table, 1).names.size(), 3u);
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-    }
-}
-
 }  // namespace
 }  // namespace qxtest

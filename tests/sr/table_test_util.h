@@ -37,16 +37,15 @@ inline bool Exists(const std::string &path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-inline qx_uint32_t U32At(const std::string &bytes, size_t offset) {
-    qx_uint32_t v = 0;
-    std::memcpy(&v, bytes.data() + offset, 4);
+// A host-format word of a byte string, at any alignment.
+template <class T>
+T WordAt(const std::string &bytes, size_t offset) {
+    T v = 0;
+    std::memcpy(&v, bytes.data() + offset, sizeof v);
     return v;
 }
-inline qx_uint64_t U64At(const std::string &bytes, size_t offset) {
-    qx_uint64_t v = 0;
-    std::memcpy(&v, bytes.data() + offset, 8);
-    return v;
-}
+inline const auto U32At = WordAt<qx_uint32_t>;
+inline const auto U64At = WordAt<qx_uint64_t>;
 
 // One 32-byte column entry of a metadata record, as the file holds it (name
 // and sd_defn are offsets into the record's indirect data area).
@@ -132,10 +131,7 @@ struct FileImage {
         return at;
     }
     // Turns the commit record at `offset` into free space, as commit does.
-    void Retire(qx_uint32_t offset) {
-        qx_uint32_t zero = 0;
-        std::memcpy(bytes.data() + offset + 8, &zero, 4);
-    }
+    void Retire(qx_uint32_t offset) { std::memset(bytes.data() + offset + 8, 0, 4); }
 };
 
 // A value with one member set, the rest of its 8 bytes zero.
