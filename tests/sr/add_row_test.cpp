@@ -1,5 +1,4 @@
-// Adding, setting and deleting rows: names and defaults, empty values, growth
-// of records and of the index, protected and reset columns, failures.
+// Adding, setting and deleting rows: names, defaults, growth, protected columns.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -28,7 +27,6 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     EXPECT_EQ(104, Add(p_table, {{"k", I64(1)}, {"nope", I64(2)}}));
     EXPECT_EQ(104, Add(p_table, {{"k", I64(1)}, {"s", Str("a")}, {"s", Str("b")}}));
     EXPECT_EQ(107, Add(p_table, {{"s", Str("a")}, {"n", I32(1)}}));
-    EXPECT_EQ(100, sr_add_row_1(nullptr, nullptr, nullptr, 0));
     EXPECT_EQ(0u, p_table->total_applied_rows);
     ASSERT_EQ(0, Add(p_table, {{"k", I64(1)}}));
     EXPECT_EQ(0u, FixedOf(p_table, 1));  // the failures left no slot taken
@@ -170,7 +168,6 @@ TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {
     EXPECT_EQ(203, sr_set_field_by_fixed_index_1(p_table, -1, s, &a));
     EXPECT_EQ(204, sr_set_field_by_fixed_index_1(p_table, 5, s, &a));
     EXPECT_EQ(202, sr_set_field_by_key_1(p_table, I64(9), s, &a));
-    EXPECT_EQ(100, sr_set_field_by_index_1(nullptr, 0, s, &a));
     ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
     EXPECT_EQ(204, sr_set_field_by_index_1(p_table, 1, s, &a));
     ASSERT_EQ(0, sr_apply_1(p_table, 0));

@@ -1,5 +1,4 @@
-// The application metadata store: versions sharing blocks, the sorted index,
-// duplication, and allocation failures.
+// The application metadata store: versions, the sorted index, copies, failures.
 #include <gtest/gtest.h>
 
 #include <cstdarg>

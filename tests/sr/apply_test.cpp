@@ -1,5 +1,4 @@
-// Apply: what reaches the table file (append) or the rewrite file (rewrite),
-// in which gather writes, with which commit record; the block rule.
+// Apply: what reaches the table file or the rewrite file, in which writes.
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>

@@ -1,5 +1,4 @@
-// Reading fields: the version and row state a reader sees, the ways to name a
-// row, key comparison, updated rows, readers beside a writer.
+// Reading fields: versions and row states, unreadable rows, readers beside a writer.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 

@@ -1,5 +1,4 @@
-// Selection: `$` items, expressions over every column type, skipped rows,
-// deleting by criteria, the committed view, sr_select_1, duplicate keys.
+// Selection over every column type, `$` items, the committed view, sr_select_1.
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -241,7 +240,6 @@ TEST_F(SelectTest, SelectBuildsAnUnnamedTableWithTheKeyFirstAndOnce) {
     const char *unknown[] = {"nosuch"};
     EXPECT_EQ(105, sr_select_1(p, const_cast<qx_char_ptr_t *>(unknown), 1, &result, nullptr));
     EXPECT_EQ(104, sr_select_1(p, nullptr, 2, &result, nullptr));
-    EXPECT_EQ(100, sr_select_1(nullptr, nullptr, 0, &result, nullptr));
     EXPECT_EQ(109, sr_select_1(p, nullptr, 0, &result, const_cast<char *>("k == $")));
     EXPECT_EQ(11, sr_select_1(p, nullptr, 0, &result, const_cast<char *>("nosuch > 1")));
     EXPECT_EQ(nullptr, static_cast<sr_i_tree_t *>(tree_)->p_unnamed_tables);
@@ -281,9 +279,8 @@ TEST_F(SelectConcurrencyTest, ReadersSelectTheSameTableAtOnce) {
     std::vector<int> failures(4, 0);
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 200; ++i) {
+            for (int i = 0; i < 200; ++i)
                 failures[t] += Sel(p, 0, "name =~ 'a$' && nums CONTAINS $I", 2) != Rows{0};
-            }
         });
     }
     for (std::thread &th : threads) th.join();

@@ -1,5 +1,4 @@
-// Helpers shared by the table tests: raw file bytes and hand-made records, a
-// tree with one mounted directory, typed values, and rows added and read back.
+// Helpers of the table tests: file bytes and records, a mounted tree, rows.
 #ifndef QX_TESTS_SR_TABLE_TEST_UTIL_H
 #define QX_TESTS_SR_TABLE_TEST_UTIL_H
 
