@@ -1,6 +1,4 @@
-// Creating, opening, closing and deleting tables: column validation, modes,
-// shared records, transient tables outliving their last close, deletion while
-// open, and what a failed create leaves.
+// Creating, opening, closing and deleting tables, and what a failed create leaves.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -27,23 +25,10 @@ class CreateOpenTest : public RowsTest {
         EXPECT_EQ(sr_open_table_1(tree_, Text(path), mode, &table), expected) << path << mode;
         return static_cast<sr_i_table_t *>(table);
     }
-    // Column c1 of the row with key `key`, or -1.
-    static qx_int64_t ValueOf(sr_opaque_handle_t table, qx_int64_t key) {
-        qx_value_t v{};
-        return sr_get_field_by_key_1(table, I64(key), const_cast<char *>("c1"), &v) ? -1
-                                                                                    : v.val_int64;
-    }
-    qx_int32_t AddC1(sr_i_table_t *p_table, qx_int64_t key, qx_value_t value) {
-        return Add(p_table, {{"k", I64(key)}, {"c1", value}});
+    qx_int32_t AddC1(sr_i_table_t *p_table, qx_int64_t key, qx_int64_t c1) {
+        return Add(p_table, {{"k", I64(key)}, {"c1", I64(c1)}});
     }
 };
-
-qx_uint32_t HashFirstByte(const void *p_key) {
-    return *static_cast<const unsigned char *>(p_key) % 7;
-}
-qx_int32_t CompareInt64(const void *p1, const void *p2) {
-    return std::memcmp(p1, p2, 8);
-}
 
 TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
     auto columns = ScalarColumns(2);
@@ -52,10 +37,8 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
     EXPECT_EQ(sr_create_table_1(tree_, Text("/t"), columns.data(), 2, 8, &table), 103);
     EXPECT_EQ(sr_create_table_1(tree_, Text("/t"), columns.data(), 2, -1, &table), 103);
     EXPECT_EQ(sr_create_table_1(tree_, Text("/a b"), columns.data(), 2, 2, &table), 102);
-    EXPECT_EQ(sr_create_table_1(tree_, nullptr, columns.data(), 2, 2, &table), 102);
-    EXPECT_EQ(last_error().message, "2605-102 <NULL POINTER> is an invalid pathname.\n");
     EXPECT_EQ(sr_create_table_1(tree_, Text("/t"), columns.data(), 0, 2, &table), 104);
-    EXPECT_EQ(last_error().code, 104);
+    const std::string too_long(256, 'a'), longest(255, 'z');
     const struct {
         int column;
         const char *name;  // nullptr: keep
@@ -65,10 +48,9 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
         const char *message = nullptr;
     } cases[] = {
         {1, "1abc", -1, -1, 105},
-        {1, "a b", -1, -1, 105},
         {1, "", -1, -1, 105},
-        {1, "a-b", -1, -1, 105},
         {1, "_a", -1, -1, 105},
+        {1, too_long.c_str(), -1, -1, 105},
         {0, nullptr, QX_BINARY_PTR, -1, 105},
         {0, nullptr, QX_INT32_ARRAY, -1, 105},
         {1, nullptr, 23, -1, 105},
@@ -79,6 +61,7 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
         {2, nullptr, -1, SR_PRIMARY_KEY_NOCHECK, 108},
         {2, "c1", -1, -1, 106, "2605-106 More than one column with the same name was supplied.\n"},
         {1, "a1_", -1, -1, 0},
+        {1, longest.c_str(), -1, -1, 0},
         {0, nullptr, -1, SR_PRIMARY_KEY | SR_PROTECTED | SR_INVISIBLE, 0},
     };
     int n = 0;
@@ -91,14 +74,9 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
         EXPECT_EQ(TryCreate("/t" + std::to_string(n++), columns), c.rc) << n;
         EXPECT_EQ(last_error().message, c.message ? c.message : last_error().message);
     }
-    columns = ScalarColumns(2);
     columns[1].name = nullptr;
     EXPECT_EQ(TryCreate("/t", columns), 105);
-    columns[1].name = Text(std::string(256, 'a'));
-    EXPECT_EQ(TryCreate("/t", columns), 105);
-    columns[1].name = Text(std::string(255, 'z'));
-    EXPECT_EQ(TryCreate("/t", columns), 0);
-    EXPECT_EQ(TryCreate("/t", columns), 201);
+    EXPECT_EQ(TryCreate("/t" + std::to_string(n - 1), columns = ScalarColumns(2)), 201);
     EXPECT_EQ(last_error().message, "2605-201 The table already exists.\n");
     WriteBytes(File("f"), "not a table");
     EXPECT_EQ(TryCreate("/m/f", columns), 201);
@@ -108,13 +86,10 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
 
 // Another process creates the table between this create's check for it and
 // the rename of the new file into place (here: during the new file's sync).
-std::string Appearing_Path;
-std::string Appearing_Bytes;
+std::string Appearing_Path, Appearing_Bytes;
 int SyncWhileATableAppears(int fd) {
-    if (!Appearing_Path.empty()) {
-        WriteBytes(Appearing_Path, Appearing_Bytes);
-        Appearing_Path.clear();
-    }
+    if (!Appearing_Path.empty()) WriteBytes(Appearing_Path, Appearing_Bytes);
+    Appearing_Path.clear();
     return fdatasync(fd);
 }
 
@@ -123,58 +98,39 @@ TEST_F(CreateOpenTest, FailedCreatesLeaveNoFileAndTheCallersArrayUnchanged) {
     Appearing_Bytes = ReadBytes(File("other"));
     Appearing_Path = File("t");
     sr_i_file_ops.p_fdatasync = SyncWhileATableAppears;
-    std::vector<sr_column_t> columns = ScalarColumns(2);
-    EXPECT_EQ(TryCreate("/m/t", columns),
-              SR_E_TABLE_EXISTS);  // the other table stays
+    std::vector<sr_column_t> columns = ScalarColumns(3);
+    EXPECT_EQ(TryCreate("/m/t", columns), SR_E_TABLE_EXISTS);  // the other table stays
     sr_i_file_ops = sr_i_default_file_ops;
     EXPECT_EQ(ReadBytes(File("t")), Appearing_Bytes);
     EXPECT_FALSE(Exists(File("t.rewrite")));
     ASSERT_EQ(unlink(File("t").c_str()), 0);
 
-    columns = ScalarColumns(3);
     columns[2].type = QX_CHAR_PTR;
     columns[2].default_value.ptr_char = Text("default");
     std::swap(columns[0], columns[1]);
     const std::vector<sr_column_t> given = columns;
     auto unchanged = [&] {
-        EXPECT_FALSE(Exists(File("t")));
-        EXPECT_FALSE(Exists(File("t.rewrite")));
-        for (size_t i = 0; i < given.size(); ++i) {
-            EXPECT_EQ(std::memcmp(&columns[i], &given[i], sizeof(sr_column_t)), 0) << i;
-        }
+        EXPECT_FALSE(Exists(File("t")) || Exists(File("t.rewrite")));
+        EXPECT_EQ(std::memcmp(columns.data(), given.data(), 3 * sizeof(sr_column_t)), 0);
     };
     sr_i_file_ops.p_writev = [](int, const struct iovec *, int) -> ssize_t {
         errno = ENOSPC;
         return -1;
     };
-    EXPECT_EQ(TryCreate("/m/t", columns), 13);
-    sr_i_file_ops = sr_i_default_file_ops;
-    unchanged();
+    EXPECT_EQ(TryCreate("/m/t", columns), SR_E_FILESYSTEM_FULL);
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     ASSERT_EQ(chdir(tmp_.path().c_str()), 0);  // the sync capture file lands here
+    sr_i_file_ops = sr_i_default_file_ops;
     sr_i_file_ops.p_fdatasync = [](int) -> int {
         errno = EIO;
         return -1;
     };
-    EXPECT_EQ(TryCreate("/m/t", columns), 10);
+    EXPECT_EQ(TryCreate("/m/t", columns), SR_E_SYSTEM_CALL);
     sr_i_file_ops = sr_i_default_file_ops;
     ASSERT_EQ(chdir(cwd), 0);
     unchanged();
-    // Every allocation failed in turn: 12 and nothing left behind.
-    qx_int64_t n = 0;
-    for (;; ++n) {
-        ASSERT_LT(n, 200);
-        sr_i_alloc_fail_after(n);
-        qx_int32_t rc = TryCreate("/m/t", columns);
-        bool failed_inside = sr_i_alloc_failure_pending() == 0;
-        sr_i_alloc_fail_after(-1);
-        if (rc == 0) break;
-        EXPECT_TRUE(failed_inside) << n;
-        EXPECT_EQ(rc, 12) << n;
-        unchanged();
-    }
-    EXPECT_GT(n, 3);
+    EXPECT_GT(UntilNoAllocationFails([&] { return TryCreate("/m/t", columns); }, unchanged), 3);
     qx_pmsg_anchor_t anchor;  // the packed default's anchor is left in the caller's array
     std::memcpy(&anchor, &columns[2].default_value, 8);
     EXPECT_EQ(anchor.length, 8u);
@@ -183,7 +139,6 @@ TEST_F(CreateOpenTest, FailedCreatesLeaveNoFileAndTheCallersArrayUnchanged) {
     ASSERT_EQ(sr_get_table_metadata_1(Open("/m/t", 2), -1, &p_metadata), 0);
     EXPECT_STREQ(p_metadata->column_definitions[0].name, "k");
     EXPECT_STREQ(p_metadata->column_definitions[1].name, "c1");
-    EXPECT_STREQ(p_metadata->column_definitions[2].name, "c2");
     sr_free_table_metadata_1(p_metadata);
 }
 
@@ -192,54 +147,41 @@ TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
     sr_opaque_handle_t table = nullptr, again = nullptr;
     auto create = [&](const char *path, qx_uint32_t buckets) {
         return sr_create_hashed_key_table_1(tree_, Text(path), columns.data(), 2, 6, buckets,
-                                            HashFirstByte, CompareInt64, &table);
+                                            HashI64, CompareI64, &table);
     };
     auto open = [&](const char *path, int mode, qx_uint32_t buckets, sr_opaque_handle_t *p_out) {
-        return sr_open_hashed_key_table_1(tree_, Text(path), mode, buckets, HashFirstByte,
-                                          CompareInt64, p_out);
+        return sr_open_hashed_key_table_1(tree_, Text(path), mode, buckets, HashI64, CompareI64,
+                                          p_out);
     };
     EXPECT_EQ(create("/h", 0), 101);
     columns[0].qualifier = SR_STANDARD;  // the failed validation closes the index it was given
-    EXPECT_EQ(create("/h", 7), 107);
+    EXPECT_EQ(create("/h", 1024), 107);
     columns[0].qualifier = SR_PRIMARY_KEY;
-    ASSERT_EQ(create("/m/h", 7), 0);
+    ASSERT_EQ(create("/m/h", 1024), 0);
     auto *p_table = static_cast<sr_i_table_t *>(table);
-    EXPECT_EQ(p_table->p_rows_hash_table->total_hash_buckets, 7u);
-    for (int k = 1; k <= 20; ++k) ASSERT_EQ(AddC1(p_table, k, I64(k * 10)), 0);
+    for (int k = 1; k <= 20; ++k) ASSERT_EQ(AddC1(p_table, k, k * 10), 0);
     ASSERT_EQ(ApplyCommit(p_table), 0);
     EXPECT_EQ(sr_close_table_1(table), 0);
     // A second open keeps the first one's index; an open that makes no
     // record closes the index it made.
-    ASSERT_EQ(open("/m/h", 2, 7, &table), 0);
+    ASSERT_EQ(open("/m/h", 2, 1024, &table), 0);
     ASSERT_EQ(open("/m/h", 2, 3, &again), 0);
     EXPECT_EQ(again, table);
-    EXPECT_EQ(static_cast<sr_i_table_t *>(table)->p_rows_hash_table->total_hash_buckets, 7u);
-    EXPECT_EQ(ValueOf(table, 13), 130);
+    EXPECT_EQ(static_cast<sr_i_table_t *>(table)->p_rows_hash_table->total_hash_buckets, 1024u);
+    EXPECT_EQ(Val(table, 13, "c1").val_int64, 130);
     EXPECT_EQ(open("/m/nowhere", 2, 7, &again), 200);
-    EXPECT_EQ(open("/nowhere", 2, 7, &again), 200);
     EXPECT_EQ(open("/nowhere", 4, 7, &again), 103);
     EXPECT_EQ(open("/t", 2, 0, &again), 101);
-    ASSERT_EQ(sr_close_table_1(table), 0);
-    ASSERT_EQ(sr_close_table_1(table), 0);
-    for (qx_int64_t n = 0;; ++n) {  // every allocation of a load with its index failing
-        ASSERT_LT(n, 200);
-        sr_i_alloc_fail_after(n);
-        qx_int32_t rc = open("/m/h", 1, 7, &table);
-        sr_i_alloc_fail_after(-1);
-        if (rc == 0) break;
-        EXPECT_EQ(rc, 12) << n;
-    }
-    EXPECT_EQ(ValueOf(table, 20), 200);
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(sr_close_table_1(table), 0);
+    EachAllocationFailure([&] { return open("/m/h", 1, 1024, &table); }, [] {});
+    EXPECT_EQ(Val(table, 20, "c1").val_int64, 200);
 }
 
 TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
-    for (int mode : {0, 4, 5, 8, -1, 100}) {
-        Open("/m/t", mode, 103);
-        EXPECT_EQ(last_error().message,
-                  "2605-103 An invalid mode was specified while trying to create "
-                  "or open the table.\n");
-    }
+    for (int mode : {0, 4, 5, 8, -1, 100}) Open("/m/t", mode, 103);
+    EXPECT_EQ(last_error().message,
+              "2605-103 An invalid mode was specified while trying to create or open the table.\n");
     const struct {
         int mode;
         qx_uint32_t normalised, implicit;
@@ -263,11 +205,8 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     sr_i_table_t *p_writer = Open("/m/t", 2);
     ASSERT_EQ(p_writer, p_reader);
     EXPECT_EQ(fcntl(p_writer->file_fd, F_GETFL) & O_ACCMODE, O_RDWR);
-    EXPECT_EQ(p_writer->mode, 2u);
     Open("/m/t", 6, 211);
-    EXPECT_EQ(last_error().code, 211);
-    EXPECT_EQ(Open("/m/t", 1),
-              p_writer);  // a reader shares the writer's record unchanged
+    EXPECT_EQ(Open("/m/t", 1), p_writer);  // a reader shares the writer's record unchanged
     EXPECT_EQ(p_writer->mode, 2u);
     EXPECT_EQ(p_writer->references, 3u);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(sr_close_table_1(p_writer), 0);
@@ -281,28 +220,21 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     EXPECT_EQ(sr_delete_table_1(nullptr, Text("/t")), 100);
     Open("/nowhere", 2, 200);
     EXPECT_EQ(last_error().message, "2605-200 The table does not exist.\n");
-    Open("/m/nowhere", 2, 200);
     WriteBytes(File("short"), std::string(12, '\0'));
     Open("/m/short", 1, 14);
     EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n");
-    if (geteuid() != 0) {
-        ASSERT_EQ(sr_close_table_1(Create("/m/ro", ScalarColumns(2))), 0);
-        ASSERT_EQ(chmod(File("ro").c_str(), 0444), 0);
-        Open("/m/ro", 2, 206);
-        EXPECT_NE(Open("/m/ro", 1), nullptr);
-    }
 }
 
 TEST_F(CreateOpenTest, TransientTablesOutliveTheirLastCloseUntilDeleted) {
     sr_i_table_t *p_table = Create("/t", ScalarColumns(2), 6);
-    ASSERT_EQ(AddC1(p_table, 1, I64(10)), 0);
+    ASSERT_EQ(AddC1(p_table, 1, 10), 0);
     ASSERT_EQ(ApplyCommit(p_table), 0);
     ASSERT_EQ(sr_close_table_1(p_table), 0);
     // Opened again: the same record and rows, its modes set afresh.
     EXPECT_EQ(Open("/t", 1), p_table);
     EXPECT_EQ(p_table->implicitly_controlled, 1u);
-    EXPECT_EQ(ValueOf(p_table, 1), 10);
-    EXPECT_EQ(AddC1(p_table, 3, I64(30)), 206);
+    EXPECT_EQ(Val(p_table, 1, "c1").val_int64, 10);
+    EXPECT_EQ(AddC1(p_table, 3, 30), 206);
     EXPECT_EQ(Open("/t", 6), p_table);  // read-only transient: just takes write
     EXPECT_EQ(p_table->mode, 2u);
     EXPECT_EQ(sr_close_table_1(p_table), 0);
@@ -325,18 +257,14 @@ TEST_F(CreateOpenTest, PersistentTableDeletedWhileOpenKeepsItsHandle) {
     sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2));
     WriteBytes(File("t.rewrite"), "left by a crash");
     ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
-    EXPECT_FALSE(Exists(File("t")));
-    EXPECT_FALSE(Exists(File("t.rewrite")));
+    EXPECT_FALSE(Exists(File("t")) || Exists(File("t.rewrite")));
     struct stat st;
     EXPECT_EQ(fstat(p_table->file_fd, &st), 0);
     EXPECT_EQ(st.st_nlink, 0u);
-    EXPECT_EQ(AddC1(p_table, 1, I64(1)), 0);
+    EXPECT_EQ(AddC1(p_table, 1, 1), 0);
     Open("/m/t", 1, 200);
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 200);
     EXPECT_EQ(sr_close_table_1(p_table), 0);
-    ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
-    EXPECT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
-    EXPECT_FALSE(Exists(File("t")));
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/m/a b")), 102);
 }
 
@@ -344,52 +272,40 @@ TEST_F(CreateOpenTest, PersistentTableDeletedWhileOpenKeepsItsHandle) {
 // the array points at, committed at once and never copied.
 TEST_F(CreateOpenTest, PackedRowsBecomeAReadOnlyCommittedTableInPlace) {
     FileImage rows;
-    rows.Row(0, {1, 10});
-    rows.Row(0, {2, 20});
-    rows.Row(0, {3, 30});
-    auto make_array = [&](std::vector<qx_uint32_t> offsets) {
+    for (qx_uint64_t k : {1, 2, 3, 2}) rows.Row(0, {k, k * 10});
+    auto columns = ScalarColumns(2);
+    sr_opaque_handle_t table = nullptr;
+    auto create = [&](const char *path, std::vector<qx_uint32_t> offsets) {
         auto *p_array = static_cast<qx_array_t *>(std::malloc(QX_ARRAY_SIZE(offsets.size())));
         p_array->element_count = static_cast<qx_uint32_t>(offsets.size());
         for (size_t i = 0; i < offsets.size(); ++i)
             p_array->elements[i].ptr_char = rows.bytes.data() + offsets[i];
-        return p_array;
+        return sr_x_create_table(tree_, Text(path), columns.data(), 2, 1, nullptr, p_array, &table);
     };
-    auto columns = ScalarColumns(2);
-    sr_opaque_handle_t table = nullptr;
-    ASSERT_EQ(sr_x_create_table(tree_, Text("/m/packed"), columns.data(), 2, 1, nullptr,
-                                make_array({0, 32, 64}), &table),
-              0);
+    ASSERT_EQ(create("/m/packed", {0, 32, 64}), 0);
     auto *p_table = static_cast<sr_i_table_t *>(table);
     EXPECT_FALSE(Exists(File("packed")));  // never a file, even under a mount point
     EXPECT_EQ(p_table->total_committed_rows, 3u);
-    EXPECT_EQ(ValueOf(table, 2), 20);
-    EXPECT_EQ(AddC1(p_table, 4, I64(40)), 206);
+    EXPECT_EQ(Val(table, 2, "c1").val_int64, 20);
+    EXPECT_EQ(AddC1(p_table, 4, 40), 206);
     for (qx_uint32_t i = 0; i < 3; ++i) {
         const sr_i_index_entry_t &e = p_table->p_rows_fixed_index[p_table->p_rows_packed_index[i]];
         EXPECT_EQ(e.p_committed, rows.bytes.data() + 32 * i + 12);
     }
     // Its name is free again once it is closed: the caller's buffer may go.
     EXPECT_EQ(sr_close_table_1(table), 0);
-    ASSERT_EQ(sr_x_create_table(tree_, Text("/m/packed"), columns.data(), 2, 1, nullptr,
-                                make_array({64}), &table),
-              0);
+    ASSERT_EQ(create("/m/packed", {64}), 0);
     EXPECT_EQ(sr_close_table_1(table), 0);
     // Two rows of one key: 108, and the array goes with the failed table.
-    rows.Row(0, {2, 21});
-    EXPECT_EQ(sr_x_create_table(tree_, Text("/dup"), columns.data(), 2, 1, nullptr,
-                                make_array({0, 32, 96}), &table),
-              108);
-    EXPECT_EQ(sr_x_create_table(tree_, Text("/a b"), columns.data(), 2, 1, nullptr, make_array({0}),
-                                &table),
-              102);
+    EXPECT_EQ(create("/dup", {0, 32, 96}), 108);
+    EXPECT_EQ(create("/a b", {0}), 102);
 }
 
 TEST_F(CreateOpenTest, ClosingATreeClosesItsTablesAndGivesUpTheirLocks) {
-    sr_opaque_handle_t other = nullptr;
+    sr_opaque_handle_t other = nullptr, table = nullptr;
     ASSERT_EQ(sr_open_tree_1(&other, 0, 0), 0);
     ASSERT_EQ(sr_mount_local_tree_1(other, Text("/m"), Text(tmp_.file("d")), 1), 0);
     std::vector<sr_column_t> columns = ScalarColumns(2);
-    sr_opaque_handle_t table = nullptr;
     ASSERT_EQ(sr_create_table_1(other, Text("/m/t"), columns.data(), 2, 2, &table), 0);
     ASSERT_EQ(sr_create_table_1(other, Text("/t"), columns.data(), 2, 2, &table), 0);
     sr_close_tree_1(other);

@@ -1,6 +1,4 @@
-// Helpers shared by the table file, create/open and cross-process tests: a
-// tree with one mounted directory, column definitions, raw file bytes, and a
-// builder that appends hand-made records to a table file image.
+// Helpers of the table tests: file bytes and records, a mounted tree, rows.
 #ifndef QX_TESTS_SR_TABLE_TEST_UTIL_H
 #define QX_TESTS_SR_TABLE_TEST_UTIL_H
 
@@ -15,6 +13,7 @@
 #include <iterator>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sr/test_util.h"
@@ -37,35 +36,29 @@ inline bool Exists(const std::string &path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-inline qx_uint32_t U32At(const std::string &bytes, size_t offset) {
-    qx_uint32_t v = 0;
-    std::memcpy(&v, bytes.data() + offset, 4);
+// A host-format word of a byte string, at any alignment.
+template <class T>
+T WordAt(const std::string &bytes, size_t offset) {
+    T v = 0;
+    std::memcpy(&v, bytes.data() + offset, sizeof v);
     return v;
 }
-inline qx_uint64_t U64At(const std::string &bytes, size_t offset) {
-    qx_uint64_t v = 0;
-    std::memcpy(&v, bytes.data() + offset, 8);
-    return v;
-}
+inline const auto U32At = WordAt<qx_uint32_t>;
+inline const auto U64At = WordAt<qx_uint64_t>;
 
-// One 32-byte column entry of a metadata record, as the file holds it.
+// One 32-byte column entry of a metadata record, as the file holds it (name
+// and sd_defn are offsets into the record's indirect data area).
 constexpr size_t kColumnEntry = 32;
 struct ColumnEntry {
-    qx_uint32_t name;  // offsets into the record's indirect data area
-    qx_uint32_t type;
-    qx_uint32_t qualifier;
+    qx_uint32_t name, type, qualifier;
     qx_int32_t properties;
-    qx_uint32_t sd_defn;
+    qx_uint32_t sd_defn, reserved;
     qx_uint64_t default_value;
 };
+static_assert(sizeof(ColumnEntry) == kColumnEntry);
 inline ColumnEntry ColumnEntryAt(const std::string &bytes, size_t offset) {
     ColumnEntry e{};
-    std::memcpy(&e.name, bytes.data() + offset, 4);
-    std::memcpy(&e.type, bytes.data() + offset + 4, 4);
-    std::memcpy(&e.qualifier, bytes.data() + offset + 8, 4);
-    std::memcpy(&e.properties, bytes.data() + offset + 12, 4);
-    std::memcpy(&e.sd_defn, bytes.data() + offset + 16, 4);
-    std::memcpy(&e.default_value, bytes.data() + offset + 24, 8);
+    std::memcpy(&e, bytes.data() + offset, sizeof e);
     return e;
 }
 
@@ -137,10 +130,21 @@ struct FileImage {
         return at;
     }
     // Turns the commit record at `offset` into free space, as commit does.
-    void Retire(qx_uint32_t offset) {
-        qx_uint32_t zero = 0;
-        std::memcpy(bytes.data() + offset + 8, &zero, 4);
-    }
+    void Retire(qx_uint32_t offset) { std::memset(bytes.data() + offset + 8, 0, 4); }
+};
+
+// A value with one member set, the rest of its 8 bytes zero.
+template <auto Member, class T>
+qx_value_t MakeValue(T v) {
+    qx_value_t x{};
+    x.*Member = v;
+    return x;
+}
+inline const auto I64 = [](qx_int64_t v) { return MakeValue<&qx_value_t::val_int64>(v); };
+inline const auto I32 = [](qx_int32_t v) { return MakeValue<&qx_value_t::val_int32>(v); };
+inline const auto F64 = [](double v) { return MakeValue<&qx_value_t::val_float64>(v); };
+inline const auto Str = [](const char *s) {
+    return MakeValue<&qx_value_t::ptr_char>(const_cast<char *>(s));
 };
 
 // A tree with "/m" mounted on a fresh directory.
@@ -179,15 +183,13 @@ class TableTest : public ::testing::Test {
 
     // A key column of INT64 and further INT64 columns named c1, c2, ...
     std::vector<sr_column_t> ScalarColumns(int total) {
-        std::vector<sr_column_t> columns;
+        std::vector<sr_column_t> columns(static_cast<size_t>(total));
         for (int i = 0; i < total; ++i) {
-            sr_column_t c{};
-            c.name = Text(i == 0 ? "k" : "c" + std::to_string(i));
-            c.type = QX_INT64;
-            c.qualifier = i == 0 ? SR_PRIMARY_KEY : SR_STANDARD;
-            c.default_value.val_int64 = 100 + i;
-            columns.push_back(c);
+            columns[i] = {
+                Text(i ? "c" + std::to_string(i) : "k"), QX_INT64, SR_STANDARD, 0, {}, {}};
+            columns[i].default_value = I64(100 + i);
         }
+        if (total > 0) columns[0].qualifier = SR_PRIMARY_KEY;
         return columns;
     }
 
@@ -223,6 +225,122 @@ class TableTest : public ::testing::Test {
     TempDir tmp_;
     sr_opaque_handle_t tree_ = nullptr;
     std::list<std::string> texts_;
+};
+
+// Keys of 8-byte integers spread over 1024 buckets.
+inline qx_uint32_t HashI64(const void *p_key) {
+    qx_int64_t v;
+    std::memcpy(&v, p_key, sizeof v);
+    return static_cast<qx_uint32_t>(static_cast<qx_uint64_t>(v) % 1024);
+}
+inline qx_int32_t CompareI64(const void *p_a, const void *p_b) {
+    qx_int64_t a, b;
+    std::memcpy(&a, p_a, sizeof a);
+    std::memcpy(&b, p_b, sizeof b);
+    return a < b ? -1 : (a > b ? 1 : 0);
+}
+
+// Like EachAllocationFailure, for calls that may do without an allocation
+// that failed: runs until one succeeds; returns how many failed first.
+template <typename Attempt, typename OnFailure>
+int UntilNoAllocationFails(Attempt attempt, OnFailure on_failure) {
+    for (qx_int64_t n = 0; n < 1000; ++n) {
+        sr_i_alloc_fail_after(n);
+        const qx_int32_t rc = attempt();
+        const bool failed = sr_i_alloc_failure_pending() == 0;
+        sr_i_alloc_fail_after(-1);
+        if (rc == 0) return static_cast<int>(n);
+        EXPECT_TRUE(failed && rc == SR_E_NO_MEMORY) << n << " " << rc;
+        on_failure();
+    }
+    ADD_FAILURE() << "never succeeded";
+    return -1;
+}
+
+// A table: "k" INT64 key, "s" CHAR_PTR (default "dflt"), "n" INT32 (default 7).
+class RowsTest : public TableTest {
+  protected:
+    std::vector<sr_column_t> Columns(qx_uint32_t key_qualifier = SR_PRIMARY_KEY) {
+        std::vector<sr_column_t> columns{{Text("k"), QX_INT64, key_qualifier, 0, nullptr, {}},
+                                         {Text("s"), QX_CHAR_PTR, SR_STANDARD, 0, nullptr, {}},
+                                         {Text("n"), QX_INT32, SR_STANDARD, 0, nullptr, I32(7)}};
+        columns[1].default_value.ptr_char = Text("dflt");
+        return columns;
+    }
+
+    // Paths under "/m/" are persistent; `hashed` adds the INT64 hashed key index.
+    sr_i_table_t *Make(const std::string &path, std::vector<sr_column_t> columns, int mode,
+                       bool hashed = false) {
+        sr_opaque_handle_t table = nullptr;
+        const auto count = static_cast<qx_uint32_t>(columns.size());
+        EXPECT_EQ(hashed
+                      ? sr_create_hashed_key_table_1(tree_, Text(path), columns.data(), count, mode,
+                                                     1024, HashI64, CompareI64, &table)
+                      : sr_create_table_1(tree_, Text(path), columns.data(), count, mode, &table),
+                  0)
+            << path;
+        return static_cast<sr_i_table_t *>(table);
+    }
+    sr_i_table_t *Make(const std::string &path, int mode, bool hashed = false) {
+        return Make(path, Columns(), mode, hashed);
+    }
+
+    // sr_add_row_1 with (name, value) pairs.
+    qx_int32_t Add(sr_i_table_t *p_table, std::vector<std::pair<const char *, qx_value_t>> fields) {
+        std::vector<qx_char_ptr_t> names;
+        std::vector<qx_value_t *> values;
+        for (auto &field : fields) {
+            names.push_back(const_cast<char *>(field.first));
+            values.push_back(&field.second);
+        }
+        return sr_add_row_1(p_table, names.data(), values.data(),
+                            static_cast<qx_uint32_t>(names.size()));
+    }
+    qx_int32_t AddRow(sr_i_table_t *p_table, qx_int64_t key, const char *s, qx_int32_t n) {
+        return Add(p_table, {{"k", I64(key)}, {"s", Str(s)}, {"n", I32(n)}});
+    }
+
+    // One field by packed index with visibility.
+    qx_int32_t Get(sr_i_table_t *p_table, qx_int32_t row, const char *column, qx_value_t *p_value,
+                   qx_uint32_t visible = 0, sr_row_state_t *p_state = nullptr) {
+        sr_row_state_t ignored;
+        return sr_get_field_by_index_and_visibility_1(p_table, row, const_cast<char *>(column),
+                                                      p_value, visible,
+                                                      p_state != nullptr ? p_state : &ignored);
+    }
+    // Column "s" of the row with key `key`, or "<code>"; column "n", or -code.
+    std::string TextOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
+        qx_value_t value{};
+        qx_int32_t rc = ByKey(p_table, key, "s", &value, visible);
+        return rc != 0 ? "<" + std::to_string(rc) + ">" : value.ptr_char;
+    }
+    qx_int32_t IntOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
+        qx_value_t value{};
+        qx_int32_t rc = ByKey(p_table, key, "n", &value, visible);
+        return rc != 0 ? -rc : value.val_int32;
+    }
+    // Column `column` of the row with key `key` in the working version.
+    static qx_value_t Val(sr_opaque_handle_t table, qx_int64_t key, const char *column) {
+        qx_value_t v{};
+        EXPECT_EQ(0, sr_get_field_by_key_1(table, I64(key), const_cast<char *>(column), &v))
+            << key << column;
+        return v;
+    }
+    static qx_int32_t ByKey(sr_i_table_t *p_table, qx_int64_t key, const char *column,
+                            qx_value_t *p_value, qx_uint32_t visible) {
+        sr_row_state_t state;
+        return sr_get_field_by_key_and_visibility_1(p_table, I64(key), const_cast<char *>(column),
+                                                    p_value, visible, &state);
+    }
+    qx_uint32_t FixedOf(sr_i_table_t *p_table, qx_int64_t key) {
+        qx_uint32_t fixed = 0xFFFFFFFF;
+        sr_get_fixed_row_index_for_key_1(p_table, I64(key), &fixed);
+        return fixed;
+    }
+    static qx_int32_t ApplyCommit(sr_i_table_t *p_table) {
+        qx_int32_t rc = sr_apply_1(p_table, 0);
+        return rc != 0 ? rc : sr_commit_1(p_table);
+    }
 };
 
 // The INT64 value of column `column` of a row record.
