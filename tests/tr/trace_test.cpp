@@ -180,7 +180,7 @@ TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
     ASSERT_EQ(Register("_SRA", "_SRA:API=1,Errors=2", trace_file_.c_str(), bytes), 0);
     EXPECT_EQ((A{1, 2, 0}), (A{bytes[0], bytes[1], bytes[2]}));
     EXPECT_NE(tr_i_component_traced("_SRA"), 0);
-    ASSERT_EQ(Register("_SRA", nullptr, trace_file_.c_str(), bytes), 0);
+    ASSERT_EQ(Register("_SRA", nullptr, nullptr, bytes), 0);
     EXPECT_EQ((A{0, 0, 0}), (A{bytes[0], bytes[1], bytes[2]}));
     EXPECT_EQ(tr_i_component_traced("_SRA"), 0);
     EXPECT_EQ(tr_i_active.load(), 0);
