@@ -1,8 +1,5 @@
-// Selection expressions: what compiles and what is refused (with the position
-// and reason in the error record), what every operator yields on a row of
-// every column type laid out in the protocol form at odd addresses, the
-// per-row outcomes, bounded reads, and one compiled expression shared by
-// several threads.
+// Selection expressions: what compiles and what is refused (position and reason), every operator on
+// a protocol-form row of every column type at odd addresses, per-row outcomes, shared use.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
@@ -133,8 +130,8 @@ struct Compiled {
     Compiled &operator=(const Compiled &) = delete;
 };
 
-// Evaluates on a copy of the row placed at odd addresses: -1 when the
-// expression does not compile, else the outcome, with the match in *p_match.
+// Evaluates on a copy of the row at odd addresses: -1 when the text does not compile, else the
+// outcome, with the match in *p_match.
 int run(const char *text, const Row &row, int *p_match, uint32_t slot_count = UINT32_MAX) {
     Compiled c(text);
     if (c.rc != CU_OK) return -1;
@@ -151,8 +148,7 @@ int run(const char *text, const Row &row, int *p_match, uint32_t slot_count = UI
     return rc;
 }
 
-// The outcome on the sample row: "match", "no match", "outcome N" or the
-// compile error.
+// The outcome on the sample row: "match", "no match", "outcome N" or the compile error.
 std::string result(const std::string &text) {
     int match = 0;
     int rc = run(text.c_str(), sample_row(), &match);
@@ -171,17 +167,13 @@ void expect_refused(const std::string &text, const std::string &reason, int posi
     EXPECT_NE(std::string::npos, message.find(reason)) << text.substr(0, 40) << ": " << message;
 }
 
-TEST(ExprCompileTest, ResolvesEachNameOnceWithTheRightParent) {
-    std::vector<uint32_t> parents;
+TEST(ExprCompileTest, NamesResolveOnceAndRefusedTextsGiveThePositionAndReason) {
+    std::vector<uint32_t> parents;  // info, level (under info), nums, parts, what (under parts)
     Compiled c("info.level > 2 && nums[1] == 1 && parts[0].what == \"wheel\"", &parents);
     ASSERT_EQ(CU_OK, c.rc) << cu_test::current_message();
-    // info (top), level (under info), nums, parts, what (under parts)
     EXPECT_EQ(
         (std::vector<uint32_t>{CU_EXPR_TOP_LEVEL, 9, CU_EXPR_TOP_LEVEL, CU_EXPR_TOP_LEVEL, 13}),
         parents);
-}
-
-TEST(ExprCompileTest, RefusedTextsGiveThePositionAndReason) {
     const struct {
         const char *text;
         unsigned position;
