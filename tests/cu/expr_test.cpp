@@ -40,9 +40,9 @@ struct Column {
     const char *name;
     qx_data_type_t type;
 };
-
+// The top level's columns, and the fields of info (column 9) and of parts (column 13).
 // clang-format off
-const Column kColumns[] = {
+const std::vector<Column> kColumns = {
     {"i32", QX_INT32}, {"u32", QX_UINT32}, {"i64", QX_INT64}, {"u64", QX_UINT64},
     {"f32", QX_FLOAT32}, {"f64", QX_FLOAT64}, {"name", QX_CHAR_PTR}, {"blob", QX_BINARY_PTR},
     {"owner", QX_RSRC_HANDLE_PTR}, {"info", QX_SD_PTR}, {"sbs", QX_SBS_PTR},
@@ -50,28 +50,22 @@ const Column kColumns[] = {
     {"weird name", QX_INT32}, {"AND", QX_INT32}, {"doubles", QX_FLOAT64_ARRAY},
     {"blobs", QX_BINARY_PTR_ARRAY}};
 // clang-format on
-const Column kInfoFields[] = {{"level", QX_INT32}, {"label", QX_CHAR_PTR}, {"ratio", QX_FLOAT64}};
-const Column kPartFields[] = {{"id", QX_UINT32}, {"what", QX_CHAR_PTR}};
+const std::vector<Column> kInfoFields = {
+    {"level", QX_INT32}, {"label", QX_CHAR_PTR}, {"ratio", QX_FLOAT64}};
+const std::vector<Column> kPartFields = {{"id", QX_UINT32}, {"what", QX_CHAR_PTR}};
 
 qx_int32_t validate(void *token, qx_char_t *p_name, qx_uint32_t length, qx_uint32_t parent_id,
                     cu_validate_data_t *p_out) {
     if (token != nullptr) static_cast<std::vector<uint32_t> *>(token)->push_back(parent_id);
-    if (strlen(p_name) != length) return -1;
-    const Column *table = kColumns;
-    uint32_t n = sizeof(kColumns) / sizeof(kColumns[0]);
-    if (parent_id == 9) {
-        table = kInfoFields;
-        n = 3;
-    } else if (parent_id == 13) {
-        table = kPartFields;
-        n = 2;
-    } else if (parent_id != CU_EXPR_TOP_LEVEL) {
+    const std::vector<Column> &table = parent_id == 9    ? kInfoFields
+                                       : parent_id == 13 ? kPartFields
+                                                         : kColumns;
+    if (strlen(p_name) != length || (&table == &kColumns && parent_id != CU_EXPR_TOP_LEVEL)) {
         return -1;
     }
-    for (uint32_t i = 0; i < n; ++i) {
+    for (uint32_t i = 0; i < table.size(); ++i) {
         if (strcmp(table[i].name, p_name) == 0) {
-            p_out->id = i;
-            p_out->type = table[i].type;
+            *p_out = {i, table[i].type};
             return 0;
         }
     }
@@ -318,38 +312,35 @@ TEST(ExprEvalTest, ExpressionsOnTheSampleRow) {
         // A side that cannot be evaluated is unknown: the other side settles OR.
         "10 / (i32 + 5) == 1 || i32 < 0", "nums[9] == 1 or info.level == 7"};
     for (const std::string &text : matching) EXPECT_EQ("match", result(text)) << text;
-    const std::string not_matching[] = {
-        "i32 >= 0",
-        "f64 != 2.5",
-        "name =~ '^[0-9]+$'",
-        "name =~ '[+*]{2}x'",  // bracketed quantifier characters are literals
-        "name =~ '^" + nested + "x$'",
-        "name =~ '^(caf.)?( ?noir)+$'",
-        "i32 > 0 && 10 / (i32 + 5) == 1",
-        "nums[9] == 1 AND i32 > 0",
-        "i32 > 0 AND nums[9] == 1"};
-    for (const std::string &text : not_matching) EXPECT_EQ("no match", result(text)) << text;
-    const std::string arithmetic[] = {"i32 > 0 || 10 / (i32 + 5) == 1",
-                                      "10 / (i32 + 5) == 1 || nums[9] == 1",
-                                      "i64 / (i32 + 5) > 1",
-                                      "i64 % (i32 + 5) > 1",
-                                      "f64 / (i32 + 5) > 1",
-                                      "i64 * 9223372036854775807 > 1",
-                                      "(1 << (i32 + 70)) > 1",
-                                      "(1 << i32) > 1"};
-    for (const std::string &text : arithmetic) {
-        EXPECT_EQ("outcome " + std::to_string(CU_EXPR_ARITHMETIC), result(text)) << text;
-    }
-    // Otherwise the first outcome stands, also under NOT.
-    const std::string no_element[] = {"nums[9] == 1 AND i32 < 0",
-                                      "nums[9] == 1 || 10 / (i32 + 5) == 1",
-                                      "NOT (nums[9] == 1 || i32 > 0)",
-                                      "nums[5] == 1",
-                                      "nums[i32] == 1",
-                                      "parts[2].id == 1"};
-    for (const std::string &text : no_element) {
-        EXPECT_EQ("outcome " + std::to_string(CU_EXPR_NO_ELEMENT), result(text)) << text;
-    }
+    // An arithmetic fault or a missing element makes a side unknown; otherwise the first outcome
+    // stands, also under NOT.
+    const std::string no = "no match", fault = "outcome " + std::to_string(CU_EXPR_ARITHMETIC),
+                      absent = "outcome " + std::to_string(CU_EXPR_NO_ELEMENT);
+    const std::pair<std::string, std::string> others[] = {
+        {"i32 >= 0", no},
+        {"f64 != 2.5", no},
+        {"name =~ '^[0-9]+$'", no},
+        {"name =~ '[+*]{2}x'", no},  // bracketed quantifier characters are literals
+        {"name =~ '^" + nested + "x$'", no},
+        {"name =~ '^(caf.)?( ?noir)+$'", no},
+        {"i32 > 0 && 10 / (i32 + 5) == 1", no},
+        {"nums[9] == 1 AND i32 > 0", no},
+        {"i32 > 0 AND nums[9] == 1", no},
+        {"i32 > 0 || 10 / (i32 + 5) == 1", fault},
+        {"10 / (i32 + 5) == 1 || nums[9] == 1", fault},
+        {"i64 / (i32 + 5) > 1", fault},
+        {"i64 % (i32 + 5) > 1", fault},
+        {"f64 / (i32 + 5) > 1", fault},
+        {"i64 * 9223372036854775807 > 1", fault},
+        {"(1 << (i32 + 70)) > 1", fault},
+        {"(1 << i32) > 1", fault},
+        {"nums[9] == 1 AND i32 < 0", absent},
+        {"nums[9] == 1 || 10 / (i32 + 5) == 1", absent},
+        {"NOT (nums[9] == 1 || i32 > 0)", absent},
+        {"nums[5] == 1", absent},
+        {"nums[i32] == 1", absent},
+        {"parts[2].id == 1", absent}};
+    for (const auto &[text, outcome] : others) EXPECT_EQ(outcome, result(text)) << text;
 }
 
 TEST(ExprEvalTest, RowsOfAnotherShapeOrWithBadAnchorsAreSkippedNotFollowed) {
