@@ -135,7 +135,7 @@ TEST_F(PmsgClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemory
 }
 
 TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDropsARange) {
-    qx_array_t *texts = arena.array(1);
+    qx_array_t *texts = arena.array(std::vector<qx_value_t>(1));
     qx_value_t value;
     value.ptr_array = texts;
     std::vector<uint64_t> area(16);
@@ -278,9 +278,9 @@ TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow)
     EXPECT_TRUE(before == area) << "nothing is converted on failure";
     // And a caller's value nested as deep is refused when built.
     for (int depth : {32, 33}) {
-        qx_structured_data_t *p_inner = arena.sd(0);
+        qx_structured_data_t *p_inner = arena.sd({});
         for (int level = 0; level < depth; level++) {
-            qx_structured_data_t *p_outer = arena.sd(1);
+            qx_structured_data_t *p_outer = arena.sd({{}});
             p_outer->elements[0] = {QX_SD_PTR, 0, {.ptr_sd = p_inner}};
             p_inner = p_outer;
         }

@@ -141,7 +141,7 @@ TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
 
     value.ptr_array = arena.array({{.ptr_char = arena.text("fine")}, {.ptr_char = nullptr}});
     EXPECT_EQ(QX_PMSG_E_INVAL, build(QX_CHAR_PTR_ARRAY, value, area, &slot, &running));
-    qx_structured_data_t *sd = arena.sd(1);
+    qx_structured_data_t *sd = arena.sd({{}});
     sd->elements[0].data_type = static_cast<qx_data_type_t>(QX_NONE);
     value.ptr_sd = sd;
     EXPECT_EQ(QX_PMSG_E_TYPE, build(QX_SD_PTR, value, area, &slot, &running));
