@@ -12,13 +12,10 @@
 
 static int failures = 0;
 
-#define CHECK(cond)                                                   \
-    do {                                                              \
-        if (!(cond)) {                                                \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                               \
-        }                                                             \
-    } while (0)
+#define CHECK(cond)                                                                           \
+    ((cond) ? (void)0                                                                         \
+            : (void)(fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond), \
+                     ++failures))
 
 int main(void) {
     sr_opaque_handle_t tree = NULL;
@@ -33,7 +30,8 @@ int main(void) {
     CHECK(cu_get_error_1(&p_error) == 0);
     CHECK(p_error != NULL && p_error->cu_error_id == 100);
     CHECK(cu_get_errmsg_1(p_error, &p_msg) == 0);
-    CHECK(p_msg != NULL && strcmp(p_msg, "2605-100 A function was passed an invalid handle.\n") == 0);
+    CHECK(p_msg != NULL &&
+          strcmp(p_msg, "2605-100 A function was passed an invalid handle.\n") == 0);
     if (p_msg != NULL) fputs(p_msg, stdout);
     cu_rel_errmsg_1(p_msg);
     cu_rel_error_1(p_error);

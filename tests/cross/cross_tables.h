@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -24,15 +26,12 @@ class Arena {
         for (void *p : blocks_) std::free(p);
     }
     void *alloc(size_t size) {
-        void *p = std::calloc(1, size == 0 ? 1 : size);
-        if (p == nullptr) std::abort();
-        blocks_.push_back(p);
-        return p;
+        blocks_.push_back(std::calloc(1, size + 1));
+        if (blocks_.back() == nullptr) std::abort();
+        return blocks_.back();
     }
     char *text(const std::string &s) {
-        char *p = static_cast<char *>(alloc(s.size() + 1));
-        std::memcpy(p, s.c_str(), s.size() + 1);
-        return p;
+        return static_cast<char *>(std::memcpy(alloc(s.size()), s.c_str(), s.size() + 1));
     }
 
   private:
@@ -112,17 +111,14 @@ inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed
 inline std::string hex(const qx_uint8_t *p, size_t length) {
     std::string s;
     char byte[3];
-    for (size_t i = 0; i < length; ++i) {
-        std::snprintf(byte, sizeof byte, "%02x", p[i]);
-        s += byte;
-    }
+    for (size_t i = 0; i < length; ++i)
+        s.append(byte, static_cast<size_t>(std::snprintf(byte, 3, "%02x", p[i])));
     return s;
 }
 
 inline std::string hex_float(double d) {
     char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%a", d);
-    return buffer;
+    return std::string(buffer, static_cast<size_t>(std::snprintf(buffer, 64, "%a", d)));
 }
 
 // The canonical text of a value; floats exactly (hexadecimal).
@@ -334,20 +330,16 @@ inline int described_rows(const std::string &description) {
 inline const char *const kViews[] = {"committed", "working"};
 
 inline bool read_file(const std::string &path, std::string *p_bytes) {
-    FILE *p = std::fopen(path.c_str(), "rb");
-    if (p == nullptr) return false;
-    char chunk[65536];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, p)) > 0) p_bytes->append(chunk, n);
-    std::fclose(p);
-    return true;
+    std::ifstream in(path, std::ios::binary);
+    p_bytes->append(std::istreambuf_iterator<char>(in), {});
+    return in.is_open();
 }
 
 inline bool write_file(const std::string &path, const void *p_bytes, size_t length) {
-    FILE *p = std::fopen(path.c_str(), "wb");
-    if (p == nullptr) return false;
-    const bool ok = std::fwrite(p_bytes, 1, length, p) == length;
-    return std::fclose(p) == 0 && ok;
+    std::ofstream out(path, std::ios::binary);
+    return static_cast<bool>(
+        out.write(static_cast<const char *>(p_bytes), static_cast<std::streamsize>(length))
+            .flush());
 }
 
 }  // namespace qxcross

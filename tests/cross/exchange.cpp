@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,61 +18,49 @@
 namespace {
 
 using qxcross::kViews;
-using qxcross::read_file;
-using qxcross::write_file;
 
-int fail(const std::string &what, int rc) {
-    std::fprintf(stderr, "exchange (%zu-bit): %s failed: %d\n", 8 * sizeof(void *), what.c_str(),
-                 rc);
-    return 1;
+// A failed call or check ends the run with its name and code.
+void check(int rc, const std::string &what) {
+    if (rc != 0) throw std::runtime_error(what + " failed: " + std::to_string(rc));
+}
+void check(bool ok, const std::string &what) {
+    check(ok ? 0 : -1, what);
 }
 
 int compare(const std::string &what, const std::string &expected, const std::string &got) {
-    if (expected == got) {
-        std::printf("%s: agrees (%zu bytes of description)\n", what.c_str(), expected.size());
-        return 0;
-    }
-    size_t at = 0;
-    while (at < expected.size() && at < got.size() && expected[at] == got[at]) ++at;
-    const size_t from = at == 0 ? 0 : expected.rfind('\n', at - 1) + 1;
-    std::fprintf(stderr, "%s: differs at byte %zu\n  expected: %s\n  got:      %s\n", what.c_str(),
-                 at, expected.substr(from, expected.find('\n', from) - from).c_str(),
-                 got.substr(from, got.find('\n', from) - from).c_str());
+    if (expected == got) return std::printf("%s: agrees\n", what.c_str()) < 0;
+    std::fprintf(stderr, "%s differs\n--- expected\n%s--- got\n%s", what.c_str(), expected.c_str(),
+                 got.c_str());
     return 1;
 }
 
 // Packs the tables in both views: BASE<view>.buf and its description.
-int pack(std::vector<sr_opaque_handle_t> &tables, const std::string &base) {
+void pack(std::vector<sr_opaque_handle_t> &tables, const std::string &base) {
     for (qx_uint32_t view = 0; view < 2; ++view) {
         std::vector<qx_uint32_t> views(tables.size(), view);
         void *p_buffer = nullptr;
-        int rc = sr_pack_tables_1(static_cast<qx_uint32_t>(tables.size()), tables.data(),
-                                  views.data(), nullptr, nullptr, &p_buffer);
-        if (rc != 0) return fail("sr_pack_tables_1", rc);
+        check(sr_pack_tables_1(static_cast<qx_uint32_t>(tables.size()), tables.data(), views.data(),
+                               nullptr, nullptr, &p_buffer),
+              "sr_pack_tables_1");
         std::string report;
         for (qx_uint32_t i = 0; i < tables.size(); ++i) {
             qx_char_ptr_t name = nullptr;
-            if ((rc = sr_get_packed_table_name_1(p_buffer, i, &name)) != 0) {
-                return fail("sr_get_packed_table_name_1", rc);
-            }
+            check(sr_get_packed_table_name_1(p_buffer, i, &name), "sr_get_packed_table_name_1");
             const std::string description = qxcross::render_table(tables[i], view);
             // Five committed rows; the working view adds two and deletes one.
-            if (qxcross::described_rows(description) != (view ? 6 : 5)) {
-                return fail("describing " + description, qxcross::described_rows(description));
-            }
+            check(qxcross::described_rows(description) == (view ? 6 : 5),
+                  "describing " + description);
             report += std::string("table ") + name + "\n" + description;
         }
         qx_uint32_t length;
         std::memcpy(&length, p_buffer, 4);
         const std::string path = base + kViews[view];
-        if (!write_file(path + ".buf", p_buffer, length) ||
-            !write_file(path + ".txt", report.data(), report.size())) {
-            return fail("writing " + path, 0);
-        }
+        check(qxcross::write_file(path + ".buf", p_buffer, length) &&
+                  qxcross::write_file(path + ".txt", report.data(), report.size()),
+              "writing " + path);
         std::free(p_buffer);
         std::printf("packed %s: %u bytes, %zu tables\n", path.c_str(), length, tables.size());
     }
-    return 0;
 }
 
 // Unpacks BASE<view>.buf (converted first when `convert`) and compares.
@@ -80,35 +69,26 @@ int unpack(sr_opaque_handle_t tree, const std::string &base, bool convert) {
     for (const char *view : kViews) {
         const std::string path = base + view;
         std::string bytes, expected;
-        if (!read_file(path + ".buf", &bytes) || !read_file(path + ".txt", &expected) ||
-            bytes.size() < 40) {
-            return fail("reading " + path, 0);
-        }
+        check(qxcross::read_file(path + ".buf", &bytes) &&
+                  qxcross::read_file(path + ".txt", &expected) && bytes.size() >= 40,
+              "reading " + path);
         // Malloc'd, of exactly the buffer's size, as a receiver would hold it.
-        void *p = std::malloc(bytes.size());
-        std::memcpy(p, bytes.data(), bytes.size());
-        qx_uint32_t required = 0;
-        int rc = qx_pmsg_cnv_required_1(p, &required);
-        if (rc != 0 || required != (convert ? 1u : 0u)) return fail(path + " byte order", rc);
-        if (convert && (rc = sr_convert_packed_table_buffer_1(p, 0, 0)) != 0) {
-            return fail("sr_convert_packed_table_buffer_1", rc);
-        }
-        qx_uint32_t length, total = 0;
+        void *p = std::memcpy(std::malloc(bytes.size()), bytes.data(), bytes.size());
+        qx_uint32_t required = 0, length, total = 0;
+        check(qx_pmsg_cnv_required_1(p, &required), "qx_pmsg_cnv_required_1");
+        check(required == (convert ? 1u : 0u), path + " byte order");
+        if (convert) check(sr_convert_packed_table_buffer_1(p, 0, 0), "converting");
         std::memcpy(&length, p, 4);
-        if (length != bytes.size()) return fail("the length word", static_cast<int>(length));
-        if ((rc = sr_get_total_packed_tables_1(p, &total)) != 0) {
-            return fail("sr_get_total_packed_tables_1", rc);
-        }
+        check(length == bytes.size(), "the length word");
+        check(sr_get_total_packed_tables_1(p, &total), "sr_get_total_packed_tables_1");
         std::string received;
         for (qx_uint32_t i = 0; i < total; ++i) {
             qx_char_ptr_t name = nullptr;
             sr_opaque_handle_t table = nullptr;
-            if ((rc = sr_get_packed_table_name_1(p, i, &name)) != 0 ||
-                (rc = sr_unpack_table_1(p, 0, nullptr, nullptr, tree, i, &table)) != 0) {
-                return fail("unpacking", rc);
-            }
+            check(sr_get_packed_table_name_1(p, i, &name), "sr_get_packed_table_name_1");
+            check(sr_unpack_table_1(p, 0, nullptr, nullptr, tree, i, &table), "unpacking");
             received += std::string("table ") + name + "\n" + qxcross::render_table(table, 0);
-            if ((rc = sr_close_table_1(table)) != 0) return fail("sr_close_table_1", rc);
+            check(sr_close_table_1(table), "sr_close_table_1");
         }
         std::free(p);
         failures += compare(path + ".buf", expected, received);
@@ -118,52 +98,43 @@ int unpack(sr_opaque_handle_t tree, const std::string &base, bool convert) {
 
 int run(const std::string &mode, const std::string &where) {
     sr_opaque_handle_t tree = nullptr;
-    int rc = sr_open_tree_1(&tree, 0, 0);
-    if (rc != 0) return fail("sr_open_tree_1", rc);
+    check(sr_open_tree_1(&tree, 0, 0), "sr_open_tree_1");
     qxcross::Arena arena;
     const bool files = mode == "write" || mode == "read";
-    if (files && (rc = sr_mount_local_tree_1(tree, arena.text("/w"), arena.text(where), 1)) != 0) {
-        return fail("sr_mount_local_tree_1", rc);
+    if (files) {
+        check(sr_mount_local_tree_1(tree, arena.text("/w"), arena.text(where), 1), "mounting");
     }
     const std::string base = files ? where + "/" : where + "_";
     int failures = 0;
     if (mode == "write") {
         // Committed table files with a last change applied and uncommitted (a reader skips it).
-        std::vector<sr_opaque_handle_t> files;
-        if ((rc = qxcross::build_tables(tree, "/w", arena, &files)) != 0) {
-            return fail("building the table files", rc);
-        }
+        std::vector<sr_opaque_handle_t> tables;
+        check(qxcross::build_tables(tree, "/w", arena, &tables), "building the table files");
         std::string described;
-        for (sr_opaque_handle_t table : files) {
-            if ((rc = sr_apply_1(table, 0)) != 0 || (rc = sr_commit_1(table)) != 0) {
-                return fail("applying and committing", rc);
-            }
+        for (sr_opaque_handle_t table : tables) {
+            check(sr_apply_1(table, 0), "sr_apply_1");
+            check(sr_commit_1(table), "sr_commit_1");
             described += qxcross::render_table(table, 0);
-            if ((rc = sr_delete_row_by_index_1(table, 0)) != 0 ||
-                (rc = sr_apply_1(table, 0)) != 0) {
-                return fail("applying the uncommitted change", rc);
-            }
+            check(sr_delete_row_by_index_1(table, 0), "sr_delete_row_by_index_1");
+            check(sr_apply_1(table, 0), "applying the uncommitted change");
         }
-        if (!write_file(base + "tables.txt", described.data(), described.size())) {
-            return fail("writing the description", 0);
-        }
+        check(qxcross::write_file(base + "tables.txt", described.data(), described.size()),
+              "writing the description");
     }
     if (mode == "pack" || mode == "write") {
         // Tables in memory: their names are registry paths, the same for both sides.
         std::vector<sr_opaque_handle_t> tables;
-        if ((rc = qxcross::build_tables(tree, "/cross", arena, &tables)) != 0) {
-            return fail("building the tables", rc);
-        }
-        failures += pack(tables, base);
+        check(qxcross::build_tables(tree, "/cross", arena, &tables), "building the tables");
+        pack(tables, base);
     }
     if (mode == "read") {
         std::string expected, got;
-        if (!read_file(base + "tables.txt", &expected)) return fail("reading tables.txt", 0);
+        check(qxcross::read_file(base + "tables.txt", &expected), "reading tables.txt");
         for (const qxcross::TableLayout &layout : qxcross::table_layouts()) {
             sr_opaque_handle_t table = nullptr;
-            rc = sr_open_table_1(tree, arena.text("/w/" + std::string(layout.leaf)), SR_MODE_READ,
-                                 &table);
-            if (rc != 0) return fail("sr_open_table_1", rc);
+            check(sr_open_table_1(tree, arena.text("/w/" + std::string(layout.leaf)), SR_MODE_READ,
+                                  &table),
+                  "sr_open_table_1");
             got += qxcross::render_table(table, 0);
             sr_close_table_1(table);
         }
@@ -178,7 +149,13 @@ int run(const std::string &mode, const std::string &where) {
 
 int main(int argc, char **argv) {
     for (const char *mode : {"pack", "check", "write", "read"}) {
-        if (argc == 3 && std::strcmp(argv[1], mode) == 0) return run(mode, argv[2]);
+        if (argc != 3 || std::strcmp(argv[1], mode) != 0) continue;
+        try {
+            return run(mode, argv[2]);
+        } catch (const std::exception &e) {
+            std::fprintf(stderr, "exchange (%zu-bit): %s\n", 8 * sizeof(void *), e.what());
+            return 1;
+        }
     }
     std::fprintf(stderr, "usage: exchange pack|check PREFIX, exchange write|read DIR\n");
     return 2;

@@ -9,10 +9,8 @@ mkdir -p "$work"
 if [ "$machine" = s390x ]; then
   cxx=${QX_CROSS_CXX:-s390x-linux-gnu-g++} flags=
   qemu=${QX_CROSS_QEMU:-qemu-s390x} sysroot=${QX_CROSS_SYSROOT:-/usr/s390x-linux-gnu}
-  for tool in "$cxx" "$qemu"; do
-    command -v "$tool" >/dev/null 2>&1 ||
-      { echo "SKIPPED: no $tool (apt-get install g++-s390x-linux-gnu qemu-user)"; exit 77; }
-  done
+  command -v "$cxx" >/dev/null && command -v "$qemu" >/dev/null ||
+    { echo "SKIPPED: no $cxx or $qemu (apt-get install g++-s390x-linux-gnu qemu-user)"; exit 77; }
   other() { "$qemu" -L "$sysroot" "$work/exchange.other" "$@"; }
 else
   cxx=${QX_M32_CXX:-g++} flags="-m32 -idirafter /usr/include/x86_64-linux-gnu"
@@ -20,8 +18,7 @@ else
   # shellcheck disable=SC2086
   if ! "$cxx" $flags -std=c++20 "$work/probe.cpp" -o "$work/probe" >/dev/null 2>&1 ||
      ! "$work/probe"; then
-    echo "SKIPPED: cannot build and run 32-bit x86 programs" \
-         "(apt-get install lib32stdc++-12-dev libc6-dev-i386)"
+    echo "SKIPPED: cannot run 32-bit x86 programs (apt-get install lib32stdc++-12-dev libc6-dev-i386)"
     exit 77
   fi
   other() { "$work/exchange.other" "$@"; }
@@ -41,10 +38,8 @@ export LC_ALL=C
 rm -rf "$work/here" "$work/there"
 mkdir -p "$work/here" "$work/there"
 if [ "$machine" = s390x ]; then
-  echo "== s390x packs, this machine unpacks"
   other pack "$work/there/be"
   "$host" check "$work/there/be"
-  echo "== this machine packs, s390x unpacks"
   "$host" pack "$work/here/le"
   other check "$work/here/le"
   echo "PASS: packed tables cross between byte orders both ways"

@@ -1,8 +1,5 @@
-// Selection expressions: what compiles and what is refused (with the position
-// and reason in the error record), what every operator yields on a row of
-// every column type laid out in the protocol form at odd addresses, the
-// per-row outcomes, bounded reads, and one compiled expression shared by
-// several threads.
+// Selection expressions: what compiles and what is refused (position and reason), every operator on
+// a protocol-form row of every column type at odd addresses, per-row outcomes, shared use.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
@@ -43,9 +40,9 @@ struct Column {
     const char *name;
     qx_data_type_t type;
 };
-
+// The top level's columns, and the fields of info (column 9) and of parts (column 13).
 // clang-format off
-const Column kColumns[] = {
+const std::vector<Column> kColumns = {
     {"i32", QX_INT32}, {"u32", QX_UINT32}, {"i64", QX_INT64}, {"u64", QX_UINT64},
     {"f32", QX_FLOAT32}, {"f64", QX_FLOAT64}, {"name", QX_CHAR_PTR}, {"blob", QX_BINARY_PTR},
     {"owner", QX_RSRC_HANDLE_PTR}, {"info", QX_SD_PTR}, {"sbs", QX_SBS_PTR},
@@ -53,28 +50,22 @@ const Column kColumns[] = {
     {"weird name", QX_INT32}, {"AND", QX_INT32}, {"doubles", QX_FLOAT64_ARRAY},
     {"blobs", QX_BINARY_PTR_ARRAY}};
 // clang-format on
-const Column kInfoFields[] = {{"level", QX_INT32}, {"label", QX_CHAR_PTR}, {"ratio", QX_FLOAT64}};
-const Column kPartFields[] = {{"id", QX_UINT32}, {"what", QX_CHAR_PTR}};
+const std::vector<Column> kInfoFields = {
+    {"level", QX_INT32}, {"label", QX_CHAR_PTR}, {"ratio", QX_FLOAT64}};
+const std::vector<Column> kPartFields = {{"id", QX_UINT32}, {"what", QX_CHAR_PTR}};
 
 qx_int32_t validate(void *token, qx_char_t *p_name, qx_uint32_t length, qx_uint32_t parent_id,
                     cu_validate_data_t *p_out) {
     if (token != nullptr) static_cast<std::vector<uint32_t> *>(token)->push_back(parent_id);
-    if (strlen(p_name) != length) return -1;
-    const Column *table = kColumns;
-    uint32_t n = sizeof(kColumns) / sizeof(kColumns[0]);
-    if (parent_id == 9) {
-        table = kInfoFields;
-        n = 3;
-    } else if (parent_id == 13) {
-        table = kPartFields;
-        n = 2;
-    } else if (parent_id != CU_EXPR_TOP_LEVEL) {
+    const std::vector<Column> &table = parent_id == 9    ? kInfoFields
+                                       : parent_id == 13 ? kPartFields
+                                                         : kColumns;
+    if (strlen(p_name) != length || (&table == &kColumns && parent_id != CU_EXPR_TOP_LEVEL)) {
         return -1;
     }
-    for (uint32_t i = 0; i < n; ++i) {
+    for (uint32_t i = 0; i < table.size(); ++i) {
         if (strcmp(table[i].name, p_name) == 0) {
-            p_out->id = i;
-            p_out->type = table[i].type;
+            *p_out = {i, table[i].type};
             return 0;
         }
     }
@@ -133,8 +124,8 @@ struct Compiled {
     Compiled &operator=(const Compiled &) = delete;
 };
 
-// Evaluates on a copy of the row placed at odd addresses: -1 when the
-// expression does not compile, else the outcome, with the match in *p_match.
+// Evaluates on a copy of the row at odd addresses: -1 when the text does not compile, else the
+// outcome, with the match in *p_match.
 int run(const char *text, const Row &row, int *p_match, uint32_t slot_count = UINT32_MAX) {
     Compiled c(text);
     if (c.rc != CU_OK) return -1;
@@ -151,8 +142,7 @@ int run(const char *text, const Row &row, int *p_match, uint32_t slot_count = UI
     return rc;
 }
 
-// The outcome on the sample row: "match", "no match", "outcome N" or the
-// compile error.
+// The outcome on the sample row: "match", "no match", "outcome N" or the compile error.
 std::string result(const std::string &text) {
     int match = 0;
     int rc = run(text.c_str(), sample_row(), &match);
@@ -171,17 +161,13 @@ void expect_refused(const std::string &text, const std::string &reason, int posi
     EXPECT_NE(std::string::npos, message.find(reason)) << text.substr(0, 40) << ": " << message;
 }
 
-TEST(ExprCompileTest, ResolvesEachNameOnceWithTheRightParent) {
-    std::vector<uint32_t> parents;
+TEST(ExprCompileTest, NamesResolveOnceAndRefusedTextsGiveThePositionAndReason) {
+    std::vector<uint32_t> parents;  // info, level (under info), nums, parts, what (under parts)
     Compiled c("info.level > 2 && nums[1] == 1 && parts[0].what == \"wheel\"", &parents);
     ASSERT_EQ(CU_OK, c.rc) << cu_test::current_message();
-    // info (top), level (under info), nums, parts, what (under parts)
     EXPECT_EQ(
         (std::vector<uint32_t>{CU_EXPR_TOP_LEVEL, 9, CU_EXPR_TOP_LEVEL, CU_EXPR_TOP_LEVEL, 13}),
         parents);
-}
-
-TEST(ExprCompileTest, RefusedTextsGiveThePositionAndReason) {
     const struct {
         const char *text;
         unsigned position;
@@ -326,38 +312,35 @@ TEST(ExprEvalTest, ExpressionsOnTheSampleRow) {
         // A side that cannot be evaluated is unknown: the other side settles OR.
         "10 / (i32 + 5) == 1 || i32 < 0", "nums[9] == 1 or info.level == 7"};
     for (const std::string &text : matching) EXPECT_EQ("match", result(text)) << text;
-    const std::string not_matching[] = {
-        "i32 >= 0",
-        "f64 != 2.5",
-        "name =~ '^[0-9]+$'",
-        "name =~ '[+*]{2}x'",  // bracketed quantifier characters are literals
-        "name =~ '^" + nested + "x$'",
-        "name =~ '^(caf.)?( ?noir)+$'",
-        "i32 > 0 && 10 / (i32 + 5) == 1",
-        "nums[9] == 1 AND i32 > 0",
-        "i32 > 0 AND nums[9] == 1"};
-    for (const std::string &text : not_matching) EXPECT_EQ("no match", result(text)) << text;
-    const std::string arithmetic[] = {"i32 > 0 || 10 / (i32 + 5) == 1",
-                                      "10 / (i32 + 5) == 1 || nums[9] == 1",
-                                      "i64 / (i32 + 5) > 1",
-                                      "i64 % (i32 + 5) > 1",
-                                      "f64 / (i32 + 5) > 1",
-                                      "i64 * 9223372036854775807 > 1",
-                                      "(1 << (i32 + 70)) > 1",
-                                      "(1 << i32) > 1"};
-    for (const std::string &text : arithmetic) {
-        EXPECT_EQ("outcome " + std::to_string(CU_EXPR_ARITHMETIC), result(text)) << text;
-    }
-    // Otherwise the first outcome stands, also under NOT.
-    const std::string no_element[] = {"nums[9] == 1 AND i32 < 0",
-                                      "nums[9] == 1 || 10 / (i32 + 5) == 1",
-                                      "NOT (nums[9] == 1 || i32 > 0)",
-                                      "nums[5] == 1",
-                                      "nums[i32] == 1",
-                                      "parts[2].id == 1"};
-    for (const std::string &text : no_element) {
-        EXPECT_EQ("outcome " + std::to_string(CU_EXPR_NO_ELEMENT), result(text)) << text;
-    }
+    // An arithmetic fault or a missing element makes a side unknown; otherwise the first outcome
+    // stands, also under NOT.
+    const std::string no = "no match", fault = "outcome " + std::to_string(CU_EXPR_ARITHMETIC),
+                      absent = "outcome " + std::to_string(CU_EXPR_NO_ELEMENT);
+    const std::pair<std::string, std::string> others[] = {
+        {"i32 >= 0", no},
+        {"f64 != 2.5", no},
+        {"name =~ '^[0-9]+$'", no},
+        {"name =~ '[+*]{2}x'", no},  // bracketed quantifier characters are literals
+        {"name =~ '^" + nested + "x$'", no},
+        {"name =~ '^(caf.)?( ?noir)+$'", no},
+        {"i32 > 0 && 10 / (i32 + 5) == 1", no},
+        {"nums[9] == 1 AND i32 > 0", no},
+        {"i32 > 0 AND nums[9] == 1", no},
+        {"i32 > 0 || 10 / (i32 + 5) == 1", fault},
+        {"10 / (i32 + 5) == 1 || nums[9] == 1", fault},
+        {"i64 / (i32 + 5) > 1", fault},
+        {"i64 % (i32 + 5) > 1", fault},
+        {"f64 / (i32 + 5) > 1", fault},
+        {"i64 * 9223372036854775807 > 1", fault},
+        {"(1 << (i32 + 70)) > 1", fault},
+        {"(1 << i32) > 1", fault},
+        {"nums[9] == 1 AND i32 < 0", absent},
+        {"nums[9] == 1 || 10 / (i32 + 5) == 1", absent},
+        {"NOT (nums[9] == 1 || i32 > 0)", absent},
+        {"nums[5] == 1", absent},
+        {"nums[i32] == 1", absent},
+        {"parts[2].id == 1", absent}};
+    for (const auto &[text, outcome] : others) EXPECT_EQ(outcome, result(text)) << text;
 }
 
 TEST(ExprEvalTest, RowsOfAnotherShapeOrWithBadAnchorsAreSkippedNotFollowed) {

@@ -1,30 +1,20 @@
 #!/usr/bin/env bash
-# Proves an installed tree is usable: a C program built with pkg-config and a
-# C++ program built both with pkg-config and as a CMake project using
-# find_package(qx_sr) open a tree and read the library's message for a
-# refused call.
+# An installed tree is usable: C and C++ programs built with pkg-config and as a
+# find_package(qx_sr) project open a tree and read the message of a refused call.
 set -euo pipefail
 prefix=$1
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-for h in qx_types.h qx_cu.h qx_tr.h qx_pmsg.h qx_sr.h qx_sr.hpp; do
-  test -f "$prefix/include/$h" || { echo "missing header $h"; exit 1; }
-done
-for l in qx_cu qx_tr qx_pmsg qx_sr; do
-  test -e "$prefix/lib/lib$l.so" || { echo "missing lib$l.so"; exit 1; }
-done
-
-for m in man1/qxsr.1 man3/qx_sr.3; do
-  test -f "$prefix/share/man/$m" || { echo "missing manual page $m"; exit 1; }
+for f in include/{qx_types.h,qx_cu.h,qx_tr.h,qx_pmsg.h,qx_sr.h,qx_sr.hpp} \
+         lib/lib{qx_cu,qx_tr,qx_pmsg,qx_sr}.so share/man/{man1/qxsr.1,man3/qx_sr.3}; do
+  test -e "$prefix/$f" || { echo "missing $f"; exit 1; }
 done
 "$prefix/bin/qxsr" --version >/dev/null || { echo "the installed qxsr does not run"; exit 1; }
 
-# The installed registry has no test seams: no pause-point setting it reads,
-# no file-call table, no allocation-failure hook (they live in the static
-# archive the tests link).  nm sees the local symbols of an unstripped
-# library; the string check holds for a stripped one too.
+# No test seams in the installed library (pause points, file-call table, allocation
+# failures): nm sees an unstripped library's locals, the string check a stripped one.
 lib=$(readlink -f "$prefix/lib/libqx_sr.so")
 if LC_ALL=C grep -q -a QX_SR_TEST_PAUSE "$lib"; then
   echo "the installed libqx_sr.so reads QX_SR_TEST_PAUSE"; exit 1

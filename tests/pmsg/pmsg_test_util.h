@@ -46,25 +46,19 @@ class Arena {
         *p = qx_resource_handle_t{header, {a, b, c, d}};
         return p;
     }
-    qx_array_t *array(uint32_t count) {
-        auto *p = alloc<qx_array_t>(QX_ARRAY_SIZE(count));
-        p->element_count = count;
-        return p;
-    }
-    qx_structured_data_t *sd(uint32_t count) {
-        auto *p = alloc<qx_structured_data_t>(QX_SD_SIZE(count));
-        p->element_count = count;
+    // An array or a structured data value of copies of `elements`.
+    template <typename T, typename E>
+    T *container(const std::vector<E> &elements) {
+        auto *p = alloc<T>(sizeof(T) + elements.size() * sizeof(E));
+        p->element_count = static_cast<uint32_t>(elements.size());
+        memcpy(p->elements, elements.data(), elements.size() * sizeof(E));
         return p;
     }
     qx_array_t *array(const std::vector<qx_value_t> &elements) {
-        qx_array_t *p = array(static_cast<uint32_t>(elements.size()));
-        memcpy(p->elements, elements.data(), elements.size() * sizeof elements[0]);
-        return p;
+        return container<qx_array_t>(elements);
     }
     qx_structured_data_t *sd(const std::vector<qx_structured_data_element_t> &elements) {
-        qx_structured_data_t *p = sd(static_cast<uint32_t>(elements.size()));
-        memcpy(p->elements, elements.data(), elements.size() * sizeof elements[0]);
-        return p;
+        return container<qx_structured_data_t>(elements);
     }
 
   private:
@@ -110,20 +104,19 @@ class ValueMaker {
             v.ptr_rsrc_handle = arena_.rsrc(rng_(), rng_(), rng_(), rng_(), rng_());
         }
         if (type == QX_SD_PTR) {
-            v.ptr_sd = arena_.sd(below(6));
-            for (uint32_t i = 0; i < v.ptr_sd->element_count; i++) {
+            std::vector<qx_structured_data_element_t> elements(below(6));
+            for (auto &e : elements) {
                 // Deeper levels hold no more composites, so values stay small.
                 int t = depth >= 3 ? kLeaves[below(10)]
                                    : QX_INT32 + static_cast<int>(below(QX_SD_PTR_ARRAY - 1));
-                v.ptr_sd->elements[i].data_type = static_cast<qx_data_type_t>(t);
-                v.ptr_sd->elements[i].value = make(t, depth + 1);
+                e = {static_cast<qx_data_type_t>(t), 0, make(t, depth + 1)};
             }
+            v.ptr_sd = arena_.sd(elements);
         }
         if (type >= QX_INT32_ARRAY) {
-            v.ptr_array = arena_.array(below(7));
-            for (uint32_t i = 0; i < v.ptr_array->element_count; i++) {
-                v.ptr_array->elements[i] = make(base_type(type), depth + 1);
-            }
+            std::vector<qx_value_t> elements(below(7));
+            for (auto &e : elements) e = make(base_type(type), depth + 1);
+            v.ptr_array = arena_.array(elements);
         }
         return v;
     }

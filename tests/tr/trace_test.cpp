@@ -30,13 +30,15 @@ const tr_category_description_t kCategories[3] = {
 
 std::string ReadAll(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+using Lines = std::vector<std::string>;
+
 // The file's lines; a final fragment without a newline is marked.
-std::vector<std::string> ReadLines(const std::string &path) {
+Lines ReadLines(const std::string &path) {
     std::string all = ReadAll(path);
-    std::vector<std::string> lines;
+    Lines lines;
     std::istringstream in(all);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     if (!all.empty() && all.back() != '\n') lines.back() += "<no newline>";
@@ -53,25 +55,20 @@ struct Record {
 
 bool ParseRecord(const std::string &line, Record *p_record) {
     regex_t re;
-    if (regcomp(&re,
-                "^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z "
-                "([0-9]+) ([0-9]+) ([^ ]+) (.*)$",
-                REG_EXTENDED) != 0)
-        return false;
+    regcomp(&re,
+            "^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z "
+            "([0-9]+) ([0-9]+) ([^ ]+) (.*)$",
+            REG_EXTENDED);
     regmatch_t m[5];
     bool ok = regexec(&re, line.c_str(), 5, m, 0) == 0;
     regfree(&re);
-    if (!ok) return false;
     auto group = [&](int i) { return line.substr(m[i].rm_so, m[i].rm_eo - m[i].rm_so); };
-    p_record->pid = std::stol(group(1));
-    p_record->tid = std::stol(group(2));
-    p_record->component = group(3);
-    p_record->content = group(4);
-    return true;
+    if (ok) *p_record = {std::stol(group(1)), std::stol(group(2)), group(3), group(4)};
+    return ok;
 }
 
 // Each test starts with nothing registered, a private directory and no trace environment.
-class TraceFixture : public ::testing::Test {
+class TraceTest : public ::testing::Test {
   protected:
     void SetUp() override {
         tr_i_reset_for_testing();
@@ -104,13 +101,17 @@ class TraceFixture : public ::testing::Test {
     }
 
     void TraceTst() { ASSERT_EQ(Register("_TST", "_TST:*=1", trace_file_.c_str(), levels_), 0); }
-    std::vector<std::string> Contents(const std::string &path) {
-        std::vector<std::string> contents;
+    // Every line of the file parsed as a record.
+    std::vector<Record> Records(const std::string &path) {
+        std::vector<Record> records;
         for (const std::string &line : ReadLines(path)) {
-            Record r;
-            EXPECT_TRUE(ParseRecord(line, &r)) << line;
-            contents.push_back(r.content);
+            EXPECT_TRUE(ParseRecord(line, &records.emplace_back())) << line;
         }
+        return records;
+    }
+    Lines Contents(const std::string &path) {
+        Lines contents;
+        for (const Record &r : Records(path)) contents.push_back(r.content);
         return contents;
     }
 
@@ -172,21 +173,19 @@ TEST(LevelsTest, SpecificationsGiveOneLevelPerCategory) {
     }
 }
 
-class RegistrationTest : public TraceFixture {};
-
-TEST_F(RegistrationTest, FillsTheCallersBytesAndRereadsThemOnEachRegistration) {
+// Each registration rereads the levels into the caller's bytes; bad arguments and a full table harm
+// nothing.
+TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
     qx_uint8_t bytes[3] = {9, 9, 9};
     ASSERT_EQ(Register("_SRA", "_SRA:API=1,Errors=2", trace_file_.c_str(), bytes), 0);
     EXPECT_EQ((A{1, 2, 0}), (A{bytes[0], bytes[1], bytes[2]}));
     EXPECT_NE(tr_i_component_traced("_SRA"), 0);
-    ASSERT_EQ(Register("_SRA", nullptr, trace_file_.c_str(), bytes), 0);
+    ASSERT_EQ(Register("_SRA", nullptr, nullptr, bytes), 0);
     EXPECT_EQ((A{0, 0, 0}), (A{bytes[0], bytes[1], bytes[2]}));
     EXPECT_EQ(tr_i_component_traced("_SRA"), 0);
     EXPECT_EQ(tr_i_active.load(), 0);
-}
 
-TEST_F(RegistrationTest, RefusesBadArgumentsAndAFullTableWithoutHarm) {
-    qx_uint8_t bytes[3];
+    tr_i_reset_for_testing();
     const tr_category_description_t unnamed[1] = {{0, nullptr, 0, 0}};
     EXPECT_NE(tr_register_component_1(nullptr, bytes, kCategories, 3), 0);
     EXPECT_NE(tr_register_component_1("", bytes, kCategories, 3), 0);
@@ -209,12 +208,8 @@ TEST_F(RegistrationTest, RefusesBadArgumentsAndAFullTableWithoutHarm) {
     EXPECT_EQ(tr_record_id_1("ONEMORE", 1), 0);
 }
 
-class RecordTest : public TraceFixture {};
-
-using Lines = std::vector<std::string>;
-
 // UTC time to the microsecond, pid, tid, component, content; only traced components/categories.
-TEST_F(RecordTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
+TEST_F(TraceTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
     std::ofstream(trace_file_) << "earlier line\n";
     qx_uint8_t other[3];
     ASSERT_EQ(Register("_OFF", "_TST:API=1", trace_file_.c_str(), other), 0);
@@ -261,7 +256,7 @@ TEST_F(RecordTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
     }
 }
 
-TEST_F(RecordTest, OffOrLevelsForOtherComponentsOnlyMeanTheFileIsNeverCreated) {
+TEST_F(TraceTest, OffOrLevelsForOtherComponentsOnlyMeanTheFileIsNeverCreated) {
     for (const char *levels : {static_cast<const char *>(nullptr), "_XYZ:*=1"}) {
         ASSERT_EQ(Register("_TST", levels, trace_file_.c_str(), levels_), 0);
         EXPECT_EQ(tr_i_active.load(), 0);
@@ -274,7 +269,7 @@ TEST_F(RecordTest, OffOrLevelsForOtherComponentsOnlyMeanTheFileIsNeverCreated) {
     }
 }
 
-TEST_F(RecordTest, NamingAnotherFileMovesLaterRecordsThereAndLongOnesAreCutToOneLine) {
+TEST_F(TraceTest, NamingAnotherFileMovesLaterRecordsThereAndLongOnesAreCutToOneLine) {
     TraceTst();
     tr_record_id_1("_TST", 1);
     std::string second = dir_ + "/second.log";
@@ -290,7 +285,7 @@ TEST_F(RecordTest, NamingAnotherFileMovesLaterRecordsThereAndLongOnesAreCutToOne
     EXPECT_NE(fcntl(fd, F_GETFL) & O_APPEND, 0);
 }
 
-TEST_F(RecordTest, LevelsWithoutAFileGoToStandardError) {
+TEST_F(TraceTest, LevelsWithoutAFileGoToStandardError) {
     int saved = dup(STDERR_FILENO);
     ASSERT_GE(saved, 0);
     int capture = open(trace_file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -306,7 +301,7 @@ TEST_F(RecordTest, LevelsWithoutAFileGoToStandardError) {
 }
 
 // An unopenable file and a failing write are swallowed, errno left alone.
-TEST_F(RecordTest, FileFailuresAreSwallowed) {
+TEST_F(TraceTest, FileFailuresAreSwallowed) {
     std::string bad = dir_ + "/missing/dir/trace.log";
     ASSERT_EQ(Register("_TST", "_TST:*=1", bad.c_str(), levels_), 0);
     EXPECT_EQ(levels_[0], 1);  // the caller still learns its levels
@@ -322,7 +317,7 @@ TEST_F(RecordTest, FileFailuresAreSwallowed) {
     close(read_only);
 }
 
-class TraceConcurrencyTest : public RecordTest {};
+using TraceConcurrencyTest = TraceTest;
 
 // Threads and forked processes sharing the file: every line whole, once, with its pid and tid.
 TEST_F(TraceConcurrencyTest, ThreadsAndProcessesWriteWholeLinesWithTheirOwnIds) {
@@ -352,39 +347,29 @@ TEST_F(TraceConcurrencyTest, ThreadsAndProcessesWriteWholeLinesWithTheirOwnIds) 
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    auto lines = ReadLines(trace_file_);
-    ASSERT_EQ(lines.size(),
-              static_cast<size_t>(kThreads * kRecords + kChildren * kRecords / 2 + 1));
+    // Each (writer, number) once; each thread one tid of its own; a child's tid is its pid.
     std::set<std::pair<int, int>> seen;
-    std::map<int, std::set<long>> tids_of_thread;
-    std::map<long, int> per_pid;
-    for (const auto &line : lines) {
-        Record r;
-        ASSERT_TRUE(ParseRecord(line, &r)) << line;
+    std::map<int, std::set<long>> tids_of_writer;
+    std::set<long> tids;
+    for (const Record &r : Records(trace_file_)) {
         int t = -1, i = -1;
-        char tail[64] = {};
-        if (sscanf(r.content.c_str(), "VALUES 2 %d %d", &t, &i) == 2) {
-            ++per_pid[r.pid];
-            EXPECT_EQ(r.tid, r.pid);  // a forked child is single-threaded
-            EXPECT_EQ(children[t], r.pid);
-            continue;
-        }
-        EXPECT_EQ(r.pid, getpid());
+        const bool child = sscanf(r.content.c_str(), "VALUES 2 %d %d", &t, &i) == 2;
         if (r.content == "ID 1") continue;
-        ASSERT_EQ(sscanf(r.content.c_str(), "T%d N%d %63s", &t, &i, tail), 3) << line;
-        EXPECT_STREQ(tail, "padding-padding-padding");
-        EXPECT_TRUE(seen.insert({t, i}).second) << line;
-        tids_of_thread[t].insert(r.tid);
+        if (child) {
+            EXPECT_EQ(r.pid, children[t]);
+            EXPECT_EQ(r.tid, r.pid);
+            t = -1 - t;
+        } else {
+            EXPECT_EQ(r.pid, getpid());
+            ASSERT_EQ(sscanf(r.content.c_str(), "T%d N%d padding-padding-padding", &t, &i), 2);
+        }
+        EXPECT_TRUE(seen.insert({t, i}).second) << r.content;
+        tids_of_writer[t].insert(r.tid);
+        tids.insert(r.tid);
     }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kRecords));
-    std::set<long> all_tids;  // one per thread, none shared
-    for (auto &[t, tids] : tids_of_thread) {
-        EXPECT_EQ(tids.size(), 1u) << "thread " << t;
-        all_tids.insert(*tids.begin());
-    }
-    EXPECT_EQ(all_tids.size(), static_cast<size_t>(kThreads));
-    EXPECT_EQ(per_pid.size(), static_cast<size_t>(kChildren));
-    for (auto &[pid, n] : per_pid) EXPECT_EQ(n, kRecords / 2) << pid;
+    EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kRecords + kChildren * kRecords / 2));
+    for (auto &[t, ids] : tids_of_writer) EXPECT_EQ(ids.size(), 1u) << "writer " << t;
+    EXPECT_EQ(tids.size(), static_cast<size_t>(kThreads + kChildren));
 }
 
 // Registering beside records, registrations and forks (the child can register too).
@@ -416,10 +401,7 @@ TEST_F(TraceConcurrencyTest, RegisteringWhileOthersRecordRegisterAndForkIsSafe) 
     }
     stop.store(true);
     for (auto &th : threads) th.join();
-    for (const auto &line : ReadLines(trace_file_)) {
-        Record r;
-        ASSERT_TRUE(ParseRecord(line, &r)) << line;
-    }
+    Records(trace_file_);
 }
 
 }  // namespace
