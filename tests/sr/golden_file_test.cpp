@@ -351,28 +351,30 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
 
 TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
     Values &v = vals_;
-    const std::vector<Column> first = {
-        {"k", QX_INT32, SR_PRIMARY_KEY, 0, nullptr, v.I32(0)},
-        {"s", QX_CHAR_PTR, SR_STANDARD, 4, nullptr, v.Text("dflt")},
-        {"a", QX_INT64_ARRAY, SR_STANDARD, 0, nullptr, v.Array(QX_INT64_ARRAY, {})},
+    const struct {
+        const char *p_path;
+        std::vector<Column> columns;
+        std::vector<std::vector<V>> rows;
+    } tables[] = {
+        {"/m/p",
+         {{"k", QX_INT32, SR_PRIMARY_KEY, 0, nullptr, v.I32(0)},
+          {"s", QX_CHAR_PTR, SR_STANDARD, 4, nullptr, v.Text("dflt")},
+          {"a", QX_INT64_ARRAY, SR_STANDARD, 0, nullptr, v.Array(QX_INT64_ARRAY, {})}},
+         {{v.I32(1), v.Text("one"), v.Array(QX_INT64_ARRAY, {v.Num(QX_INT64, 9ll)})},
+          {v.I32(2), v.Text("twenty"), v.Array(QX_INT64_ARRAY, {})}}},
+        {"/t",
+         {{"key", QX_CHAR_PTR, SR_PRIMARY_KEY_NOCHECK, 0, nullptr, v.Text("")},
+          {"sd", QX_SD_PTR, SR_STANDARD | SR_INVISIBLE, 0,
+           v.Definition({{QX_INT32, "n"}, {QX_CHAR_PTR, "label"}}), v.Sd({})}},
+         {{v.Text("only"), v.Sd({v.I32(5), v.Text("five")})}}},
     };
-    const std::vector<Column> second = {
-        {"key", QX_CHAR_PTR, SR_PRIMARY_KEY_NOCHECK, 0, nullptr, v.Text("")},
-        {"sd", QX_SD_PTR, SR_STANDARD | SR_INVISIBLE, 0,
-         v.Definition({{QX_INT32, "n"}, {QX_CHAR_PTR, "label"}}), v.Sd({})},
-    };
-    const std::vector<std::vector<V>> first_rows = {
-        {v.I32(1), v.Text("one"), v.Array(QX_INT64_ARRAY, {v.Num(QX_INT64, 9ll)})},
-        {v.I32(2), v.Text("twenty"), v.Array(QX_INT64_ARRAY, {})},
-    };
-    const std::vector<std::vector<V>> second_rows = {
-        {v.Text("only"), v.Sd({v.I32(5), v.Text("five")})},
-    };
-    // Structured defaults travel as UINT32 0.
-    auto column_metadata = [&](const std::vector<Column> &columns) {
-        std::vector<V> described;
-        for (const Column &c : columns) {
-            const bool sd = c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY;
+    // Per table: name (a persistent table's is its file's), fixed metadata, columns, rows.
+    std::vector<V> forms;
+    sr_opaque_handle_t handles[2];
+    for (int t = 0; t < 2; ++t) {
+        std::vector<V> described, binaries;
+        for (const Column &c : tables[t].columns) {
+            const bool sd = c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY;  // default: UINT32 0
             const qx_uint32_t fields = c.p_definition ? c.p_definition->number_of_fields : 0;
             std::vector<V> elements = {v.Text(c.p_name),
                                        v.U32(c.type),
@@ -389,58 +391,41 @@ TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
             if (fields != 0) elements.push_back(v.Array(QX_CHAR_PTR_ARRAY, names));
             described.push_back(v.Sd(elements));
         }
-        return v.Array(QX_SD_PTR_ARRAY, described).form;
-    };
-    // Rows: binaries of the row record and four zero bytes.
-    auto rows_form = [&](const std::vector<std::vector<V>> &rows) {
-        std::vector<V> binaries;
-        for (const auto &row : rows) {
-            V binary;
-            binary.pointer = true;
-            binary.form = RowRecord(0, row) + std::string(4, '\0');
-            binaries.push_back(binary);
-        }
-        return W32(rows.size()) + W32(0) + SlotsAndForms(binaries, 8 + 8 * rows.size());
-    };
-    auto fixed = [&](const char *p_name, qx_uint32_t rows, qx_uint32_t columns) {
-        return v.Sd({v.Text(p_name), v.U32(rows), v.U32(columns), v.Num(QX_UINT64, 2ull), v.I32(0)})
-            .form;
-    };
-    // A persistent table's name is its file's; its fixed metadata has the path.
-    std::vector<V> forms(8);
-    const std::string texts[] = {v.Text(File("p")).form,  fixed("/m/p", 2, 3),
-                                 column_metadata(first),  rows_form(first_rows),
-                                 v.Text("/t").form,       fixed("/t", 1, 2),
-                                 column_metadata(second), rows_form(second_rows)};
-    for (size_t i = 0; i < 8; ++i) forms[i].pointer = true, forms[i].form = texts[i];
+        const size_t rows = tables[t].rows.size();
+        for (const auto &row : tables[t].rows)
+            binaries.push_back(v.Object(QX_BINARY_PTR, RowRecord(0, row) + std::string(4, '\0')));
+        forms.push_back(v.Text(t == 0 ? File("p") : tables[t].p_path));
+        forms.push_back(v.Sd({v.Text(tables[t].p_path), v.U32(static_cast<qx_uint32_t>(rows)),
+                              v.U32(static_cast<qx_uint32_t>(tables[t].columns.size())),
+                              v.Num(QX_UINT64, 2ull), v.I32(0)}));
+        forms.push_back(v.Array(QX_SD_PTR_ARRAY, described));
+        forms.push_back(
+            v.Object(QX_BINARY_PTR, W32(rows) + W32(0) + SlotsAndForms(binaries, 8 + 8 * rows)));
+        handles[t] = Create(tables[t].p_path, tables[t].columns);
+        for (const auto &r : tables[t].rows) ASSERT_EQ(AddRow(handles[t], tables[t].columns, r), 0);
+        ASSERT_EQ(sr_apply_1(handles[t], 0), 0);
+        ASSERT_EQ(sr_commit_1(handles[t]), 0);
+    }
     const std::string area = SlotsAndForms(forms);
     const std::string golden = W32(40 + area.size()) + std::string("\x00\x01\x02\x00", 4) +
                                Bytes(0ull) + Bytes(1ull) + Bytes(uint64_t(40 + area.size())) +
                                Bytes(2ull) + area;
-
-    sr_opaque_handle_t tables[2] = {Create("/m/p", first), Create("/t", second)};
-    for (const auto &r : first_rows) ASSERT_EQ(AddRow(tables[0], first, r), 0);
-    for (const auto &r : second_rows) ASSERT_EQ(AddRow(tables[1], second, r), 0);
-    for (sr_opaque_handle_t t : tables) {
-        ASSERT_EQ(sr_apply_1(t, 0), 0);
-        ASSERT_EQ(sr_commit_1(t), 0);
-    }
     qx_uint32_t views[2] = {0, 0};
     void *p_buffer = nullptr;
-    ASSERT_EQ(sr_pack_tables_1(2, tables, views, nullptr, nullptr, &p_buffer), 0);
+    ASSERT_EQ(sr_pack_tables_1(2, handles, views, nullptr, nullptr, &p_buffer), 0);
     const std::string packed(static_cast<char *>(p_buffer),
                              qxtest::U32At(std::string(static_cast<char *>(p_buffer), 4), 0));
     EXPECT_EQ(FirstDifference(packed, golden), -1);
     std::free(p_buffer);
-
     // The golden buffer, unpacked at an odd address, reads back every value.
     std::string copy = " " + golden;
-    sr_opaque_handle_t receiver = nullptr, u1 = nullptr, u2 = nullptr;
+    sr_opaque_handle_t receiver = nullptr, unpacked = nullptr;
     ASSERT_EQ(sr_open_tree_1(&receiver, 0, 0), 0);
-    ASSERT_EQ(sr_unpack_table_1(copy.data() + 1, 0, nullptr, nullptr, receiver, 0, &u1), 0);
-    ASSERT_EQ(sr_unpack_table_1(copy.data() + 1, 0, nullptr, nullptr, receiver, 1, &u2), 0);
-    for (const auto &r : first_rows) ExpectRow(u1, first, r);
-    for (const auto &r : second_rows) ExpectRow(u2, second, r);
+    for (qx_uint32_t t = 0; t < 2; ++t) {
+        ASSERT_EQ(sr_unpack_table_1(copy.data() + 1, 0, nullptr, nullptr, receiver, t, &unpacked),
+                  0);
+        for (const auto &r : tables[t].rows) ExpectRow(unpacked, tables[t].columns, r);
+    }
     ASSERT_EQ(sr_close_tree_1(receiver), 0);
 }
 
