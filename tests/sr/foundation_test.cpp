@@ -1,5 +1,4 @@
-// Message table and catalogue, error records, trees, errno capture, fork, and
-// the refusal (101) of a NULL required pointer before any lock or mode check.
+// Messages, error records, trees, errno capture, fork, and 101 for every NULL pointer.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/wait.h>
@@ -75,8 +74,7 @@ TEST(ErrorReportTest, RecordsCarryTheirValuesPerThreadAndSuccessClears) {
     EXPECT_EQ(0, sr_close_tree_1(tree));
 }
 
-// Only the last capture remains; a link planted under the predictable name is
-// not followed; an unwritable directory is skipped quietly.
+// Only the last capture remains; a planted link is not followed; no write access: skipped.
 TEST(ErrnoCaptureTest, LastCaptureOnlyNoLinkFollowedUnwritableSkipped) {
     qxtest::TempDir dir;
     char cwd[4096];
@@ -156,8 +154,7 @@ TEST_F(NullPointerTest, EveryExportedCallGives101ForEachMissingPointerBeforeLock
     void *p_buffer = nullptr;
     alignas(8) char buffer[64] = {};
 
-    // Each entry passes NULL for exactly one required pointer (for arrays of
-    // ns and vs: the array itself, or one of its entries).
+    // Each entry passes NULL for one required pointer (an array or one of its entries).
     const std::vector<std::function<qx_int32_t()>> cases = {
         [&] { return sr_add_columns_1(t, nullptr, 1); },
         [&] { return sr_delete_columns_1(t, nullptr, 1); },

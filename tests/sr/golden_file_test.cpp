@@ -1,5 +1,4 @@
-// A table file and a packed buffer assembled byte by byte from the format,
-// never through the library: it reads them back and writes exactly them.
+// Table file and packed buffer bytes built from the format alone, written and read exactly.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -217,8 +216,7 @@ class GoldenFileTest : public qxtest::TableTest {
     Values vals_;
 };
 
-// Every type through create, two rows, an update, a deletion with odd-length
-// application metadata, and an apply left uncommitted.
+// Every type: create, two rows, update, deletion with odd application metadata, an applied tail.
 TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
     Values &v = vals_;
     V invalid_handle =

@@ -86,8 +86,7 @@ TEST_F(HashTableTest, EqualKeysDuplicatesRemovalAndStatistics) {
     EXPECT_EQ(2, row_of(12));
     EXPECT_EQ(202, sr_i_hash_table_remove_element(p_table_, (bucket_ + 1) % 8, element_));
     ASSERT_EQ(0, sr_i_hash_table_remove_element(p_table_, bucket_, element_));
-    // A checked duplicate: 108, the existing element, no error record (the
-    // caller decides); modifier bits do not hide the base qualifier.
+    // A checked duplicate (modifier bits aside): 108, the existing element, no error record.
     ASSERT_EQ(0, add(9, 4, SR_PRIMARY_KEY));
     sr_hash_table_element_t *p_existing = element_;
     ASSERT_EQ(0, add(17, 6, SR_PRIMARY_KEY));

@@ -1,5 +1,4 @@
-// Listing tables (mounted directories, open transient tables, the compatibility
-// calls) and table and application metadata as callers see them.
+// Listing tables, and table and application metadata as callers see them.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -156,8 +155,7 @@ TEST_F(MetadataTest, CountsNamesInvisibleColumnsDeepCopiesAndFailures) {
     EXPECT_EQ(0, sr_free_table_metadata_1(p_metadata));
 }
 
-// Explicit tables show the block from commit on and lose it on abort;
-// implicit ones at once, empty allowed; the commit record carries it.
+// Explicit tables show the block from commit on, lose it on abort; implicit ones at once.
 TEST_F(MetadataTest, ApplicationMetadataFollowsTheCommitCycle) {
     sr_i_table_t *p_table = Make("/m/appdata", 6);
     EXPECT_EQ("<202>", AppData(p_table));

@@ -168,9 +168,7 @@ TEST_F(PackTest, UnpackingWithAHashedKeyIndexFindsRowsByKey) {
     }
 }
 
-// Every column type and default reads back as packed, in either view, and
-// buffers packed on a big-endian machine convert once to this host's bytes
-// (but the head's marker slots): the same bytes, the same tables.
+// Big-endian buffers of every type convert once to exactly this host's packing (marker aside).
 TEST_F(PackTest, EveryTypeRoundTripsAndBigEndianBuffersConvertOnce) {
     Handles tables = Tables("/cross");
     for (qx_uint32_t view : {0u, 1u}) {
@@ -340,8 +338,7 @@ TEST_F(PackTest, TruncatedOrDamagedBuffersAreRefusedWithoutReadingPastThem) {
     EXPECT_EQ(last_error().code, 14);
 }
 
-// Packing holds every read lock at once: a writer adding to each table in
-// turn shows in a buffer at most one round apart, earlier tables ahead.
+// Packing holds every read lock at once: tables written in turn differ by at most one row.
 class PackConcurrencyTest : public PackTest {};
 
 TEST_F(PackConcurrencyTest, PacksSeveralTablesWhileAnotherThreadWritesThem) {
