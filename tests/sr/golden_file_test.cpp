@@ -216,8 +216,8 @@ class GoldenFileTest : public qxtest::TableTest {
     Values vals_;
 };
 
-// Every type: create, two rows, update, deletion with odd application metadata, an applied tail.
-TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
+// Every type: two rows, update, deletion with odd application metadata, applied tail; packed.
+TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteForByte) {
     Values &v = vals_;
     V invalid_handle =
         v.Object(QX_RSRC_HANDLE_PTR,
@@ -344,87 +344,50 @@ TEST_F(GoldenFileTest, TableFileOfEveryTypeIsWrittenAndReadByteForByte) {
     EXPECT_EQ(std::string(reinterpret_cast<char *>(p_application->data), p_application->length),
               "odd");
     std::free(p_application);
-    ASSERT_EQ(sr_close_table_1(h), 0);
-}
 
-TEST_F(GoldenFileTest, PackedBufferOfTwoTablesIsWrittenAndReadByteForByte) {
-    Values &v = vals_;
-    const struct {
-        const char *p_path;
-        std::vector<Column> columns;
-        std::vector<std::vector<V>> rows;
-    } tables[] = {
-        {"/m/p",
-         {{"k", QX_INT32, SR_PRIMARY_KEY, 0, nullptr, v.I32(0)},
-          {"s", QX_CHAR_PTR, SR_STANDARD, 4, nullptr, v.Text("dflt")},
-          {"a", QX_INT64_ARRAY, SR_STANDARD, 0, nullptr, v.Array(QX_INT64_ARRAY, {})}},
-         {{v.I32(1), v.Text("one"), v.Array(QX_INT64_ARRAY, {v.Num(QX_INT64, 9ll)})},
-          {v.I32(2), v.Text("twenty"), v.Array(QX_INT64_ARRAY, {})}}},
-        {"/t",
-         {{"key", QX_CHAR_PTR, SR_PRIMARY_KEY_NOCHECK, 0, nullptr, v.Text("")},
-          {"sd", QX_SD_PTR, SR_STANDARD | SR_INVISIBLE, 0,
-           v.Definition({{QX_INT32, "n"}, {QX_CHAR_PTR, "label"}}), v.Sd({})}},
-         {{v.Text("only"), v.Sd({v.I32(5), v.Text("five")})}}},
-    };
-    // Per table: name (a persistent table's is its file's), fixed metadata, columns, rows.
-    std::vector<V> forms;
-    sr_opaque_handle_t handles[2];
-    for (int t = 0; t < 2; ++t) {
-        std::vector<V> described, binaries;
-        for (const Column &c : tables[t].columns) {
-            const bool sd = c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY;  // default: UINT32 0
-            const qx_uint32_t fields = c.p_definition ? c.p_definition->number_of_fields : 0;
-            std::vector<V> elements = {v.Text(c.p_name),
-                                       v.U32(c.type),
-                                       v.U32(c.qualifier),
-                                       v.I32(c.properties),
-                                       sd ? v.U32(0) : c.default_value,
-                                       v.U32(fields)};
-            std::vector<V> types, names;
-            for (qx_uint32_t f = 0; f < fields; ++f) {
-                types.push_back(v.U32(c.p_definition->field_def[f].type));
-                names.push_back(v.Text(c.p_definition->field_def[f].name));
-            }
-            if (fields != 0) elements.push_back(v.Array(QX_UINT32_ARRAY, types));
-            if (fields != 0) elements.push_back(v.Array(QX_CHAR_PTR_ARRAY, names));
-            described.push_back(v.Sd(elements));
+    // Packed: name (its file's), fixed metadata, columns (structured defaults as UINT32 0), rows.
+    std::vector<V> described;
+    for (const Column &c : columns) {
+        const bool sd = c.type == QX_SD_PTR || c.type == QX_SD_PTR_ARRAY;
+        const qx_uint32_t fields = c.p_definition ? c.p_definition->number_of_fields : 0;
+        std::vector<V> elements = {v.Text(c.p_name),
+                                   v.U32(c.type),
+                                   v.U32(c.qualifier),
+                                   v.I32(c.properties),
+                                   sd ? v.U32(0) : c.default_value,
+                                   v.U32(fields)};
+        std::vector<V> types, names;
+        for (qx_uint32_t f = 0; f < fields; ++f) {
+            types.push_back(v.U32(c.p_definition->field_def[f].type));
+            names.push_back(v.Text(c.p_definition->field_def[f].name));
         }
-        const size_t rows = tables[t].rows.size();
-        for (const auto &row : tables[t].rows)
-            binaries.push_back(v.Object(QX_BINARY_PTR, RowRecord(0, row) + std::string(4, '\0')));
-        forms.push_back(v.Text(t == 0 ? File("p") : tables[t].p_path));
-        forms.push_back(v.Sd({v.Text(tables[t].p_path), v.U32(static_cast<qx_uint32_t>(rows)),
-                              v.U32(static_cast<qx_uint32_t>(tables[t].columns.size())),
-                              v.Num(QX_UINT64, 2ull), v.I32(0)}));
-        forms.push_back(v.Array(QX_SD_PTR_ARRAY, described));
-        forms.push_back(
-            v.Object(QX_BINARY_PTR, W32(rows) + W32(0) + SlotsAndForms(binaries, 8 + 8 * rows)));
-        handles[t] = Create(tables[t].p_path, tables[t].columns);
-        for (const auto &r : tables[t].rows) ASSERT_EQ(AddRow(handles[t], tables[t].columns, r), 0);
-        ASSERT_EQ(sr_apply_1(handles[t], 0), 0);
-        ASSERT_EQ(sr_commit_1(handles[t]), 0);
+        if (fields != 0) elements.push_back(v.Array(QX_UINT32_ARRAY, types));
+        if (fields != 0) elements.push_back(v.Array(QX_CHAR_PTR_ARRAY, names));
+        described.push_back(v.Sd(elements));
     }
-    const std::string area = SlotsAndForms(forms);
-    const std::string golden = W32(40 + area.size()) + std::string("\x00\x01\x02\x00", 4) +
+    const std::vector<V> record = {
+        v.Object(QX_BINARY_PTR, RowRecord(0, a2) + std::string(4, '\0'))};
+    const std::string area = SlotsAndForms(std::vector<V>{
+        v.Text(File("h")),
+        v.Sd({v.Text("/m/h"), v.U32(1), v.U32(static_cast<qx_uint32_t>(columns.size())),
+              v.Num(QX_UINT64, 4ull), v.I32(0)}),
+        v.Array(QX_SD_PTR_ARRAY, described),
+        v.Object(QX_BINARY_PTR, W32(1) + W32(0) + SlotsAndForms(record, 16))});
+    const std::string packed = W32(40 + area.size()) + std::string("\x00\x01\x02\x00", 4) +
                                Bytes(0ull) + Bytes(1ull) + Bytes(uint64_t(40 + area.size())) +
-                               Bytes(2ull) + area;
-    qx_uint32_t views[2] = {0, 0};
+                               Bytes(1ull) + area;
+    qx_uint32_t view = 0;
     void *p_buffer = nullptr;
-    ASSERT_EQ(sr_pack_tables_1(2, handles, views, nullptr, nullptr, &p_buffer), 0);
-    const std::string packed(static_cast<char *>(p_buffer),
-                             qxtest::U32At(std::string(static_cast<char *>(p_buffer), 4), 0));
-    EXPECT_EQ(FirstDifference(packed, golden), -1);
+    ASSERT_EQ(sr_pack_tables_1(1, &h, &view, nullptr, nullptr, &p_buffer), 0);
+    EXPECT_EQ(FirstDifference(std::string(static_cast<char *>(p_buffer), packed.size()), packed),
+              -1);
     std::free(p_buffer);
+    ASSERT_EQ(sr_close_table_1(h), 0);
     // The golden buffer, unpacked at an odd address, reads back every value.
-    std::string copy = " " + golden;
-    sr_opaque_handle_t receiver = nullptr, unpacked = nullptr;
-    ASSERT_EQ(sr_open_tree_1(&receiver, 0, 0), 0);
-    for (qx_uint32_t t = 0; t < 2; ++t) {
-        ASSERT_EQ(sr_unpack_table_1(copy.data() + 1, 0, nullptr, nullptr, receiver, t, &unpacked),
-                  0);
-        for (const auto &r : tables[t].rows) ExpectRow(unpacked, tables[t].columns, r);
-    }
-    ASSERT_EQ(sr_close_tree_1(receiver), 0);
+    std::string copy = " " + packed;
+    ASSERT_EQ(sr_unpack_table_1(copy.data() + 1, 0, nullptr, nullptr, tree_, 0, &h), 0);
+    ExpectRow(h, columns, a2);
+    ASSERT_EQ(sr_close_table_1(h), 0);
 }
 
 }  // namespace
