@@ -183,25 +183,6 @@ std::string FormOf(qx_data_type_t type, const qx_value_t &value) {
 
 class GoldenFileTest : public qxtest::TableTest {
   protected:
-    sr_opaque_handle_t Create(const char *p_path, const std::vector<Column> &columns) {
-        std::vector<sr_column_t> definitions;
-        for (const Column &c : columns) {
-            definitions.push_back({const_cast<char *>(c.p_name), c.type, c.qualifier, c.properties,
-                                   c.p_definition, c.default_value.value});
-        }
-        return TableTest::Create(p_path, definitions, 6);
-    }
-    qx_int32_t AddRow(sr_opaque_handle_t table, const std::vector<Column> &columns,
-                      std::vector<V> row) {
-        std::vector<qx_char_ptr_t> names;
-        std::vector<qx_value_t *> values;
-        for (size_t i = 0; i < columns.size(); ++i) {
-            names.push_back(const_cast<char *>(columns[i].p_name));
-            values.push_back(&row[i].value);
-        }
-        return sr_add_row_1(table, names.data(), values.data(),
-                            static_cast<qx_uint32_t>(names.size()));
-    }
     void ExpectRow(sr_opaque_handle_t table, const std::vector<Column> &columns,
                    const std::vector<V> &row) {
         for (size_t i = 0; i < columns.size(); ++i) {
@@ -213,12 +194,11 @@ class GoldenFileTest : public qxtest::TableTest {
                 << p_name;
         }
     }
-    Values vals_;
 };
 
 // Every type: two rows, update, deletion with odd application metadata, applied tail; packed.
 TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteForByte) {
-    Values &v = vals_;
+    Values v;
     V invalid_handle =
         v.Object(QX_RSRC_HANDLE_PTR,
                  std::string(reinterpret_cast<const char *>(cu_ptr_invld_rsrc_hndl_1), 20));
@@ -293,10 +273,20 @@ TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteF
     // The uncommitted tail: a deletion and its commit record.
     golden += Record(3, W32(1) + W32(a2_at)) + CommitRecord(5, true, "odd");
 
-    sr_opaque_handle_t t = Create("/m/g", columns);
+    std::vector<sr_column_t> definitions;
+    std::vector<qx_char_ptr_t> names;
+    for (const Column &c : columns) {
+        names.push_back(const_cast<char *>(c.p_name));
+        definitions.push_back({names.back(), c.type, c.qualifier, c.properties, c.p_definition,
+                               c.default_value.value});
+    }
+    sr_opaque_handle_t t = Create("/m/g", definitions, 6);
     EXPECT_EQ(FirstDifference(ReadBytes(File("g")), MetadataRecord(columns) + CommitRecord(1)), -1);
-    ASSERT_EQ(AddRow(t, columns, a), 0);
-    ASSERT_EQ(AddRow(t, columns, b), 0);
+    for (std::vector<V> row : {a, b}) {
+        std::vector<qx_value_t *> values;
+        for (V &x : row) values.push_back(&x.value);
+        ASSERT_EQ(sr_add_row_1(t, names.data(), values.data(), qx_uint32_t(names.size())), 0);
+    }
     ASSERT_EQ(sr_apply_1(t, 0), 0);
     ASSERT_EQ(sr_commit_1(t), 0);
     ASSERT_EQ(sr_set_field_by_key_1(t, a[0].value, Text("s"), &a2[1].value), 0);
@@ -356,13 +346,13 @@ TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteF
                                    v.I32(c.properties),
                                    sd ? v.U32(0) : c.default_value,
                                    v.U32(fields)};
-        std::vector<V> types, names;
+        std::vector<V> types, field_names;
         for (qx_uint32_t f = 0; f < fields; ++f) {
             types.push_back(v.U32(c.p_definition->field_def[f].type));
-            names.push_back(v.Text(c.p_definition->field_def[f].name));
+            field_names.push_back(v.Text(c.p_definition->field_def[f].name));
         }
         if (fields != 0) elements.push_back(v.Array(QX_UINT32_ARRAY, types));
-        if (fields != 0) elements.push_back(v.Array(QX_CHAR_PTR_ARRAY, names));
+        if (fields != 0) elements.push_back(v.Array(QX_CHAR_PTR_ARRAY, field_names));
         described.push_back(v.Sd(elements));
     }
     const std::vector<V> record = {
