@@ -15,10 +15,7 @@ namespace {
 
 class HashTableTest : public ::testing::Test {
   protected:
-    void TearDown() override {
-        sr_i_alloc_fail_after(-1);
-        sr_i_hash_table_close(p_table_);
-    }
+    void TearDown() override { sr_i_hash_table_close(p_table_); }
     // Eight buckets by the low bits of a 32-bit key.
     static qx_uint32_t hash_u32(const void *p_key) {
         qx_uint32_t v;
