@@ -60,8 +60,7 @@ class DumpTest : public qxtest::TableTest {
     Arena arena_;
 };
 
-// Each detail bit prints its own lines (a column and a row value of every
-// type, an uncommitted row, application metadata); all bits print all of them.
+// Each detail bit prints its own lines (every type, a pending row, application metadata).
 TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     const qxcross::TableLayout layout = qxcross::table_layouts()[0];
     std::vector<sr_column_t> columns = qxcross::column_definitions(arena_, layout);
@@ -120,8 +119,7 @@ TEST_F(DumpTest, EachDetailBitPrintsItsLines) {
     EXPECT_EQ(Dump(nullptr, SR_I_DUMP_ALL), "Table p_table(0x00000000)\n");
 }
 
-// A new two-int32 file: 120 bytes (metadata 96, commit 24), a pool buffer of
-// 100 * 84 + 20 bytes, 116 used; the tree dump goes to standard output.
+// A new two-int32 file: 120 bytes, a pool buffer of 100 * 84 + 20 bytes; the tree to stdout.
 TEST_F(DumpTest, NewFileItsPoolAndTheTree) {
     sr_i_table_t *p_table =
         Create("/m/t", {Column("k", QX_INT32, SR_PRIMARY_KEY), Column("v", QX_INT32, SR_STANDARD)});

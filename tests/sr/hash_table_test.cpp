@@ -15,10 +15,7 @@ namespace {
 
 class HashTableTest : public ::testing::Test {
   protected:
-    void TearDown() override {
-        sr_i_alloc_fail_after(-1);
-        sr_i_hash_table_close(p_table_);
-    }
+    void TearDown() override { sr_i_hash_table_close(p_table_); }
     // Eight buckets by the low bits of a 32-bit key.
     static qx_uint32_t hash_u32(const void *p_key) {
         qx_uint32_t v;
@@ -86,8 +83,7 @@ TEST_F(HashTableTest, EqualKeysDuplicatesRemovalAndStatistics) {
     EXPECT_EQ(2, row_of(12));
     EXPECT_EQ(202, sr_i_hash_table_remove_element(p_table_, (bucket_ + 1) % 8, element_));
     ASSERT_EQ(0, sr_i_hash_table_remove_element(p_table_, bucket_, element_));
-    // A checked duplicate: 108, the existing element, no error record (the
-    // caller decides); modifier bits do not hide the base qualifier.
+    // A checked duplicate (modifier bits aside): 108, the existing element, no error record.
     ASSERT_EQ(0, add(9, 4, SR_PRIMARY_KEY));
     sr_hash_table_element_t *p_existing = element_;
     ASSERT_EQ(0, add(17, 6, SR_PRIMARY_KEY));

@@ -52,9 +52,7 @@ class TempDir {
     std::string path_;
 };
 
-// Fails the n-th allocation of `attempt` for n = 0, 1, ... until a run meets
-// no failure, which must succeed (returns that n); each failed run gives 12
-// with its error record and passes `on_failure`.
+// Fails allocation n = 0, 1, ... of `attempt` (each: 12, then `on_failure`) until it succeeds.
 template <typename Attempt, typename OnFailure>
 int EachAllocationFailure(Attempt attempt, OnFailure on_failure) {
     for (qx_int64_t n = 0; n < 1000; ++n) {
