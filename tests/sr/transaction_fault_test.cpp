@@ -98,7 +98,7 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
     const Plan enospc{.writev_fail_at = 1, .writev_errno = ENOSPC}, no_memory{};
     const Plan second_batch{.writev_fail_at = 2};  // 31 rows: two batches before the commit record
     const Plan short_then_eio{.writev_fail_at = 5, .writev_short = true},
-        apply_sync{.sync_fail_at = 1};
+        apply_sync{.sync_fail_at = 1}, switch_and_restore{.sync_fail_at = 1, .write_fail_at = 2};
     const struct {
         const char *what;
         Plan plan;
@@ -118,14 +118,7 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         {"commit record", no_memory, 0, 1, 0, SR_E_NO_MEMORY, "sr_i_create_commit_record"},
         {"deletion record", no_memory, 0, 0, 1, SR_E_NO_MEMORY, "in the sr_i_apply function"},
         {"switch", {.write_fail_at = -1}, 0, 1, -1, SR_E_SYSTEM_CALL, "write", true},
-        {"switch and its restore",
-         {.sync_fail_at = 1, .write_fail_at = 2},
-         0,
-         1,
-         -1,
-         SR_E_SYSTEM_CALL,
-         "write",
-         true},
+        {"switch and its restore", switch_and_restore, 0, 1, -1, SR_E_SYSTEM_CALL, "write", true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
