@@ -35,7 +35,7 @@ class TableFileTest : public qxtest::TableTest {
         EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n") << what;
     }
 
-    // Loads `image`: `rows` committed rows, `counter`, a pool whose records tile its buffers.
+    // Loads `image`: `rows` committed rows, `counter`.
     sr_i_table_t *Expect(const std::string &name, const FileImage &image, qx_uint32_t rows,
                          qx_uint64_t counter) {
         sr_i_table_t *p_table = nullptr;
@@ -43,19 +43,6 @@ class TableFileTest : public qxtest::TableTest {
         if (p_table == nullptr) return nullptr;
         EXPECT_EQ(p_table->total_committed_rows, rows) << name;
         EXPECT_EQ(p_table->change_counter, counter) << name;
-        const sr_i_record_buffer_pool_t &pool = p_table->record_buffer_pool;
-        qx_uint64_t free_data = 0;
-        for (sr_i_record_buffer_t *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) {
-            char *p_record = sr_i_rb_buffer_data(p);
-            while (p_record < sr_i_rb_buffer_end(p)) {
-                EXPECT_GE(sr_i_record_length(p_record), 12u);
-                if (sr_i_record_length(p_record) < 12) break;
-                if (sr_i_record_type(p_record) == 0) free_data += sr_i_record_length(p_record) - 12;
-                p_record += sr_i_record_length(p_record);
-            }
-            EXPECT_EQ(p_record, sr_i_rb_buffer_end(p));
-        }
-        EXPECT_EQ(pool.used_bytes, pool.total_bytes - free_data);
         return p_table;
     }
 
@@ -72,8 +59,7 @@ class TableFileTest : public qxtest::TableTest {
     }
 };
 
-// A sparse file of nearly 4 GB costs only its records: loaded in a child with a capped address
-// space.
+// A sparse file of nearly 4 GB costs only its records: loaded in a child with a capped space.
 TEST_F(TableFileTest, SparseFileNearFourGigabytesCostsOnlyItsRecords) {
     FileImage committed = NewFile("t");
     committed.Row(0, {1, 10});
