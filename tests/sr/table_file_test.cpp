@@ -195,35 +195,6 @@ TEST_F(TableFileTest, SupersedingAndDeletionRecordsKeepFixedIndexesAndFreeSlots)
     sr_i_close_table(p_table);
 }
 
-// Metadata elements are read sorted and written back sorted, unpadded; pending deletions not yet.
-TEST_F(TableFileTest, ApplicationMetadataIsReadSortedAndWrittenBackSorted) {
-    FileImage image = NewFile("t");
-    image.Row(0, {1, 10});
-    image.Commit(1, {{9, "nine"}, {0, "zero"}, {5, "five"}, {7, ""}});
-    sr_i_table_t *p_table = Expect("t", image, 1, 1);
-    sr_i_application_metadata_t *p_store = p_table->p_application_metadata;
-    ASSERT_EQ(p_store->total_elements, 4u);
-    ASSERT_EQ(sr_i_delete_application_metadata_element(p_store, 7), 0);
-    char *p_record = nullptr;
-    qx_uint32_t length = 0;
-    ASSERT_EQ(sr_i_create_commit_record(p_store, 77, &length, &p_record), 0);
-    FileImage sorted;  // the link word aside
-    sorted.Commit(77, {{0, "zero"}, {5, "five"}, {7, ""}, {9, "nine"}});
-    EXPECT_EQ(std::string(p_record, length).erase(4, 4), sorted.bytes.erase(4, 4));
-    sr_i_application_metadata_t *p_read = nullptr;
-    ASSERT_EQ(sr_i_allocate_application_metadata_buffer(1, &p_read), 0);
-    qx_uint64_t counter = 0;
-    ASSERT_EQ(sr_i_open_commit_record(p_record, p_read, &counter), 0);
-    EXPECT_EQ(counter, 77u);
-    EXPECT_EQ(p_read->total_elements, 4u);
-    std::free(p_record);
-    sr_i_free_application_metadata(p_read);
-    ASSERT_EQ(sr_i_create_commit_record(nullptr, 1, &length, &p_record), 0);
-    EXPECT_EQ(length, 24u);
-    std::free(p_record);
-    sr_i_close_table(p_table);
-}
-
 TEST_F(TableFileTest, ResourceHandleKeyGetsAHashedIndexOnOpen) {
     std::vector<sr_column_t> columns = ScalarColumns(2);
     columns[0].type = QX_RSRC_HANDLE_PTR;
