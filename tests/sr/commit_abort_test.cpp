@@ -183,14 +183,14 @@ TEST_P(TransactionModelTest, EveryStepMatchesTheModel) {
     if (!hashed) columns[0].qualifier = SR_PRIMARY_KEY_NOCHECK;
     sr_opaque_handle_t handle = nullptr;
     ASSERT_EQ(hashed ? sr_create_hashed_key_table_1(tree_, Text("/m/t"), columns.data(), 7, mode,
-                                                    64, HashInt64, CompareInt64, &handle)
+                                                    1024, HashI64, CompareI64, &handle)
                      : sr_create_table_1(tree_, Text("/m/t"), columns.data(), 7, mode, &handle),
               0);
     auto *p_table = static_cast<sr_i_table_t *>(handle);
     auto reopen = [&]() {
         EXPECT_EQ(sr_close_table_1(p_table), 0);
-        EXPECT_EQ(hashed ? sr_open_hashed_key_table_1(tree_, Text("/m/t"), mode, 64, HashInt64,
-                                                      CompareInt64, &handle)
+        EXPECT_EQ(hashed ? sr_open_hashed_key_table_1(tree_, Text("/m/t"), mode, 1024, HashI64,
+                                                      CompareI64, &handle)
                          : sr_open_table_1(tree_, Text("/m/t"), mode, &handle),
                   0);
         p_table = static_cast<sr_i_table_t *>(handle);
@@ -214,7 +214,7 @@ TEST_P(TransactionModelTest, EveryStepMatchesTheModel) {
             }
             applied = false;
         } else if (choice < 35) {
-            qx_int64_t key = static_cast<qx_int64_t>(rng_() % 60);
+            qx_int64_t key = static_cast<qx_int64_t>(rng_() % 60) * 64;  // 16 buckets of 1024
             if (working.count(key) == 0) {
                 working[key] = RandomRow(key);
                 ASSERT_EQ(Put(p_table, working[key]), 0);

@@ -16,7 +16,7 @@
 #include <variant>
 #include <vector>
 
-#include "sr/table_test_util.h"
+#include "sr/rows_test_util.h"
 #include "sr_i.h"
 
 namespace qxtest {
@@ -121,19 +121,6 @@ inline std::vector<FileRecord> FileRecords(const std::string &bytes) {
         at += records.back().length;
     }
     return records;
-}
-
-inline qx_uint32_t HashInt64(const void *p_key) {
-    qx_uint64_t v;
-    std::memcpy(&v, p_key, 8);
-    return static_cast<qx_uint32_t>(v * 0x9E3779B97F4A7C15ull >> 58);  // 64 buckets
-}
-inline qx_int32_t CompareInt64(const void *p1, const void *p2) {
-    qx_int64_t a;
-    qx_int64_t b;
-    std::memcpy(&a, p1, 8);
-    std::memcpy(&b, p2, 8);
-    return a < b ? -1 : a > b ? 1 : 0;
 }
 
 class TransactionTest : public TableTest {
