@@ -60,7 +60,6 @@ int OpenDescriptors() {
 
 class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
   protected:
-    sr_opaque_handle_t OtherTree() { return qxtest::MountedTree(tmp_.file("d")); }
     sr_opaque_handle_t Open(sr_opaque_handle_t tree, int mode) {
         sr_opaque_handle_t table = nullptr;
         EXPECT_EQ(sr_open_table_1(tree, Text("/m/t"), mode, &table), 0);

@@ -21,14 +21,6 @@
 
 namespace qxtest {
 
-// A tree of its own with "/m" mounted on `directory`.
-inline sr_opaque_handle_t MountedTree(std::string directory) {
-    sr_opaque_handle_t tree = nullptr;
-    char m[] = "/m";
-    EXPECT_EQ(sr_open_tree_1(&tree, 0, 0) | sr_mount_local_tree_1(tree, m, directory.data(), 1), 0);
-    return tree;
-}
-
 // A child's exit status, or 100 + the signal that ended it.
 inline int WaitChild(pid_t pid) {
     int status = 0;
@@ -125,6 +117,14 @@ inline std::vector<FileRecord> FileRecords(const std::string &bytes) {
 
 class TransactionTest : public TableTest {
   protected:
+    // A tree of its own with the same "/m" mount.
+    sr_opaque_handle_t OtherTree() {
+        sr_opaque_handle_t tree = nullptr;
+        EXPECT_EQ(sr_open_tree_1(&tree, 0, 0) |
+                      sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1),
+                  0);
+        return tree;
+    }
     // /m/<name>: k INT64 key, then c1.. INT64.
     sr_i_table_t *Make(const std::string &name, int mode = 6, int columns = 2) {
         return Create("/m/" + name, ScalarColumns(columns), mode);
