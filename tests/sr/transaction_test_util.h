@@ -32,25 +32,18 @@ inline void Kill(pid_t pid) {
     WaitChild(pid);
 }
 
-// Forks a child with the pause point armed: the setting is read here, the child
-// inherits it, and this process reads it again without it.
-template <typename Child>
-pid_t ForkPaused(const std::string &setting, Child child) {
-    setenv("QX_SR_TEST_PAUSE", setting.c_str(), 1);
+// A child that runs `work` with the pause point armed, returned once stopped there. The setting
+// is read here, the child inherits it, and this process reads it again without it.
+inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
+    setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
     sr_i_test_pause_reload();
     pid_t pid = fork();
     if (pid == 0) {
         alarm(60);  // never outlive a broken test
-        _exit(child());
+        _exit(work());
     }
     unsetenv("QX_SR_TEST_PAUSE");
     sr_i_test_pause_reload();
-    return pid;
-}
-
-// A child that runs `work` with the pause point armed, returned once stopped there.
-inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
-    pid_t pid = ForkPaused(point, work);
     int status = 0;
     EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
     EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
