@@ -87,60 +87,49 @@ class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
     }
 };
 
-// A writer waiting in the lock while the first renames a rewrite over the file uses the new one.
-TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIntoPlace) {
-    sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2), 6);
-    Channel ready, done;
-    pid_t pid = fork();
-    if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree();
-        ready.Send(1);
-        sr_opaque_handle_t table = nullptr;
-        if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
-        done.Send(NowMs());
-        done.Send(static_cast<sr_i_table_t *>(table)->total_committed_rows);
-        done.Send(AddRow(table, 2, 20));
-        _exit(0);
-    }
-    ASSERT_EQ(ready.Receive(5000), 1);
-    EXPECT_EQ(done.Receive(400), -1) << "the second writer did not wait";
-    ASSERT_EQ(AddRow(p_table, 1, 10), 0);
-    ASSERT_EQ(sr_i_apply(p_table, 1, 0) | sr_i_commit(p_table), 0);  // by a rewrite
-    const qx_int64_t closed_at = NowMs();
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-    EXPECT_GE(done.Receive(5000), closed_at);
-    EXPECT_EQ(done.Receive(5000), 1) << "the waiter read the replaced file";
-    EXPECT_EQ(done.Receive(5000), 0);
-    EXPECT_EQ(WaitChild(pid), 0);
-    EXPECT_EQ(CommittedRows(tree_), 2u) << "the waiter's row went to an unlinked file";
-}
-
-// A copy over a table waits for its writer, also across a rewrite that frees the old file's lock.
-TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrite) {
+// A writer or a copy waiting for the writer's lock waits across a rewrite, then uses the new file.
+TEST_F(TableProcessConcurrencyTest, WaitersForTheWriterWaitAcrossARewriteAndUseTheNewFile) {
     ASSERT_EQ(sr_close_table_1(Create("/m/s", ScalarColumns(2))), 0);
-    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2), 6);
-    Channel ready, done;
-    pid_t pid = fork();
-    if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree();
-        ready.Send(1);
-        qx_int32_t rc = sr_copy_table_by_name_1(tree, Text("/m/s"), Text("/m/t"), 1);
-        done.Send(rc == 0 ? 1 : -rc);
-        _exit(0);
+    for (bool copy : {false, true}) {
+        SCOPED_TRACE(copy);
+        sr_delete_table_1(tree_, Text("/m/t"));
+        sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2), 6);
+        Channel ready, done;
+        pid_t pid = fork();
+        if (pid == 0) {
+            sr_opaque_handle_t tree = OtherTree(), table = nullptr;
+            ready.Send(1);
+            if (copy) {
+                if (sr_copy_table_by_name_1(tree, Text("/m/s"), Text("/m/t"), 1) != 0) _exit(1);
+                done.Send(NowMs());
+                _exit(0);
+            }
+            if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
+            done.Send(NowMs());
+            done.Send(static_cast<sr_i_table_t *>(table)->total_committed_rows);
+            done.Send(AddRow(table, 3, 30));
+            _exit(0);
+        }
+        ASSERT_EQ(ready.Receive(5000), 1);
+        EXPECT_EQ(done.Receive(300), -1) << "the waiter did not wait";
+        ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
+        ASSERT_EQ(sr_i_apply(p_writer, 1, 0) | sr_i_commit(p_writer), 0);  // by a rewrite
+        EXPECT_EQ(done.Receive(300), -1) << "the waiter went ahead under the writer";
+        ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
+        ASSERT_EQ(ApplyCommit(p_writer), 0);
+        sr_opaque_handle_t other = OtherTree();
+        EXPECT_EQ(CommittedRows(other), 2u) << "the commits went to a file the copy replaced";
+        sr_close_tree_1(other);
+        const qx_int64_t closed_at = NowMs();
+        ASSERT_EQ(sr_close_table_1(p_writer), 0);
+        EXPECT_GE(done.Receive(5000), closed_at);
+        if (!copy) {
+            EXPECT_EQ(done.Receive(5000), 2) << "the waiter read the replaced file";
+            EXPECT_EQ(done.Receive(5000), 0);
+        }
+        EXPECT_EQ(WaitChild(pid), 0);
+        EXPECT_EQ(CommittedRows(tree_), copy ? 0u : 3u) << "a row went to an unlinked file";
     }
-    ASSERT_EQ(ready.Receive(5000), 1);
-    EXPECT_EQ(done.Receive(300), -1) << "the copy did not wait for the writer";
-    ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
-    ASSERT_EQ(sr_i_apply(p_writer, 1, 0) | sr_i_commit(p_writer), 0);  // by a rewrite
-    EXPECT_EQ(done.Receive(300), -1) << "the copy went ahead under the writer";
-    ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
-    ASSERT_EQ(ApplyCommit(p_writer), 0);
-    sr_opaque_handle_t other = OtherTree();
-    EXPECT_EQ(CommittedRows(other), 2u) << "the commits went to a file the copy replaced";
-    sr_close_tree_1(other);
-    ASSERT_EQ(sr_close_table_1(p_writer), 0);
-    EXPECT_EQ(done.Receive(5000), 1);
-    EXPECT_EQ(WaitChild(pid), 0);
 }
 
 // Readers elsewhere see the committed state unblocked; a forked child has the handle, not the lock.
