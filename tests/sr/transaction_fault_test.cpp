@@ -245,5 +245,23 @@ TEST_F(TransactionFaultTest, RewriteCommitThatCannotRenameLeavesTheTableAbortabl
     }
 }
 
+// Memory running out anywhere in an add to a hashed table or in a set leaves the rows as they were.
+TEST_F(TransactionFaultTest, EveryAllocationFailureOfAnAddOrASetLeavesTheRows) {
+    std::vector<sr_column_t> columns = ScalarColumns(2);
+    sr_opaque_handle_t handle = nullptr;
+    ASSERT_EQ(sr_create_hashed_key_table_1(tree_, Text("/mem/h"), columns.data(), 2, 6, 1024,
+                                           HashI64, CompareI64, &handle),
+              0);
+    auto *p_table = static_cast<sr_i_table_t *>(handle);
+    EachAllocationFailure([&] { return AddRow(p_table, 1, 1); },
+                          [&] { EXPECT_TRUE(Snapshot(p_table, true).empty()); });
+    ASSERT_EQ(sr_close_table_1(Committed(1)), 0);  // a fresh open has no change entries yet
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 6, &handle), 0);
+    p_table = static_cast<sr_i_table_t *>(handle);
+    EachAllocationFailure([&] { return Put(p_table, R(0, {2}), false); },
+                          [&] { EXPECT_EQ(Snapshot(p_table, true), committed_); });
+    EXPECT_EQ(Snapshot(p_table, true), (State{{0, R(0, {2})}}));
+}
+
 }  // namespace
 }  // namespace qxtest::tx
