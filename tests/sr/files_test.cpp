@@ -222,7 +222,7 @@ TEST_F(FilesTest, WritevResumesWhereItWasCutAndCountsWhatWasWritten) {
     }
 }
 
-TEST_F(FilesTest, SyncFailuresAreCapturedInTheProcessFile) {
+TEST_F(FilesTest, SyncFailuresAreCapturedAndOpenRetriesInterruptions) {
     S.fdatasync = {{-1, EIO}};
     EXPECT_EQ(sr_i_fdatasync(fd_), 10);
     EXPECT_NE(last_error().message.find("The fdatasync system call unexpectedly returned an "
@@ -242,9 +242,7 @@ TEST_F(FilesTest, SyncFailuresAreCapturedInTheProcessFile) {
     S.fdatasync = {{-1, EINTR}, {-1, ENOSPC}};
     EXPECT_EQ(sr_i_fdatasync(fd_), 13);
     EXPECT_TRUE(Matches(Capture(), "function\\(fdatasync\\) errno\\(28\\) [^\n]*\n")) << Capture();
-}
-
-TEST_F(FilesTest, OpenRetriesInterruptionsAndRecordsNoErrorOfItsOwn) {
+    Reset();  // open retries interruptions and records no error of its own
     S.open = {{-1, EINTR}, {-1, EINTR}};
     int fd = sr_i_open_file(tmp_.file("opened").c_str(), O_RDWR | O_CREAT, 0600);
     ASSERT_GE(fd, 0);

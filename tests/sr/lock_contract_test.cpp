@@ -1,5 +1,4 @@
-// Caller-holds-the-lock contracts: a routine called without the lock its
-// contract names stops a debug build.
+// A routine called without the lock its contract names stops a debug build.
 #include <gtest/gtest.h>
 
 #include "sr_i.h"

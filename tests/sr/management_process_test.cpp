@@ -10,8 +10,6 @@ namespace {
 
 class ManagementProcessConcurrencyTest : public TransactionTest {
   protected:
-    // In a child: a tree of its own with the same mount.
-    sr_opaque_handle_t ChildTree() { return MountedTree(tmp_.file("d")); }
     // /m/<name> of `rows` rows (k, rows, k), closed.
     void FileTable(const std::string &name, int rows) {
         sr_i_table_t *p_table = Make(name, 6, 3);
@@ -28,7 +26,7 @@ class ManagementProcessConcurrencyTest : public TransactionTest {
     // Runs `work` in a child with the pause point armed, and kills it there.
     void KillChildAt(const std::string &point,
                      const std::function<qx_int32_t(sr_opaque_handle_t)> &work) {
-        Kill(StopChildAt(point, [&] { return work(ChildTree()) != 0 ? 4 : 0; }));
+        Kill(StopChildAt(point, [&] { return work(OtherTree()) != 0 ? 4 : 0; }));
     }
     qx_int32_t Repair(const std::string &path) {
         char *names[] = {Text(path)};
@@ -44,7 +42,7 @@ TEST_F(ManagementProcessConcurrencyTest, CopyIntoADirectoryWaitsForItsLockFile) 
     pid_t copier = fork();
     if (copier == 0) {
         alarm(60);
-        _exit(sr_copy_table_by_name_1(ChildTree(), Text("/m/src"), Text("/m/dst"), 0));
+        _exit(sr_copy_table_by_name_1(OtherTree(), Text("/m/src"), Text("/m/dst"), 0));
     }
     usleep(400 * 1000);
     EXPECT_FALSE(Exists(File("dst"))) << "the copy did not wait for the lock";
@@ -63,7 +61,7 @@ TEST_F(ManagementProcessConcurrencyTest, TwoProcessesCopyingAndMovingIntoOneDire
         pid_t pid = fork();
         if (pid == 0) {
             alarm(120);
-            sr_opaque_handle_t tree = ChildTree();
+            sr_opaque_handle_t tree = OtherTree();
             if (sr_copy_table_by_name_1(tree, Text("/m/" + source), Text("/m/" + own + "0"), 0)) {
                 _exit(11);
             }

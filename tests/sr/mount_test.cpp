@@ -49,7 +49,21 @@ class MountTest : public qxtest::TableTest {
     }
 };
 
-TEST_F(MountTest, PathSyntax) {
+TEST_F(MountTest, PathSyntaxAndMountedPathsResolvingToFlatFileNames) {
+    EXPECT_EQ(Mount("/a", "deep/er/d", 0), 0);  // makes the directory even with create 0
+    const std::string d = tmp_.file("deep/er/d");
+    struct stat st;
+    ASSERT_EQ(stat(d.c_str(), &st), 0);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFDIR | (0755 & ~mask));
+    EXPECT_EQ(Mount("/b", "deep/er/d/"), 0) << "all there already";
+    EXPECT_EQ(last_error().code, 0);
+    EXPECT_EQ(Resolve("/a/x"), d + "/x");
+    EXPECT_EQ(Resolve("/a/x/y/z9_"), d + "/x,y,z9_");
+    for (const char *transient : {"/ab", "/a", "/c/x", "a/x"}) EXPECT_EQ(Resolve(transient), "");
+    EXPECT_EQ(Resolve("/a/x.y"), "<102>");
+    EXPECT_EQ(Resolve("/a//x"), "<102>");
     for (std::string bad :
          std::vector<std::string>{"", std::string(256, 'a'), std::string(100000, 'a'), "/a b",
                                   "/a\tb", "/a\nb", "/a.b", "/a,b", "/a-b", "/a//b", "//", "/a/.",
@@ -61,18 +75,6 @@ TEST_F(MountTest, PathSyntax) {
                                   "a_b", "/", "/config/nodes/table1", "A9/_/z"}) {
         EXPECT_EQ(sr_i_check_path_syntax(good.data()), 0) << good;
     }
-}
-
-TEST_F(MountTest, MountedPathsResolveToFlatFileNames) {
-    EXPECT_EQ(Mount("/a", "deep/er/d", 0), 0);  // makes the directory even with create 0
-    const std::string d = tmp_.file("deep/er/d");
-    EXPECT_TRUE(IsDirectory(d));
-    EXPECT_EQ(last_error().code, 0);
-    EXPECT_EQ(Resolve("/a/x"), d + "/x");
-    EXPECT_EQ(Resolve("/a/x/y/z9_"), d + "/x,y,z9_");
-    for (const char *transient : {"/ab", "/a", "/b/x", "a/x"}) EXPECT_EQ(Resolve(transient), "");
-    EXPECT_EQ(Resolve("/a/x.y"), "<102>");
-    EXPECT_EQ(Resolve("/a//x"), "<102>");
     sr_i_alloc_fail_after(0);
     EXPECT_EQ(Resolve("/a/x"), "<12>");
     EXPECT_EQ(last_error().code, 12);
@@ -94,6 +96,15 @@ TEST_F(MountTest, RefusedMountsLeaveTheTreeUnchanged) {
     EXPECT_EQ(sr_unmount_local_tree_1(nullptr, Text("/a")), 100);
     qxtest::WriteBytes(tmp_.file("plain"), "");
     EXPECT_EQ(Mount("/b", "plain/d"), 10);
+    EXPECT_EQ(Mount("/b", "plain/sub/d"), 10);
+    EXPECT_NE(last_error().message.find("The mkdir system call unexpectedly returned an errno of " +
+                                        std::to_string(ENOTDIR) +
+                                        " to the sr_i_create_all_directories_in_path function"),
+              std::string::npos)
+        << last_error().message;
+    sr_i_file_ops.p_mkdir = [](const char *, mode_t) { return errno = ENOSPC, -1; };
+    EXPECT_EQ(Mount("/b", "x/y"), 13);
+    sr_i_file_ops = sr_i_default_file_ops;
     EXPECT_EQ(Resolve("/b/t"), "");
     // A transient table of the name; a path below it is no table.
     ASSERT_NE(Create("/t", ScalarColumns(2)), nullptr);
@@ -101,23 +112,18 @@ TEST_F(MountTest, RefusedMountsLeaveTheTreeUnchanged) {
     EXPECT_EQ(Mount("/t/u", "d"), 0);
 }
 
-TEST_F(MountTest, AllocationFailuresAre12AndLeaveNothingBehind) {
+// Allocation failures are 12 and leave nothing behind.
+TEST_F(MountTest, UnmountTakesTheNameAsMounted) {
     for (int n = 0; n < 3; ++n) {
         sr_i_alloc_fail_after(n);
         EXPECT_EQ(Mount("/a", "da"), 12) << n;
         sr_i_alloc_fail_after(-1);
         EXPECT_EQ(Resolve("/a/t"), "");
     }
-    sr_i_alloc_fail_after(-1);
     ASSERT_EQ(Mount("/a", "da"), 0);
     sr_i_alloc_fail_after(0);
     EXPECT_EQ(Unmount("/a"), 12);
     sr_i_alloc_fail_after(-1);
-    EXPECT_NE(Resolve("/a/t"), "");
-}
-
-TEST_F(MountTest, UnmountTakesTheNameAsMounted) {
-    ASSERT_EQ(Mount("/a", "da"), 0);
     EXPECT_EQ(Unmount("not a path"), 102);
     EXPECT_EQ(Unmount("/a/"), 208);  // lies under the mount point
     EXPECT_EQ(last_error().message, "2605-208 The specified mount point does not exist.\n");
@@ -129,33 +135,6 @@ TEST_F(MountTest, UnmountTakesTheNameAsMounted) {
     EXPECT_EQ(Resolve("/a/t"), "");
     EXPECT_TRUE(IsDirectory(tmp_.file("da"))) << "files on disk are never touched";
     EXPECT_EQ(Unmount("/a"), 208);
-}
-
-TEST_F(MountTest, DirectoryCreation) {
-    std::string path = tmp_.file("d2/d3/d4");
-    std::string copy = path;
-    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 0);
-    EXPECT_EQ(copy, path);
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    mode_t mask = umask(0);
-    umask(mask);
-    EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
-    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 0);  // all there already
-    copy = path + "/";
-    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 0);
-    qxtest::WriteBytes(tmp_.file("plain"), "");
-    copy = tmp_.file("plain/sub/dir");
-    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 10);
-    EXPECT_EQ(copy, tmp_.file("plain/sub/dir"));
-    EXPECT_NE(last_error().message.find("The mkdir system call unexpectedly returned an errno of " +
-                                        std::to_string(ENOTDIR) +
-                                        " to the sr_i_create_all_directories_in_path function"),
-              std::string::npos)
-        << last_error().message;
-    sr_i_file_ops.p_mkdir = [](const char *, mode_t) { return errno = ENOSPC, -1; };
-    copy = tmp_.file("x/y");
-    EXPECT_EQ(sr_i_create_all_directories_in_path(copy.data()), 13);
 }
 
 // Repair removes the named tables' ".rewrite" files in order, up to the first bad name.

@@ -1,6 +1,4 @@
-// Power loss: every durable call's file operations are recorded, cut at every point and
-// mixed (synced data persists; unsynced sectors old, new or torn; lengths and names either)
-// into crash states, each of which must read as after the last returned call or the one in flight.
+// Power loss: durable calls' file operations, cut anywhere and mixed, read as a whole call.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -262,7 +260,8 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     sr_i_file_ops = sr_i_default_file_ops;
     ASSERT_FALSE(HasFailure());
 
-    // The state after each returned call, as the cache showed it.
+    // The state after each returned call, as the cache showed it. A crash state keeps synced
+    // data; unsynced sectors are old, new or torn; lengths and names either.
     Fs now;
     std::vector<std::string> after{Read({}, {})};
     for (const Op &op : Rec.ops) {

@@ -44,14 +44,18 @@ class RwLockConcurrencyTest : public ::testing::Test {
     sr_i_read_write_lock_t lock_;
 };
 
+// Readers share; a writer waits for the last reader, and its release wakes every waiting reader.
 TEST_F(RwLockConcurrencyTest, ReadersShareAndAWriterWaitsForTheLastReader) {
     ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
     std::thread([&] { EXPECT_EQ(0, sr_i_rw_lock_read(&lock_)); }).join();
     EXPECT_EQ(2, sr_i_rw_state(&lock_));
-    std::atomic<bool> writing{false};
+    std::atomic<bool> writing{false}, release{false};
+    std::atomic<int> inside{0};
     std::thread writer([&] {
         EXPECT_EQ(0, sr_i_rw_lock_write(&lock_));
         writing = true;
+        EXPECT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_readers, 3));
+        EXPECT_EQ(0, inside.load());
         EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
     });
     ASSERT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_writers, 1));
@@ -59,15 +63,7 @@ TEST_F(RwLockConcurrencyTest, ReadersShareAndAWriterWaitsForTheLastReader) {
     std::this_thread::sleep_for(50ms);
     EXPECT_FALSE(writing.load()) << "writer entered while a reader still held the lock";
     EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));  // the last release wakes it
-    writer.join();
-    EXPECT_TRUE(writing.load());
-    ExpectUsable();
-}
-
-TEST_F(RwLockConcurrencyTest, WritersReleaseWakesAllWaitingReaders) {
-    ASSERT_EQ(0, sr_i_rw_lock_write(&lock_));
-    std::atomic<int> inside{0};
-    std::atomic<bool> release{false};
+    while (!writing.load()) std::this_thread::sleep_for(1ms);
     std::thread readers[3];
     for (auto &reader : readers) {
         reader = std::thread([&] {
@@ -77,15 +73,13 @@ TEST_F(RwLockConcurrencyTest, WritersReleaseWakesAllWaitingReaders) {
             EXPECT_EQ(0, sr_i_rw_unlock_read(&lock_));
         });
     }
-    ASSERT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_readers, 3));
-    EXPECT_EQ(0, inside.load());
-    EXPECT_EQ(0, sr_i_rw_unlock_write(&lock_));
+    writer.join();
     for (int i = 0; i < 2000 && inside.load() < 3; ++i) std::this_thread::sleep_for(1ms);
     EXPECT_EQ(3, inside.load()) << "all readers hold the lock together after the writer";
     EXPECT_EQ(3, sr_i_rw_state(&lock_));
     release = true;
     for (auto &reader : readers) reader.join();
-    EXPECT_TRUE(WaitFor(&sr_i_read_write_lock_t::waiting_readers, 0));
+    ExpectUsable();
 }
 
 void *WaitThenBeCancelled(void *p_lock) {

@@ -35,7 +35,7 @@ class TableFileTest : public qxtest::TableTest {
         EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n") << what;
     }
 
-    // Loads `image`: `rows` committed rows, `counter`, a pool whose records tile its buffers.
+    // Loads `image`: `rows` committed rows, `counter`.
     sr_i_table_t *Expect(const std::string &name, const FileImage &image, qx_uint32_t rows,
                          qx_uint64_t counter) {
         sr_i_table_t *p_table = nullptr;
@@ -43,19 +43,6 @@ class TableFileTest : public qxtest::TableTest {
         if (p_table == nullptr) return nullptr;
         EXPECT_EQ(p_table->total_committed_rows, rows) << name;
         EXPECT_EQ(p_table->change_counter, counter) << name;
-        const sr_i_record_buffer_pool_t &pool = p_table->record_buffer_pool;
-        qx_uint64_t free_data = 0;
-        for (sr_i_record_buffer_t *p = pool.p_first_record_buffer; p != nullptr; p = p->p_next) {
-            char *p_record = sr_i_rb_buffer_data(p);
-            while (p_record < sr_i_rb_buffer_end(p)) {
-                EXPECT_GE(sr_i_record_length(p_record), 12u);
-                if (sr_i_record_length(p_record) < 12) break;
-                if (sr_i_record_type(p_record) == 0) free_data += sr_i_record_length(p_record) - 12;
-                p_record += sr_i_record_length(p_record);
-            }
-            EXPECT_EQ(p_record, sr_i_rb_buffer_end(p));
-        }
-        EXPECT_EQ(pool.used_bytes, pool.total_bytes - free_data);
         return p_table;
     }
 
@@ -72,8 +59,7 @@ class TableFileTest : public qxtest::TableTest {
     }
 };
 
-// A sparse file of nearly 4 GB costs only its records: loaded in a child with a capped address
-// space.
+// A sparse file of nearly 4 GB costs only its records: loaded in a child with a capped space.
 TEST_F(TableFileTest, SparseFileNearFourGigabytesCostsOnlyItsRecords) {
     FileImage committed = NewFile("t");
     committed.Row(0, {1, 10});
@@ -206,35 +192,6 @@ TEST_F(TableFileTest, SupersedingAndDeletionRecordsKeepFixedIndexesAndFreeSlots)
     p_table = Expect("t", image, 4, 4);
     EXPECT_EQ(ValueOf(p_table, 9, &fixed), 90);
     EXPECT_EQ(fixed, 1u);
-    sr_i_close_table(p_table);
-}
-
-// Metadata elements are read sorted and written back sorted, unpadded; pending deletions not yet.
-TEST_F(TableFileTest, ApplicationMetadataIsReadSortedAndWrittenBackSorted) {
-    FileImage image = NewFile("t");
-    image.Row(0, {1, 10});
-    image.Commit(1, {{9, "nine"}, {0, "zero"}, {5, "five"}, {7, ""}});
-    sr_i_table_t *p_table = Expect("t", image, 1, 1);
-    sr_i_application_metadata_t *p_store = p_table->p_application_metadata;
-    ASSERT_EQ(p_store->total_elements, 4u);
-    ASSERT_EQ(sr_i_delete_application_metadata_element(p_store, 7), 0);
-    char *p_record = nullptr;
-    qx_uint32_t length = 0;
-    ASSERT_EQ(sr_i_create_commit_record(p_store, 77, &length, &p_record), 0);
-    FileImage sorted;  // the link word aside
-    sorted.Commit(77, {{0, "zero"}, {5, "five"}, {7, ""}, {9, "nine"}});
-    EXPECT_EQ(std::string(p_record, length).erase(4, 4), sorted.bytes.erase(4, 4));
-    sr_i_application_metadata_t *p_read = nullptr;
-    ASSERT_EQ(sr_i_allocate_application_metadata_buffer(1, &p_read), 0);
-    qx_uint64_t counter = 0;
-    ASSERT_EQ(sr_i_open_commit_record(p_record, p_read, &counter), 0);
-    EXPECT_EQ(counter, 77u);
-    EXPECT_EQ(p_read->total_elements, 4u);
-    std::free(p_record);
-    sr_i_free_application_metadata(p_read);
-    ASSERT_EQ(sr_i_create_commit_record(nullptr, 1, &length, &p_record), 0);
-    EXPECT_EQ(length, 24u);
-    std::free(p_record);
     sr_i_close_table(p_table);
 }
 

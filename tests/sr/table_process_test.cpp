@@ -60,7 +60,6 @@ int OpenDescriptors() {
 
 class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
   protected:
-    sr_opaque_handle_t OtherTree() { return qxtest::MountedTree(tmp_.file("d")); }
     sr_opaque_handle_t Open(sr_opaque_handle_t tree, int mode) {
         sr_opaque_handle_t table = nullptr;
         EXPECT_EQ(sr_open_table_1(tree, Text("/m/t"), mode, &table), 0);
@@ -88,61 +87,49 @@ class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
     }
 };
 
-// A writer waiting in the lock while the first renames a rewrite over the file must use the new
-// one.
-TEST_F(TableProcessConcurrencyTest, WaitingWriterWorksOnTheFileARewriteRenamedIntoPlace) {
-    sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2), 6);
-    Channel ready, done;
-    pid_t pid = fork();
-    if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree();
-        ready.Send(1);
-        sr_opaque_handle_t table = nullptr;
-        if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
-        done.Send(NowMs());
-        done.Send(static_cast<sr_i_table_t *>(table)->total_committed_rows);
-        done.Send(AddRow(table, 2, 20));
-        _exit(0);
-    }
-    ASSERT_EQ(ready.Receive(5000), 1);
-    EXPECT_EQ(done.Receive(400), -1) << "the second writer did not wait";
-    ASSERT_EQ(AddRow(p_table, 1, 10), 0);
-    ASSERT_EQ(sr_i_apply(p_table, 1, 0) | sr_i_commit(p_table), 0);  // by a rewrite
-    const qx_int64_t closed_at = NowMs();
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-    EXPECT_GE(done.Receive(5000), closed_at);
-    EXPECT_EQ(done.Receive(5000), 1) << "the waiter read the replaced file";
-    EXPECT_EQ(done.Receive(5000), 0);
-    EXPECT_EQ(WaitChild(pid), 0);
-    EXPECT_EQ(CommittedRows(tree_), 2u) << "the waiter's row went to an unlinked file";
-}
-
-// A copy over a table waits for its writer, also across a rewrite that frees the old file's lock.
-TEST_F(TableProcessConcurrencyTest, CopyOverATableWaitsForItsWriterAcrossARewrite) {
+// A writer or a copy waiting for the writer's lock waits across a rewrite, then uses the new file.
+TEST_F(TableProcessConcurrencyTest, WaitersForTheWriterWaitAcrossARewriteAndUseTheNewFile) {
     ASSERT_EQ(sr_close_table_1(Create("/m/s", ScalarColumns(2))), 0);
-    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2), 6);
-    Channel ready, done;
-    pid_t pid = fork();
-    if (pid == 0) {
-        sr_opaque_handle_t tree = OtherTree();
-        ready.Send(1);
-        qx_int32_t rc = sr_copy_table_by_name_1(tree, Text("/m/s"), Text("/m/t"), 1);
-        done.Send(rc == 0 ? 1 : -rc);
-        _exit(0);
+    for (bool copy : {false, true}) {
+        SCOPED_TRACE(copy);
+        sr_delete_table_1(tree_, Text("/m/t"));
+        sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2), 6);
+        Channel ready, done;
+        pid_t pid = fork();
+        if (pid == 0) {
+            sr_opaque_handle_t tree = OtherTree(), table = nullptr;
+            ready.Send(1);
+            if (copy) {
+                if (sr_copy_table_by_name_1(tree, Text("/m/s"), Text("/m/t"), 1) != 0) _exit(1);
+                done.Send(NowMs());
+                _exit(0);
+            }
+            if (sr_open_table_1(tree, Text("/m/t"), 2, &table) != 0) _exit(1);
+            done.Send(NowMs());
+            done.Send(static_cast<sr_i_table_t *>(table)->total_committed_rows);
+            done.Send(AddRow(table, 3, 30));
+            _exit(0);
+        }
+        ASSERT_EQ(ready.Receive(5000), 1);
+        EXPECT_EQ(done.Receive(300), -1) << "the waiter did not wait";
+        ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
+        ASSERT_EQ(sr_i_apply(p_writer, 1, 0) | sr_i_commit(p_writer), 0);  // by a rewrite
+        EXPECT_EQ(done.Receive(300), -1) << "the waiter went ahead under the writer";
+        ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
+        ASSERT_EQ(ApplyCommit(p_writer), 0);
+        sr_opaque_handle_t other = OtherTree();
+        EXPECT_EQ(CommittedRows(other), 2u) << "the commits went to a file the copy replaced";
+        sr_close_tree_1(other);
+        const qx_int64_t closed_at = NowMs();
+        ASSERT_EQ(sr_close_table_1(p_writer), 0);
+        EXPECT_GE(done.Receive(5000), closed_at);
+        if (!copy) {
+            EXPECT_EQ(done.Receive(5000), 2) << "the waiter read the replaced file";
+            EXPECT_EQ(done.Receive(5000), 0);
+        }
+        EXPECT_EQ(WaitChild(pid), 0);
+        EXPECT_EQ(CommittedRows(tree_), copy ? 0u : 3u) << "a row went to an unlinked file";
     }
-    ASSERT_EQ(ready.Receive(5000), 1);
-    EXPECT_EQ(done.Receive(300), -1) << "the copy did not wait for the writer";
-    ASSERT_EQ(AddRow(p_writer, 1, 10), 0);
-    ASSERT_EQ(sr_i_apply(p_writer, 1, 0) | sr_i_commit(p_writer), 0);  // by a rewrite
-    EXPECT_EQ(done.Receive(300), -1) << "the copy went ahead under the writer";
-    ASSERT_EQ(AddRow(p_writer, 2, 20), 0);
-    ASSERT_EQ(ApplyCommit(p_writer), 0);
-    sr_opaque_handle_t other = OtherTree();
-    EXPECT_EQ(CommittedRows(other), 2u) << "the commits went to a file the copy replaced";
-    sr_close_tree_1(other);
-    ASSERT_EQ(sr_close_table_1(p_writer), 0);
-    EXPECT_EQ(done.Receive(5000), 1);
-    EXPECT_EQ(WaitChild(pid), 0);
 }
 
 // Readers elsewhere see the committed state unblocked; a forked child has the handle, not the lock.
@@ -227,15 +214,9 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     ASSERT_EQ(sr_close_table_1(writer2), 0);
     EXPECT_FALSE(LockedForOthers()) << "after both writers closed";
     EXPECT_EQ(CommittedRows(other), 2u);
-    sr_close_tree_1(other);
-}
-
-// A reader upgraded to writer keeps the lock and rereads the file, metadata included.
-TEST_F(TableProcessConcurrencyTest, ReloadForWriteKeepsTheLockAndTakesTheFilesMetadata) {
-    ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
+    // A reader upgraded to writer keeps the lock and rereads the file, metadata included.
     sr_opaque_handle_t reader = Open(tree_, 1);
     EXPECT_FALSE(LockedForOthers()) << "readers take no lock";
-    sr_opaque_handle_t other = OtherTree();
     sr_opaque_handle_t writer = Open(other, 2);
     alignas(qx_binary_t) char storage[sizeof(qx_binary_t) + 8] = {};
     auto *p_binary = reinterpret_cast<qx_binary_t *>(storage);
@@ -246,7 +227,7 @@ TEST_F(TableProcessConcurrencyTest, ReloadForWriteKeepsTheLockAndTakesTheFilesMe
     sr_close_tree_1(other);
     ASSERT_EQ(Open(tree_, 2), reader);  // the reload
     EXPECT_TRUE(LockedForOthers()) << "after the reload";
-    ASSERT_EQ(AddRow(reader, 1, 10), 0);
+    ASSERT_EQ(AddRow(reader, 3, 30), 0);
     ASSERT_EQ(sr_close_table_1(reader), 0);
     EXPECT_TRUE(LockedForOthers()) << "while one open remains";
     ASSERT_EQ(sr_close_table_1(reader), 0);
@@ -259,39 +240,9 @@ TEST_F(TableProcessConcurrencyTest, ReloadForWriteKeepsTheLockAndTakesTheFilesMe
     std::free(p_read);
 }
 
-// Beside a writer, readers' descriptors are parked, reused, and never closed (even on ENOMEM).
-TEST_F(TableProcessConcurrencyTest, ReadersBesideAWriterReuseDescriptorsAndKeepItsLock) {
-    sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
-    sr_opaque_handle_t other = OtherTree();
-    const int before = OpenDescriptors();
-    for (int i = 0; i < 200; ++i) ASSERT_EQ(sr_close_table_1(Open(other, 1)), 0);
-    EXPECT_LE(OpenDescriptors(), before + 1);
-    EXPECT_TRUE(LockedForOthers());
-    std::vector<sr_opaque_handle_t> kept;  // readers kept open make the register grow
-    for (int k = 0; k < 40; ++k) {
-        kept.push_back(OtherTree());
-        qxtest::EachAllocationFailure(
-            [&] {
-                sr_opaque_handle_t reader = nullptr;
-                return sr_open_table_1(kept.back(), Text("/m/t"), 1, &reader);
-            },
-            [] {});
-    }
-    EXPECT_TRUE(LockedForOthers());
-    for (sr_opaque_handle_t tree : kept) sr_close_tree_1(tree);
-    EXPECT_TRUE(LockedForOthers());
-    sr_close_tree_1(other);
-    ASSERT_EQ(sr_close_table_1(p_writer), 0);
-    EXPECT_FALSE(LockedForOthers());
-    // A descriptor the register never saw is simply closed.
-    int fd = open(tmp_.path().c_str(), O_RDONLY);
-    sr_i_close_data_file(fd);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    sr_i_close_data_file(-1);
-}
-
-// Threads of several trees, then of one tree, open and close one table: nothing is left behind.
-TEST_F(TableProcessConcurrencyTest, ThreadsOpenAndCloseOneTable) {
+// Threads of several trees, then of the writer's tree, open and close one table; beside a writer,
+// readers' descriptors are parked, reused, and never closed (even on ENOMEM).
+TEST_F(TableProcessConcurrencyTest, ThreadsAndReadersBesideAWriterLeaveNothingBehind) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
     const int before = OpenDescriptors();
     std::atomic<int> failures{0};
@@ -325,9 +276,30 @@ TEST_F(TableProcessConcurrencyTest, ThreadsOpenAndCloseOneTable) {
     });
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(static_cast<sr_i_table_t *>(writer)->references, 1u);
+    sr_opaque_handle_t other = OtherTree();
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(sr_close_table_1(Open(other, 1)), 0);
+    EXPECT_LE(OpenDescriptors(), before + 2);
     EXPECT_TRUE(LockedForOthers());
-    EXPECT_EQ(sr_close_table_1(writer), 0);
+    std::vector<sr_opaque_handle_t> kept;  // readers kept open make the register grow
+    for (int k = 0; k < 40; ++k) {
+        kept.push_back(OtherTree());
+        qxtest::EachAllocationFailure(
+            [&] {
+                sr_opaque_handle_t reader = nullptr;
+                return sr_open_table_1(kept.back(), Text("/m/t"), 1, &reader);
+            },
+            [] {});
+    }
+    for (sr_opaque_handle_t tree : kept) sr_close_tree_1(tree);
+    EXPECT_TRUE(LockedForOthers());
+    sr_close_tree_1(other);
+    ASSERT_EQ(sr_close_table_1(writer), 0);
     EXPECT_FALSE(LockedForOthers());
+    // A descriptor the register never saw is simply closed.
+    int fd = open(tmp_.path().c_str(), O_RDONLY);
+    sr_i_close_data_file(fd);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    sr_i_close_data_file(-1);
 }
 
 // A thread cancelled in lockf inside a call must not leave the tree's lock held.

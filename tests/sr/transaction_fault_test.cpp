@@ -95,10 +95,11 @@ class TransactionFaultTest : public TransactionTest {
 };
 
 TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTable) {
-    const Plan enospc{.writev_fail_at = 1, .writev_errno = ENOSPC}, no_memory{};
+    const Plan enospc{.writev_fail_at = 1, .writev_errno = ENOSPC}, no_memory{},
+        eio{.writev_fail_at = 1};
     const Plan second_batch{.writev_fail_at = 2};  // 31 rows: two batches before the commit record
     const Plan short_then_eio{.writev_fail_at = 5, .writev_short = true},
-        apply_sync{.sync_fail_at = 1};
+        apply_sync{.sync_fail_at = 1}, switch_and_restore{.sync_fail_at = 1, .write_fail_at = 2};
     const struct {
         const char *what;
         Plan plan;
@@ -108,6 +109,7 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         qx_int32_t rc;
         const char *message;
         bool at_commit = false;  // the apply goes through, the commit's switch fails
+        bool append = false;     // then an append, not an abort, keeps updates as updates
     } cases[] = {
         {"full filesystem", enospc, 0, 3, -1, SR_E_FILESYSTEM_FULL, "2605-013"},
         {"second batch", second_batch, 0, 30, -1, SR_E_SYSTEM_CALL, "writev"},
@@ -115,23 +117,17 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         {"sync of the apply", apply_sync, 0, 1, -1, SR_E_SYSTEM_CALL, "fdatasync"},
         {"write of a rewrite", enospc, 1, 2, -1, SR_E_FILESYSTEM_FULL, "2605-013"},
         {"sync of a rewrite", apply_sync, 1, 2, -1, SR_E_SYSTEM_CALL, "fdatasync"},
+        {"rewrite, then append", eio, 1, 2, -1, SR_E_SYSTEM_CALL, "writev", false, true},
         {"commit record", no_memory, 0, 1, 0, SR_E_NO_MEMORY, "sr_i_create_commit_record"},
         {"deletion record", no_memory, 0, 0, 1, SR_E_NO_MEMORY, "in the sr_i_apply function"},
         {"switch", {.write_fail_at = -1}, 0, 1, -1, SR_E_SYSTEM_CALL, "write", true},
-        {"switch and its restore",
-         {.sync_fail_at = 1, .write_fail_at = 2},
-         0,
-         1,
-         -1,
-         SR_E_SYSTEM_CALL,
-         "write",
-         true},
+        {"switch and its restore", switch_and_restore, 0, 1, -1, SR_E_SYSTEM_CALL, "write", true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         sr_i_table_t *p_table = Committed(4);
         const qx_uint32_t end = p_table->commit_record_offset + p_table->commit_record_length;
-        Change(p_table, c.added);
+        const State wanted = Change(p_table, c.added);
         ASSERT_EQ(c.at_commit ? sr_apply_1(p_table, 0) : 0, 0);
         Arm(c.plan);
         sr_i_alloc_fail_after(c.alloc_fail_after);
@@ -147,22 +143,15 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         if (c.plan.sync_fail_at != 0) {
             EXPECT_TRUE(Exists(tmp_.file("reginfo_pid." + std::to_string(getpid()))));
         }
-        ExpectRecoverable(p_table);
+        if (c.append) {
+            sr_i_file_ops = sr_i_default_file_ops;
+            ASSERT_EQ(sr_i_apply(p_table, 0, 0) | sr_i_commit(p_table), 0);
+            EXPECT_EQ(Reopened("t"), wanted);
+        } else {
+            ExpectRecoverable(p_table);
+        }
         Drop(p_table);
     }
-}
-
-// After a failed rewrite, an append still supersedes an updated row's record.
-TEST_F(TransactionFaultTest, AppendAfterAFailedRewriteKeepsUpdatesAsUpdates) {
-    sr_i_table_t *p_table = Committed(4);
-    const State wanted = Change(p_table, 2);
-    Arm({.writev_fail_at = 1});
-    EXPECT_EQ(sr_i_apply(p_table, 1, 0), SR_E_SYSTEM_CALL);
-    EXPECT_STREQ(sr_i_load_column(&p_table->p_columns[1]).name, "c1");
-    sr_i_file_ops = sr_i_default_file_ops;
-    ASSERT_EQ(sr_i_apply(p_table, 0, 0), 0);
-    ASSERT_EQ(sr_i_commit(p_table), 0);
-    EXPECT_EQ(Reopened("t"), wanted);
 }
 
 TEST_F(TransactionFaultTest, FailedSyncOfCommitRestoresTheSwitchAndLeavesTheTableApplied) {
@@ -254,6 +243,24 @@ TEST_F(TransactionFaultTest, RewriteCommitThatCannotRenameLeavesTheTableAbortabl
         }
         Drop(p_table);
     }
+}
+
+// Memory running out anywhere in an add to a hashed table or in a set leaves the rows as they were.
+TEST_F(TransactionFaultTest, EveryAllocationFailureOfAnAddOrASetLeavesTheRows) {
+    std::vector<sr_column_t> columns = ScalarColumns(2);
+    sr_opaque_handle_t handle = nullptr;
+    ASSERT_EQ(sr_create_hashed_key_table_1(tree_, Text("/mem/h"), columns.data(), 2, 6, 1024,
+                                           HashI64, CompareI64, &handle),
+              0);
+    auto *p_table = static_cast<sr_i_table_t *>(handle);
+    EachAllocationFailure([&] { return AddRow(p_table, 1, 1); },
+                          [&] { EXPECT_TRUE(Snapshot(p_table, true).empty()); });
+    ASSERT_EQ(sr_close_table_1(Committed(1)), 0);  // a fresh open has no change entries yet
+    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 6, &handle), 0);
+    p_table = static_cast<sr_i_table_t *>(handle);
+    EachAllocationFailure([&] { return Put(p_table, R(0, {2}), false); },
+                          [&] { EXPECT_EQ(Snapshot(p_table, true), committed_); });
+    EXPECT_EQ(Snapshot(p_table, true), (State{{0, R(0, {2})}}));
 }
 
 }  // namespace

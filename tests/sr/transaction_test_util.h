@@ -16,18 +16,10 @@
 #include <variant>
 #include <vector>
 
-#include "sr/table_test_util.h"
+#include "sr/rows_test_util.h"
 #include "sr_i.h"
 
 namespace qxtest {
-
-// A tree of its own with "/m" mounted on `directory`.
-inline sr_opaque_handle_t MountedTree(std::string directory) {
-    sr_opaque_handle_t tree = nullptr;
-    char m[] = "/m";
-    EXPECT_EQ(sr_open_tree_1(&tree, 0, 0) | sr_mount_local_tree_1(tree, m, directory.data(), 1), 0);
-    return tree;
-}
 
 // A child's exit status, or 100 + the signal that ended it.
 inline int WaitChild(pid_t pid) {
@@ -40,25 +32,18 @@ inline void Kill(pid_t pid) {
     WaitChild(pid);
 }
 
-// Forks a child with the pause point armed: the setting is read here, the child
-// inherits it, and this process reads it again without it.
-template <typename Child>
-pid_t ForkPaused(const std::string &setting, Child child) {
-    setenv("QX_SR_TEST_PAUSE", setting.c_str(), 1);
+// A child that runs `work` with the pause point armed, returned once stopped there. The setting
+// is read here, the child inherits it, and this process reads it again without it.
+inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
+    setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
     sr_i_test_pause_reload();
     pid_t pid = fork();
     if (pid == 0) {
         alarm(60);  // never outlive a broken test
-        _exit(child());
+        _exit(work());
     }
     unsetenv("QX_SR_TEST_PAUSE");
     sr_i_test_pause_reload();
-    return pid;
-}
-
-// A child that runs `work` with the pause point armed, returned once stopped there.
-inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
-    pid_t pid = ForkPaused(point, work);
     int status = 0;
     EXPECT_EQ(waitpid(pid, &status, WUNTRACED), pid);
     EXPECT_TRUE(WIFSTOPPED(status)) << "ended with " << status << " before " << point;
@@ -123,21 +108,16 @@ inline std::vector<FileRecord> FileRecords(const std::string &bytes) {
     return records;
 }
 
-inline qx_uint32_t HashInt64(const void *p_key) {
-    qx_uint64_t v;
-    std::memcpy(&v, p_key, 8);
-    return static_cast<qx_uint32_t>(v * 0x9E3779B97F4A7C15ull >> 58);  // 64 buckets
-}
-inline qx_int32_t CompareInt64(const void *p1, const void *p2) {
-    qx_int64_t a;
-    qx_int64_t b;
-    std::memcpy(&a, p1, 8);
-    std::memcpy(&b, p2, 8);
-    return a < b ? -1 : a > b ? 1 : 0;
-}
-
 class TransactionTest : public TableTest {
   protected:
+    // A tree of its own with the same "/m" mount.
+    sr_opaque_handle_t OtherTree() {
+        sr_opaque_handle_t tree = nullptr;
+        EXPECT_EQ(sr_open_tree_1(&tree, 0, 0) |
+                      sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1),
+                  0);
+        return tree;
+    }
     // /m/<name>: k INT64 key, then c1.. INT64.
     sr_i_table_t *Make(const std::string &name, int mode = 6, int columns = 2) {
         return Create("/m/" + name, ScalarColumns(columns), mode);
