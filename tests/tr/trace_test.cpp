@@ -135,36 +135,32 @@ TEST(LevelsTest, SpecificationsGiveOneLevelPerCategory) {
         const char *component;
         const tr_category_description_t *categories;
         A expected;
-    } cases[] = {{nullptr, "_SRA", defaults, {2, 0, 7}},
-                 {"", "_SRA", defaults, {2, 0, 7}},
-                 {nullptr, "_SRA", floors, {3, 2, 255}},
-                 {"_SRA:API=0,Errors=0", "_SRA", explicit_floor, {4, 0, 0}},
-                 {"_SRA:API=9", "_SRA", explicit_floor, {9, 0, 0}},
-                 {"_SRA:API=1,Errors=3", "_SRA", kCategories, {1, 3, 0}},
-                 {"_SRA:API=1,Errors=3", "_XYZ", kCategories, {0, 0, 0}},
-                 {"_XYZ:*=2;_SRA:Wherever=5", "_SRA", kCategories, {0, 0, 5}},
-                 // Names match exactly.
-                 {"_SR:API=1", "_SRA", kCategories, {0, 0, 0}},
-                 {"_SRAX:API=1", "_SRA", kCategories, {0, 0, 0}},
-                 {"_SRA:AP=1,APIs=1,api=1", "_SRA", kCategories, {0, 0, 0}},
-                 // A star matches every component or category; later items override.
-                 {"*:Errors=2", "_ABC", kCategories, {0, 2, 0}},
-                 {"_SRA:*=4", "_SRA", kCategories, {4, 4, 4}},
-                 {"_SRA:*=2,API=0", "_SRA", kCategories, {0, 2, 2}},
-                 {"_SRA:API=5;*:*=1", "_SRA", kCategories, {1, 1, 1}},
-                 {"*:*=1;_SRA:Errors=0", "_SRA", kCategories, {1, 0, 1}},
-                 // Malformed items are skipped and the rest applies.
-                 {"_SRA:API=x,Errors=2", "_SRA", kCategories, {0, 2, 0}},
-                 {"_SRA:API=,Errors=2", "_SRA", kCategories, {0, 2, 0}},
-                 {"_SRA:API,Errors=2", "_SRA", kCategories, {0, 2, 0}},
-                 {"_SRA:=3,Errors=2", "_SRA", kCategories, {0, 2, 0}},
-                 {"_SRA:API=-1,Errors=+2", "_SRA", kCategories, {0, 0, 0}},
-                 {"_SRA:API=256,Errors=255", "_SRA", kCategories, {0, 255, 0}},
-                 {"_SRA:API=1 2,Errors=0x1", "_SRA", kCategories, {0, 0, 0}},
-                 {"_SRA:API=99999999999999999999", "_SRA", kCategories, {0, 0, 0}},
-                 {"API=1;:API=2;_SRA API=3;_SRA:Wherever=4", "_SRA", kCategories, {0, 0, 4}},
-                 {";;,,:;=;_SRA:,,API=1,,", "_SRA", kCategories, {1, 0, 0}},
-                 {" _SRA : API = 1 ,\tErrors=2 ; ", "_SRA", kCategories, {1, 2, 0}}};
+    } cases[] = {
+        {nullptr, "_SRA", defaults, {2, 0, 7}},
+        {"", "_SRA", defaults, {2, 0, 7}},
+        {nullptr, "_SRA", floors, {3, 2, 255}},
+        {"_SRA:API=0,Errors=0", "_SRA", explicit_floor, {4, 0, 0}},
+        {"_SRA:API=9", "_SRA", explicit_floor, {9, 0, 0}},
+        {"_SRA:API=1,Errors=3", "_SRA", kCategories, {1, 3, 0}},
+        {"_SRA:API=1,Errors=3", "_XYZ", kCategories, {0, 0, 0}},
+        {"_XYZ:*=2;_SRA:Wherever=5", "_SRA", kCategories, {0, 0, 5}},
+        // Names match exactly.
+        {"_SR:API=1;_SRAX:API=1;_SRA:AP=1,APIs=1,api=1", "_SRA", kCategories, {0, 0, 0}},
+        // A star matches every component or category; later items override.
+        {"*:Errors=2", "_ABC", kCategories, {0, 2, 0}},
+        {"_SRA:*=4", "_SRA", kCategories, {4, 4, 4}},
+        {"_SRA:*=2,API=0", "_SRA", kCategories, {0, 2, 2}},
+        {"_SRA:API=5;*:*=1", "_SRA", kCategories, {1, 1, 1}},
+        {"*:*=1;_SRA:Errors=0", "_SRA", kCategories, {1, 0, 1}},
+        // Malformed items are skipped and the rest applies.
+        {"_SRA:API=x,API=,API,=3,API=-1,Wherever=+2,Errors=2", "_SRA", kCategories, {0, 2, 0}},
+        {"_SRA:API=256,Errors=255,Wherever=1 2,Wherever=0x1,API=99999999999999999999",
+         "_SRA",
+         kCategories,
+         {0, 255, 0}},
+        {"API=1;:API=2;_SRA API=3;_SRA:Wherever=4", "_SRA", kCategories, {0, 0, 4}},
+        {";;,,:;=;_SRA:,,API=1,,", "_SRA", kCategories, {1, 0, 0}},
+        {" _SRA : API = 1 ,\tErrors=2 ; ", "_SRA", kCategories, {1, 2, 0}}};
     for (const auto &c : cases) {
         qx_uint8_t bytes[3] = {99, 99, 99};
         int traced = tr_i_compute_levels(c.text, c.component, c.categories, 3, bytes);
