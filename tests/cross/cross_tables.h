@@ -239,8 +239,7 @@ inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableLayout &la
                         static_cast<qx_uint32_t>(names.size()));
 }
 
-// The tables under `prefix` with 5 committed rows, then uncommitted: row 1 updated, row 3
-// deleted, rows 5 and 6 added.  Returns 0 or the first failing code.
+// 5 committed rows, then uncommitted: row 1 updated, 3 deleted, 5 and 6 added; 0 or a code.
 inline int build_tables(sr_opaque_handle_t tree, const std::string &prefix, Arena &arena,
                         std::vector<sr_opaque_handle_t> *p_handles) {
     for (const TableLayout &layout : table_layouts()) {

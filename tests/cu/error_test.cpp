@@ -1,5 +1,4 @@
-// The per-thread error record: what a copy carries, how the message is substituted, threads;
-// message catalogues (built with gencat) through NLSPATH or the installed tree, else the default.
+// The per-thread error record, message substitution, and catalogues (NLSPATH, installed tree).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
@@ -145,13 +144,10 @@ TEST_F(ErrorRecordTest, ValuesAreSubstitutedByPositionWithPrintfConversions) {
 
 // Hand-built records stand for catalogue texts that disagree with the recorded values: "?".
 TEST(MismatchedTextTest, ConversionsThatDoNotFitTheRecordedValuesPrintQuestionMarks) {
-    cu_error_arg_t args[3] = {};
-    args[0].cu_arg_type = CU_ERROR_ARG_INT32;
-    args[0].cu_arg_value.cu_arg_int32 = -1;
-    args[1].cu_arg_type = CU_ERROR_ARG_CHAR_STR;
-    args[1].cu_arg_value.cu_arg_char_str = const_cast<char *>("text");
-    args[2].cu_arg_type = CU_ERROR_ARG_FLOAT64;
-    args[2].cu_arg_value.cu_arg_float64 = 2.5;
+    char text[] = "text";
+    cu_error_arg_t args[3] = {{CU_ERROR_ARG_INT32, 0, {.cu_arg_int32 = -1}},
+                              {CU_ERROR_ARG_CHAR_STR, 0, {.cu_arg_char_str = text}},
+                              {CU_ERROR_ARG_FLOAT64, 0, {.cu_arg_float64 = 2.5}}};
     auto format = [&](const char *text, cu_error_arg_t *p_args = nullptr) {
         cu_error_t rec{};
         rec.cu_error_id = 1;
@@ -188,8 +184,7 @@ TEST(MismatchedTextTest, ConversionsThatDoNotFitTheRecordedValuesPrintQuestionMa
     EXPECT_EQ("[(null)]", format("[%2$s]", args));
 }
 
-// Each thread starts clean and keeps its own record while others set and clear theirs; threads
-// that exit holding a record leak nothing (LeakSanitizer checks).
+// Each thread starts clean and keeps its own record; exiting threads leak none (LSan checks).
 TEST(ErrorRecordConcurrencyTest, EachThreadKeepsItsOwnRecord) {
     cu_set_error_1(12, nullptr, nullptr, 1, 3, "main thread\n");
     std::vector<std::thread> threads;

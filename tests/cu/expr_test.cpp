@@ -1,5 +1,4 @@
-// Selection expressions: what compiles and what is refused (position and reason), every operator on
-// a protocol-form row of every column type at odd addresses, per-row outcomes, shared use.
+// Selection expressions: refusals, every operator on every column type, per-row outcomes, threads.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
@@ -124,8 +123,7 @@ struct Compiled {
     Compiled &operator=(const Compiled &) = delete;
 };
 
-// Evaluates on a copy of the row at odd addresses: -1 when the text does not compile, else the
-// outcome, with the match in *p_match.
+// Evaluates on a copy of the row at odd addresses: -1 when the text does not compile.
 int run(const char *text, const Row &row, int *p_match, uint32_t slot_count = UINT32_MAX) {
     Compiled c(text);
     if (c.rc != CU_OK) return -1;
@@ -308,8 +306,7 @@ TEST(ExprEvalTest, ExpressionsOnTheSampleRow) {
         // A side that cannot be evaluated is unknown: the other side settles OR.
         "10 / (i32 + 5) == 1 || i32 < 0", "nums[9] == 1 or info.level == 7"};
     for (const std::string &text : matching) EXPECT_EQ("match", result(text)) << text;
-    // An arithmetic fault or a missing element makes a side unknown; otherwise the first outcome
-    // stands, also under NOT.
+    // A fault or missing element makes a side unknown; else the first outcome stands, even NOT.
     const std::string no = "no match", fault = "outcome " + std::to_string(CU_EXPR_ARITHMETIC),
                       absent = "outcome " + std::to_string(CU_EXPR_NO_ELEMENT);
     const std::pair<std::string, std::vector<std::string>> others[] = {

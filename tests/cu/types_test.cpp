@@ -10,8 +10,7 @@
 
 namespace {
 
-// A scalar is 4 or 8 bytes; an array is a pointer named and kinded after its base, which is not an
-// array; UNKNOWN and NONE are neither scalar nor pointer.
+// Scalars are 4 or 8 bytes; arrays follow their base; UNKNOWN and NONE are neither kind.
 TEST(DtcTableTest, EntriesAreConsistentWithTheirIndexKindAndBaseType) {
     const qx_uint32_t kKind = CU_DTC_INTEGER | CU_DTC_FLOAT | CU_DTC_SIGNED;
     int scalars = 0, arrays = 0;

@@ -1,5 +1,4 @@
-// Client values: where they point, who owns them, untrusted bytes refused, the other byte order,
-// concurrent readers, releases and fork().
+// Client values: placement, ownership, untrusted bytes, other byte order, threads and fork().
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <stdlib.h>
@@ -27,9 +26,7 @@ class PmsgClientValueTest : public ::testing::Test {
     Arena arena;
 };
 
-// In place when the form has the client layout, else built and cached; caller-owned values are
-// one block, deep ones outlive the protocol bytes (ASan catches any pointer left into them). A form
-// written in the other byte order converts (bounded for odd seeds) to exactly the original.
+// In place when the layout allows, else cached; deep copies outlive the bytes (ASan watches).
 TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeAndFromTheOtherByteOrder) {
     for (uint32_t seed = 1; seed <= 40; seed++) {
         ValueMaker maker(arena, seed);
@@ -366,8 +363,7 @@ struct Rows {
     std::vector<qx_value_t> values;
 };
 
-// Two readers per table (buckets grow under lookups) get the one value built per slot, beside
-// releases of another table.
+// Two readers per table (buckets grow) get one value per slot, beside another table's releases.
 TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) {
     constexpr int kTables = 4, kRows = 256;
     std::vector<std::unique_ptr<Rows>> tables;
@@ -409,8 +405,7 @@ void unlock_caller() {
     pthread_mutex_unlock(&g_caller_fork_lock);
 }
 
-// A child forked while threads read and release (under the caller's fork lock) can read: an
-// inherited locked shard or a lock-order deadlock would hang (the alarm ends the test).
+// A child forked mid-read/release can read; a held shard or lock-order deadlock hangs (alarm).
 TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadAndReleaseCanRead) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, [] { pthread_atfork(lock_caller, unlock_caller, unlock_caller); });

@@ -1,5 +1,4 @@
-// Protocol forms: their bytes, the "room too small" contract, bad values, empty values, and text
-// from a Latin-1 caller, stored as UTF-8 and given back in the caller's bytes wherever nested.
+// Protocol forms: bytes, "room too small", bad values, and Latin-1 callers' text stored as UTF-8.
 #include <gtest/gtest.h>
 
 #include "pmsg_i.h"
@@ -73,8 +72,7 @@ TEST(PmsgProtocolFormTest, EachFormHasItsDocumentedBytes) {
     EXPECT_EQ(-2.5e300, back.val_float64);
 }
 
-// Random values of every type: the exact size fits, one byte less is "room too small" and changes
-// nothing.
+// Random values of every type: one byte less than the size is "room too small", writing nothing.
 TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingChanged) {
     for (uint32_t seed = 1; seed <= 60; seed++) {
         Arena arena;

@@ -169,8 +169,7 @@ TEST(LevelsTest, SpecificationsGiveOneLevelPerCategory) {
     }
 }
 
-// Each registration rereads the levels into the caller's bytes; bad arguments and a full table harm
-// nothing.
+// Each registration rereads the caller's levels; bad arguments and a full table harm nothing.
 TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
     qx_uint8_t bytes[3] = {9, 9, 9};
     ASSERT_EQ(Register("_SRA", "_SRA:API=1,Errors=2", trace_file_.c_str(), bytes), 0);
