@@ -398,17 +398,14 @@ TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) 
 
 // A caller's fork lock, installed after the library's (as the registry does at its first open).
 pthread_mutex_t g_caller_fork_lock = PTHREAD_MUTEX_INITIALIZER;
-void lock_caller() {
-    pthread_mutex_lock(&g_caller_fork_lock);
-}
-void unlock_caller() {
-    pthread_mutex_unlock(&g_caller_fork_lock);
-}
 
 // A child forked mid-read/release can read; a held shard or lock-order deadlock hangs (alarm).
 TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadAndReleaseCanRead) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(lock_caller, unlock_caller, unlock_caller); });
+    pthread_once(&once, [] {
+        void (*unlock)() = [] { pthread_mutex_unlock(&g_caller_fork_lock); };
+        pthread_atfork([] { pthread_mutex_lock(&g_caller_fork_lock); }, unlock, unlock);
+    });
     alarm(60);
     Rows rows(32);
     std::atomic<bool> stop{false};
