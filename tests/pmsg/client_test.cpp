@@ -169,7 +169,7 @@ TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDrop
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
+TEST_F(PmsgClientValueTest, BadArgumentsOutOfBoundsAnchorsAndOverlappingFormsAreRefused) {
     uint64_t area[8] = {};
     qx_pmsg_value_t slot{};
     qx_value_t result;
@@ -197,13 +197,7 @@ TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
     ASSERT_EQ(0, read(QX_CHAR_PTR_ARRAY, &result, &slot, area, 64, QX_PMSG_CLIENT_MALLOC));
     EXPECT_STREQ("abcdefgh", result.ptr_array->elements[0].ptr_char);
     free(result.ptr_array);
-}
-
-// Overlapping anchors would let a small area describe a huge value: built forms never overlap.
-TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
-    uint64_t area[8] = {};
-    qx_pmsg_value_t slot;
-    qx_value_t result;
+    // Overlapping anchors would let a small area describe a huge value: built forms never overlap.
     const struct {
         int type;
         std::vector<uint32_t> words;
@@ -285,7 +279,7 @@ TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow)
 }
 
 // The mark at offset 16 is 1 in the writer's byte order; asking changes nothing.
-TEST(PmsgByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
+TEST(PmsgByteOrderTest, TheMarkTellsWhetherToConvertAndABadFormIsLeftAsItWas) {
     uint8_t buffer[40] = {};
     qx_uint32_t required = 7;
     for (uint32_t mark : {1u, 0x01000000u, 0x00020000u}) {
@@ -297,9 +291,7 @@ TEST(PmsgByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
     }
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_cnv_required_1(nullptr, &required));
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_cnv_required_1(buffer, nullptr));
-}
-
-TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
+    // A form that does not check out is left exactly as it was.
     Arena arena;
     qx_value_t value{.ptr_array = arena.array({{.ptr_char = arena.text("one")},
                                                {.ptr_char = arena.text("two")},
