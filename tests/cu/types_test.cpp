@@ -11,7 +11,7 @@
 namespace {
 
 // Scalars are 4 or 8 bytes; arrays follow their base; UNKNOWN and NONE are neither kind.
-TEST(DtcTableTest, EntriesAreConsistentWithTheirIndexKindAndBaseType) {
+TEST(DtcTableTest, EntriesAreConsistentAndTheSharedEmptyValuesHoldNothing) {
     const qx_uint32_t kKind = CU_DTC_INTEGER | CU_DTC_FLOAT | CU_DTC_SIGNED;
     int scalars = 0, arrays = 0;
     for (int t = 0; t < QX_NUMBER_OF_DATA_TYPES; ++t) {
@@ -35,9 +35,7 @@ TEST(DtcTableTest, EntriesAreConsistentWithTheirIndexKindAndBaseType) {
     EXPECT_EQ(8u, cu_dtc_table_1[QX_FLOAT64].dtc_size);
     EXPECT_NE(0u, cu_dtc_table_1[QX_INT64].dtc_flags & CU_DTC_SIGNED);
     EXPECT_EQ(0u, cu_dtc_table_1[QX_UINT64].dtc_flags & CU_DTC_SIGNED);
-}
-
-TEST(EmptyValueTest, EmptyObjectsHoldNothingAndTheInvalidHandleIsAllOnes) {
+    // Empty objects hold nothing and the invalid handle is all ones.
     EXPECT_STREQ("", cu_ptr_empty_char_1);
     EXPECT_EQ(0u, cu_ptr_empty_binary_1->length);
     EXPECT_EQ(0u, cu_ptr_empty_sd_1->element_count);
