@@ -73,7 +73,7 @@ TEST(PmsgProtocolFormTest, EachFormHasItsDocumentedBytes) {
 }
 
 // Random values of every type: one byte less than the size is "room too small", writing nothing.
-TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingChanged) {
+TEST(PmsgProtocolRoomTest, ExactSizeFitsOneByteLessIsRoomTooSmallAndBadValuesGetTheirCode) {
     for (uint32_t seed = 1; seed <= 60; seed++) {
         Arena arena;
         ValueMaker maker(arena, seed);
@@ -110,15 +110,9 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsAndOneByteLessIsRoomTooSmallWithNothingC
     qx_uint32_t running = 0;
     EXPECT_EQ(QX_PMSG_E_TOO_LARGE, build(QX_BINARY_PTR, value, area, &slot, &running));
     EXPECT_EQ(0u, running);
-}
-
-TEST(PmsgProtocolBadValueTest, NullsBadTypesBadFlagsAndCyclesEachGetTheirCode) {
+    // Nulls, bad types, bad flags and cycles each get their code.
     Arena arena;
-    Area area;
-    qx_pmsg_value_t slot;
-    qx_uint32_t running = 0;
-    qx_uint32_t size = 0;
-    qx_value_t value{.ptr_char = nullptr};
+    value.ptr_char = nullptr;
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
         EXPECT_EQ(QX_PMSG_E_INVAL, build(type, value, area, &slot, &running)) << type;
         EXPECT_EQ(QX_PMSG_E_INVAL, size_of(type, value, &size));
