@@ -159,7 +159,7 @@ void expect_refused(const std::string &text, const std::string &reason, int posi
     EXPECT_NE(std::string::npos, message.find(reason)) << text.substr(0, 40) << ": " << message;
 }
 
-TEST(ExprCompileTest, NamesResolveOnceAndRefusedTextsGiveThePositionAndReason) {
+TEST(ExprCompileTest, NamesResolveOnceRefusalsGivePositionAndReasonAndDepthIsBounded) {
     std::vector<uint32_t> parents;  // info, level (under info), nums, parts, what (under parts)
     Compiled c("info.level > 2 && nums[1] == 1 && parts[0].what == \"wheel\"", &parents);
     ASSERT_EQ(CU_OK, c.rc) << cu_test::current_message();
@@ -220,9 +220,7 @@ TEST(ExprCompileTest, NamesResolveOnceAndRefusedTextsGiveThePositionAndReason) {
     EXPECT_EQ(CU_OK, cu_comp_expr_1("1 < 2", 0, nullptr, nullptr, &p));
     cu_free_expr_1(p);
     EXPECT_EQ(CU_OK, cu_free_expr_1(nullptr));
-}
-
-TEST(ExprCompileTest, DeepAndLongTextsAreRefusedWithoutExhaustingTheStack) {
+    // Deep and long texts are refused without exhausting the stack.
     constexpr size_t n = 200000;
     std::string index;
     for (size_t i = 0; i < n / 8; ++i) index += "nums[";
