@@ -168,7 +168,19 @@ TEST_F(PmsgClientValueTest, RereadsOfASlotAllocateNothingAndARewrittenSlotIsNeve
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(PmsgClientValueTest, BadArgumentsOutOfBoundsAnchorsAndOverlappingFormsAreRefused) {
+// `depth` structured data values, each holding the next; returns the top-level length.
+uint32_t sd_chain(std::vector<uint64_t> &area, int depth) {
+    area.assign(3 * static_cast<size_t>(depth) + 1, 0);
+    auto *p = reinterpret_cast<uint8_t *>(area.data());
+    for (int level = 0; level < depth; level++) {
+        const uint32_t words[] = {1, 0,  QX_SD_PTR,
+                                  0, 24, static_cast<uint32_t>(24 * (depth - level - 1) + 8)};
+        memcpy(p + 24 * level, words, sizeof words);
+    }
+    return static_cast<uint32_t>(24 * depth + 8);
+}
+
+TEST_F(PmsgClientValueTest, BadArgumentsStrayAnchorsOverlapsAndDeepNestingAreRefused) {
     uint64_t area[8] = {};
     qx_pmsg_value_t slot{};
     qx_value_t result;
@@ -235,37 +247,21 @@ TEST_F(PmsgClientValueTest, BadArgumentsOutOfBoundsAnchorsAndOverlappingFormsAre
         EXPECT_NE(0, read(c.type, &result, &slot, area, sizeof area, QX_PMSG_CLIENT_MALLOC));
     }
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
-}
-
-// `depth` structured data values, each holding the next; returns the top-level length.
-uint32_t sd_chain(std::vector<uint64_t> &area, int depth) {
-    area.assign(3 * static_cast<size_t>(depth) + 1, 0);
-    auto *p = reinterpret_cast<uint8_t *>(area.data());
-    for (int level = 0; level < depth; level++) {
-        const uint32_t words[] = {1, 0,  QX_SD_PTR,
-                                  0, 24, static_cast<uint32_t>(24 * (depth - level - 1) + 8)};
-        memcpy(p + 24 * level, words, sizeof words);
-    }
-    return static_cast<uint32_t>(24 * depth + 8);
-}
-
-TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow) {
-    std::vector<uint64_t> area;
-    qx_pmsg_value_t slot;
-    qx_value_t result;
-    slot.anchor = {0, sd_chain(area, 32)};
-    ASSERT_EQ(0, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    // Nesting deeper than the limit is corrupt, not a stack overflow.
+    std::vector<uint64_t> chain;
+    slot.anchor = {0, sd_chain(chain, 32)};
+    ASSERT_EQ(0, read(QX_SD_PTR, &result, &slot, chain.data(), slot.anchor.length));
     EXPECT_EQ(1u, result.ptr_sd->elements[0].value.ptr_sd->element_count);
-    slot.anchor = {0, sd_chain(area, 33)};
-    EXPECT_EQ(QX_PMSG_E_CORRUPT, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    slot.anchor = {0, sd_chain(chain, 33)};
+    EXPECT_EQ(QX_PMSG_E_CORRUPT, read(QX_SD_PTR, &result, &slot, chain.data(), slot.anchor.length));
     // The same chain written on a machine of the other byte order.
-    for (size_t i = 0; i < area.size() * 2; i++)
-        pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(area.data()) + 4 * i);
+    for (size_t i = 0; i < chain.size() * 2; i++)
+        pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(chain.data()) + 4 * i);
     pmsg_test::swap32_at(&slot.anchor.length);
-    std::vector<uint64_t> before = area;
+    std::vector<uint64_t> before = chain;
     EXPECT_EQ(QX_PMSG_E_CORRUPT,
-              qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, area.data(), -1));
-    EXPECT_TRUE(before == area) << "nothing is converted on failure";
+              qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, chain.data(), -1));
+    EXPECT_TRUE(before == chain) << "nothing is converted on failure";
     // And a caller's value nested deeper is refused when built.
     qx_value_t value{.ptr_sd = arena.sd({})};
     for (uint32_t depth = 1; depth <= 33; depth++) {
