@@ -1,6 +1,5 @@
-// Tables for packed-buffer tests (every type with defaults, text keys, handle keys), with
-// committed rows and uncommitted changes; shared with the programs that exchange buffers with
-// other machines, so header-only, standard C++ and the public headers only.
+// Packed-buffer test tables with committed rows and uncommitted changes; header-only, standard
+// C++ and public headers, for the programs exchanging buffers with other machines too.
 #ifndef QX_TESTS_CROSS_CROSS_TABLES_H
 #define QX_TESTS_CROSS_CROSS_TABLES_H
 
@@ -12,31 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "../pmsg/pmsg_test_util.h"
 #include "qx_sr.h"
 
 namespace qxcross {
 
-// Owns every block a value is made of.
-class Arena {
-  public:
-    Arena() = default;
-    Arena(const Arena &) = delete;
-    Arena &operator=(const Arena &) = delete;
-    ~Arena() {
-        for (void *p : blocks_) std::free(p);
-    }
-    void *alloc(size_t size) {
-        blocks_.push_back(std::calloc(1, size + 1));
-        if (blocks_.back() == nullptr) std::abort();
-        return blocks_.back();
-    }
-    char *text(const std::string &s) {
-        return static_cast<char *>(std::memcpy(alloc(s.size()), s.c_str(), s.size() + 1));
-    }
-
-  private:
-    std::vector<void *> blocks_;
-};
+using Arena = pmsg_test::Arena;
 
 inline sr_sd_def_t *sd_definition(Arena &arena) {
     auto *p_def =
@@ -239,8 +219,7 @@ inline int add_row(sr_opaque_handle_t table, Arena &arena, const TableLayout &la
                         static_cast<qx_uint32_t>(names.size()));
 }
 
-// The tables under `prefix` with 5 committed rows, then uncommitted: row 1 updated, row 3
-// deleted, rows 5 and 6 added.  Returns 0 or the first failing code.
+// 5 committed rows, then uncommitted: row 1 updated, 3 deleted, 5 and 6 added; 0 or a code.
 inline int build_tables(sr_opaque_handle_t tree, const std::string &prefix, Arena &arena,
                         std::vector<sr_opaque_handle_t> *p_handles) {
     for (const TableLayout &layout : table_layouts()) {

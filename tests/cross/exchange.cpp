@@ -1,9 +1,5 @@
 // One side of an exchange of table files and packed buffers with another machine (s390x under
-// qemu-user, 32-bit x86), built for each from the same sources; exit status 0 when all agree.
-//   pack PREFIX   packs the tables (committed, working) into PREFIX_<view>.buf, described in .txt
-//   check PREFIX  converts those buffers (from the other byte order), unpacks and compares
-//   write DIR     also writes the tables as files (a last change applied, uncommitted) in DIR
-//   read DIR      opens another process's table files and buffers in DIR and compares
+// qemu-user, 32-bit x86): pack and write produce, check and read compare; 0 when all agree.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,8 +1,6 @@
 #!/bin/sh
-# Exchanges table files and packed buffers with another machine built from the same sources:
-# s390x (big-endian, qemu-user) packs and unpacks both ways; i386 (-m32) writes byte-identical
-# files and buffers and each side reads the other's.  Exit 77 (skipped) without the tools.
-#   run_exchange.sh s390x|i386 HOST_EXCHANGE SOURCE_DIR WORK_DIR
+# s390x (qemu-user) packs and unpacks both ways; i386 (-m32) writes identical files and reads ours.
+# Usage: run_exchange.sh s390x|i386 HOST_EXCHANGE SOURCE_DIR WORK_DIR   (77: skipped, no tools)
 set -eu
 machine=$1 host=$2 source_dir=$3 work=$4
 mkdir -p "$work"

@@ -10,9 +10,8 @@
 
 namespace {
 
-// A scalar is 4 or 8 bytes; an array is a pointer named and kinded after its base, which is not an
-// array; UNKNOWN and NONE are neither scalar nor pointer.
-TEST(DtcTableTest, EntriesAreConsistentWithTheirIndexKindAndBaseType) {
+// Scalars are 4 or 8 bytes; arrays follow their base; UNKNOWN and NONE are neither kind.
+TEST(DtcTableTest, EntriesAreConsistentAndTheSharedEmptyValuesHoldNothing) {
     const qx_uint32_t kKind = CU_DTC_INTEGER | CU_DTC_FLOAT | CU_DTC_SIGNED;
     int scalars = 0, arrays = 0;
     for (int t = 0; t < QX_NUMBER_OF_DATA_TYPES; ++t) {
@@ -36,9 +35,7 @@ TEST(DtcTableTest, EntriesAreConsistentWithTheirIndexKindAndBaseType) {
     EXPECT_EQ(8u, cu_dtc_table_1[QX_FLOAT64].dtc_size);
     EXPECT_NE(0u, cu_dtc_table_1[QX_INT64].dtc_flags & CU_DTC_SIGNED);
     EXPECT_EQ(0u, cu_dtc_table_1[QX_UINT64].dtc_flags & CU_DTC_SIGNED);
-}
-
-TEST(EmptyValueTest, EmptyObjectsHoldNothingAndTheInvalidHandleIsAllOnes) {
+    // Empty objects hold nothing and the invalid handle is all ones.
     EXPECT_STREQ("", cu_ptr_empty_char_1);
     EXPECT_EQ(0u, cu_ptr_empty_binary_1->length);
     EXPECT_EQ(0u, cu_ptr_empty_sd_1->element_count);

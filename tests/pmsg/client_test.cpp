@@ -1,5 +1,4 @@
-// Client values: where they point, who owns them, untrusted bytes refused, the other byte order,
-// concurrent readers, releases and fork().
+// Client values: placement, ownership, untrusted bytes, other byte order, threads and fork().
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <stdlib.h>
@@ -27,9 +26,7 @@ class PmsgClientValueTest : public ::testing::Test {
     Arena arena;
 };
 
-// In place when the form has the client layout, else built and cached; caller-owned values are
-// one block, deep ones outlive the protocol bytes (ASan catches any pointer left into them). A form
-// written in the other byte order converts (bounded for odd seeds) to exactly the original.
+// In place when the layout allows, else cached; deep copies outlive the bytes (ASan watches).
 TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeAndFromTheOtherByteOrder) {
     for (uint32_t seed = 1; seed <= 40; seed++) {
         ValueMaker maker(arena, seed);
@@ -112,7 +109,7 @@ TEST_F(PmsgClientValueTest, RandomValuesComeBackInEachOwnershipModeAndFromTheOth
     free(back.ptr_array);
 }
 
-TEST_F(PmsgClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemoryDoesNotGrow) {
+TEST_F(PmsgClientValueTest, RereadsOfASlotAllocateNothingAndARewrittenSlotIsNeverStale) {
     ValueMaker maker(arena, 5, false);
     std::vector<Built> row(QX_NUMBER_OF_DATA_TYPES);
     std::vector<qx_value_t> first(QX_NUMBER_OF_DATA_TYPES);
@@ -132,9 +129,8 @@ TEST_F(PmsgClientValueTest, RereadingAnUnchangedSlotReturnsTheSameValueAndMemory
     }
     EXPECT_EQ(entries, pmsg_i::cache_entry_count());
     EXPECT_EQ(before.uordblks, mallinfo2().uordblks) << "a million reads allocate nothing";
-}
-
-TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDropsARange) {
+    qx_pmsg_release_client_values_1(nullptr, SIZE_MAX);
+    // A rewritten slot never yields the stale value; a release drops a range.
     qx_array_t *texts = arena.array(std::vector<qx_value_t>(1));
     qx_value_t value;
     value.ptr_array = texts;
@@ -172,7 +168,19 @@ TEST_F(PmsgClientValueTest, ARewrittenSlotNeverYieldsTheStaleValueAndReleaseDrop
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
 }
 
-TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
+// `depth` structured data values, each holding the next; returns the top-level length.
+uint32_t sd_chain(std::vector<uint64_t> &area, int depth) {
+    area.assign(3 * static_cast<size_t>(depth) + 1, 0);
+    auto *p = reinterpret_cast<uint8_t *>(area.data());
+    for (int level = 0; level < depth; level++) {
+        const uint32_t words[] = {1, 0,  QX_SD_PTR,
+                                  0, 24, static_cast<uint32_t>(24 * (depth - level - 1) + 8)};
+        memcpy(p + 24 * level, words, sizeof words);
+    }
+    return static_cast<uint32_t>(24 * depth + 8);
+}
+
+TEST_F(PmsgClientValueTest, BadArgumentsStrayAnchorsOverlapsAndDeepNestingAreRefused) {
     uint64_t area[8] = {};
     qx_pmsg_value_t slot{};
     qx_value_t result;
@@ -200,13 +208,7 @@ TEST_F(PmsgClientValueTest, BadArgumentsAndAnchorsOutOfBoundsAreRefused) {
     ASSERT_EQ(0, read(QX_CHAR_PTR_ARRAY, &result, &slot, area, 64, QX_PMSG_CLIENT_MALLOC));
     EXPECT_STREQ("abcdefgh", result.ptr_array->elements[0].ptr_char);
     free(result.ptr_array);
-}
-
-// Overlapping anchors would let a small area describe a huge value: built forms never overlap.
-TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
-    uint64_t area[8] = {};
-    qx_pmsg_value_t slot;
-    qx_value_t result;
+    // Overlapping anchors would let a small area describe a huge value: built forms never overlap.
     const struct {
         int type;
         std::vector<uint32_t> words;
@@ -245,37 +247,21 @@ TEST_F(PmsgClientValueTest, MalformedSharedOrOverlappingFormsAreCorrupt) {
         EXPECT_NE(0, read(c.type, &result, &slot, area, sizeof area, QX_PMSG_CLIENT_MALLOC));
     }
     EXPECT_EQ(0u, pmsg_i::cache_entry_count());
-}
-
-// `depth` structured data values, each holding the next; returns the top-level length.
-uint32_t sd_chain(std::vector<uint64_t> &area, int depth) {
-    area.assign(3 * static_cast<size_t>(depth) + 1, 0);
-    auto *p = reinterpret_cast<uint8_t *>(area.data());
-    for (int level = 0; level < depth; level++) {
-        const uint32_t words[] = {1, 0,  QX_SD_PTR,
-                                  0, 24, static_cast<uint32_t>(24 * (depth - level - 1) + 8)};
-        memcpy(p + 24 * level, words, sizeof words);
-    }
-    return static_cast<uint32_t>(24 * depth + 8);
-}
-
-TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow) {
-    std::vector<uint64_t> area;
-    qx_pmsg_value_t slot;
-    qx_value_t result;
-    slot.anchor = {0, sd_chain(area, 32)};
-    ASSERT_EQ(0, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    // Nesting deeper than the limit is corrupt, not a stack overflow.
+    std::vector<uint64_t> chain;
+    slot.anchor = {0, sd_chain(chain, 32)};
+    ASSERT_EQ(0, read(QX_SD_PTR, &result, &slot, chain.data(), slot.anchor.length));
     EXPECT_EQ(1u, result.ptr_sd->elements[0].value.ptr_sd->element_count);
-    slot.anchor = {0, sd_chain(area, 33)};
-    EXPECT_EQ(QX_PMSG_E_CORRUPT, read(QX_SD_PTR, &result, &slot, area.data(), slot.anchor.length));
+    slot.anchor = {0, sd_chain(chain, 33)};
+    EXPECT_EQ(QX_PMSG_E_CORRUPT, read(QX_SD_PTR, &result, &slot, chain.data(), slot.anchor.length));
     // The same chain written on a machine of the other byte order.
-    for (size_t i = 0; i < area.size() * 2; i++)
-        pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(area.data()) + 4 * i);
+    for (size_t i = 0; i < chain.size() * 2; i++)
+        pmsg_test::swap32_at(reinterpret_cast<uint8_t *>(chain.data()) + 4 * i);
     pmsg_test::swap32_at(&slot.anchor.length);
-    std::vector<uint64_t> before = area;
+    std::vector<uint64_t> before = chain;
     EXPECT_EQ(QX_PMSG_E_CORRUPT,
-              qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, area.data(), -1));
-    EXPECT_TRUE(before == area) << "nothing is converted on failure";
+              qx_pmsg_convert_pmsg_value_bounded_1(&slot, QX_SD_PTR, chain.data(), -1));
+    EXPECT_TRUE(before == chain) << "nothing is converted on failure";
     // And a caller's value nested deeper is refused when built.
     qx_value_t value{.ptr_sd = arena.sd({})};
     for (uint32_t depth = 1; depth <= 33; depth++) {
@@ -288,7 +274,7 @@ TEST_F(PmsgClientValueTest, NestingDeeperThanTheLimitIsCorruptNotAStackOverflow)
 }
 
 // The mark at offset 16 is 1 in the writer's byte order; asking changes nothing.
-TEST(PmsgByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
+TEST(PmsgByteOrderTest, TheMarkTellsWhetherToConvertAndABadFormIsLeftAsItWas) {
     uint8_t buffer[40] = {};
     qx_uint32_t required = 7;
     for (uint32_t mark : {1u, 0x01000000u, 0x00020000u}) {
@@ -300,9 +286,7 @@ TEST(PmsgByteOrderTest, TheMarkAtOffsetSixteenTellsWhetherToConvert) {
     }
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_cnv_required_1(nullptr, &required));
     EXPECT_EQ(QX_PMSG_E_INVAL, qx_pmsg_cnv_required_1(buffer, nullptr));
-}
-
-TEST(PmsgByteOrderTest, AFormThatDoesNotCheckOutIsLeftExactlyAsItWas) {
+    // A form that does not check out is left exactly as it was.
     Arena arena;
     qx_value_t value{.ptr_array = arena.array({{.ptr_char = arena.text("one")},
                                                {.ptr_char = arena.text("two")},
@@ -366,8 +350,7 @@ struct Rows {
     std::vector<qx_value_t> values;
 };
 
-// Two readers per table (buckets grow under lookups) get the one value built per slot, beside
-// releases of another table.
+// Two readers per table (buckets grow) get one value per slot, beside another table's releases.
 TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) {
     constexpr int kTables = 4, kRows = 256;
     std::vector<std::unique_ptr<Rows>> tables;
@@ -402,18 +385,14 @@ TEST(PmsgCacheConcurrencyTest, ReadersGetTheirRowsValueBuiltOnceBesideReleases) 
 
 // A caller's fork lock, installed after the library's (as the registry does at its first open).
 pthread_mutex_t g_caller_fork_lock = PTHREAD_MUTEX_INITIALIZER;
-void lock_caller() {
-    pthread_mutex_lock(&g_caller_fork_lock);
-}
-void unlock_caller() {
-    pthread_mutex_unlock(&g_caller_fork_lock);
-}
 
-// A child forked while threads read and release (under the caller's fork lock) can read: an
-// inherited locked shard or a lock-order deadlock would hang (the alarm ends the test).
+// A child forked mid-read/release can read; a held shard or lock-order deadlock hangs (alarm).
 TEST(PmsgCacheConcurrencyTest, AChildForkedWhileThreadsReadAndReleaseCanRead) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(lock_caller, unlock_caller, unlock_caller); });
+    pthread_once(&once, [] {
+        void (*unlock)() = [] { pthread_mutex_unlock(&g_caller_fork_lock); };
+        pthread_atfork([] { pthread_mutex_lock(&g_caller_fork_lock); }, unlock, unlock);
+    });
     alarm(60);
     Rows rows(32);
     std::atomic<bool> stop{false};

@@ -147,8 +147,7 @@ inline void swap_scalar_slot(int type, uint8_t *p) {
     memcpy(p, &v, 8);
 }
 
-// A value as a machine of the other byte order writes it, from the documented layout alone;
-// `p_anchor` is the value's slot, `p_area` what its anchor counts from.
+// A value as the other byte order writes it, from the documented layout alone.
 inline void value_to_other_order(int type, uint8_t *p_anchor, uint8_t *p_area) {
     if (is_scalar_type(type)) return swap_scalar_slot(type, p_anchor);
     uint8_t *p = p_area + rd32(p_anchor);

@@ -1,5 +1,4 @@
-// Opens a tree through the installed package, keeps a row in an in-memory
-// table through the C++ interface and reads it back typed.
+// Through the installed package: a row kept in an in-memory table, read back typed.
 #include <cstdint>
 #include <cstdio>
 #include <string>
