@@ -44,8 +44,7 @@ class ApplyTest : public RowsTest {
         return sr_set_field_by_key_1(p_table, kv, c1, &cv);
     }
     static qx_int32_t Delete(sr_i_table_t *p_table, qx_int64_t key) {
-        std::string criteria = "k == " + std::to_string(key);
-        return sr_delete_rows_1(p_table, criteria.data());
+        return sr_delete_rows_1(p_table, ("k == " + std::to_string(key)).data());
     }
     // The committed rows of /m/<name> as another tree's fresh open reads them.
     State Reopened(const std::string &name, qx_uint64_t *p_counter = nullptr) {
@@ -93,17 +92,13 @@ TEST_F(ApplyTest, AppendWritesChangedRowsInChangeOrderThenTheCommitRecord) {
     ASSERT_EQ(Put(p_table, 7, 71), 0);  // keeps the first change's place
     ASSERT_EQ(sr_apply_1(p_table, 0), 0);
     bytes = ReadBytes(File("t"));
-    const qx_int64_t order[][2] = {{7, 71}, {3, 30}, {1, 10}};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(U32At(bytes, start + 32 * i), 32u);
-        EXPECT_EQ(U64At(bytes, start + 32 * i + 16), static_cast<qx_uint64_t>(order[i][0]));
-        EXPECT_EQ(U64At(bytes, start + 32 * i + 24), static_cast<qx_uint64_t>(order[i][1]));
-    }
+    for (qx_uint64_t i = 0, order[][2] = {{7, 71}, {3, 30}, {1, 10}}; i < 3; ++i)
+        EXPECT_EQ(bytes.substr(start + 32 * i + 16, 16),
+                  std::string(reinterpret_cast<char *>(order[i]), 16));
     EXPECT_EQ(static_cast<qx_int32_t>(U32At(bytes, start + 96 + 8)), SR_I_RECORD_TYPE_COMMIT);
     ASSERT_EQ(sr_commit_1(p_table), 0);
 
-    // A deletion record lists the committed rows deleted, not the rows added
-    // and deleted in the same transaction.
+    // A deletion record lists committed rows deleted, not rows added and deleted since.
     start = End(p_table);
     ASSERT_EQ(Delete(p_table, 1), 0);
     ASSERT_EQ(Put(p_table, 4, 40), 0);
@@ -125,8 +120,7 @@ TEST_F(ApplyTest, AppendWritesChangedRowsInChangeOrderThenTheCommitRecord) {
     EXPECT_EQ(Reopened("t"), (State{{7, 71}}));
 }
 
-// Sixteen records make one gather write; the commit record joins the last
-// write when there is room.
+// Sixteen records make one gather write; the commit record joins the last if there is room.
 TEST_F(ApplyTest, RowsAndTheCommitRecordGoOutInGatherWritesOfSixteen) {
     const struct {
         int rows;
@@ -182,14 +176,11 @@ TEST_F(ApplyTest, RewriteFileHoldsOnlyMetadataLiveRowsInIndexOrderAndACommitReco
     EXPECT_EQ(ReadBytes(File("t")), data_file) << "a rewrite leaves the data file alone";
     const std::string image = ReadBytes(File("t.rewrite")).substr(0, p_table->rewrite_file_length);
     EXPECT_EQ(image.substr(0, metadata_length), data_file.substr(0, metadata_length));
-    const qx_int64_t rows[][2] = {{0, 0}, {2, 20}, {3, 30}, {4, 44}, {5, 50}, {9, 90}};
-    for (int i = 0; i < 6; ++i) {
-        const size_t at = metadata_length + 32 * i;
-        EXPECT_EQ(static_cast<qx_int32_t>(U32At(image, at + 8)), SR_I_RECORD_TYPE_ROW);
-        EXPECT_EQ(U32At(image, at + 12), 0u);  // every row is new in the new file
-        EXPECT_EQ(U64At(image, at + 16), static_cast<qx_uint64_t>(rows[i][0]));
-        EXPECT_EQ(U64At(image, at + 24), static_cast<qx_uint64_t>(rows[i][1]));
-    }
+    // Every row is new in the new file: it replaces record 0.
+    for (qx_uint64_t i = 0, rows[][2] = {{0, 0}, {2, 20}, {3, 30}, {4, 44}, {5, 50}, {9, 90}};
+         i < 6; ++i)
+        EXPECT_EQ(image.substr(metadata_length + 32 * i + 12, 20),
+                  std::string(4, '\0') + std::string(reinterpret_cast<char *>(rows[i]), 16));
     const size_t commit = metadata_length + 6 * 32;
     EXPECT_EQ(static_cast<qx_int32_t>(U32At(image, commit + 8)), SR_I_RECORD_TYPE_COMMIT);
     EXPECT_EQ(image.size(), commit + kCommit);
@@ -219,8 +210,7 @@ TEST_F(ApplyTest, RewriteThatCannotOpenItsFileLeavesEverythingAsItWas) {
 }
 
 TEST_F(ApplyTest, RewriteDecisionNeedsMoreThan16KiBAndLessThanHalfLive) {
-    // The product wraps in 32 bits: 43,000,000 * 100 is 5,032,704 after the
-    // wrap, under half of a 20 MB file although the pool is larger.
+    // 43,000,000 * 100 wraps in 32 bits to 5,032,704: under half of a 20 MB file.
     const struct {
         qx_uint32_t file, used, wanted;
     } cases[] = {{16384, 0, 0},    {16385, 0, 1},           {16385, 8192, 1},
@@ -231,10 +221,7 @@ TEST_F(ApplyTest, RewriteDecisionNeedsMoreThan16KiBAndLessThanHalfLive) {
         table.record_buffer_pool.used_bytes = c.used;
         EXPECT_EQ(sr_i_rewrite_wanted(&table), c.wanted) << c.file << " " << c.used;
     }
-}
-
-// A record is read whole from one block when it ends in the block it starts in.
-TEST(TableBlockTest, RecordIsContainedInABlockWhenItEndsInTheBlockItStartsIn) {
+    // A record is read whole from one block when it ends in the block it starts in.
     sr_i_table_t table{};
     table.block_size = 512;
     qx_uint32_t block = 99;
