@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "sr/rows_test_util.h"
@@ -77,15 +78,13 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
     columns[1].name = nullptr;
     EXPECT_EQ(TryCreate("/t", columns), 105);
     EXPECT_EQ(TryCreate("/t" + std::to_string(n - 1), columns = ScalarColumns(2)), 201);
-    EXPECT_EQ(last_error().message, "2605-201 The table already exists.\n");
     WriteBytes(File("f"), "not a table");
     EXPECT_EQ(TryCreate("/m/f", columns), 201);
     EXPECT_EQ(ReadBytes(File("f")), "not a table");
     EXPECT_FALSE(Exists(File("f.rewrite")));
 }
 
-// Another process creates the table between this create's check for it and
-// the rename of the new file into place (here: during the new file's sync).
+// Another process creates the table between this create's check and its rename (here: in the sync).
 std::string Appearing_Path, Appearing_Bytes;
 int SyncWhileATableAppears(int fd) {
     if (!Appearing_Path.empty()) WriteBytes(Appearing_Path, Appearing_Bytes);
@@ -162,8 +161,7 @@ TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
     for (int k = 1; k <= 20; ++k) ASSERT_EQ(AddC1(p_table, k, k * 10), 0);
     ASSERT_EQ(ApplyCommit(p_table), 0);
     EXPECT_EQ(sr_close_table_1(table), 0);
-    // A second open keeps the first one's index; an open that makes no
-    // record closes the index it made.
+    // A second open keeps the first one's index and closes the one it made.
     ASSERT_EQ(open("/m/h", 2, 1024, &table), 0);
     ASSERT_EQ(open("/m/h", 2, 3, &again), 0);
     EXPECT_EQ(again, table);
@@ -182,14 +180,11 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     for (int mode : {0, 4, 5, 8, -1, 100}) Open("/m/t", mode, 103);
     EXPECT_EQ(last_error().message,
               "2605-103 An invalid mode was specified while trying to create or open the table.\n");
-    const struct {
-        int mode;
-        qx_uint32_t normalised, implicit;
-    } cases[] = {{3, 2, 1}, {7, 6, 0}, {1, 1, 1}};
-    for (const auto &c : cases) {
-        sr_i_table_t *p_table = Open("/m/t", c.mode);
-        EXPECT_EQ(p_table->mode, c.normalised) << c.mode;
-        EXPECT_EQ(p_table->implicitly_controlled, c.implicit) << c.mode;
+    // Mode, then the mode and implicit control it stands for.
+    for (auto [mode, normalised, implicit] : {std::tuple{3, 2u, 1u}, {7, 6u, 0u}, {1, 1u, 1u}}) {
+        sr_i_table_t *p_table = Open("/m/t", mode);
+        EXPECT_EQ(std::pair(p_table->mode, p_table->implicitly_controlled),
+                  std::pair(normalised, implicit));
         ASSERT_EQ(sr_close_table_1(p_table), 0);
     }
     // A created table is always open for write.
@@ -222,7 +217,6 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     EXPECT_EQ(last_error().message, "2605-200 The table does not exist.\n");
     WriteBytes(File("short"), std::string(12, '\0'));
     Open("/m/short", 1, 14);
-    EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n");
 }
 
 TEST_F(CreateOpenTest, TransientTablesOutliveTheirLastCloseUntilDeleted) {
@@ -237,13 +231,11 @@ TEST_F(CreateOpenTest, TransientTablesOutliveTheirLastCloseUntilDeleted) {
     EXPECT_EQ(AddC1(p_table, 3, 30), 206);
     EXPECT_EQ(Open("/t", 6), p_table);  // read-only transient: just takes write
     EXPECT_EQ(p_table->mode, 2u);
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(sr_close_table_1(p_table), 0);
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
     Open("/t", 2, 200);
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 200);
-    // Deleted while open: lives until its last close; a new table of the
-    // same name is another record, left alone by that close.
+    // Deleted while open: lives until its last close, which leaves a new table of its name alone.
     p_table = Create("/t", ScalarColumns(2));
     ASSERT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
     Open("/t", 2, 200);
@@ -268,8 +260,7 @@ TEST_F(CreateOpenTest, PersistentTableDeletedWhileOpenKeepsItsHandle) {
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/m/a b")), 102);
 }
 
-// A packed rows array makes a read-only table whose rows are the records
-// the array points at, committed at once and never copied.
+// A packed rows array makes a read-only committed table of the records it points at, uncopied.
 TEST_F(CreateOpenTest, PackedRowsBecomeAReadOnlyCommittedTableInPlace) {
     FileImage rows;
     for (qx_uint64_t k : {1, 2, 3, 2}) rows.Row(0, {k, k * 10});
