@@ -48,8 +48,7 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     EXPECT_EQ(big, TextOf(p_table, 4));
 }
 
-// Growth moves the index (forced here whatever the heap would do): pending
-// changes of both kinds still designate their own rows.
+// Growth moves the index (forced here): pending changes of both kinds keep their own rows.
 TEST_F(AddRowTest, HundredAndFirstRowDoublesAMovedIndex) {
     sr_i_table_t *p_table = Make("/m/grow", 6);
     for (int k = 0; k < 100; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));

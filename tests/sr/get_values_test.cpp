@@ -63,8 +63,7 @@ TEST_F(GetValuesTest, EachReaderSeesItsVersionAndEveryReaderTheRowState) {
     ASSERT_EQ(0, sr_get_updated_rows_1(p_table, &count, &p_indices));
     EXPECT_TRUE(count == 0 && p_indices == nullptr);
     EXPECT_EQ("two", TextOf(p_table, 2, 1));
-    // Visibility for every reader of a table comes from the environment at
-    // creation; the argument only widens it.
+    // Visibility from the environment at creation holds for every reader.
     setenv("SR_UNCOMMITTED_UPDATES_VISIBLE", "", 1);
     sr_i_table_t *p_visible = Make("/t/env", 6);
     unsetenv("SR_UNCOMMITTED_UPDATES_VISIBLE");
@@ -123,8 +122,7 @@ TEST_F(GetValuesTest, CompareValuesOrdersByTypeAndNeverMatchesUnorderedTypes) {
 
 class GetValuesConcurrencyTest : public GetValuesTest {};
 
-// Readers share the table's read lock while a writer changes rows between
-// them: a reader sees one version of a row, never half of two.
+// Readers beside a writer: each sees one version of a row, never half of two.
 TEST_F(GetValuesConcurrencyTest, ReadersRunBesideAWriterAndSeeWholeVersions) {
     sr_i_table_t *p_table = Make("/t/concurrent", ScalarColumns(3), 2, true);
     for (int k = 0; k < 16; ++k) ASSERT_EQ(0, Add(p_table, {{"k", I64(k)}, {"c2", I64(-101)}}));
