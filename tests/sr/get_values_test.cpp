@@ -74,15 +74,8 @@ TEST_F(GetValuesTest, EachReaderSeesItsVersionAndEveryReaderTheRowState) {
 TEST_F(GetValuesTest, RowsColumnsAndKeysThatCannotBeRead) {
     sr_i_table_t *p_table = Committed("/t/range");
     qx_value_t v{};
-    sr_row_state_t state;
     char *s = const_cast<char *>("s");
     EXPECT_EQ(203, sr_get_field_by_index_1(p_table, 3, s, &v));
-    EXPECT_EQ(203, sr_get_field_by_index_1(p_table, -1, s, &v));
-    EXPECT_EQ(203, sr_get_field_by_fixed_index_and_visibility_1(p_table, -1, s, &v, 0, &state));
-    EXPECT_EQ(203, sr_get_field_by_fixed_index_and_visibility_1(
-                       p_table, static_cast<qx_int32_t>(p_table->maximum_rows), s, &v, 0, &state));
-    EXPECT_EQ(204, sr_get_field_by_fixed_index_and_visibility_1(p_table, 50, s, &v, 1, &state));
-    EXPECT_EQ(SR_ROW_STATE_NO_ROW, state);
     EXPECT_EQ(105, sr_get_field_by_index_1(p_table, 0, const_cast<char *>("S"), &v));
     EXPECT_EQ(202, sr_get_field_by_key_1(p_table, I64(9), s, &v));
     // The values before an unknown name are stored, the one after is not.

@@ -137,29 +137,6 @@ TEST_F(SchemaTest, RefusalsChangeNothing) {
     EXPECT_EQ(sr_add_columns_1(reader, &extra, 1), 206);
 }
 
-TEST_F(SchemaTest, RenamedDeletedAndDefaultedColumns) {
-    sr_i_table_t *p_table = Filled("/m/t", SR_MODE_WRITE, true);
-    ASSERT_EQ(sr_change_column_name_1(p_table, Text("s"), Text("text")), 0);
-    EXPECT_STREQ(Val(p_table, 2, "text").ptr_char, "v2");
-    qx_value_t v{};
-    EXPECT_EQ(sr_get_field_by_key_1(p_table, I64(2), Text("s"), &v), 105);
-    EXPECT_EQ(Add(p_table, {{"k", I64(3)}}), 108);  // the hashed key index was rebuilt
-    ASSERT_EQ(sr_change_default_value_1(p_table, Text("text"), Str("fresh")), 0);
-    ASSERT_EQ(Add(p_table, {{"k", I64(7)}}), 0);
-    EXPECT_STREQ(Val(p_table, 7, "text").ptr_char, "fresh");
-    char *names[] = {Text("text")};
-    ASSERT_EQ(sr_delete_columns_1(p_table, names, 1), 0);
-    ExpectRewrittenWhole(4);
-    EXPECT_EQ(IntOf(p_table, 3), 3);
-    p_table = Reopen(p_table);
-    EXPECT_EQ(SchemaOf(p_table).names, (std::vector<std::string>{"k", "n"}));
-    EXPECT_EQ(IntOf(p_table, 7), 7);
-    char *last[] = {Text("n")};  // every column but the key may go
-    ASSERT_EQ(sr_delete_columns_1(p_table, last, 1), 0);
-    EXPECT_EQ(SchemaOf(p_table).names, (std::vector<std::string>{"k"}));
-    EXPECT_EQ(p_table->total_committed_rows, 4u);
-}
-
 TEST_F(SchemaTest, FailedRewriteLeavesTheOldTableAndFile) {
     sr_i_table_t *p_table = Filled();
     const std::string before = ReadBytes(File("t"));
