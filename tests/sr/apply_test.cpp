@@ -120,23 +120,6 @@ TEST_F(ApplyTest, AppendWritesChangedRowsInChangeOrderThenTheCommitRecord) {
     EXPECT_EQ(Reopened("t"), (State{{7, 71}}));
 }
 
-// Sixteen records make one gather write; the commit record joins the last if there is room.
-TEST_F(ApplyTest, RowsAndTheCommitRecordGoOutInGatherWritesOfSixteen) {
-    const struct {
-        int rows;
-        std::vector<std::pair<int, size_t>> writes;
-    } cases[] = {{16, {{16, 16 * 32}, {1, kCommit}}}, {15, {{16, 15 * 32 + kCommit}}}};
-    for (const auto &c : cases) {
-        sr_i_table_t *p_table = Make("t" + std::to_string(c.rows));
-        for (int i = 0; i < c.rows; ++i) ASSERT_EQ(Put(p_table, i, i), 0);
-        Writes.clear();
-        sr_i_file_ops.p_writev = CountingWritev;
-        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-        sr_i_file_ops = sr_i_default_file_ops;
-        EXPECT_EQ(Writes, c.writes) << c.rows;
-    }
-}
-
 TEST_F(ApplyTest, ChangeCountersInTheCommitRecord) {
     sr_i_table_t *p_table = Make("t");
     for (int i = 0; i < 7; ++i) ASSERT_EQ(ApplyCommit(p_table), 0);

@@ -84,14 +84,6 @@ TEST_F(GetValuesTest, RowsColumnsAndKeysThatCannotBeRead) {
     EXPECT_EQ(105, sr_get_fields_by_index_1(p_table, 1, bad, values, 3));
     EXPECT_EQ(20, n.val_int32);
     EXPECT_EQ(-1, k.val_int64);
-    // A changed key is found by its new value once committed.
-    qx_value_t new_key = I64(20);
-    ASSERT_EQ(0, sr_set_field_by_key_1(p_table, I64(2), const_cast<char *>("k"), &new_key));
-    EXPECT_EQ("two", TextOf(p_table, 2, 1));
-    EXPECT_EQ("<202>", TextOf(p_table, 20, 1));
-    ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ("two", TextOf(p_table, 20));
-    EXPECT_EQ("<202>", TextOf(p_table, 2));
 }
 
 TEST_F(GetValuesTest, CompareValuesOrdersByTypeAndNeverMatchesUnorderedTypes) {
