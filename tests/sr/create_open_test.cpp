@@ -207,10 +207,6 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     Open("/m/t", 2, 211);
     EXPECT_EQ(Open("/m/t", 6), p_explicit);
 
-    sr_opaque_handle_t table = nullptr;
-    EXPECT_EQ(sr_open_table_1(nullptr, Text("/t"), 2, &table), 100);
-    EXPECT_EQ(sr_close_table_1(nullptr), 100);
-    EXPECT_EQ(sr_delete_table_1(nullptr, Text("/t")), 100);
     Open("/nowhere", 2, 200);
     EXPECT_EQ(last_error().message, "2605-200 The table does not exist.\n");
     WriteBytes(File("short"), std::string(12, '\0'));

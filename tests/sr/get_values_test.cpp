@@ -25,7 +25,7 @@ class GetValuesTest : public RowsTest {
     }
 };
 
-TEST_F(GetValuesTest, EachReaderSeesItsVersionAndEveryReaderTheRowState) {
+TEST_F(GetValuesTest, EachReaderSeesItsVersionTheRowStateOrWhyItCannotRead) {
     sr_i_table_t *p_table = Committed("/t/versions");
     ASSERT_EQ(0, AddRow(p_table, 4, "four", 40));
     qx_value_t v = Str("TWO");
@@ -63,18 +63,6 @@ TEST_F(GetValuesTest, EachReaderSeesItsVersionAndEveryReaderTheRowState) {
     ASSERT_EQ(0, sr_get_updated_rows_1(p_table, &count, &p_indices));
     EXPECT_TRUE(count == 0 && p_indices == nullptr);
     EXPECT_EQ("two", TextOf(p_table, 2, 1));
-    // Visibility from the environment at creation holds for every reader.
-    setenv("SR_UNCOMMITTED_UPDATES_VISIBLE", "", 1);
-    sr_i_table_t *p_visible = Make("/t/env", 6);
-    unsetenv("SR_UNCOMMITTED_UPDATES_VISIBLE");
-    ASSERT_EQ(0, AddRow(p_visible, 1, "one", 1));
-    EXPECT_EQ("one", TextOf(p_visible, 1, 0));
-}
-
-TEST_F(GetValuesTest, RowsColumnsAndKeysThatCannotBeRead) {
-    sr_i_table_t *p_table = Committed("/t/range");
-    qx_value_t v{};
-    char *s = const_cast<char *>("s");
     EXPECT_EQ(203, sr_get_field_by_index_1(p_table, 3, s, &v));
     EXPECT_EQ(105, sr_get_field_by_index_1(p_table, 0, const_cast<char *>("S"), &v));
     EXPECT_EQ(202, sr_get_field_by_key_1(p_table, I64(9), s, &v));
@@ -84,6 +72,12 @@ TEST_F(GetValuesTest, RowsColumnsAndKeysThatCannotBeRead) {
     EXPECT_EQ(105, sr_get_fields_by_index_1(p_table, 1, bad, values, 3));
     EXPECT_EQ(20, n.val_int32);
     EXPECT_EQ(-1, k.val_int64);
+    // Visibility from the environment at creation holds for every reader.
+    setenv("SR_UNCOMMITTED_UPDATES_VISIBLE", "", 1);
+    sr_i_table_t *p_visible = Make("/t/env", 6);
+    unsetenv("SR_UNCOMMITTED_UPDATES_VISIBLE");
+    ASSERT_EQ(0, AddRow(p_visible, 1, "one", 1));
+    EXPECT_EQ("one", TextOf(p_visible, 1, 0));
 }
 
 TEST_F(GetValuesTest, CompareValuesOrdersByTypeAndNeverMatchesUnorderedTypes) {
