@@ -30,7 +30,7 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     ASSERT_EQ(0, Add(p_table, {{"k", I64(1)}}));
     EXPECT_EQ(0u, FixedOf(p_table, 1));  // the failures left no slot taken
     EXPECT_EQ("dflt", TextOf(p_table, 1));
-    EXPECT_EQ(7, IntOf(p_table, 1));
+    EXPECT_EQ(7, Val(p_table, 1, "n").val_int32);
     // NULL pointers are stored as the empty value of their type.
     const qx_value_t null = Str(nullptr);  // all 8 bytes: {} sets only the first member
     ASSERT_EQ(0,
@@ -59,8 +59,8 @@ TEST_F(AddRowTest, HundredAndFirstRowDoublesAMovedIndex) {
     EXPECT_EQ(100u, FixedOf(p_table, 100));
     ASSERT_EQ(0, ApplyCommit(p_table));
     EXPECT_EQ(100u, p_table->total_committed_rows);
-    EXPECT_EQ(-99, IntOf(p_table, 99));
-    EXPECT_EQ(98, IntOf(p_table, 98));
+    EXPECT_EQ(-99, Val(p_table, 99, "n").val_int32);
+    EXPECT_EQ(98, Val(p_table, 98, "n").val_int32);
     EXPECT_EQ("<202>", TextOf(p_table, 50));
     EXPECT_EQ("v", TextOf(p_table, 100));
 }
@@ -137,11 +137,12 @@ TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {
     EXPECT_EQ(105, sr_set_field_by_index_1(p_table, 0, const_cast<char *>("n"), &same));
     ASSERT_EQ(0, SetText(p_table, 1, "again"));
     EXPECT_EQ("again", TextOf(p_table, 1, 1));
-    EXPECT_EQ(5, IntOf(p_table, 1, 1));  // protected, left out: kept
+    qx_value_t v{};
+    ASSERT_EQ(0, Get(p_table, 0, "n", &v, 1));
+    EXPECT_EQ(5, v.val_int32);  // protected, left out: kept
     // The key may become another row's key; "s", left out, is reset.
     qx_value_t key = I64(2);
     ASSERT_EQ(0, sr_set_field_by_index_1(p_table, 0, const_cast<char *>("k"), &key));
-    qx_value_t v{};
     ASSERT_EQ(0, Get(p_table, 0, "s", &v, 1));
     EXPECT_STREQ("dflt", v.ptr_char);
     // Unknown and repeated names change nothing.

@@ -88,7 +88,7 @@ TEST_F(SchemaTest, AddedColumnsAreInEveryHandleAndTheFileIsRewrittenWhole) {
         EXPECT_EQ(Val(handle, 3, "extra").val_int32, 42);
         EXPECT_STREQ(Val(handle, 1, "label").ptr_char, "none");
     }
-    EXPECT_EQ(IntOf(p_table, 2), 104);
+    EXPECT_EQ(Val(p_table, 2, "n").val_int32, 104);
     EXPECT_EQ(Add(p_table, {{"k", I64(1)}}), 108);  // the new table still checks its keys
     ASSERT_EQ(Add(p_table, {{"k", I64(9)}, {"extra", I32(5)}}), 0);
     p_table = Reopen(p_table);
@@ -160,7 +160,7 @@ TEST_F(SchemaTest, OverlaysAreSeenAtOnceAndEndWithTheTableOrASchemaChange) {
     EXPECT_EQ(SchemaOf(p_table, 1).names.size(), 2u);  // no invisible column
     ASSERT_EQ(Add(p_table, {{"k", I64(5)}}), 0);
     EXPECT_EQ(TextOf(p_table, 5), "overlaid text");
-    EXPECT_EQ(IntOf(p_table, 5), 77);
+    EXPECT_EQ(Val(p_table, 5, "n").val_int32, 77);
     p_table = Reopen(p_table);
     EXPECT_EQ(TextOf(p_table, 5), "overlaid text");  // the row keeps its value
     EXPECT_EQ(SchemaOf(p_table, 1).names.size(), 3u);

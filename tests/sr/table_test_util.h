@@ -302,16 +302,11 @@ class RowsTest : public TableTest {
                                                       p_value, visible,
                                                       p_state != nullptr ? p_state : &ignored);
     }
-    // Column "s" of the row with key `key`, or "<code>"; column "n", or -code.
+    // Column "s" of the row with key `key`, or "<code>".
     std::string TextOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
         qx_value_t value{};
         qx_int32_t rc = ByKey(p_table, key, "s", &value, visible);
         return rc != 0 ? "<" + std::to_string(rc) + ">" : value.ptr_char;
-    }
-    qx_int32_t IntOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
-        qx_value_t value{};
-        qx_int32_t rc = ByKey(p_table, key, "n", &value, visible);
-        return rc != 0 ? -rc : value.val_int32;
     }
     // Column `column` of the row with key `key` in the working version.
     static qx_value_t Val(sr_opaque_handle_t table, qx_int64_t key, const char *column) {
