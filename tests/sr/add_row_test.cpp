@@ -156,6 +156,7 @@ TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {
     EXPECT_EQ(204, sr_set_field_by_fixed_index_1(p_table, 5, s, &a));
     EXPECT_EQ(202, sr_set_field_by_key_1(p_table, I64(9), s, &a));
     ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
+    EXPECT_EQ(SR_E_NULL_POINTER, sr_delete_row_by_index_1(p_table, 1));  // deleted already
     EXPECT_EQ(204, sr_set_field_by_index_1(p_table, 1, s, &a));
     ASSERT_EQ(0, sr_apply_1(p_table, 0));
     EXPECT_EQ(212, sr_set_field_by_index_1(p_table, 0, s, &a));
