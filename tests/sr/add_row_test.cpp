@@ -72,6 +72,7 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
         for (int k = 0; k < 100; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));
         ASSERT_EQ(0, ApplyCommit(p_table));
         const std::string long_text(50000, 'z');
+        for (int k = 2; k < 18; ++k) ASSERT_EQ(0, SetText(p_table, k, "w"));  // 16 changes: full
         const qx_uint32_t used = p_table->record_buffer_pool.used_bytes;
         EachAllocationFailure([&] { return AddRow(p_table, 1000, long_text.c_str(), 1); },
                               [&] {
@@ -80,6 +81,7 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
                                   EXPECT_EQ("<202>", TextOf(p_table, 1000, 1));
                               });
         EXPECT_EQ(long_text, TextOf(p_table, 1000, 1));
+        for (int k = 18; k < 49; ++k) ASSERT_EQ(0, SetText(p_table, k, "w"));  // and 32 more
         EachAllocationFailure([&] { return SetText(p_table, 1, long_text.c_str()); },
                               [&] {
                                   EXPECT_EQ(SR_ROW_STATE_COMMITTED,

@@ -3,7 +3,6 @@
 #include <stdlib.h>
 
 #include <atomic>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
