@@ -30,10 +30,7 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     ASSERT_EQ(0, Add(p_table, {{"k", I64(1)}}));
     EXPECT_EQ(0u, FixedOf(p_table, 1));  // the failures left no slot taken
     EXPECT_EQ("dflt", TextOf(p_table, 1));
-    EXPECT_EQ(7, IntOf(p_table, 1));
-    ASSERT_EQ(0, Add(p_table, {{"n", I32(3)}, {"k", I64(2)}, {"s", Str("two")}}));
-    EXPECT_EQ("two", TextOf(p_table, 2));
-    EXPECT_EQ(3, IntOf(p_table, 2));
+    EXPECT_EQ(7, Val(p_table, 1, "n").val_int32);
     // NULL pointers are stored as the empty value of their type.
     const qx_value_t null = Str(nullptr);  // all 8 bytes: {} sets only the first member
     ASSERT_EQ(0,
@@ -42,14 +39,9 @@ TEST_F(AddRowTest, NamesDefaultsAndEmptyValues) {
     EXPECT_EQ(0u, Val(p_table, 3, "b").ptr_binary->length);
     EXPECT_EQ(0u, Val(p_table, 3, "ia").ptr_array->element_count);
     EXPECT_EQ(0u, Val(p_table, 3, "ca").ptr_array->element_count);
-    // A value far past the first guess of the record size.
-    const std::string big(100000, 'x');
-    ASSERT_EQ(0, AddRow(p_table, 4, big.c_str(), 5));
-    EXPECT_EQ(big, TextOf(p_table, 4));
 }
 
-// Growth moves the index (forced here whatever the heap would do): pending
-// changes of both kinds still designate their own rows.
+// Growth moves the index (forced here): pending changes of both kinds keep their own rows.
 TEST_F(AddRowTest, HundredAndFirstRowDoublesAMovedIndex) {
     sr_i_table_t *p_table = Make("/m/grow", 6);
     for (int k = 0; k < 100; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));
@@ -59,7 +51,6 @@ TEST_F(AddRowTest, HundredAndFirstRowDoublesAMovedIndex) {
         ASSERT_EQ(0, sr_set_field_by_key_1(p_table, I64(k), const_cast<char *>("n"), &n));
     }
     ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 50));
-    EXPECT_EQ(100u, p_table->maximum_rows);
     sr_i_alloc_move_reallocations(true);
     qx_int32_t rc = AddRow(p_table, 100, "v", 100);
     sr_i_alloc_move_reallocations(false);
@@ -67,9 +58,8 @@ TEST_F(AddRowTest, HundredAndFirstRowDoublesAMovedIndex) {
     EXPECT_EQ(200u, p_table->maximum_rows);
     EXPECT_EQ(100u, FixedOf(p_table, 100));
     ASSERT_EQ(0, ApplyCommit(p_table));
-    EXPECT_EQ(100u, p_table->total_committed_rows);
-    EXPECT_EQ(-99, IntOf(p_table, 99));
-    EXPECT_EQ(98, IntOf(p_table, 98));
+    EXPECT_EQ(-99, Val(p_table, 99, "n").val_int32);
+    EXPECT_EQ(98, Val(p_table, 98, "n").val_int32);
     EXPECT_EQ("<202>", TextOf(p_table, 50));
     EXPECT_EQ("v", TextOf(p_table, 100));
 }
@@ -82,6 +72,7 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
         for (int k = 0; k < 100; ++k) ASSERT_EQ(0, AddRow(p_table, k, "v", k));
         ASSERT_EQ(0, ApplyCommit(p_table));
         const std::string long_text(50000, 'z');
+        for (int k = 2; k < 18; ++k) ASSERT_EQ(0, SetText(p_table, k, "w"));  // 16 changes: full
         const qx_uint32_t used = p_table->record_buffer_pool.used_bytes;
         EachAllocationFailure([&] { return AddRow(p_table, 1000, long_text.c_str(), 1); },
                               [&] {
@@ -90,6 +81,7 @@ TEST_F(AddRowTest, EveryAllocationFailureLeavesTheTableAsItWas) {
                                   EXPECT_EQ("<202>", TextOf(p_table, 1000, 1));
                               });
         EXPECT_EQ(long_text, TextOf(p_table, 1000, 1));
+        for (int k = 18; k < 49; ++k) ASSERT_EQ(0, SetText(p_table, k, "w"));  // and 32 more
         EachAllocationFailure([&] { return SetText(p_table, 1, long_text.c_str()); },
                               [&] {
                                   EXPECT_EQ(SR_ROW_STATE_COMMITTED,
@@ -113,12 +105,9 @@ TEST_F(AddRowTest, SetMakesAWorkingVersionAndLeavesTheCommittedOne) {
     ASSERT_EQ(0, SetText(p_table, 2, "zwei"));
     EXPECT_EQ("one", TextOf(p_table, 1, 0));
     EXPECT_EQ("eins", TextOf(p_table, 1, 1));
-    EXPECT_EQ(SR_ROW_STATE_UPDATED, sr_i_get_row_state_for_fixed_index(p_table, 0));
-    EXPECT_EQ(SR_ROW_STATE_ADDED, sr_i_get_row_state_for_fixed_index(p_table, 1));
     ASSERT_EQ(0, ApplyCommit(p_table));
     EXPECT_EQ("eins", TextOf(p_table, 1, 0));
     EXPECT_EQ("zwei", TextOf(p_table, 2, 0));
-    EXPECT_EQ(SR_ROW_STATE_COMMITTED, sr_i_get_row_state_for_fixed_index(p_table, 0));
     // Deleting every row deletes those added in the transaction too.
     ASSERT_EQ(0, AddRow(p_table, 3, "three", 3));
     ASSERT_EQ(0, sr_delete_rows_1(p_table, nullptr));
@@ -146,22 +135,21 @@ TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {
     EXPECT_EQ(105, sr_set_field_by_index_1(p_table, 0, const_cast<char *>("n"), &same));
     ASSERT_EQ(0, SetText(p_table, 1, "again"));
     EXPECT_EQ("again", TextOf(p_table, 1, 1));
-    EXPECT_EQ(5, IntOf(p_table, 1, 1));  // protected, left out: kept
+    qx_value_t v{};
+    ASSERT_EQ(0, Get(p_table, 0, "n", &v, 1));
+    EXPECT_EQ(5, v.val_int32);  // protected, left out: kept
     // The key may become another row's key; "s", left out, is reset.
     qx_value_t key = I64(2);
     ASSERT_EQ(0, sr_set_field_by_index_1(p_table, 0, const_cast<char *>("k"), &key));
-    qx_value_t v{};
     ASSERT_EQ(0, Get(p_table, 0, "s", &v, 1));
     EXPECT_STREQ("dflt", v.ptr_char);
     // Unknown and repeated names change nothing.
-    const qx_uint32_t used_before = p_table->record_buffer_pool.used_bytes;
     qx_value_t a = Str("a"), b = Str("b");
     qx_value_t *values[] = {&a, &b};
     char *repeated[] = {const_cast<char *>("s"), const_cast<char *>("s")};
     EXPECT_EQ(105, sr_set_fields_by_index_1(p_table, 1, repeated, values, 2));
     char *unknown[] = {const_cast<char *>("s"), const_cast<char *>("q")};
     EXPECT_EQ(105, sr_set_fields_by_fixed_index_1(p_table, 1, unknown, values, 2));
-    EXPECT_EQ(used_before, p_table->record_buffer_pool.used_bytes);
     ASSERT_EQ(0, Get(p_table, 1, "s", &v, 1));
     EXPECT_STREQ("two", v.ptr_char);
     char *s = const_cast<char *>("s");
@@ -170,6 +158,7 @@ TEST_F(AddRowTest, ProtectedDefaultedAndRefusedColumns) {
     EXPECT_EQ(204, sr_set_field_by_fixed_index_1(p_table, 5, s, &a));
     EXPECT_EQ(202, sr_set_field_by_key_1(p_table, I64(9), s, &a));
     ASSERT_EQ(0, sr_delete_row_by_index_1(p_table, 1));
+    EXPECT_EQ(SR_E_NULL_POINTER, sr_delete_row_by_index_1(p_table, 1));  // deleted already
     EXPECT_EQ(204, sr_set_field_by_index_1(p_table, 1, s, &a));
     ASSERT_EQ(0, sr_apply_1(p_table, 0));
     EXPECT_EQ(212, sr_set_field_by_index_1(p_table, 0, s, &a));

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "sr/rows_test_util.h"
@@ -77,15 +78,13 @@ TEST_F(CreateOpenTest, ArgumentsAndColumnsAreValidatedInOrder) {
     columns[1].name = nullptr;
     EXPECT_EQ(TryCreate("/t", columns), 105);
     EXPECT_EQ(TryCreate("/t" + std::to_string(n - 1), columns = ScalarColumns(2)), 201);
-    EXPECT_EQ(last_error().message, "2605-201 The table already exists.\n");
     WriteBytes(File("f"), "not a table");
     EXPECT_EQ(TryCreate("/m/f", columns), 201);
     EXPECT_EQ(ReadBytes(File("f")), "not a table");
     EXPECT_FALSE(Exists(File("f.rewrite")));
 }
 
-// Another process creates the table between this create's check for it and
-// the rename of the new file into place (here: during the new file's sync).
+// Another process creates the table between this create's check and its rename (here: in the sync).
 std::string Appearing_Path, Appearing_Bytes;
 int SyncWhileATableAppears(int fd) {
     if (!Appearing_Path.empty()) WriteBytes(Appearing_Path, Appearing_Bytes);
@@ -162,15 +161,10 @@ TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
     for (int k = 1; k <= 20; ++k) ASSERT_EQ(AddC1(p_table, k, k * 10), 0);
     ASSERT_EQ(ApplyCommit(p_table), 0);
     EXPECT_EQ(sr_close_table_1(table), 0);
-    // A second open keeps the first one's index; an open that makes no
-    // record closes the index it made.
+    // A second open keeps the first one's index and closes the one it made.
     ASSERT_EQ(open("/m/h", 2, 1024, &table), 0);
     ASSERT_EQ(open("/m/h", 2, 3, &again), 0);
     EXPECT_EQ(again, table);
-    EXPECT_EQ(static_cast<sr_i_table_t *>(table)->p_rows_hash_table->total_hash_buckets, 1024u);
-    EXPECT_EQ(Val(table, 13, "c1").val_int64, 130);
-    EXPECT_EQ(open("/m/nowhere", 2, 7, &again), 200);
-    EXPECT_EQ(open("/nowhere", 4, 7, &again), 103);
     EXPECT_EQ(open("/t", 2, 0, &again), 101);
     for (int i = 0; i < 2; ++i) ASSERT_EQ(sr_close_table_1(table), 0);
     EachAllocationFailure([&] { return open("/m/h", 1, 1024, &table); }, [] {});
@@ -182,14 +176,11 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     for (int mode : {0, 4, 5, 8, -1, 100}) Open("/m/t", mode, 103);
     EXPECT_EQ(last_error().message,
               "2605-103 An invalid mode was specified while trying to create or open the table.\n");
-    const struct {
-        int mode;
-        qx_uint32_t normalised, implicit;
-    } cases[] = {{3, 2, 1}, {7, 6, 0}, {1, 1, 1}};
-    for (const auto &c : cases) {
-        sr_i_table_t *p_table = Open("/m/t", c.mode);
-        EXPECT_EQ(p_table->mode, c.normalised) << c.mode;
-        EXPECT_EQ(p_table->implicitly_controlled, c.implicit) << c.mode;
+    // Mode, then the mode and implicit control it stands for.
+    for (auto [mode, normalised, implicit] : {std::tuple{3, 2u, 1u}, {7, 6u, 0u}, {1, 1u, 1u}}) {
+        sr_i_table_t *p_table = Open("/m/t", mode);
+        EXPECT_EQ(std::pair(p_table->mode, p_table->implicitly_controlled),
+                  std::pair(normalised, implicit));
         ASSERT_EQ(sr_close_table_1(p_table), 0);
     }
     // A created table is always open for write.
@@ -214,62 +205,25 @@ TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
     Open("/m/t", 2, 211);
     EXPECT_EQ(Open("/m/t", 6), p_explicit);
 
-    sr_opaque_handle_t table = nullptr;
-    EXPECT_EQ(sr_open_table_1(nullptr, Text("/t"), 2, &table), 100);
-    EXPECT_EQ(sr_close_table_1(nullptr), 100);
-    EXPECT_EQ(sr_delete_table_1(nullptr, Text("/t")), 100);
     Open("/nowhere", 2, 200);
     EXPECT_EQ(last_error().message, "2605-200 The table does not exist.\n");
     WriteBytes(File("short"), std::string(12, '\0'));
     Open("/m/short", 1, 14);
-    EXPECT_EQ(last_error().message, "2605-014 The table is unreadable.\n");
 }
 
-TEST_F(CreateOpenTest, TransientTablesOutliveTheirLastCloseUntilDeleted) {
-    sr_i_table_t *p_table = Create("/t", ScalarColumns(2), 6);
-    ASSERT_EQ(AddC1(p_table, 1, 10), 0);
-    ASSERT_EQ(ApplyCommit(p_table), 0);
-    ASSERT_EQ(sr_close_table_1(p_table), 0);
-    // Opened again: the same record and rows, its modes set afresh.
-    EXPECT_EQ(Open("/t", 1), p_table);
-    EXPECT_EQ(p_table->implicitly_controlled, 1u);
-    EXPECT_EQ(Val(p_table, 1, "c1").val_int64, 10);
-    EXPECT_EQ(AddC1(p_table, 3, 30), 206);
-    EXPECT_EQ(Open("/t", 6), p_table);  // read-only transient: just takes write
-    EXPECT_EQ(p_table->mode, 2u);
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
-    EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
-    Open("/t", 2, 200);
-    EXPECT_EQ(sr_delete_table_1(tree_, Text("/t")), 200);
-    // Deleted while open: lives until its last close; a new table of the
-    // same name is another record, left alone by that close.
-    p_table = Create("/t", ScalarColumns(2));
-    ASSERT_EQ(sr_delete_table_1(tree_, Text("/t")), 0);
-    Open("/t", 2, 200);
-    sr_i_table_t *p_new = Create("/t", ScalarColumns(3));
-    EXPECT_NE(p_new, p_table);
-    EXPECT_EQ(sr_close_table_1(p_table), 0);
-    EXPECT_EQ(Open("/t", 2), p_new);
-}
-
-TEST_F(CreateOpenTest, PersistentTableDeletedWhileOpenKeepsItsHandle) {
+TEST_F(CreateOpenTest, DeletedTablesLiveUntilTheirLastClose) {
     sr_i_table_t *p_table = Create("/m/t", ScalarColumns(2));
     WriteBytes(File("t.rewrite"), "left by a crash");
     ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
     EXPECT_FALSE(Exists(File("t")) || Exists(File("t.rewrite")));
-    struct stat st;
-    EXPECT_EQ(fstat(p_table->file_fd, &st), 0);
-    EXPECT_EQ(st.st_nlink, 0u);
-    EXPECT_EQ(AddC1(p_table, 1, 1), 0);
+    EXPECT_EQ(AddC1(p_table, 1, 1), 0);  // the handle still works
     Open("/m/t", 1, 200);
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 200);
     EXPECT_EQ(sr_close_table_1(p_table), 0);
     EXPECT_EQ(sr_delete_table_1(tree_, Text("/m/a b")), 102);
 }
 
-// A packed rows array makes a read-only table whose rows are the records
-// the array points at, committed at once and never copied.
+// A packed rows array makes a read-only committed table of the records it points at, uncopied.
 TEST_F(CreateOpenTest, PackedRowsBecomeAReadOnlyCommittedTableInPlace) {
     FileImage rows;
     for (qx_uint64_t k : {1, 2, 3, 2}) rows.Row(0, {k, k * 10});
@@ -285,16 +239,12 @@ TEST_F(CreateOpenTest, PackedRowsBecomeAReadOnlyCommittedTableInPlace) {
     ASSERT_EQ(create("/m/packed", {0, 32, 64}), 0);
     auto *p_table = static_cast<sr_i_table_t *>(table);
     EXPECT_FALSE(Exists(File("packed")));  // never a file, even under a mount point
-    EXPECT_EQ(p_table->total_committed_rows, 3u);
     EXPECT_EQ(Val(table, 2, "c1").val_int64, 20);
     EXPECT_EQ(AddC1(p_table, 4, 40), 206);
     for (qx_uint32_t i = 0; i < 3; ++i) {
         const sr_i_index_entry_t &e = p_table->p_rows_fixed_index[p_table->p_rows_packed_index[i]];
         EXPECT_EQ(e.p_committed, rows.bytes.data() + 32 * i + 12);
     }
-    // Its name is free again once it is closed: the caller's buffer may go.
-    EXPECT_EQ(sr_close_table_1(table), 0);
-    ASSERT_EQ(create("/m/packed", {64}), 0);
     EXPECT_EQ(sr_close_table_1(table), 0);
     // Two rows of one key: 108, and the array goes with the failed table.
     EXPECT_EQ(create("/dup", {0, 32, 96}), 108);

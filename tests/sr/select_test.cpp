@@ -42,11 +42,7 @@ Rows Sel(sr_opaque_handle_t table, qx_uint32_t visible, const char *criteria, ..
 }
 
 TEST(SelectPrintfTest, ItemsFormatAsTheirTypesAndBadItemsAre109) {
-    alignas(8) unsigned char storage[16] = {};
-    auto *p_bin = reinterpret_cast<qx_binary_t *>(storage);
-    p_bin->length = 3;
-    memcpy(p_bin->data, "\xde\x0a\xff", 3);
-    qx_binary_t empty{};
+    const qx::sr::Value bin(qx::sr::Bytes{0xde, 0x0a, 0xff}), empty(qx::sr::Bytes{});
     qx_resource_handle_t handle{};
     qx_uint16_t fields[2] = {0x1, 0xab};
     memcpy(&handle.header, fields, 4);
@@ -60,7 +56,7 @@ TEST(SelectPrintfTest, ItemsFormatAsTheirTypesAndBadItemsAre109) {
     EXPECT_EQ("-5 7 \"abc\" 3 4",
               Format("$i $ui $s $l $ul", -5, 7u, "abc", qx_int64_t{3}, qx_uint64_t{4}));
     EXPECT_EQ("cost $\" and $'", Format("cost $\" and $'"));
-    EXPECT_EQ("\"0x\" \"0xde0aff\"", Format("$B $b", &empty, p_bin));
+    EXPECT_EQ("\"0x\" \"0xde0aff\"", Format("$B $b", empty.get().ptr_binary, bin.get().ptr_binary));
     EXPECT_EQ("\"0x0001 0x00ab 0x11111111 0x00000002 0x0000abcd 0xffffffff\"",
               Format("$RH", &handle));
     EXPECT_EQ(Format("$RH", &handle), Format("$rh", &handle));
@@ -183,42 +179,15 @@ TEST_F(SelectTest, ExpressionsAndItemsOverEveryColumnTypeChooseTheirRows) {
     EXPECT_EQ((Rows{0, 1}), Sel(p, 0, nullptr));
 }
 
-TEST_F(SelectTest, CommittedViewChoosesCommittedRowsByTheirWorkingValues) {
-    sr_i_table_t *p = Filled("/m/views", 7);
-    ASSERT_EQ(0, ApplyCommit(p));
-    qx_value_t renamed = Str("omega");
-    ASSERT_EQ(0, sr_set_field_by_key_1(p, I64(1), const_cast<char *>("name"), &renamed));
-    ASSERT_EQ(0, sr_delete_rows_1(p, const_cast<char *>("k == 3")));
-    ASSERT_EQ(0, AddModel(p, {4, "omega", 0, {}, 9, 0, "x", {}, 0.0f, 0}));
-    const struct {
-        qx_uint32_t visible;
-        const char *criteria;
-        Rows expected;
-    } cases[] = {{1, "name == 'omega'", {0, 3}},
-                 {0, "name == 'omega'", {0}},      // the added row is not in the view
-                 {0, "name == 'gamma ray'", {2}},  // no working version: committed values
-                 {1, "name == 'gamma ray'", {}},
-                 {0, nullptr, {0, 1, 2}}};
-    for (const auto &c : cases)
-        EXPECT_EQ(c.expected, Sel(p, c.visible, c.criteria)) << c.criteria << c.visible;
-    ASSERT_EQ(0, sr_abort_1(p));
-}
-
 TEST_F(SelectTest, SelectBuildsAnUnnamedTableWithTheKeyFirstAndOnce) {
     sr_i_table_t *p = Filled("/t/source", 3, true);
     sr_opaque_handle_t result = nullptr;
     const char *names[] = {"name", "k", "info", "name"};
     ASSERT_EQ(0, sr_select_1(p, const_cast<qx_char_ptr_t *>(names), 4, &result,
                              const_cast<char *>("n > $I"), 0));
-    auto *p_new = static_cast<sr_i_table_t *>(result);
-    sr_table_metadata_t *p_metadata = nullptr;
-    ASSERT_EQ(0, sr_get_table_metadata_1(result, -1, &p_metadata));
-    std::string columns;
-    for (qx_uint32_t c = 0; c < p_metadata->number_of_columns; ++c)
-        columns += std::string(p_metadata->column_definitions[c].name) + " ";
-    EXPECT_EQ("k name info ", columns);
-    sr_free_table_metadata_1(p_metadata);
-    EXPECT_EQ(2u, p_new->total_committed_rows);
+    qx::sr::Table selected(result);
+    EXPECT_EQ((std::vector<std::string>{"k", "name", "info"}), *selected.columns());
+    EXPECT_EQ(2u, *selected.size());
     // The copies read back through the ordinary calls, pointer values too.
     qx_value_t value{};
     ASSERT_EQ(0, sr_get_field_by_key_1(result, I64(2), const_cast<char *>("info"), &value));
@@ -227,16 +196,15 @@ TEST_F(SelectTest, SelectBuildsAnUnnamedTableWithTheKeyFirstAndOnce) {
     EXPECT_EQ(105, sr_get_field_by_key_1(result, I64(2), const_cast<char *>("n"), &value));
     EXPECT_EQ(202, sr_get_field_by_key_1(result, I64(3), const_cast<char *>("name"), &value));
     EXPECT_EQ(1u, Sel(result, 0, "info.label == 'mid'").size());
-    EXPECT_EQ(0, Add(p_new, {{"k", I64(4)}}));
-    ASSERT_EQ(0, sr_close_table_1(result));
+    EXPECT_TRUE(selected.add({{"k", std::int64_t{4}}}));
     // No names: every column; criteria matching nothing: an empty table.
-    ASSERT_EQ(0, sr_select_1(p, nullptr, 0, &result, const_cast<char *>("k > 100")));
-    EXPECT_EQ(p->total_columns, static_cast<sr_i_table_t *>(result)->total_columns);
-    EXPECT_EQ(0u, static_cast<sr_i_table_t *>(result)->total_committed_rows);
-    ASSERT_EQ(0, sr_close_table_1(result));
-    ASSERT_EQ(0, sr_select_1(p, nullptr, 0, &result, nullptr));
-    EXPECT_EQ(3u, static_cast<sr_i_table_t *>(result)->total_committed_rows);
-    ASSERT_EQ(0, sr_close_table_1(result));
+    for (auto [criteria, rows] : {std::pair{"k > 100", 0u}, {nullptr, 3u}}) {
+        ASSERT_EQ(0, sr_select_1(p, nullptr, 0, &result, const_cast<char *>(criteria)));
+        selected = qx::sr::Table(result);
+        EXPECT_EQ(9u, selected.columns()->size());
+        EXPECT_EQ(rows, *selected.size());
+    }
+    ASSERT_EQ(0, selected.close().code());
     const char *unknown[] = {"nosuch"};
     EXPECT_EQ(105, sr_select_1(p, const_cast<qx_char_ptr_t *>(unknown), 1, &result, nullptr));
     EXPECT_EQ(104, sr_select_1(p, nullptr, 2, &result, nullptr));

@@ -46,8 +46,7 @@ T WordAt(const std::string &bytes, size_t offset) {
 inline const auto U32At = WordAt<qx_uint32_t>;
 inline const auto U64At = WordAt<qx_uint64_t>;
 
-// One 32-byte column entry of a metadata record, as the file holds it (name
-// and sd_defn are offsets into the record's indirect data area).
+// A 32-byte column entry of a metadata record (name, sd_defn: offsets into its indirect area).
 constexpr size_t kColumnEntry = 32;
 struct ColumnEntry {
     qx_uint32_t name, type, qualifier;
@@ -76,8 +75,7 @@ inline void PutHeader(std::string &bytes, qx_uint32_t length, qx_int32_t type,
     PutU32(bytes, static_cast<qx_uint32_t>(type));
 }
 
-// Records appended to a table file image, for tables whose columns are all
-// of 8-byte scalar types (the values are the slots as they stand).
+// Records appended to a table file image, for tables of 8-byte scalar columns only.
 struct FileImage {
     std::string bytes;
 
@@ -142,7 +140,6 @@ qx_value_t MakeValue(T v) {
 }
 inline const auto I64 = [](qx_int64_t v) { return MakeValue<&qx_value_t::val_int64>(v); };
 inline const auto I32 = [](qx_int32_t v) { return MakeValue<&qx_value_t::val_int32>(v); };
-inline const auto F64 = [](double v) { return MakeValue<&qx_value_t::val_float64>(v); };
 inline const auto Str = [](const char *s) {
     return MakeValue<&qx_value_t::ptr_char>(const_cast<char *>(s));
 };
@@ -161,8 +158,7 @@ class TableTest : public ::testing::Test {
         sr_close_tree_1(tree_);
     }
 
-    // Frees every table record still in a tree's sets (handles become
-    // invalid), without closing the tree.
+    // Frees every table record still in a tree's sets (handles become invalid), tree left open.
     static void CloseAllTables(sr_i_tree_t *p_tree) {
         for (void **p_root : {&p_tree->p_tables, &p_tree->p_unnamed_tables}) {
             while (*p_root != nullptr) {
@@ -201,8 +197,7 @@ class TableTest : public ::testing::Test {
         return static_cast<sr_i_table_t *>(table);
     }
 
-    // Creates /m/<name> with `total` INT64 columns, closes it and returns the
-    // file's bytes.
+    // Creates /m/<name> with `total` INT64 columns, closes it and returns the file's bytes.
     FileImage NewFile(const std::string &name, int total = 2) {
         sr_i_table_t *p_table = Create("/m/" + name, ScalarColumns(total));
         EXPECT_NE(p_table, nullptr);
@@ -240,8 +235,7 @@ inline qx_int32_t CompareI64(const void *p_a, const void *p_b) {
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-// Like EachAllocationFailure, for calls that may do without an allocation
-// that failed: runs until one succeeds; returns how many failed first.
+// EachAllocationFailure for calls that may do without a failed allocation: stops at success.
 template <typename Attempt, typename OnFailure>
 int UntilNoAllocationFails(Attempt attempt, OnFailure on_failure) {
     for (qx_int64_t n = 0; n < 1000; ++n) {
@@ -308,16 +302,11 @@ class RowsTest : public TableTest {
                                                       p_value, visible,
                                                       p_state != nullptr ? p_state : &ignored);
     }
-    // Column "s" of the row with key `key`, or "<code>"; column "n", or -code.
+    // Column "s" of the row with key `key`, or "<code>".
     std::string TextOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
         qx_value_t value{};
         qx_int32_t rc = ByKey(p_table, key, "s", &value, visible);
         return rc != 0 ? "<" + std::to_string(rc) + ">" : value.ptr_char;
-    }
-    qx_int32_t IntOf(sr_i_table_t *p_table, qx_int64_t key, qx_uint32_t visible = 0) {
-        qx_value_t value{};
-        qx_int32_t rc = ByKey(p_table, key, "n", &value, visible);
-        return rc != 0 ? -rc : value.val_int32;
     }
     // Column `column` of the row with key `key` in the working version.
     static qx_value_t Val(sr_opaque_handle_t table, qx_int64_t key, const char *column) {
