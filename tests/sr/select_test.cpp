@@ -179,6 +179,28 @@ TEST_F(SelectTest, ExpressionsAndItemsOverEveryColumnTypeChooseTheirRows) {
     EXPECT_EQ((Rows{0, 1}), Sel(p, 0, nullptr));
 }
 
+// The committed view chooses committed rows by their working values where they have them.
+TEST_F(SelectTest, CommittedViewChoosesCommittedRowsByTheirWorkingValues) {
+    sr_i_table_t *p = Filled("/m/views", 7);
+    ASSERT_EQ(0, ApplyCommit(p));
+    qx_value_t renamed = Str("omega");
+    ASSERT_EQ(0, sr_set_field_by_key_1(p, I64(1), const_cast<char *>("name"), &renamed));
+    ASSERT_EQ(0, sr_delete_rows_1(p, const_cast<char *>("k == 3")));
+    ASSERT_EQ(0, AddModel(p, {4, "omega", 0, {}, 9, 0, "x", {}, 0.0f, 0}));
+    const struct {
+        qx_uint32_t visible;
+        const char *criteria;
+        Rows expected;
+    } cases[] = {{1, "name == 'omega'", {0, 3}},
+                 {0, "name == 'omega'", {0}},      // the added row is not in the view
+                 {0, "name == 'gamma ray'", {2}},  // no working version: committed values
+                 {1, "name == 'gamma ray'", {}},
+                 {0, nullptr, {0, 1, 2}}};
+    for (const auto &c : cases)
+        EXPECT_EQ(c.expected, Sel(p, c.visible, c.criteria)) << c.criteria << c.visible;
+    ASSERT_EQ(0, sr_abort_1(p));
+}
+
 TEST_F(SelectTest, SelectBuildsAnUnnamedTableWithTheKeyFirstAndOnce) {
     sr_i_table_t *p = Filled("/t/source", 3, true);
     sr_opaque_handle_t result = nullptr;
