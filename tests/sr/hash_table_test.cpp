@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sr/test_util.h"
@@ -43,7 +44,8 @@ class HashTableTest : public ::testing::Test {
     qx_uint32_t bucket_ = 0;
 };
 
-TEST_F(HashTableTest, DefaultsHashAResourceHandlesFourthWord) {
+// Defaults hash a resource handle's fourth word; equal keys, removal, failures change nothing.
+TEST_F(HashTableTest, DefaultsDuplicatesRemovalStatisticsAndFailures) {
     EXPECT_EQ(101, sr_i_hash_table_open(8, hash_u32, nullptr, &p_table_));
     EXPECT_EQ(nullptr, p_table_);
     EXPECT_EQ(0, sr_i_hash_table_close(nullptr));
@@ -59,9 +61,7 @@ TEST_F(HashTableTest, DefaultsHashAResourceHandlesFourthWord) {
     EXPECT_EQ(std::make_pair(42u, reinterpret_cast<char *>(&handle)), std::make_pair(row, *pp_key));
     probe.id.id3 = 4;  // same bucket, told apart by the compare function
     EXPECT_EQ(202, sr_i_hash_table_get_index(p_table_, &probe, &row, nullptr));
-}
-
-TEST_F(HashTableTest, EqualKeysDuplicatesRemovalAndStatistics) {
+    sr_i_hash_table_close(p_table_);
     open_u32();
     // Unchecked keys: both indexed, the later found first and removed first.
     ASSERT_EQ(0, add(77, 1, SR_PRIMARY_KEY_NOCHECK));
@@ -96,9 +96,7 @@ TEST_F(HashTableTest, EqualKeysDuplicatesRemovalAndStatistics) {
     sr_i_hash_table_output_stats(p_table_);
     EXPECT_EQ("1 2\n5 2\ntotal hash buckets : 8\nmax_bucket_count   : 2\nunused buckets     : 6\n",
               testing::internal::GetCapturedStdout());
-}
-
-TEST_F(HashTableTest, BadHashValueAndAllocationFailuresChangeNothing) {
+    sr_i_hash_table_close(std::exchange(p_table_, nullptr));
     EXPECT_EQ(2, qxtest::EachAllocationFailure(
                      [&] { return sr_i_hash_table_open(0, nullptr, nullptr, &p_table_); },
                      [&] { EXPECT_EQ(nullptr, p_table_); }));
