@@ -67,6 +67,8 @@ TEST_F(HashTableTest, DefaultsRemovalStatisticsAndFailures) {
     EXPECT_EQ(2, row_of(12));
     EXPECT_EQ(202, sr_i_hash_table_remove_element(p_table_, (bucket_ + 1) % 8, element_));
     EXPECT_EQ(202, sr_i_hash_table_remove_element(p_table_, 8, element_));
+    const qx_uint32_t missing = 20;  // in the bucket of 12
+    EXPECT_EQ(202, sr_i_hash_table_remove(p_table_, &missing));
     ASSERT_EQ(0, add(5, 1, SR_STANDARD));
     ASSERT_EQ(0, add(13, 2, SR_STANDARD | SR_PROTECTED));
     testing::internal::CaptureStdout();

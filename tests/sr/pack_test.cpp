@@ -109,7 +109,7 @@ TEST_F(PackTest, BadIndicesHandlesAndChosenRows) {
     EXPECT_EQ(sr_unpack_table_1(buffer.p, 0, nullptr, nullptr, nullptr, 0, &unpacked), 100);
 }
 
-// An unpacked table is read-only.
+// An unpacked table is read-only, on the caller's buffer.
 TEST_F(PackTest, UnpackedTableIsReadOnlyUsesTheBufferAndIndexesKeysByHash) {
     Handles tables = Tables();
     Buffer buffer, all;
@@ -117,6 +117,8 @@ TEST_F(PackTest, UnpackedTableIsReadOnlyUsesTheBufferAndIndexesKeysByHash) {
     sr_opaque_handle_t unpacked = nullptr;
     ASSERT_EQ(Unpack(buffer.p, 0, &unpacked), 0);
     auto *p_table = static_cast<sr_i_table_t *>(unpacked);
+    const char *p_record = p_table->p_rows_fixed_index[4].p_committed;  // the buffer's own record
+    EXPECT_TRUE(p_record > buffer.bytes() && p_record < buffer.bytes() + buffer.length());
     qx_value_t key;
     key.ptr_char = arena_.text("text-200");
     qx_uint32_t fixed = 99;
