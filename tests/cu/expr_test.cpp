@@ -90,14 +90,11 @@ Row sample_row(bool text_info = false) {
                                                   {QX_CHAR_PTR, 0, {.ptr_char = a.text("top")}},
                                                   {QX_FLOAT64, 0, {.val_float64 = 0.25}}})});
     r.add(QX_SBS_PTR, {.ptr_sbs = a.sbs("\x01\x02")});
-    r.add(QX_INT32_ARRAY, {.ptr_array = a.array({{.val_int32 = 3},
-                                                 {.val_int32 = 1},
-                                                 {.val_int32 = 4},
-                                                 {.val_int32 = 1},
-                                                 {.val_int32 = 5}})});
-    r.add(QX_CHAR_PTR_ARRAY, {.ptr_array = a.array({{.ptr_char = a.text("red")},
-                                                    {.ptr_char = a.text("green")},
-                                                    {.ptr_char = a.text("")}})});
+    std::vector<qx_value_t> nums, tags;
+    for (int n : {3, 1, 4, 1, 5}) nums.push_back({.val_int32 = n});
+    for (const char *t : {"red", "green", ""}) tags.push_back({.ptr_char = a.text(t)});
+    r.add(QX_INT32_ARRAY, {.ptr_array = a.array(nums)});
+    r.add(QX_CHAR_PTR_ARRAY, {.ptr_array = a.array(tags)});
     std::vector<qx_value_t> parts;
     for (auto [id, what] : {std::pair{10u, "wheel"}, {11u, "axle"}}) {
         parts.push_back({.ptr_sd = a.sd({{QX_UINT32, 0, {.val_uint32 = id}},
