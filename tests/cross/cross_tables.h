@@ -1,5 +1,4 @@
-// Packed-buffer test tables with committed rows and uncommitted changes; header-only, standard
-// C++ and public headers, for the programs exchanging buffers with other machines too.
+// Test tables with committed rows and uncommitted changes (public headers only: cross builds too).
 #ifndef QX_TESTS_CROSS_CROSS_TABLES_H
 #define QX_TESTS_CROSS_CROSS_TABLES_H
 

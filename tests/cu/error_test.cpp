@@ -32,13 +32,8 @@ std::string fmt(const char *text, Args... args) {
     return current_message();
 }
 
-class ErrorRecordTest : public ::testing::Test {
-  protected:
-    void SetUp() override { cu_set_no_error_1(); }
-    void TearDown() override { cu_set_no_error_1(); }
-};
-
-TEST_F(ErrorRecordTest, ACopyCarriesEveryFieldAndOutlivesTheRecord) {
+TEST(ErrorRecordTest, ACopyCarriesEveryFieldAndOutlivesTheRecord) {
+    cu_set_no_error_1();
     cu_error_t *rec = nullptr;
     ASSERT_EQ(CU_OK, cu_get_error_1(&rec));
     EXPECT_EQ(0, rec->cu_error_id);
@@ -76,7 +71,7 @@ TEST_F(ErrorRecordTest, ACopyCarriesEveryFieldAndOutlivesTheRecord) {
     EXPECT_EQ(0, current_error_id());
 }
 
-TEST_F(ErrorRecordTest, LaterErrorsReplaceEarlierOnesTextIsCopiedValuesGoByPosition) {
+TEST(ErrorRecordTest, LaterErrorsReplaceEarlierOnesTextIsCopiedValuesGoByPosition) {
     cu_set_error_1(102, nullptr, nullptr, 1, 9, "%1$s is bad.\n", "/a/much/longer/path/than/next");
     cu_set_error_1(100, nullptr, nullptr, 1, 7, "invalid handle\n");
     EXPECT_EQ(100, current_error_id());

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Help and --version, script failures, CSV/JSON export and import of every type, output options.
-# Usage: qxsr_cli_test.sh QXSR
+# Usage: qxsr_cli_test.sh QXSR: help, --version, script failures, CSV/JSON export and import.
 set -uo pipefail
 qxsr=$1
 dir=$(mktemp -d)
@@ -74,8 +73,7 @@ refused /demo/fromcsv unknown.csv "no column 'nosuch'"
 q show /demo/fromcsv | grep -q '^(2 rows)$' || fail "a failed import changed the table"
 q show /demo/fromjson | grep -q '^(2 rows)$' || fail "a failed import changed the table"
 
-# Whatever the session holds the table open for: reading, implicit updates,
-# or a transaction it began (the rows join it; abort drops them).
+# Imports into tables the session holds open: reading, implicit, in a transaction (abort drops).
 printf '\xef\xbb\xbfid\n20\n\n' >one.csv  # a byte order mark and a blank last line
 printf 'id\n21\n' >two.csv
 printf 'id\n22\n' >three.csv
