@@ -124,10 +124,7 @@ TEST(ErrorRecordTest, LaterErrorsReplaceEarlierOnesTextIsCopiedValuesGoByPositio
     ASSERT_EQ(CU_OK, cu_get_error_1(&p_rec));
     EXPECT_EQ(0u, p_rec->cu_arg_cnt);
     cu_rel_error_1(p_rec);
-}
-
-// Hand-built records stand for catalogue texts that disagree with the recorded values: "?".
-TEST(MismatchedTextTest, ConversionsThatDoNotFitTheRecordedValuesPrintQuestionMarks) {
+    // Hand-built records stand for catalogue texts that disagree with the recorded values: "?".
     char text[] = "text";
     cu_error_arg_t args[3] = {{CU_ERROR_ARG_INT32, 0, {.cu_arg_int32 = -1}},
                               {CU_ERROR_ARG_CHAR_STR, 0, {.cu_arg_char_str = text}},

@@ -316,11 +316,8 @@ TEST(ExprEvalTest, ExpressionsOnTheSampleRow) {
     for (const auto &[outcome, texts] : others) {
         for (const std::string &text : texts) EXPECT_EQ(outcome, result(text)) << text;
     }
-}
-
-TEST(ExprEvalTest, RowsOfAnotherShapeOrWithBadAnchorsAreSkippedNotFollowed) {
+    // Rows of another shape or with bad anchors are skipped, not followed.
     int match = 1;
-    // A row with fewer columns than the expression names.
     EXPECT_EQ(CU_EXPR_NO_ELEMENT, run("blob == '0x'", sample_row(), &match, 7));
     EXPECT_EQ(0, match);
     // "info" holding one text element where level is declared an integer.

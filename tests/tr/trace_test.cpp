@@ -248,7 +248,7 @@ TEST_F(TraceTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
     }
 }
 
-TEST_F(TraceTest, NamingAnotherFileMovesLaterRecordsThereAndLongOnesAreCutToOneLine) {
+TEST_F(TraceTest, LaterRecordsGoToANewFileOrStandardErrorLongOnesAreCutFailuresSwallowed) {
     TraceTst();
     tr_record_id_1("_TST", 1);
     std::string second = dir_ + "/second.log";
@@ -263,9 +263,7 @@ TEST_F(TraceTest, NamingAnotherFileMovesLaterRecordsThereAndLongOnesAreCutToOneL
     ASSERT_GE(fd, 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_NE(fcntl(fd, F_GETFL) & O_APPEND, 0);
-}
-
-TEST_F(TraceTest, LevelsWithoutAFileGoToStandardErrorAndFileFailuresAreSwallowed) {
+    // Without a file, records go to standard error.
     int saved = dup(STDERR_FILENO);
     ASSERT_GE(saved, 0);
     int capture = open(trace_file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
