@@ -161,7 +161,7 @@ TEST(LevelsTest, SpecificationsGiveOneLevelPerCategory) {
 }
 
 // Each registration rereads the caller's levels; bad arguments and a full table harm nothing.
-TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
+TEST_F(TraceTest, RegistrationFillsTheCallersBytesRefusesBadArgumentsAndRecordsAreOneLineEach) {
     ASSERT_EQ(Register("_TST", "_XYZ:*=1", trace_file_.c_str(), levels_), 0);
     tr_record_id_1("_TST", 1);
     tr_record_values_32_1("_TST", 2, 1, 0u);
@@ -198,10 +198,8 @@ TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
     EXPECT_NE(tr_register_component_1("ONEMORE", bytes, kCategories, 3), 0);
     EXPECT_EQ(tr_register_component_1("C0", bytes, kCategories, 3), 0);  // known ones refresh
     EXPECT_EQ(tr_record_id_1("ONEMORE", 1), 0);
-}
-
-// UTC time to the microsecond, pid, tid, component, content; only traced components/categories.
-TEST_F(TraceTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
+    // UTC time to the microsecond, pid, tid, component, content; only traced components/categories.
+    tr_i_reset_for_testing();
     std::ofstream(trace_file_) << "earlier line\n";
     qx_uint8_t other[3];
     ASSERT_EQ(Register("_OFF", "_TST:API=1", trace_file_.c_str(), other), 0);
