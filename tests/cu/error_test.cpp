@@ -225,11 +225,7 @@ class CatalogueTest : public ::testing::Test {
         cu_set_no_error_1();
         cu_i::g_install_datadir = saved_datadir_;
         std::filesystem::remove_all(dir_);
-        if (saved_nlspath_) {
-            setenv("NLSPATH", saved_nlspath_->c_str(), 1);
-        } else {
-            unsetenv("NLSPATH");
-        }
+        saved_nlspath_ ? setenv("NLSPATH", saved_nlspath_->c_str(), 1) : unsetenv("NLSPATH");
     }
 
     std::string dir_;

@@ -82,11 +82,7 @@ class TraceTest : public ::testing::Test {
     int Register(const char *component, const char *levels, const char *file,
                  qx_uint8_t *p_levels) {
         for (auto [name, value] : {std::pair{"QX_TRACE_LEVELS", levels}, {"QX_TRACE_FILE", file}}) {
-            if (value != nullptr) {
-                setenv(name, value, 1);
-            } else {
-                unsetenv(name);
-            }
+            value != nullptr ? setenv(name, value, 1) : unsetenv(name);
         }
         return tr_register_component_1(component, p_levels, kCategories, 3);
     }
