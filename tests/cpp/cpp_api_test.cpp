@@ -54,7 +54,7 @@ class CppApiTest : public ::testing::Test {
     Tree tree_;
 };
 
-TEST_F(CppApiTest, WritesAndReadsEveryTypeAndFailuresCarryCodeAndMessage) {
+TEST_F(CppApiTest, WritesReadsAndIteratesEveryTypeAndFailuresCarryCodeAndMessage) {
     Table t = people();
     ASSERT_TRUE(t.add({{"id", 1},
                        {"name", "Ada"},
@@ -105,11 +105,27 @@ TEST_F(CppApiTest, WritesAndReadsEveryTypeAndFailuresCarryCodeAndMessage) {
         tree_.create_table("/t/bad", {{"id", QX_CHAR_PTR, SR_PRIMARY_KEY, 0}}).error()};
     for (const qx::sr::Status &s : wrong) EXPECT_EQ(s.code(), SR_E_INVALID_COLUMN) << s.message();
     EXPECT_EQ(*t.size(), 2u);
-    qx::sr::Status duplicate = t.add({{"id", 1}});
-    EXPECT_EQ(duplicate.code(), SR_E_DUPLICATE_KEY);
-    EXPECT_NE(duplicate.message().find("2605-108"), std::string_view::npos);
+    EXPECT_EQ(t.add({{"id", 1}}).code(), SR_E_DUPLICATE_KEY);
     auto missing = tree_.open_table("/t/nosuch");
     EXPECT_EQ(missing.code(), SR_E_NO_TABLE);
+    // Rows and selections iterate.
+    for (std::int32_t id = 3; id <= 6; ++id) {
+        ASSERT_TRUE(t.add({{"id", id}, {"age", static_cast<std::uint32_t>(id * 10)}}));
+    }
+    ASSERT_TRUE(t.erase("id == 2"));
+    std::vector<std::int32_t> ids;
+    for (qx::sr::Row row : t.rows()) ids.push_back(*row.get<std::int32_t>("id"));
+    std::sort(ids.begin(), ids.end());  // a delete may reorder packed rows
+    EXPECT_EQ(ids, (std::vector<std::int32_t>{1, 3, 4, 5, 6}));
+    auto selection = t.select("age >= 40");
+    ASSERT_TRUE(selection) << selection.message();
+    std::vector<std::uint32_t> ages;
+    for (qx::sr::Row row : *selection) ages.push_back(*row.get<std::uint32_t>("age"));
+    EXPECT_EQ(ages, (std::vector<std::uint32_t>{40, 50, 60}));
+    EXPECT_EQ(t.select("nosuch > 1").code(), SR_E_LIBRARY_CALL);
+    EXPECT_EQ(t.select("")->size(), 5u);
+    Table moved = std::move(t);  // one owner closes the handle, once
+    EXPECT_EQ(*moved.size(), 5u);
 }
 
 TEST_F(CppApiTest, TransactionsAbortUnlessCommitted) {
@@ -135,29 +151,6 @@ TEST_F(CppApiTest, TransactionsAbortUnlessCommitted) {
     ASSERT_TRUE(again) << again.message();
     EXPECT_EQ(*again->size(), 1u);
     EXPECT_EQ(*again->get<std::string>(3, "name"), "kept");
-}
-
-TEST_F(CppApiTest, IteratesRowsAndSelections) {
-    Table t = people();
-    for (std::int32_t id = 1; id <= 5; ++id) {
-        ASSERT_TRUE(t.add({{"id", id}, {"age", static_cast<std::uint32_t>(id * 10)}}));
-    }
-    ASSERT_TRUE(t.erase("id == 2"));
-    std::vector<std::int32_t> ids;
-    for (qx::sr::Row row : t.rows()) ids.push_back(*row.get<std::int32_t>("id"));
-    std::sort(ids.begin(), ids.end());  // a delete may reorder packed rows
-    EXPECT_EQ(ids, (std::vector<std::int32_t>{1, 3, 4, 5}));
-
-    auto selection = t.select("age >= 30");
-    ASSERT_TRUE(selection) << selection.message();
-    std::vector<std::uint32_t> ages;
-    for (qx::sr::Row row : *selection) ages.push_back(*row.get<std::uint32_t>("age"));
-    EXPECT_EQ(ages, (std::vector<std::uint32_t>{30, 40, 50}));
-    EXPECT_EQ(t.select("nosuch > 1").code(), SR_E_LIBRARY_CALL);
-    EXPECT_EQ(t.select("")->size(), 4u);
-
-    Table moved = std::move(t);  // one owner closes the handle, once
-    EXPECT_EQ(*moved.size(), 4u);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Packed-buffer test tables with committed rows and uncommitted changes; header-only, standard
-// C++ and public headers, for the programs exchanging buffers with other machines too.
+// Test tables with committed rows and uncommitted changes (public headers only: cross builds too).
 #ifndef QX_TESTS_CROSS_CROSS_TABLES_H
 #define QX_TESTS_CROSS_CROSS_TABLES_H
 
@@ -22,10 +21,8 @@ inline sr_sd_def_t *sd_definition(Arena &arena) {
     auto *p_def =
         static_cast<sr_sd_def_t *>(arena.alloc(sizeof(sr_sd_def_t) + sizeof(sr_sd_field_def_t)));
     p_def->number_of_fields = 2;
-    p_def->field_def[0].type = QX_INT32;
-    p_def->field_def[0].name = arena.text("a");
-    p_def->field_def[1].type = QX_CHAR_PTR;
-    p_def->field_def[1].name = arena.text("b");
+    p_def->field_def[0] = {QX_INT32, arena.text("a")};
+    p_def->field_def[1] = {QX_CHAR_PTR, arena.text("b")};
     return p_def;
 }
 
@@ -37,7 +34,11 @@ inline qx_data_type_t base_type(qx_data_type_t array_type) {
 inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed) {
     qx_value_t v;
     v.val_uint64 = 0;
-    const qx_uint32_t length = seed % 5 + 1;
+    auto bytes = [](qx_uint32_t length, qx_uint32_t first) {
+        std::string s;
+        for (qx_uint32_t i = 0; i < length; ++i) s += static_cast<char>(first + i);
+        return s;
+    };
     switch (type) {
         // clang-format off
         case QX_INT32: v.val_int32 = static_cast<qx_int32_t>(seed * 7) - 100; break;
@@ -51,39 +52,26 @@ inline qx_value_t make_value(Arena &arena, qx_data_type_t type, qx_uint32_t seed
             v.ptr_char = arena.text("text-" + std::to_string(seed));
             break;
         case QX_BINARY_PTR:
-            v.ptr_binary = static_cast<qx_binary_t *>(arena.alloc(QX_BINARY_SIZE(length)));
-            v.ptr_binary->length = length;
-            for (qx_uint32_t i = 0; i < length; ++i)
-                v.ptr_binary->data[i] = static_cast<qx_uint8_t>(seed * 31 + i);
+            v.ptr_binary = arena.binary(bytes(seed % 5 + 1, seed * 31));
             break;
         case QX_RSRC_HANDLE_PTR:
-            v.ptr_rsrc_handle =
-                static_cast<qx_resource_handle_t *>(arena.alloc(sizeof(qx_resource_handle_t)));
-            *v.ptr_rsrc_handle = {
-                0x40000000u + seed,
-                {0x01020304u * (seed + 1), seed, 0xA0B0C0D0u ^ seed, seed * 977u}};
+            v.ptr_rsrc_handle = arena.rsrc(0x40000000u + seed, 0x01020304u * (seed + 1), seed,
+                                           0xA0B0C0D0u ^ seed, seed * 977u);
             break;
         case QX_SD_PTR:
-            v.ptr_sd = static_cast<qx_structured_data_t *>(arena.alloc(QX_SD_SIZE(2)));
-            v.ptr_sd->element_count = 2;
-            v.ptr_sd->elements[0].data_type = QX_INT32;
-            v.ptr_sd->elements[0].value.val_int32 = -static_cast<qx_int32_t>(seed) - 5;
-            v.ptr_sd->elements[1].data_type = QX_CHAR_PTR;
-            v.ptr_sd->elements[1].value.ptr_char = arena.text("sd-" + std::to_string(seed));
+            v.ptr_sd = arena.sd(
+                {{QX_INT32, 0, {.val_int32 = -static_cast<qx_int32_t>(seed) - 5}},
+                 {QX_CHAR_PTR, 0, {.ptr_char = arena.text("sd-" + std::to_string(seed))}}});
             break;
         case QX_SBS_PTR:
-            v.ptr_sbs = static_cast<qx_sbs_t *>(arena.alloc(4 + seed % 3 + 3));
-            v.ptr_sbs->length = static_cast<qx_int32_t>(seed % 3 + 3);
-            for (qx_int32_t i = 0; i < v.ptr_sbs->length; ++i)
-                v.ptr_sbs->fields[i] = static_cast<qx_uint8_t>(seed + i);
+            v.ptr_sbs = arena.sbs(bytes(seed % 3 + 3, seed));
             break;
-        default:
-            v.ptr_array = static_cast<qx_array_t *>(arena.alloc(QX_ARRAY_SIZE(seed % 3 + 1)));
-            v.ptr_array->element_count = seed % 3 + 1;
-            for (qx_uint32_t i = 0; i < v.ptr_array->element_count; ++i) {
-                v.ptr_array->elements[i] = make_value(arena, base_type(type), seed * 10 + i);
-            }
-            break;
+        default: {
+            std::vector<qx_value_t> elements(seed % 3 + 1);
+            for (qx_uint32_t i = 0; i < elements.size(); ++i)
+                elements[i] = make_value(arena, base_type(type), seed * 10 + i);
+            v.ptr_array = arena.array(elements);
+        }
     }
     return v;
 }

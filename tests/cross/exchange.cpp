@@ -1,5 +1,4 @@
-// One side of an exchange of table files and packed buffers with another machine (s390x under
-// qemu-user, 32-bit x86): pack and write produce, check and read compare; 0 when all agree.
+// One side of a table-file and packed-buffer exchange with s390x or i386; 0 when all agree.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

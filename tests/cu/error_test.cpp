@@ -32,13 +32,8 @@ std::string fmt(const char *text, Args... args) {
     return current_message();
 }
 
-class ErrorRecordTest : public ::testing::Test {
-  protected:
-    void SetUp() override { cu_set_no_error_1(); }
-    void TearDown() override { cu_set_no_error_1(); }
-};
-
-TEST_F(ErrorRecordTest, ACopyCarriesEveryFieldAndOutlivesTheRecord) {
+TEST(ErrorRecordTest, ACopyCarriesEveryFieldAndOutlivesTheRecord) {
+    cu_set_no_error_1();
     cu_error_t *rec = nullptr;
     ASSERT_EQ(CU_OK, cu_get_error_1(&rec));
     EXPECT_EQ(0, rec->cu_error_id);
@@ -76,7 +71,7 @@ TEST_F(ErrorRecordTest, ACopyCarriesEveryFieldAndOutlivesTheRecord) {
     EXPECT_EQ(0, current_error_id());
 }
 
-TEST_F(ErrorRecordTest, LaterErrorsReplaceEarlierOnesTextIsCopiedValuesGoByPosition) {
+TEST(ErrorRecordTest, LaterErrorsReplaceEarlierOnesTextIsCopiedValuesGoByPosition) {
     cu_set_error_1(102, nullptr, nullptr, 1, 9, "%1$s is bad.\n", "/a/much/longer/path/than/next");
     cu_set_error_1(100, nullptr, nullptr, 1, 7, "invalid handle\n");
     EXPECT_EQ(100, current_error_id());
@@ -129,10 +124,7 @@ TEST_F(ErrorRecordTest, LaterErrorsReplaceEarlierOnesTextIsCopiedValuesGoByPosit
     ASSERT_EQ(CU_OK, cu_get_error_1(&p_rec));
     EXPECT_EQ(0u, p_rec->cu_arg_cnt);
     cu_rel_error_1(p_rec);
-}
-
-// Hand-built records stand for catalogue texts that disagree with the recorded values: "?".
-TEST(MismatchedTextTest, ConversionsThatDoNotFitTheRecordedValuesPrintQuestionMarks) {
+    // Hand-built records stand for catalogue texts that disagree with the recorded values: "?".
     char text[] = "text";
     cu_error_arg_t args[3] = {{CU_ERROR_ARG_INT32, 0, {.cu_arg_int32 = -1}},
                               {CU_ERROR_ARG_CHAR_STR, 0, {.cu_arg_char_str = text}},
@@ -233,11 +225,7 @@ class CatalogueTest : public ::testing::Test {
         cu_set_no_error_1();
         cu_i::g_install_datadir = saved_datadir_;
         std::filesystem::remove_all(dir_);
-        if (saved_nlspath_) {
-            setenv("NLSPATH", saved_nlspath_->c_str(), 1);
-        } else {
-            unsetenv("NLSPATH");
-        }
+        saved_nlspath_ ? setenv("NLSPATH", saved_nlspath_->c_str(), 1) : unsetenv("NLSPATH");
     }
 
     std::string dir_;

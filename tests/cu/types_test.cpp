@@ -45,12 +45,9 @@ TEST(DtcTableTest, EntriesAreConsistentAndTheSharedEmptyValuesHoldNothing) {
     for (qx_uint32_t w : words) EXPECT_EQ(0xFFFFFFFFu, w);
 }
 
-int sign(int v) {
-    return (v > 0) - (v < 0);
-}
-
 // Header first, then id1..id4, each unsigned; NULL first; any alignment.
 TEST(RsrcHandleCmpTest, IsATotalOrderOnTheFiveWordsReadUnaligned) {
+    auto sign = [](int v) { return (v > 0) - (v < 0); };
     std::vector<qx_resource_handle_t> hs;
     const qx_uint32_t vals[] = {0, 1, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu};
     for (qx_uint32_t h : vals) {

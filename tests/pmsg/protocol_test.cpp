@@ -28,7 +28,7 @@ std::string words(std::initializer_list<uint32_t> list) {
 }
 
 // Forms lie end to end from the running offset at any alignment; nothing around them is touched.
-TEST(PmsgProtocolFormTest, EachFormHasItsDocumentedBytes) {
+TEST(PmsgProtocolFormTest, EachFormHasItsBytesOneByteLessIsRoomTooSmallBadValuesGetTheirCode) {
     Arena arena;
     Area area;
     memset(area.words, 0xEE, sizeof area.words);
@@ -70,12 +70,10 @@ TEST(PmsgProtocolFormTest, EachFormHasItsDocumentedBytes) {
     qx_value_t back;
     ASSERT_EQ(0, pmsg_test::read(QX_FLOAT64, &back, &slot, nullptr, -1));
     EXPECT_EQ(-2.5e300, back.val_float64);
-}
 
-// Random values of every type: one byte less than the size is "room too small", writing nothing.
-TEST(PmsgProtocolRoomTest, ExactSizeFitsOneByteLessIsRoomTooSmallAndBadValuesGetTheirCode) {
+    // Random values of every type: one byte less than the size is "room too small", writing
+    // nothing.
     for (uint32_t seed = 1; seed <= 60; seed++) {
-        Arena arena;
         ValueMaker maker(arena, seed);
         for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
             SCOPED_TRACE("seed " + std::to_string(seed) + " type " + std::to_string(type));
@@ -102,16 +100,12 @@ TEST(PmsgProtocolRoomTest, ExactSizeFitsOneByteLessIsRoomTooSmallAndBadValuesGet
     }
     // A binary that claims 4 GiB is refused from its length alone.
     qx_binary_t header{0xFFFFFFFFu, {0}};
-    qx_value_t value{.ptr_binary = &header};
-    qx_uint32_t size = 0;
+    value.ptr_binary = &header;
     EXPECT_EQ(QX_PMSG_E_TOO_LARGE, size_of(QX_BINARY_PTR, value, &size));
-    Area area;
-    qx_pmsg_value_t slot;
-    qx_uint32_t running = 0;
+    running = 0;
     EXPECT_EQ(QX_PMSG_E_TOO_LARGE, build(QX_BINARY_PTR, value, area, &slot, &running));
     EXPECT_EQ(0u, running);
     // Nulls, bad types, bad flags and cycles each get their code.
-    Arena arena;
     value.ptr_char = nullptr;
     for (int type = QX_CHAR_PTR; type <= QX_SD_PTR_ARRAY; type++) {
         EXPECT_EQ(QX_PMSG_E_INVAL, build(type, value, area, &slot, &running)) << type;

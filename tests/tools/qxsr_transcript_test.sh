@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Runs a qxsr script in a fresh directory (/demo mounted there), compares the transcript (paths,
-# addresses and source lines masked), then every table left in /demo must reopen.
-# Usage: qxsr_transcript_test.sh QXSR SCRIPT EXPECTED [BUFFER_TO_COPY_IN]
+# Usage: qxsr_transcript_test.sh QXSR SCRIPT EXPECTED [BUFFER]: the masked transcript matches and
+# every table left in /demo reopens.
 set -uo pipefail
 qxsr=$1 script=$2 expected=$3
 dir=$(mktemp -d)

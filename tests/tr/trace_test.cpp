@@ -27,11 +27,6 @@ namespace {
 const tr_category_description_t kCategories[3] = {
     {0, "API", 0, 0}, {1, "Errors", 0, 0}, {2, "Wherever", 0, 0}};
 
-std::string ReadAll(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 using Lines = std::vector<std::string>;
 
 Lines ReadLines(const std::string &path) {
@@ -87,11 +82,7 @@ class TraceTest : public ::testing::Test {
     int Register(const char *component, const char *levels, const char *file,
                  qx_uint8_t *p_levels) {
         for (auto [name, value] : {std::pair{"QX_TRACE_LEVELS", levels}, {"QX_TRACE_FILE", file}}) {
-            if (value != nullptr) {
-                setenv(name, value, 1);
-            } else {
-                unsetenv(name);
-            }
+            value != nullptr ? setenv(name, value, 1) : unsetenv(name);
         }
         return tr_register_component_1(component, p_levels, kCategories, 3);
     }
@@ -166,7 +157,13 @@ TEST(LevelsTest, SpecificationsGiveOneLevelPerCategory) {
 }
 
 // Each registration rereads the caller's levels; bad arguments and a full table harm nothing.
-TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
+TEST_F(TraceTest, RegistrationFillsTheCallersBytesRefusesBadArgumentsAndRecordsAreOneLineEach) {
+    ASSERT_EQ(Register("_TST", "_XYZ:*=1", trace_file_.c_str(), levels_), 0);
+    tr_record_id_1("_TST", 1);
+    tr_record_values_32_1("_TST", 2, 1, 0u);
+    tr_record_error_1("_TST", 0, "f", 1, "x", 0);
+    EXPECT_EQ(tr_record_fmt_string_1("_TST", -1, "DV|X|%d", 1) + tr_flush_1(), 0);
+    EXPECT_NE(access(trace_file_.c_str(), F_OK), 0) << "levels for others only: no file";
     qx_uint8_t bytes[3] = {9, 9, 9};
     ASSERT_EQ(Register("_SRA", "_SRA:API=1,Errors=2", trace_file_.c_str(), bytes), 0);
     EXPECT_EQ((A{1, 2, 0}), (A{bytes[0], bytes[1], bytes[2]}));
@@ -197,10 +194,8 @@ TEST_F(TraceTest, RegistrationFillsTheCallersBytesAndRefusesBadArguments) {
     EXPECT_NE(tr_register_component_1("ONEMORE", bytes, kCategories, 3), 0);
     EXPECT_EQ(tr_register_component_1("C0", bytes, kCategories, 3), 0);  // known ones refresh
     EXPECT_EQ(tr_record_id_1("ONEMORE", 1), 0);
-}
-
-// UTC time to the microsecond, pid, tid, component, content; only traced components/categories.
-TEST_F(TraceTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
+    // UTC time to the microsecond, pid, tid, component, content; only traced components/categories.
+    tr_i_reset_for_testing();
     std::ofstream(trace_file_) << "earlier line\n";
     qx_uint8_t other[3];
     ASSERT_EQ(Register("_OFF", "_TST:API=1", trace_file_.c_str(), other), 0);
@@ -247,34 +242,22 @@ TEST_F(TraceTest, EachKindIsOneLineWithTimePidThreadAndComponent) {
     }
 }
 
-TEST_F(TraceTest, LevelsForOtherComponentsOnlyMeanTheFileIsNeverCreated) {
-    ASSERT_EQ(Register("_TST", "_XYZ:*=1", trace_file_.c_str(), levels_), 0);
-    EXPECT_EQ(tr_i_active.load(), 0);
-    tr_record_id_1("_TST", 1);
-    tr_record_values_32_1("_TST", 2, 1, 0u);
-    tr_record_error_1("_TST", 0, "f", 1, "x", 0);
-    tr_record_fmt_string_1("_TST", -1, "DV|X|%d", 1);
-    EXPECT_EQ(tr_flush_1(), 0);
-    EXPECT_NE(access(trace_file_.c_str(), F_OK), 0);
-}
-
-TEST_F(TraceTest, NamingAnotherFileMovesLaterRecordsThereAndLongOnesAreCutToOneLine) {
+TEST_F(TraceTest, LaterRecordsGoToANewFileOrStandardErrorLongOnesAreCutFailuresSwallowed) {
     TraceTst();
     tr_record_id_1("_TST", 1);
     std::string second = dir_ + "/second.log";
     ASSERT_EQ(Register("_TST", "_TST:*=1", second.c_str(), levels_), 0);
     tr_record_fmt_string_1("_TST", -1, "%s", std::string(10000, 'x').c_str());
     EXPECT_EQ(Contents(trace_file_), Lines{"ID 1"});
-    std::string all = ReadAll(second);
+    std::ifstream in(second, std::ios::binary);
+    const std::string all(std::istreambuf_iterator<char>(in), {});
     EXPECT_EQ(all.size(), static_cast<size_t>(TR_I_MAX_RECORD));
     EXPECT_EQ(all.find('\n'), all.size() - 1);
     int fd = tr_i_sink_fd.load();  // with the flags of the first
     ASSERT_GE(fd, 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_NE(fcntl(fd, F_GETFL) & O_APPEND, 0);
-}
-
-TEST_F(TraceTest, LevelsWithoutAFileGoToStandardErrorAndFileFailuresAreSwallowed) {
+    // Without a file, records go to standard error.
     int saved = dup(STDERR_FILENO);
     ASSERT_GE(saved, 0);
     int capture = open(trace_file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
