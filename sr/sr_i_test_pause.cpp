@@ -4,9 +4,9 @@
 // apply's records reached the file but before they were synced, between apply
 // and commit, between commit's 4-byte switch and its sync, just before and
 // just after the rename of a rewritten file.  The writer names the step in
-// QX_SR_TEST_PAUSE and stops there (SIGSTOP, for a parent that waits with
-// WUNTRACED), or leaves a marker file and sleeps, for a test that only sees
-// the file system; either way the test kills it and looks at what is on disk.
+// QX_SR_TEST_PAUSE ("point" or "point@n" for its n-th passage) and stops
+// there with SIGSTOP, for a parent that waits with WUNTRACED; the test then
+// kills it and looks at what is on disk.
 //
 // The variable is read once per process.  When it is unset, a point is one
 // acquire load and one branch.
@@ -15,10 +15,9 @@
 // built with QX_TEST_SEAMS and reads the variable; in the shared library,
 // which is what gets installed, a point is an empty call: no setting of any
 // environment can make a production process stop itself.
-#include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -38,14 +37,12 @@ pthread_mutex_t Pause_Mutex = PTHREAD_MUTEX_INITIALIZER;
 // The parsed setting.  Fixed buffers: a pause point must not allocate, it may
 // be reached with the heap in any state a test provokes.
 char Pause_Point[64];
-char Pause_Marker[256];
 unsigned long Pause_Occurrence = 1;
 unsigned long Pause_Seen = 0;
 
 // Caller holds Pause_Mutex.
 void parse_setting() {
     Pause_Point[0] = '\0';
-    Pause_Marker[0] = '\0';
     Pause_Occurrence = 1;
     Pause_Seen = 0;
     const char *p_value = getenv("QX_SR_TEST_PAUSE");
@@ -53,9 +50,7 @@ void parse_setting() {
         Pause_State.store(1, std::memory_order_release);
         return;
     }
-    const char *p_comma = strchr(p_value, ',');
-    size_t point_length =
-        p_comma != nullptr ? static_cast<size_t>(p_comma - p_value) : strlen(p_value);
+    const size_t point_length = strlen(p_value);
     const char *p_at = static_cast<const char *>(memchr(p_value, '@', point_length));
     size_t name_length = p_at != nullptr ? static_cast<size_t>(p_at - p_value) : point_length;
     if (name_length >= sizeof Pause_Point) name_length = sizeof Pause_Point - 1;
@@ -65,28 +60,7 @@ void parse_setting() {
         unsigned long n = strtoul(p_at + 1, nullptr, 10);
         Pause_Occurrence = n == 0 ? 1 : n;
     }
-    if (p_comma != nullptr) {
-        size_t marker_length = strlen(p_comma + 1);
-        if (marker_length >= sizeof Pause_Marker) marker_length = sizeof Pause_Marker - 1;
-        memcpy(Pause_Marker, p_comma + 1, marker_length);
-        Pause_Marker[marker_length] = '\0';
-    }
     Pause_State.store(2, std::memory_order_release);
-}
-
-void stop_here(const char *p_point) {
-    if (Pause_Marker[0] == '\0') {
-        raise(SIGSTOP);
-        return;
-    }
-    int fd = open(Pause_Marker, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd >= 0) {
-        ssize_t ignored = write(fd, p_point, strlen(p_point));
-        (void)ignored;
-        close(fd);
-    }
-    // Waits for the test's SIGKILL; a stray signal does not let it go on.
-    for (;;) pause();
 }
 
 }  // namespace
@@ -105,7 +79,7 @@ void sr_i_test_pause(const char *p_point) {
     bool stop = Pause_State.load(std::memory_order_relaxed) == 2 &&
                 strcmp(Pause_Point, p_point) == 0 && ++Pause_Seen == Pause_Occurrence;
     pthread_mutex_unlock(&Pause_Mutex);
-    if (stop) stop_here(p_point);
+    if (stop) raise(SIGSTOP);
 }
 
 #else
