@@ -66,11 +66,6 @@ class CrashConcurrencyTest : public TransactionTest {
         for (qx_int64_t i = 1; i <= g; ++i) state = After(state, i);
         return state;
     }
-    sr_i_table_t *OpenT(int mode) {
-        sr_opaque_handle_t handle = nullptr;
-        if (sr_open_table_1(tree_, Text("/m/t"), mode, &handle) != 0) return nullptr;
-        return static_cast<sr_i_table_t *>(handle);
-    }
 
     // A child that opens /m/t and runs `work`, returned once stopped at the pause point.
     pid_t StopChildAt(const std::string &point, int mode,

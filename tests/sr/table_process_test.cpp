@@ -60,13 +60,8 @@ int OpenDescriptors() {
 
 class TableProcessConcurrencyTest : public qxtest::tx::TransactionTest {
   protected:
-    sr_opaque_handle_t Open(sr_opaque_handle_t tree, int mode) {
-        sr_opaque_handle_t table = nullptr;
-        EXPECT_EQ(sr_open_table_1(tree, Text("/m/t"), mode, &table), 0);
-        return table;
-    }
     qx_uint32_t CommittedRows(sr_opaque_handle_t tree) {
-        sr_opaque_handle_t table = Open(tree, 1);
+        sr_opaque_handle_t table = OpenT(1, tree);
         qx_uint32_t rows = table ? static_cast<sr_i_table_t *>(table)->total_committed_rows : 0;
         sr_close_table_1(table);
         return rows;
@@ -141,12 +136,11 @@ TEST_F(TableProcessConcurrencyTest, OtherProcessesReadTheCommittedStateAndCannot
     image.Row(0, {3, 30});  // applied, not committed
     image.Commit(5);
     qxtest::WriteBytes(File("t"), image.bytes);
-    sr_opaque_handle_t writer = Open(tree_, 2);
+    sr_opaque_handle_t writer = OpenT(2);
     Channel report;
     pid_t pid = fork();
     if (pid == 0) {
-        sr_opaque_handle_t table = Open(OtherTree(), 1);
-        auto *p = static_cast<sr_i_table_t *>(table);
+        sr_i_table_t *p = OpenT(1, OtherTree());
         report.Send(p ? p->total_committed_rows * 100 + static_cast<qx_int64_t>(p->change_counter)
                       : -1);
         _exit(AddRow(writer, 8, 80) == SR_E_ACCESS ? 0 : 1);
@@ -191,7 +185,7 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     sr_i_table_t *p_writer = Create("/m/t", ScalarColumns(2));
     ASSERT_TRUE(LockedForOthers());
     sr_opaque_handle_t other = OtherTree();
-    ASSERT_EQ(sr_close_table_1(Open(other, 1)), 0);
+    ASSERT_EQ(sr_close_table_1(OpenT(1, other)), 0);
     EXPECT_TRUE(LockedForOthers()) << "after a reader in another tree closed";
     // A second writer of the same process waits as another process's would.
     std::atomic<qx_int64_t> opened_at{0};
@@ -215,9 +209,9 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     EXPECT_FALSE(LockedForOthers()) << "after both writers closed";
     EXPECT_EQ(CommittedRows(other), 2u);
     // A reader upgraded to writer keeps the lock and rereads the file, metadata included.
-    sr_opaque_handle_t reader = Open(tree_, 1);
+    sr_opaque_handle_t reader = OpenT(1);
     EXPECT_FALSE(LockedForOthers()) << "readers take no lock";
-    sr_opaque_handle_t writer = Open(other, 2);
+    sr_opaque_handle_t writer = OpenT(2, other);
     alignas(qx_binary_t) char storage[sizeof(qx_binary_t) + 8] = {};
     auto *p_binary = reinterpret_cast<qx_binary_t *>(storage);
     p_binary->length = 5;
@@ -225,14 +219,14 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     ASSERT_EQ(sr_set_application_metadata_1(writer, p_binary), 0);
     ASSERT_EQ(sr_close_table_1(writer), 0);
     sr_close_tree_1(other);
-    ASSERT_EQ(Open(tree_, 2), reader);  // the reload
+    ASSERT_EQ(OpenT(2), reader);  // the reload
     EXPECT_TRUE(LockedForOthers()) << "after the reload";
     ASSERT_EQ(AddRow(reader, 3, 30), 0);
     ASSERT_EQ(sr_close_table_1(reader), 0);
     EXPECT_TRUE(LockedForOthers()) << "while one open remains";
     ASSERT_EQ(sr_close_table_1(reader), 0);
     EXPECT_FALSE(LockedForOthers()) << "after the last close";
-    reader = Open(tree_, 1);
+    reader = OpenT(1);
     qx_binary_t *p_read = nullptr;
     ASSERT_EQ(sr_get_application_metadata_1(reader, &p_read), 0);
     ASSERT_NE(p_read, nullptr);
@@ -267,7 +261,7 @@ TEST_F(TableProcessConcurrencyTest, ThreadsAndReadersBesideAWriterLeaveNothingBe
     for (auto tree : trees) sr_close_tree_1(tree);
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_FALSE(LockedForOthers());
-    sr_opaque_handle_t writer = Open(tree_, 2);
+    sr_opaque_handle_t writer = OpenT(2);
     race([&](int, int) {
         sr_opaque_handle_t table = nullptr;
         char path[] = "/m/t";
@@ -277,7 +271,7 @@ TEST_F(TableProcessConcurrencyTest, ThreadsAndReadersBesideAWriterLeaveNothingBe
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(static_cast<sr_i_table_t *>(writer)->references, 1u);
     sr_opaque_handle_t other = OtherTree();
-    for (int i = 0; i < 200; ++i) ASSERT_EQ(sr_close_table_1(Open(other, 1)), 0);
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(sr_close_table_1(OpenT(1, other)), 0);
     EXPECT_LE(OpenDescriptors(), before + 2);
     EXPECT_TRUE(LockedForOthers());
     std::vector<sr_opaque_handle_t> kept;  // readers kept open make the register grow
@@ -310,7 +304,7 @@ TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) 
     Channel ready, release;
     pid_t holder = fork();
     if (holder == 0) {
-        if (Open(OtherTree(), 2) == nullptr) _exit(1);
+        if (OpenT(2, OtherTree()) == nullptr) _exit(1);
         ready.Send(1);
         release.Receive(10000);
         _exit(0);

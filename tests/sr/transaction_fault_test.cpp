@@ -256,8 +256,7 @@ TEST_F(TransactionFaultTest, EveryAllocationFailureOfAnAddOrASetLeavesTheRows) {
     EachAllocationFailure([&] { return AddRow(p_table, 1, 1); },
                           [&] { EXPECT_TRUE(Snapshot(p_table, true).empty()); });
     ASSERT_EQ(sr_close_table_1(Committed(1)), 0);  // a fresh open has no change entries yet
-    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 6, &handle), 0);
-    p_table = static_cast<sr_i_table_t *>(handle);
+    p_table = OpenT(6);
     EachAllocationFailure([&] { return Put(p_table, R(0, {2}), false); },
                           [&] { EXPECT_EQ(Snapshot(p_table, true), committed_); });
     EXPECT_EQ(Snapshot(p_table, true), (State{{0, R(0, {2})}}));

@@ -118,6 +118,12 @@ class TransactionTest : public TableTest {
                   0);
         return tree;
     }
+    // /m/t of `tree` (this one by default) opened in `mode`.
+    sr_i_table_t *OpenT(int mode, sr_opaque_handle_t tree = nullptr) {
+        sr_opaque_handle_t table = nullptr;
+        EXPECT_EQ(sr_open_table_1(tree ? tree : tree_, Text("/m/t"), mode, &table), 0);
+        return static_cast<sr_i_table_t *>(table);
+    }
     // /m/<name>: k INT64 key, then c1.. INT64.
     sr_i_table_t *Make(const std::string &name, int mode = 6, int columns = 2) {
         return Create("/m/" + name, ScalarColumns(columns), mode);
