@@ -82,17 +82,6 @@ TEST_F(RwLockConcurrencyTest, ReadersShareAndAWriterWaitsForTheLastReader) {
     ExpectUsable();
 }
 
-void *WaitThenBeCancelled(void *p_lock) {
-    auto *p = static_cast<sr_i_read_write_lock_t *>(p_lock);
-    // A reader waits for the writer holding the lock, a writer for the reader.
-    if (sr_i_rw_state(p) < 0) {
-        sr_i_rw_lock_read(p);
-    } else {
-        sr_i_rw_lock_write(p);
-    }
-    return nullptr;  // not reached: cancelled while waiting
-}
-
 TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
     for (bool write_held : {true, false}) {
         auto field = write_held ? &sr_i_read_write_lock_t::waiting_readers
@@ -100,7 +89,13 @@ TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
         ASSERT_EQ(0, write_held ? sr_i_rw_lock_write(&lock_) : sr_i_rw_lock_read(&lock_));
         const int before = Counter(field);
         pthread_t thread;
-        ASSERT_EQ(0, pthread_create(&thread, nullptr, WaitThenBeCancelled, &lock_));
+        // A reader waits for the writer holding the lock, a writer for the reader: cancelled there.
+        auto wait = [](void *p) -> void * {
+            auto *p_lock = static_cast<sr_i_read_write_lock_t *>(p);
+            (sr_i_rw_state(p_lock) < 0 ? sr_i_rw_lock_read : sr_i_rw_lock_write)(p_lock);
+            return nullptr;
+        };
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, wait, &lock_));
         ASSERT_TRUE(WaitFor(field, before + 1));
         ASSERT_EQ(0, pthread_cancel(thread));
         void *result = nullptr;
