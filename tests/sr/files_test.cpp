@@ -119,8 +119,7 @@ class FilesTest : public ::testing::Test {
     }
     std::string Data() { return qxtest::ReadBytes(tmp_.file("table")); }
 
-    // The retry records "<retries>|<limit>" in the trace since the last Reset (all: from the
-    // start).
+    // The retry records "<retries>|<limit>" traced since the last Reset (all: since the start).
     std::vector<std::string> Retries(bool all = false) {
         std::vector<std::string> found;
         std::ifstream in(tmp_.file("trace.log"));

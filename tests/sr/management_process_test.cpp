@@ -23,8 +23,7 @@ class ManagementProcessConcurrencyTest : public TransactionTest {
         for (int k = 0; k < rows; ++k) state[k] = narrowed ? R(k, {rows}) : R(k, {rows, k});
         return state;
     }
-    // Runs `work` in a child with the pause point armed, and kills it there; `work` gets the
-    // table of `p_path` opened for writing, or the child's tree when there is none.
+    // Kills a child at the pause point in `work` on the table of `p_path` (else on its tree).
     void KillChildAt(const std::string &point, const char *p_path,
                      const std::function<qx_int32_t(sr_opaque_handle_t)> &work) {
         Kill(StopChildAt(point, [&] {

@@ -215,8 +215,8 @@ TEST_F(TableProcessConcurrencyTest, WritersLockSurvivesOtherTreesOpeningAndClosi
     std::free(p_read);
 }
 
-// Threads of several trees, then of the writer's tree, open and close one table; beside a writer,
-// readers' descriptors are parked, reused, and never closed (even on ENOMEM).
+// Threads of many trees open one table; readers' descriptors beside a writer are parked, not
+// closed.
 TEST_F(TableProcessConcurrencyTest, ThreadsAndReadersBesideAWriterLeaveNothingBehind) {
     ASSERT_EQ(sr_close_table_1(Create("/m/t", ScalarColumns(2))), 0);
     const int before = OpenDescriptors();

@@ -32,8 +32,7 @@ inline void Kill(pid_t pid) {
     WaitChild(pid);
 }
 
-// A child that runs `work` with the pause point armed, returned once stopped there. The setting
-// is read here, the child inherits it, and this process reads it again without it.
+// A child that runs `work` with the pause point armed (inherited), returned once stopped there.
 inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
     setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
     sr_i_test_pause_reload();
@@ -128,8 +127,7 @@ class TransactionTest : public TableTest {
     sr_i_table_t *Make(const std::string &name, int mode = 6, int columns = 2) {
         return Create("/m/" + name, ScalarColumns(columns), mode);
     }
-    // Adds `row` (columns k, c1, c2, ...) through the exported call, or sets
-    // the fields of the row of its key.
+    // Adds `row` (columns k, c1, c2, ...) through the exported call, or sets its key's fields.
     qx_int32_t Put(sr_opaque_handle_t table, const Row &row, bool add = true) {
         std::vector<char *> names;
         std::vector<qx_value_t> values(row.size());
