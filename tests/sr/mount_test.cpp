@@ -10,9 +10,7 @@
 
 #include "sr/table_test_util.h"
 
-using qxtest::Exists;
-using qxtest::last_error;
-
+namespace qxtest {
 namespace {
 
 bool IsDirectory(const std::string &path) {
@@ -197,3 +195,5 @@ TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     EXPECT_EQ(static_cast<sr_i_tree_t *>(tree)->p_mount_points, nullptr);
     EXPECT_EQ(sr_close_tree_1(tree), 0);
 }
+
+}  // namespace qxtest

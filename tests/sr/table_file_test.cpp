@@ -10,20 +10,13 @@
 
 #include "sr/table_test_util.h"
 
-using qxtest::FileImage;
-using qxtest::last_error;
-using qxtest::PutHeader;
-using qxtest::PutU32;
-using qxtest::PutU64;
-using qxtest::SlotValue;
-using qxtest::U32At;
-
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define QX_TEST_CLANG_SANITIZED 1
 #endif
 #endif
 
+namespace qxtest {
 namespace {
 
 class TableFileTest : public qxtest::TableTest {
@@ -345,3 +338,4 @@ TEST_F(TableFileTest, EveryAllocationFailureOfALoadIs12) {
 }
 
 }  // namespace
+}  // namespace qxtest

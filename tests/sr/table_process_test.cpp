@@ -15,9 +15,7 @@
 
 #include "sr/transaction_test_util.h"
 
-using qxtest::Exists;
-using qxtest::WaitChild;
-
+namespace qxtest::tx {
 namespace {
 
 qx_int64_t NowMs() {
@@ -323,3 +321,4 @@ TEST_F(CancellationTest, ThreadCancelledWhileACallWaitsInLockfLeavesNoLockHeld) 
 }
 
 }  // namespace
+}  // namespace qxtest::tx
