@@ -127,8 +127,7 @@ TEST_F(CrashConcurrencyTest, KilledAtEachStepShowsTheLastOrTheNewCommit) {
     }
 }
 
-// A writer killed at random leaves one whole generation, never older than one seen before; a
-// reader in another process meanwhile never sees half a transaction.
+// Random kills leave one whole generation, none older than seen; readers never see half of one.
 TEST_F(CrashConcurrencyTest, RandomKillsLeaveOneWholeGenerationAndReadersNeverSeeHalfOfOne) {
     std::mt19937 rng(4242);
     qx_int64_t last = 0;

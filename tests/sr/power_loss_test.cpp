@@ -260,8 +260,7 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     sr_i_file_ops = sr_i_default_file_ops;
     ASSERT_FALSE(HasFailure());
 
-    // The state after each returned call, as the cache showed it. A crash state keeps synced
-    // data; unsynced sectors are old, new or torn; lengths and names either.
+    // What each returned call left (cached); a crash keeps synced data, the rest old/new/torn.
     Fs now;
     std::vector<std::string> after{Read({}, {})};
     for (const Op &op : Rec.ops) {
