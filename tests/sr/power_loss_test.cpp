@@ -86,9 +86,8 @@ template <int (*p_real)(int)>
 int RecSync(int fd) {
     int rc = p_real(fd);
     struct stat st;
-    if (rc == 0 && fstat(fd, &st) == 0) {
-        const bool directory = S_ISDIR(st.st_mode);
-        Record(Op{directory ? Kind::directory_sync : Kind::sync, directory ? -1 : IdOf(fd)});
+    if (rc == 0 && fstat(fd, &st) == 0) {  // a directory has no number
+        Record(Op{S_ISDIR(st.st_mode) ? Kind::directory_sync : Kind::sync, IdOf(fd)});
     }
     return rc;
 }
