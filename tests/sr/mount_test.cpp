@@ -166,8 +166,7 @@ TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     qxtest::TempDir tmp;
     sr_opaque_handle_t tree = nullptr;
     ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 50;
+    constexpr int kThreads = 4, kRounds = 50;
     std::atomic<int> failures{0};
     char bad[] = "not a path";
     EXPECT_EQ(sr_unmount_local_tree_1(tree, bad), 208) << "none mounted: before the path is read";

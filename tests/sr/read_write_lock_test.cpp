@@ -109,12 +109,9 @@ TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
 
 // Racing readers and writers keep exclusion; some reads are released by another thread.
 TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
-    std::atomic<int> readers_inside{0};
-    std::atomic<int> writers_inside{0};
-    std::atomic<int> violations{0};
+    std::atomic<int> readers_inside{0}, writers_inside{0}, violations{0};
     std::atomic<int> handed_over{0};  // reads acquired by readers, released by the releaser
-    std::atomic<bool> writers_done{false};
-    std::atomic<bool> done{false};
+    std::atomic<bool> writers_done{false}, done{false};
     auto reader = [&] {
         for (int i = 0; !writers_done.load(); ++i) {
             ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));

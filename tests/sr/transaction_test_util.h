@@ -90,8 +90,7 @@ inline State Snapshot(const sr_i_table_t *p_table, bool applied) {
 }
 
 struct FileRecord {
-    qx_uint32_t offset;
-    qx_uint32_t length;
+    qx_uint32_t offset, length;
     qx_int32_t type;
 };
 
