@@ -61,10 +61,6 @@ class TransactionFaultTest : public TransactionTest {
         sr_i_file_ops.p_write = FaultyWrite;
     }
 
-    void Drop(sr_i_table_t *p_table) {
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
-    }
     // A committed table /m/<name> of `total` rows.
     sr_i_table_t *Committed(int total) {
         sr_i_table_t *p_table = Make("t");
@@ -155,7 +151,8 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         } else {
             ExpectRecoverable(p_table);
         }
-        Drop(p_table);
+        ASSERT_EQ(sr_close_table_1(p_table), 0);
+        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
     }
 }
 
