@@ -65,8 +65,7 @@ TEST_F(CommitAbortTest, NothingToDoOrRefusedWritesNothing) {
     ASSERT_EQ(sr_abort_1(p_table), 0);
     EXPECT_EQ(last_error().code, 0);
     ASSERT_EQ(sr_close_table_1(p_table), 0);
-    sr_opaque_handle_t reader = nullptr;
-    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), SR_MODE_READ, &reader), 0);
+    sr_opaque_handle_t reader = OpenT(SR_MODE_READ);
     const std::string closed = ReadBytes(File("t"));
     EXPECT_EQ(sr_apply_1(reader, 0), SR_E_ACCESS);
     EXPECT_EQ(sr_commit_1(reader), SR_E_ACCESS);

@@ -145,7 +145,7 @@ TEST_F(CopyMoveTest, ExistingTargetsAreReplacedOnlyWithOverwriteAndRefusalsLeave
     EXPECT_EQ(RowsOf(p_memory), Expected({1}));
 }
 
-TEST_F(CopyMoveTest, EveryCombinationOfMemoryAndFileCarriesTheRows) {
+TEST_F(CopyMoveTest, CopiesAndMovesBetweenMemoryAndFilesCarryTheRows) {
     Table("/m/f", {1, 2, 3}, false);
     sr_i_table_t *p_memory = Table("/t/mem", {7, 8});
     ASSERT_EQ(Copy("/m/f", "/m/f2"), 0);
@@ -206,9 +206,7 @@ TEST_F(CopyMoveTest, EveryCombinationOfMemoryAndFileCarriesTheRows) {
     EXPECT_EQ(TextOf(p_source, 5), "x") << "the source still has its transaction";
     EXPECT_EQ(sr_abort_1(p_source), 0);
     EXPECT_EQ(TextOf(p_copy, 5), "changed");
-}
-
-TEST_F(CopyMoveTest, MovesRemoveTheSourceOnlyOnceTheTargetExists) {
+    // Moves remove the source only once the target exists.
     sr_i_table_t *p_table = Table("/m/src", {1, 2});
     ASSERT_EQ(sr_move_table_by_handle_1(p_table, Text("/t/moved"), 0), 0);
     EXPECT_FALSE(Exists(File("src")));
@@ -230,11 +228,11 @@ TEST_F(CopyMoveTest, MovesRemoveTheSourceOnlyOnceTheTargetExists) {
     EXPECT_EQ(sr_open_table_1(tree_, Text("/t/c"), SR_MODE_READ, &gone), 200);
     // A move that cannot make its target keeps the source.
     sr_i_file_ops.p_fdatasync = [](int) { return errno = EIO, -1; };
-    sr_i_table_t *p_open = Open("/m/d/e");
-    EXPECT_EQ(sr_move_table_by_handle_1(p_open, Text("/m/f"), 0), 10);
+    p_open = Open("/m/d/e");
+    EXPECT_EQ(sr_move_table_by_handle_1(p_open, Text("/m/g"), 0), 10);
     sr_i_file_ops = sr_i_default_file_ops;
-    EXPECT_FALSE(Exists(File("f")));
-    EXPECT_FALSE(Exists(File("f.rewrite")));
+    EXPECT_FALSE(Exists(File("g")));
+    EXPECT_FALSE(Exists(File("g.rewrite")));
     EXPECT_EQ(RowsOf(p_open), Expected({1, 2, 3}));
 }
 

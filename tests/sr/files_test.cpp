@@ -119,8 +119,7 @@ class FilesTest : public ::testing::Test {
     }
     std::string Data() { return qxtest::ReadBytes(tmp_.file("table")); }
 
-    // The retry records "<retries>|<limit>" in the trace since the last Reset (all: from the
-    // start).
+    // The retry records "<retries>|<limit>" traced since the last Reset (all: since the start).
     std::vector<std::string> Retries(bool all = false) {
         std::vector<std::string> found;
         std::ifstream in(tmp_.file("trace.log"));
@@ -144,7 +143,7 @@ class FilesTest : public ::testing::Test {
     size_t seen_ = 0;
 };
 
-TEST_F(FilesTest, WriteRetriesInterruptionsResumesShortWritesAndMapsErrors) {
+TEST_F(FilesTest, WritesRetryInterruptionsResumeShortWritesAndMapErrors) {
     const std::string text = "0123456789abcdef";
     const std::vector<Step> eintr(100, Step{-1, EINTR});
     std::vector<Step> too_many = eintr;
@@ -184,9 +183,7 @@ TEST_F(FilesTest, WriteRetriesInterruptionsResumesShortWritesAndMapsErrors) {
     // A table that must exist but is missing reads 200 only where the caller says so.
     EXPECT_EQ(SR_ERROR_FILE("open", ENOENT, false), 10);
     EXPECT_EQ(SR_ERROR_FILE("open", ENOENT, true), 200);
-}
-
-TEST_F(FilesTest, WritevResumesWhereItWasCutAndCountsWhatWasWritten) {
+    // Writev resumes where it was cut and counts what was written.
     const struct {
         std::vector<std::string> elements;
         qx_uint32_t total;  // 6 for 4 bytes: more than the vector holds, an internal error
@@ -194,7 +191,7 @@ TEST_F(FilesTest, WritevResumesWhereItWasCutAndCountsWhatWasWritten) {
         int rc;
         std::string data;
         std::vector<std::string> last_call, retries;
-    } cases[] = {
+    } writev_cases[] = {
         {{"AAAA", "BBBB", "CCCC"}, 12, {{5, 0}}, 0, "AAAABBBBCCCC", {"BBB", "CCCC"}, {}},
         {{"AA", "", "CC", "", "e"}, 5, std::vector<Step>(5, Step{1, 0}), 0, "AACCe", {"e"}, {}},
         {{"AAAA", "BBBB", "CCCC"}, 12, {{5, 0}, {-1, ENOSPC}}, 13, "AAAAB", {"BBB", "CCCC"}, {}},
@@ -202,7 +199,7 @@ TEST_F(FilesTest, WritevResumesWhereItWasCutAndCountsWhatWasWritten) {
         {{"AAAA"}, 4, {{-1, EIO}}, 10, "", {"AAAA"}, {}},
         {{"AAAA"}, 6, {{4, 0}}, 15, "AAAA", {"AAAA"}, {}},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : writev_cases) {
         SCOPED_TRACE(c.data);
         Reset();
         std::vector<std::string> elements = c.elements;

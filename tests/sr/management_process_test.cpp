@@ -23,10 +23,14 @@ class ManagementProcessConcurrencyTest : public TransactionTest {
         for (int k = 0; k < rows; ++k) state[k] = narrowed ? R(k, {rows}) : R(k, {rows, k});
         return state;
     }
-    // Runs `work` in a child with the pause point armed, and kills it there.
-    void KillChildAt(const std::string &point,
+    // Kills a child at the pause point in `work` on the table of `p_path` (else on its tree).
+    void KillChildAt(const std::string &point, const char *p_path,
                      const std::function<qx_int32_t(sr_opaque_handle_t)> &work) {
-        Kill(StopChildAt(point, [&] { return work(OtherTree()) != 0 ? 4 : 0; }));
+        Kill(StopChildAt(point, [&] {
+            sr_opaque_handle_t handle = OtherTree();
+            if (p_path && sr_open_table_1(handle, Text(p_path), SR_MODE_WRITE, &handle)) return 3;
+            return work(handle) != 0 ? 4 : 0;
+        }));
     }
     qx_int32_t Repair(const std::string &path) {
         char *names[] = {Text(path)};
@@ -34,27 +38,13 @@ class ManagementProcessConcurrencyTest : public TransactionTest {
     }
 };
 
-TEST_F(ManagementProcessConcurrencyTest, CopyIntoADirectoryWaitsForItsLockFile) {
-    FileTable("src", 5);
-    qx_int32_t lock_fd = -1;  // held here as a copy in progress holds it
-    ASSERT_EQ(sr_i_lock_tree(File("src").c_str(), F_LOCK, &lock_fd), 0);
-    EXPECT_TRUE(Exists(File(",Lock")));
-    pid_t copier = fork();
-    if (copier == 0) {
-        alarm(60);
-        _exit(sr_copy_table_by_name_1(OtherTree(), Text("/m/src"), Text("/m/dst"), 0));
-    }
-    usleep(400 * 1000);
-    EXPECT_FALSE(Exists(File("dst"))) << "the copy did not wait for the lock";
-    EXPECT_FALSE(Exists(File("dst.rewrite")));
-    close(lock_fd);
-    EXPECT_EQ(WaitChild(copier), 0);
-    EXPECT_EQ(Reopened("dst"), Expected(5));
-}
-
-TEST_F(ManagementProcessConcurrencyTest, TwoProcessesCopyingAndMovingIntoOneDirectoryLoseNothing) {
+// Copies wait for the directory's ",Lock"; two processes copying and moving into it lose nothing.
+TEST_F(ManagementProcessConcurrencyTest, CopiesWaitForTheLockFileAndTwoProcessesLoseNothing) {
     FileTable("a", 20);
     FileTable("b", 30);
+    qx_int32_t lock_fd = -1;  // held here as a copy in progress holds it
+    ASSERT_EQ(sr_i_lock_tree(File("a").c_str(), F_LOCK, &lock_fd), 0);
+    EXPECT_TRUE(Exists(File(",Lock")));
     constexpr int kRounds = 15;
     // Both write the shared target; each moves a table of its own back and forth.
     auto racer = [&](const std::string &source, const std::string &own) {
@@ -78,6 +68,10 @@ TEST_F(ManagementProcessConcurrencyTest, TwoProcessesCopyingAndMovingIntoOneDire
     };
     pid_t first = racer("a", "x");
     pid_t second = racer("b", "y");
+    usleep(400 * 1000);
+    for (const char *name : {"x0", "x0.rewrite", "y0", "y0.rewrite"})
+        EXPECT_FALSE(Exists(File(name)));
+    close(lock_fd);
     EXPECT_EQ(WaitChild(first), 0);
     EXPECT_EQ(WaitChild(second), 0);
     const State shared = Reopened("shared");
@@ -90,9 +84,10 @@ TEST_F(ManagementProcessConcurrencyTest, TwoProcessesCopyingAndMovingIntoOneDire
     EXPECT_EQ(Reopened("b"), Expected(30));
 }
 
-TEST_F(ManagementProcessConcurrencyTest, CopyKilledBeforeItsRenameKeepsTheOldTarget) {
+// A copy or a schema change killed before its rename keeps the old table; repair tidies up.
+TEST_F(ManagementProcessConcurrencyTest, CopyOrSchemaChangeKilledBeforeItsRenameKeepsTheOld) {
     FileTable("src", 8);
-    KillChildAt("copy-before-rename", [&](sr_opaque_handle_t tree) {
+    KillChildAt("copy-before-rename", nullptr, [&](sr_opaque_handle_t tree) {
         return sr_copy_table_by_name_1(tree, Text("/m/src"), Text("/m/dst"), 0);
     });
     EXPECT_FALSE(Exists(File("dst")));
@@ -101,35 +96,26 @@ TEST_F(ManagementProcessConcurrencyTest, CopyKilledBeforeItsRenameKeepsTheOldTar
     EXPECT_FALSE(Exists(File("dst.rewrite")));
     EXPECT_FALSE(Exists(File("dst")));
     FileTable("dst", 3);  // an open source copied over an existing target
-    KillChildAt("copy-before-rename", [&](sr_opaque_handle_t tree) {
-        sr_opaque_handle_t source = nullptr;
-        qx_int32_t rc = sr_open_table_1(tree, Text("/m/src"), SR_MODE_WRITE, &source);
-        return rc != 0 ? rc : sr_copy_table_by_handle_1(source, Text("/m/dst"), 1);
+    KillChildAt("copy-before-rename", "/m/src", [&](sr_opaque_handle_t source) {
+        return sr_copy_table_by_handle_1(source, Text("/m/dst"), 1);
     });
     EXPECT_EQ(Reopened("dst"), Expected(3));
     EXPECT_EQ(Reopened("src"), Expected(8));
     ASSERT_EQ(Repair("/m/dst"), 0);
     EXPECT_FALSE(Exists(File("dst.rewrite")));
-}
-
-TEST_F(ManagementProcessConcurrencyTest, SchemaChangeKilledBeforeItsRenameKeepsTheOldTable) {
     FileTable("t", 6);
     for (const char *point : {"apply-written", "schema-applied", "rewrite-before-rename"}) {
-        KillChildAt(point, [&](sr_opaque_handle_t tree) {
-            sr_opaque_handle_t table = nullptr;
-            qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), SR_MODE_WRITE, &table);
+        KillChildAt(point, "/m/t", [&](sr_opaque_handle_t table) {
             sr_column_t extra{Text("extra"), QX_INT32, SR_STANDARD, 0, nullptr, {}};
-            return rc != 0 ? rc : sr_add_columns_1(table, &extra, 1);
+            return sr_add_columns_1(table, &extra, 1);
         });
         EXPECT_EQ(Reopened("t"), Expected(6)) << point;
         ASSERT_EQ(Repair("/m/t"), 0);
         EXPECT_FALSE(Exists(File("t.rewrite"))) << point;
     }
-    KillChildAt("rewrite-after-rename", [&](sr_opaque_handle_t tree) {
-        sr_opaque_handle_t table = nullptr;
-        qx_int32_t rc = sr_open_table_1(tree, Text("/m/t"), SR_MODE_WRITE, &table);
+    KillChildAt("rewrite-after-rename", "/m/t", [&](sr_opaque_handle_t table) {
         char *names[] = {Text("c2")};
-        return rc != 0 ? rc : sr_delete_columns_1(table, names, 1);
+        return sr_delete_columns_1(table, names, 1);
     });
     EXPECT_EQ(Reopened("t"), Expected(6, true));
     EXPECT_FALSE(Exists(File("t.rewrite")));

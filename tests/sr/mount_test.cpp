@@ -10,9 +10,7 @@
 
 #include "sr/table_test_util.h"
 
-using qxtest::Exists;
-using qxtest::last_error;
-
+namespace qxtest {
 namespace {
 
 bool IsDirectory(const std::string &path) {
@@ -80,7 +78,7 @@ TEST_F(MountTest, PathSyntaxAndMountedPathsResolvingToFlatFileNames) {
     EXPECT_EQ(last_error().code, 12);
 }
 
-TEST_F(MountTest, RefusedMountsLeaveTheTreeUnchanged) {
+TEST_F(MountTest, RefusedMountsAndUnmountsLeaveTheTreeUnchanged) {
     ASSERT_EQ(Mount("/a", "d1"), 0);
     EXPECT_EQ(Mount("/a", "d2"), 207);
     EXPECT_EQ(last_error().message, "2605-207 A mount point containing the path already exists.\n");
@@ -110,31 +108,27 @@ TEST_F(MountTest, RefusedMountsLeaveTheTreeUnchanged) {
     ASSERT_NE(Create("/t", ScalarColumns(2)), nullptr);
     EXPECT_EQ(Mount("/t", "d"), 201);
     EXPECT_EQ(Mount("/t/u", "d"), 0);
-}
-
-// Allocation failures are 12 and leave nothing behind.
-TEST_F(MountTest, UnmountTakesTheNameAsMounted) {
+    // Allocation failures are 12 and leave nothing behind; unmount takes the name as mounted.
     for (int n = 0; n < 3; ++n) {
         sr_i_alloc_fail_after(n);
-        EXPECT_EQ(Mount("/a", "da"), 12) << n;
+        EXPECT_EQ(Mount("/u", "da"), 12) << n;
         sr_i_alloc_fail_after(-1);
-        EXPECT_EQ(Resolve("/a/t"), "");
+        EXPECT_EQ(Resolve("/u/t"), "");
     }
-    ASSERT_EQ(Mount("/a", "da"), 0);
+    ASSERT_EQ(Mount("/u", "da"), 0);
     sr_i_alloc_fail_after(0);
-    EXPECT_EQ(Unmount("/a"), 12);
+    EXPECT_EQ(Unmount("/u"), 12);
     sr_i_alloc_fail_after(-1);
     EXPECT_EQ(Unmount("not a path"), 102);
-    EXPECT_EQ(Unmount("/a/"), 208);  // lies under the mount point
+    EXPECT_EQ(Unmount("/u/"), 208);  // lies under the mount point
     EXPECT_EQ(last_error().message, "2605-208 The specified mount point does not exist.\n");
     EXPECT_EQ(Unmount("/b"), 208);
-    // /a/ sorts before the long name: the search meets it and resolves the
-    // long path into its directory, which must not overrun the key.
-    EXPECT_EQ(Unmount("/a/" + std::string(200, 'q')), 208);
-    EXPECT_EQ(Unmount("/a"), 0);
-    EXPECT_EQ(Resolve("/a/t"), "");
+    // The search meets /u/ first and resolves the long path into its directory: no key overrun.
+    EXPECT_EQ(Unmount("/u/" + std::string(200, 'q')), 208);
+    EXPECT_EQ(Unmount("/u"), 0);
+    EXPECT_EQ(Resolve("/u/t"), "");
     EXPECT_TRUE(IsDirectory(tmp_.file("da"))) << "files on disk are never touched";
-    EXPECT_EQ(Unmount("/a"), 208);
+    EXPECT_EQ(Unmount("/u"), 208);
 }
 
 // Repair removes the named tables' ".rewrite" files in order, up to the first bad name.
@@ -172,8 +166,7 @@ TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     qxtest::TempDir tmp;
     sr_opaque_handle_t tree = nullptr;
     ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 50;
+    constexpr int kThreads = 4, kRounds = 50;
     std::atomic<int> failures{0};
     char bad[] = "not a path";
     EXPECT_EQ(sr_unmount_local_tree_1(tree, bad), 208) << "none mounted: before the path is read";
@@ -201,3 +194,5 @@ TEST(MountConcurrencyTest, ThreadsMountingAndUnmountingOnOneTreeLoseNothing) {
     EXPECT_EQ(static_cast<sr_i_tree_t *>(tree)->p_mount_points, nullptr);
     EXPECT_EQ(sr_close_tree_1(tree), 0);
 }
+
+}  // namespace qxtest

@@ -86,9 +86,8 @@ template <int (*p_real)(int)>
 int RecSync(int fd) {
     int rc = p_real(fd);
     struct stat st;
-    if (rc == 0 && fstat(fd, &st) == 0) {
-        const bool directory = S_ISDIR(st.st_mode);
-        Record(Op{directory ? Kind::directory_sync : Kind::sync, directory ? -1 : IdOf(fd)});
+    if (rc == 0 && fstat(fd, &st) == 0) {  // a directory has no number
+        Record(Op{S_ISDIR(st.st_mode) ? Kind::directory_sync : Kind::sync, IdOf(fd)});
     }
     return rc;
 }
@@ -260,8 +259,7 @@ TEST_F(PowerLossTest, EveryCrashStateReadsAsTheLastReturnedCallOrTheOneInFlight)
     sr_i_file_ops = sr_i_default_file_ops;
     ASSERT_FALSE(HasFailure());
 
-    // The state after each returned call, as the cache showed it. A crash state keeps synced
-    // data; unsynced sectors are old, new or torn; lengths and names either.
+    // What each returned call left (cached); a crash keeps synced data, the rest old/new/torn.
     Fs now;
     std::vector<std::string> after{Read({}, {})};
     for (const Op &op : Rec.ops) {

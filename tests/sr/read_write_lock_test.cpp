@@ -1,4 +1,4 @@
-// The reader/writer lock with real threads.
+// The reader/writer lock with real threads, and the lock contracts debug builds check.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -82,17 +82,6 @@ TEST_F(RwLockConcurrencyTest, ReadersShareAndAWriterWaitsForTheLastReader) {
     ExpectUsable();
 }
 
-void *WaitThenBeCancelled(void *p_lock) {
-    auto *p = static_cast<sr_i_read_write_lock_t *>(p_lock);
-    // A reader waits for the writer holding the lock, a writer for the reader.
-    if (sr_i_rw_state(p) < 0) {
-        sr_i_rw_lock_read(p);
-    } else {
-        sr_i_rw_lock_write(p);
-    }
-    return nullptr;  // not reached: cancelled while waiting
-}
-
 TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
     for (bool write_held : {true, false}) {
         auto field = write_held ? &sr_i_read_write_lock_t::waiting_readers
@@ -100,7 +89,13 @@ TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
         ASSERT_EQ(0, write_held ? sr_i_rw_lock_write(&lock_) : sr_i_rw_lock_read(&lock_));
         const int before = Counter(field);
         pthread_t thread;
-        ASSERT_EQ(0, pthread_create(&thread, nullptr, WaitThenBeCancelled, &lock_));
+        // A reader waits for the writer holding the lock, a writer for the reader: cancelled there.
+        auto wait = [](void *p) -> void * {
+            auto *p_lock = static_cast<sr_i_read_write_lock_t *>(p);
+            (sr_i_rw_state(p_lock) < 0 ? sr_i_rw_lock_read : sr_i_rw_lock_write)(p_lock);
+            return nullptr;
+        };
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, wait, &lock_));
         ASSERT_TRUE(WaitFor(field, before + 1));
         ASSERT_EQ(0, pthread_cancel(thread));
         void *result = nullptr;
@@ -114,12 +109,9 @@ TEST_F(RwLockConcurrencyTest, CancelledWaiterLeavesTheLockClean) {
 
 // Racing readers and writers keep exclusion; some reads are released by another thread.
 TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
-    std::atomic<int> readers_inside{0};
-    std::atomic<int> writers_inside{0};
-    std::atomic<int> violations{0};
+    std::atomic<int> readers_inside{0}, writers_inside{0}, violations{0};
     std::atomic<int> handed_over{0};  // reads acquired by readers, released by the releaser
-    std::atomic<bool> writers_done{false};
-    std::atomic<bool> done{false};
+    std::atomic<bool> writers_done{false}, done{false};
     auto reader = [&] {
         for (int i = 0; !writers_done.load(); ++i) {
             ASSERT_EQ(0, sr_i_rw_lock_read(&lock_));
@@ -164,6 +156,26 @@ TEST_F(RwLockConcurrencyTest, ReadersAndWritersRacingKeepExclusion) {
     releaser.join();
     EXPECT_EQ(0, violations.load());
     ExpectUsable();
+}
+
+// A routine called without the lock its contract names stops a debug build.
+TEST(LockContractTest, ARoutineCalledWithoutItsLockStopsADebugBuild) {
+#ifdef NDEBUG
+    GTEST_SKIP() << "the checks are compiled into debug builds only";
+#else
+    sr_opaque_handle_t tree = nullptr;
+    ASSERT_EQ(sr_open_tree_1(&tree, 0, 0), 0);
+    auto *p_tree = static_cast<sr_i_tree_t *>(tree);
+    char path[] = "/";
+    qx_char_ptr_t *p_list = nullptr;
+    qx_uint32_t count = 0;
+    EXPECT_DEATH(sr_i_list_tables(p_tree, path, &p_list, &count), "sr_i_rw_held_for_write");
+    ASSERT_EQ(sr_i_rw_lock_write(&p_tree->lock), 0);
+    EXPECT_EQ(sr_i_list_tables(p_tree, path, &p_list, &count), 0);
+    ASSERT_EQ(sr_i_rw_unlock_write(&p_tree->lock), 0);
+    EXPECT_EQ(sr_free_table_list_1(p_list, count), 0);
+    EXPECT_EQ(sr_close_tree_1(tree), 0);
+#endif
 }
 
 }  // namespace

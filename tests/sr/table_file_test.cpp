@@ -10,20 +10,13 @@
 
 #include "sr/table_test_util.h"
 
-using qxtest::FileImage;
-using qxtest::last_error;
-using qxtest::PutHeader;
-using qxtest::PutU32;
-using qxtest::PutU64;
-using qxtest::SlotValue;
-using qxtest::U32At;
-
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define QX_TEST_CLANG_SANITIZED 1
 #endif
 #endif
 
+namespace qxtest {
 namespace {
 
 class TableFileTest : public qxtest::TableTest {
@@ -230,7 +223,7 @@ TEST_F(TableFileTest, ResourceHandleKeyGetsAHashedIndexOnOpen) {
     ExpectUnreadable(image, "key outside its record");
 }
 
-TEST_F(TableFileTest, DamagedRecordsAreUnreadable) {
+TEST_F(TableFileTest, DamagedRecordsAndMetadataRecordsAreUnreadable) {
     const FileImage base = NewFile("t");
     const qx_uint32_t m = base.End();  // where the first record after the metadata goes
     const qx_uint32_t kCommit = static_cast<qx_uint32_t>(SR_I_RECORD_TYPE_COMMIT);
@@ -278,11 +271,6 @@ TEST_F(TableFileTest, DamagedRecordsAreUnreadable) {
     twice = base;
     twice.Commit(1, {{3, "a"}, {1, "x"}, {3, "b"}});
     ExpectUnreadable(twice, "one metadata type twice, out of order");
-}
-
-TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
-    const FileImage base = NewFile("t", 2);
-    const qx_uint32_t meta = base.End();
     const size_t array = 12 + 16;
     const size_t col = qxtest::kColumnEntry;
     const qx_uint32_t names = qxtest::ColumnEntryAt(base.bytes, array).name;
@@ -290,9 +278,9 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
         size_t offset;
         qx_uint32_t value;
         const char *what;
-    } cases[] = {
+    } metadata_cases[] = {
         {8, 2, "metadata record of another type"},
-        {0, meta + 1000, "metadata record longer than the file"},
+        {0, m + 1000, "metadata record longer than the file"},
         {0, 20, "metadata record shorter than its words"},
         {12 + 8, 0, "no columns"},
         {12 + 8, 3, "column array larger than the record"},
@@ -313,15 +301,15 @@ TEST_F(TableFileTest, DamagedMetadataRecordsAreUnreadable) {
         {array + col + 8, SR_PRIMARY_KEY, "a second key column"},
         {array + col + 16, names + 2, "definition of a scalar column"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : metadata_cases) {
         FileImage image = base;
         std::memcpy(image.bytes.data() + c.offset, &c.value, 4);
         image.Commit(1);
         ExpectUnreadable(image, c.what);
     }
-    for (size_t at : {size_t{meta - 1}, array + 2 * col + 3}) {  // no NUL; "c1" becomes "c-"
+    for (size_t at : {size_t{m - 1}, array + 2 * col + 3}) {  // no NUL; "c1" becomes "c-"
         FileImage image = base;
-        image.bytes[at] = at == meta - 1 ? 'x' : '-';
+        image.bytes[at] = at == m - 1 ? 'x' : '-';
         image.Commit(1);
         ExpectUnreadable(image, "bad name");
     }
@@ -350,3 +338,4 @@ TEST_F(TableFileTest, EveryAllocationFailureOfALoadIs12) {
 }
 
 }  // namespace
+}  // namespace qxtest

@@ -61,10 +61,6 @@ class TransactionFaultTest : public TransactionTest {
         sr_i_file_ops.p_write = FaultyWrite;
     }
 
-    void Drop(sr_i_table_t *p_table) {
-        ASSERT_EQ(sr_close_table_1(p_table), 0);
-        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
-    }
     // A committed table /m/<name> of `total` rows.
     sr_i_table_t *Committed(int total) {
         sr_i_table_t *p_table = Make("t");
@@ -108,8 +104,8 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         int alloc_fail_after;  // -1: none
         qx_int32_t rc;
         const char *message;
-        bool at_commit = false;  // the apply goes through, the commit's switch fails
-        bool append = false;     // then an append, not an abort, keeps updates as updates
+        bool at_commit = false;  // the apply goes through, the commit fails
+        bool go_on = false;      // then the transaction goes on to its commit, not an abort
     } cases[] = {
         {"full filesystem", enospc, 0, 3, -1, SR_E_FILESYSTEM_FULL, "2605-013"},
         {"second batch", second_batch, 0, 30, -1, SR_E_SYSTEM_CALL, "writev"},
@@ -122,19 +118,23 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         {"deletion record", no_memory, 0, 0, 1, SR_E_NO_MEMORY, "in the sr_i_apply function"},
         {"switch", {.write_fail_at = -1}, 0, 1, -1, SR_E_SYSTEM_CALL, "write", true},
         {"switch and its restore", switch_and_restore, 0, 1, -1, SR_E_SYSTEM_CALL, "write", true},
+        {"sync of the switch, restored", apply_sync, 0, 1, -1, 0, "", true},  // still applied
+        {"sync of the switch, then commit", apply_sync, 0, 1, -1, 0, "", true, true},
+        {"rename of a rewrite", no_memory, 1, 1, 0, SR_E_NO_MEMORY, "in the sr_i_commit function",
+         true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         sr_i_table_t *p_table = Committed(4);
         const qx_uint32_t end = p_table->commit_record_offset + p_table->commit_record_length;
         const State wanted = Change(p_table, c.added);
-        ASSERT_EQ(c.at_commit ? sr_apply_1(p_table, 0) : 0, 0);
+        ASSERT_EQ(c.at_commit ? sr_i_apply(p_table, c.rewrite, 0) : 0, 0);
         Arm(c.plan);
         sr_i_alloc_fail_after(c.alloc_fail_after);
         EXPECT_EQ(c.at_commit ? sr_commit_1(p_table) : sr_i_apply(p_table, c.rewrite, 0), c.rc);
         sr_i_alloc_fail_after(-1);
-        EXPECT_EQ(p_table->ready_for_commit, c.at_commit ? 1u : 0u);
-        EXPECT_EQ(c.at_commit ? committed_ : Reopened("t"), committed_) << "the tail is not read";
+        EXPECT_EQ(p_table->ready_for_commit, c.at_commit ? 1u + c.rewrite : 0u);
+        EXPECT_EQ(c.at_commit && c.rc != 0 ? committed_ : Reopened("t"), committed_);
         EXPECT_NE(last_error().message.find(c.message), std::string::npos) << last_error().message;
         EXPECT_FALSE(Exists(File("t.rewrite")));
         if (c.plan.writev_fail_at == 2) {  // the first batch reached the file
@@ -143,43 +143,16 @@ TEST_F(TransactionFaultTest, FailedApplyLeavesTheCommittedFileAndAnAbortableTabl
         if (c.plan.sync_fail_at != 0) {
             EXPECT_TRUE(Exists(tmp_.file("reginfo_pid." + std::to_string(getpid()))));
         }
-        if (c.append) {
+        if (c.go_on) {  // an append after a failed rewrite keeps updates as updates
             sr_i_file_ops = sr_i_default_file_ops;
-            ASSERT_EQ(sr_i_apply(p_table, 0, 0) | sr_i_commit(p_table), 0);
+            ASSERT_EQ(c.at_commit ? 0 : sr_i_apply(p_table, 0, 0), 0);
+            ASSERT_EQ(sr_i_commit(p_table), 0);
             EXPECT_EQ(Reopened("t"), wanted);
         } else {
             ExpectRecoverable(p_table);
         }
-        Drop(p_table);
-    }
-}
-
-TEST_F(TransactionFaultTest, FailedSyncOfCommitRestoresTheSwitchAndLeavesTheTableApplied) {
-    for (bool finish_by_commit : {true, false}) {
-        SCOPED_TRACE(finish_by_commit);
-        sr_i_table_t *p_table = Committed(3);
-        const State wanted = Change(p_table, 1);
-        ASSERT_EQ(sr_apply_1(p_table, 0), 0);
-        const qx_uint32_t old_commit = p_table->commit_record_offset;
-        const std::string applied = ReadBytes(File("t"));
-        Arm({.sync_fail_at = 1});
-        EXPECT_EQ(sr_commit_1(p_table), 0);
-        // Zero, then the commit type written back, then a second sync.
-        EXPECT_EQ(P.write_calls, 2);
-        EXPECT_EQ(P.sync_calls, 2);
-        EXPECT_EQ(ReadBytes(File("t")), applied);
-        EXPECT_EQ(static_cast<qx_int32_t>(U32At(applied, old_commit + 8)), SR_I_RECORD_TYPE_COMMIT);
-        EXPECT_EQ(p_table->ready_for_commit, 1u);
-        EXPECT_EQ(Snapshot(p_table, false), committed_);
-        EXPECT_EQ(Snapshot(p_table, true), wanted);
-        EXPECT_EQ(Reopened("t"), committed_);
-        EXPECT_EQ(sr_apply_1(p_table, 0), SR_E_APPLIED_NOT_COMMITTED);
-        sr_i_file_ops = sr_i_default_file_ops;
-        ASSERT_EQ(finish_by_commit ? sr_commit_1(p_table) : sr_abort_1(p_table), 0);
-        EXPECT_EQ(p_table->ready_for_commit, 0u);
-        EXPECT_EQ(Reopened("t"), finish_by_commit ? wanted : committed_);
-        EXPECT_EQ(Snapshot(p_table, true), finish_by_commit ? wanted : committed_);
-        Drop(p_table);
+        ASSERT_EQ(sr_close_table_1(p_table), 0);
+        ASSERT_EQ(sr_delete_table_1(tree_, Text("/m/t")), 0);
     }
 }
 
@@ -211,38 +184,20 @@ TEST_F(TransactionFaultTest, ImplicitUpdateIsSavedOnlyWhenCommitted) {
 
 // A rewrite that cannot be renamed into place is removed; the table stays abortable.
 TEST_F(TransactionFaultTest, RewriteCommitThatCannotRenameLeavesTheTableAbortable) {
-    for (bool no_memory : {true, false}) {
-        SCOPED_TRACE(no_memory);
-        sr_i_table_t *p_table = Committed(3);
-        Change(p_table, 1);
-        ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
-        const std::string saved = ReadBytes(File("t"));
-        if (no_memory) {
-            sr_i_alloc_fail_after(0);
-            EXPECT_EQ(sr_commit_1(p_table), SR_E_NO_MEMORY);
-            sr_i_alloc_fail_after(-1);
-            EXPECT_NE(last_error().message.find("in the sr_i_commit function"), std::string::npos);
-            EXPECT_EQ(Reopened("t"), committed_);
-            EXPECT_NE(sr_commit_1(p_table), 0) << "no file left to rename";
-        } else {
-            ASSERT_EQ(unlink(File("t").c_str()), 0);
-            ASSERT_EQ(mkdir(File("t").c_str(), 0755), 0);
-            WriteBytes(File("t/occupied"), "x");
-            EXPECT_EQ(sr_commit_1(p_table), SR_E_SYSTEM_CALL);
-            EXPECT_NE(last_error().message.find("The rename system call"), std::string::npos);
-            EXPECT_NE(last_error().message.find("to the sr_i_commit function"), std::string::npos);
-        }
-        EXPECT_FALSE(Exists(File("t.rewrite")));
-        EXPECT_EQ(p_table->ready_for_commit, 2u);
-        ASSERT_EQ(sr_abort_1(p_table), 0);
-        EXPECT_EQ(Snapshot(p_table, true), committed_);
-        if (!no_memory) {
-            ASSERT_EQ(unlink(File("t/occupied").c_str()), 0);
-            ASSERT_EQ(rmdir(File("t").c_str()), 0);
-            WriteBytes(File("t"), saved);
-        }
-        Drop(p_table);
-    }
+    sr_i_table_t *p_table = Committed(3);
+    Change(p_table, 1);
+    ASSERT_EQ(sr_i_apply(p_table, 1, 0), 0);
+    ASSERT_EQ(unlink(File("t").c_str()), 0);
+    ASSERT_EQ(mkdir(File("t").c_str(), 0755), 0);
+    WriteBytes(File("t/occupied"), "x");
+    EXPECT_EQ(sr_commit_1(p_table), SR_E_SYSTEM_CALL);
+    EXPECT_NE(last_error().message.find("The rename system call"), std::string::npos);
+    EXPECT_NE(last_error().message.find("to the sr_i_commit function"), std::string::npos);
+    EXPECT_FALSE(Exists(File("t.rewrite")));
+    EXPECT_NE(sr_commit_1(p_table), 0) << "no file left to rename";
+    EXPECT_EQ(p_table->ready_for_commit, 2u);
+    ASSERT_EQ(sr_abort_1(p_table), 0);
+    EXPECT_EQ(Snapshot(p_table, true), committed_);
 }
 
 // Memory running out anywhere in an add to a hashed table or in a set leaves the rows as they were.
@@ -256,8 +211,7 @@ TEST_F(TransactionFaultTest, EveryAllocationFailureOfAnAddOrASetLeavesTheRows) {
     EachAllocationFailure([&] { return AddRow(p_table, 1, 1); },
                           [&] { EXPECT_TRUE(Snapshot(p_table, true).empty()); });
     ASSERT_EQ(sr_close_table_1(Committed(1)), 0);  // a fresh open has no change entries yet
-    ASSERT_EQ(sr_open_table_1(tree_, Text("/m/t"), 6, &handle), 0);
-    p_table = static_cast<sr_i_table_t *>(handle);
+    p_table = OpenT(6);
     EachAllocationFailure([&] { return Put(p_table, R(0, {2}), false); },
                           [&] { EXPECT_EQ(Snapshot(p_table, true), committed_); });
     EXPECT_EQ(Snapshot(p_table, true), (State{{0, R(0, {2})}}));

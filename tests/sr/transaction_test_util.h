@@ -32,8 +32,7 @@ inline void Kill(pid_t pid) {
     WaitChild(pid);
 }
 
-// A child that runs `work` with the pause point armed, returned once stopped there. The setting
-// is read here, the child inherits it, and this process reads it again without it.
+// A child that runs `work` with the pause point armed (inherited), returned once stopped there.
 inline pid_t StopChildAt(const std::string &point, const std::function<int()> &work) {
     setenv("QX_SR_TEST_PAUSE", point.c_str(), 1);
     sr_i_test_pause_reload();
@@ -91,8 +90,7 @@ inline State Snapshot(const sr_i_table_t *p_table, bool applied) {
 }
 
 struct FileRecord {
-    qx_uint32_t offset;
-    qx_uint32_t length;
+    qx_uint32_t offset, length;
     qx_int32_t type;
 };
 
@@ -118,12 +116,17 @@ class TransactionTest : public TableTest {
                   0);
         return tree;
     }
+    // /m/t of `tree` (this one by default) opened in `mode`.
+    sr_i_table_t *OpenT(int mode, sr_opaque_handle_t tree = nullptr) {
+        sr_opaque_handle_t table = nullptr;
+        EXPECT_EQ(sr_open_table_1(tree ? tree : tree_, Text("/m/t"), mode, &table), 0);
+        return static_cast<sr_i_table_t *>(table);
+    }
     // /m/<name>: k INT64 key, then c1.. INT64.
     sr_i_table_t *Make(const std::string &name, int mode = 6, int columns = 2) {
         return Create("/m/" + name, ScalarColumns(columns), mode);
     }
-    // Adds `row` (columns k, c1, c2, ...) through the exported call, or sets
-    // the fields of the row of its key.
+    // Adds `row` (columns k, c1, c2, ...) through the exported call, or sets its key's fields.
     qx_int32_t Put(sr_opaque_handle_t table, const Row &row, bool add = true) {
         std::vector<char *> names;
         std::vector<qx_value_t> values(row.size());
