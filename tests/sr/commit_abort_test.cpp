@@ -46,7 +46,7 @@ TEST_F(CommitAbortTest, NothingToDoOrRefusedWritesNothing) {
     // A transient table commits and aborts in memory only.
     sr_i_table_t *p_memory = Create("/mem/t", ScalarColumns(2), 6);
     for (qx_int64_t k : {1, 2}) {
-        ASSERT_EQ(AddRow(p_memory, k, k) | sr_apply_1(p_memory, 0), 0);
+        ASSERT_FALSE(AddRow(p_memory, k, k) || sr_apply_1(p_memory, 0));
         ASSERT_EQ(k == 1 ? sr_commit_1(p_memory) : sr_abort_1(p_memory), 0);
     }
     EXPECT_EQ(Snapshot(p_memory, true), (State{{1, R(1, {1})}}));
@@ -77,8 +77,8 @@ TEST_F(CommitAbortTest, NothingToDoOrRefusedWritesNothing) {
 TEST_F(CommitAbortTest, CommitAfterAppendIsOneFourByteWriteOfZeroAndOneSync) {
     sr_i_table_t *p_table = Make("t");
     const qx_uint32_t start = p_table->commit_record_offset + p_table->commit_record_length;
-    ASSERT_EQ(AddRow(p_table, 1, 10) | AddRow(p_table, 2, 20), 0);
-    ASSERT_EQ(sr_delete_row_by_index_1(p_table, 0) | AddRow(p_table, 3, 30), 0);
+    ASSERT_FALSE(AddRow(p_table, 1, 10) || AddRow(p_table, 2, 20));
+    ASSERT_FALSE(sr_delete_row_by_index_1(p_table, 0) || AddRow(p_table, 3, 30));
     ASSERT_EQ(sr_apply_1(p_table, 0), 0);
     const qx_uint32_t old_commit = p_table->commit_record_offset;
     std::string before = ReadBytes(File("t"));
@@ -131,7 +131,7 @@ class CommitConcurrencyTest : public CommitAbortTest {};
 
 TEST_F(CommitConcurrencyTest, CommitRunsToItsEndWithACancelPendingAndRestoresTheCancelState) {
     sr_i_table_t *p_table = Make("t");
-    ASSERT_EQ(AddRow(p_table, 1, 1) | sr_apply_1(p_table, 0), 0);
+    ASSERT_FALSE(AddRow(p_table, 1, 1) || sr_apply_1(p_table, 0));
     int state_after = -1;
     qx_uint32_t ready_after = 99;
     std::thread([&] {

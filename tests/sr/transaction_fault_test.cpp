@@ -71,7 +71,7 @@ class TransactionFaultTest : public TransactionTest {
     }
     // Pending changes of every kind; returns the working state.
     State Change(sr_i_table_t *p_table, int added) {
-        EXPECT_EQ(Put(p_table, R(0, {100}), false) | Delete(p_table, 1), 0);
+        EXPECT_FALSE(Put(p_table, R(0, {100}), false) || Delete(p_table, 1));
         for (int i = 0; i < added; ++i) EXPECT_EQ(AddRow(p_table, 1000 + i, i), 0);
         return Snapshot(p_table, true);
     }

@@ -111,9 +111,8 @@ class TransactionTest : public TableTest {
     // A tree of its own with the same "/m" mount.
     sr_opaque_handle_t OtherTree() {
         sr_opaque_handle_t tree = nullptr;
-        EXPECT_EQ(sr_open_tree_1(&tree, 0, 0) |
-                      sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1),
-                  0);
+        EXPECT_FALSE(sr_open_tree_1(&tree, 0, 0) ||
+                     sr_mount_local_tree_1(tree, Text("/m"), Text(tmp_.file("d")), 1));
         return tree;
     }
     // /m/t of `tree` (this one by default) opened in `mode`.
