@@ -129,7 +129,8 @@ TEST_F(CreateOpenTest, FailedCreatesLeaveNoFileAndTheCallersArrayUnchanged) {
     sr_i_file_ops = sr_i_default_file_ops;
     ASSERT_EQ(chdir(cwd), 0);
     unchanged();
-    EXPECT_GT(UntilNoAllocationFails([&] { return TryCreate("/m/t", columns); }, unchanged), 3);
+    EXPECT_GT(EachAllocationFailure([&] { return TryCreate("/m/t", columns); }, unchanged, true),
+              3);
     qx_pmsg_anchor_t anchor;  // the packed default's anchor is left in the caller's array
     std::memcpy(&anchor, &columns[2].default_value, 8);
     EXPECT_EQ(anchor.length, 8u);

@@ -235,22 +235,6 @@ inline qx_int32_t CompareI64(const void *p_a, const void *p_b) {
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-// EachAllocationFailure for calls that may do without a failed allocation: stops at success.
-template <typename Attempt, typename OnFailure>
-int UntilNoAllocationFails(Attempt attempt, OnFailure on_failure) {
-    for (qx_int64_t n = 0; n < 1000; ++n) {
-        sr_i_alloc_fail_after(n);
-        const qx_int32_t rc = attempt();
-        const bool failed = sr_i_alloc_failure_pending() == 0;
-        sr_i_alloc_fail_after(-1);
-        if (rc == 0) return static_cast<int>(n);
-        EXPECT_TRUE(failed && rc == SR_E_NO_MEMORY) << n << " " << rc;
-        on_failure();
-    }
-    ADD_FAILURE() << "never succeeded";
-    return -1;
-}
-
 // A table: "k" INT64 key, "s" CHAR_PTR (default "dflt"), "n" INT32 (default 7).
 class RowsTest : public TableTest {
   protected:
