@@ -51,7 +51,7 @@ class Arena {
     T *container(const std::vector<E> &elements) {
         auto *p = alloc<T>(sizeof(T) + elements.size() * sizeof(E));
         p->element_count = static_cast<uint32_t>(elements.size());
-        memcpy(p->elements, elements.data(), elements.size() * sizeof(E));
+        if (!elements.empty()) memcpy(p->elements, elements.data(), elements.size() * sizeof(E));
         return p;
     }
     qx_array_t *array(const std::vector<qx_value_t> &elements) {
