@@ -93,11 +93,19 @@ namespace {
 // page wherever they lie.
 constexpr size_t kHugePageBytes = 2u << 20;
 constexpr size_t kHugeHintBytes = 2 * kHugePageBytes;
+// ... and up to this size.  Measured on reopening tables: the hint halves the
+// time at 100,000 rows (blocks of a few MiB) but makes it 1.5 to 1.8 times
+// slower at 1,000,000 rows (blocks of 50 to 80 MiB), where plain pages win.
+constexpr size_t kHugeHintLargestBytes = 32u << 20;
+
+constexpr bool wants_huge_pages(size_t size) {
+    return size >= kHugeHintBytes && size <= kHugeHintLargestBytes;
+}
 
 // Marks the whole huge pages inside a large block; returns the block.
 void *hint_huge_pages(void *p_memory, size_t size) {
 #if defined(MADV_HUGEPAGE)
-    if (p_memory != nullptr && size >= kHugeHintBytes) {
+    if (p_memory != nullptr && wants_huge_pages(size)) {
         const uintptr_t begin =
             (reinterpret_cast<uintptr_t>(p_memory) + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
         const uintptr_t end =
@@ -113,7 +121,7 @@ void *hint_huge_pages(void *p_memory, size_t size) {
 
 void *sr_i_malloc(size_t size) {
     if (alloc_should_fail()) return nullptr;
-    if (size >= kHugeHintBytes) {
+    if (wants_huge_pages(size)) {
         // Begun on a huge page boundary, a block loses no huge page at its
         // head, where filling it starts.
         void *p_memory = nullptr;
