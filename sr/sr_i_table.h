@@ -25,8 +25,8 @@ typedef struct sr_i_index_entry_struct_t {
     qx_uint32_t applied_file_offset;
     void *p_pending_change; /* sr_i_change_entry_t, or the free-chain link */
     qx_uint32_t hash_index;
-    qx_uint32_t packed_index; /* beside hash_index: a slot is 48 bytes, not 56 */
     sr_hash_table_element_t *p_hash_table_element;
+    qx_uint32_t packed_index;
 } sr_i_index_entry_t;
 
 typedef struct sr_i_change_entry_struct_t {
