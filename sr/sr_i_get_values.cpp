@@ -207,8 +207,8 @@ qx_int32_t sr_i_get_fixed_row_index_for_key(sr_i_table_t *p_table, qx_value_t ro
                                 ? static_cast<const void *>(row_key.ptr_char)
                                 : static_cast<const void *>(&row_key);
         if (p_key == nullptr) return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
-        return sr_i_hash_table_get_index(p_table->p_rows_hash_table, p_key, p_fixed_row_index,
-                                         nullptr);
+        return sr_i_hash_table_find_row(p_table->p_rows_hash_table, p_key, p_fixed_row_index,
+                                        p_table->p_rows_fixed_index, sizeof(sr_i_index_entry_t));
     }
     // Committed keys first, whatever the visibility: a row deleted but not
     // yet committed is still found, and a changed key by its committed value.

@@ -207,104 +207,6 @@ qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t co
     return 0;
 }
 
-// The adder: each bucket head, each first element of a bucket and that
-// element's key is a likely cache miss when many rows are added at once.  A
-// key pushed has its bucket found and the head fetched at once; a few pushes
-// later the head element is fetched, a few more later its key, and the add
-// itself comes kSrAdderDepth pushes later, when all of it is at hand.
-namespace {
-
-constexpr qx_uint32_t kSrAdderDepth = SR_I_HASH_TABLE_ADDER_DEPTH;
-constexpr qx_uint32_t kElementAge = kSrAdderDepth / 3;
-constexpr qx_uint32_t kKeyAge = 2 * kSrAdderDepth / 3;
-
-inline qx_uint32_t adder_slot(const sr_i_hash_table_adder_t *p_adder, qx_uint32_t age) {
-    return (p_adder->first + p_adder->total - 1 - age) % kSrAdderDepth;
-}
-
-// Adds the oldest key queued.
-qx_int32_t adder_add_oldest(sr_i_hash_table_adder_t *p_adder) {
-    const qx_uint32_t i = p_adder->first;
-    p_adder->first = (p_adder->first + 1) % kSrAdderDepth;
-    --p_adder->total;
-    sr_hash_table_t *p_hash_table = p_adder->p_hash_table;
-    // A hash out of range is reported as a single add reports it.
-    if (p_adder->buckets[i] >= p_hash_table->total_hash_buckets) {
-        return sr_i_hash_table_add(p_hash_table, p_adder->keys[i], p_adder->rows[i],
-                                   p_adder->p_hash_indexes[i], p_adder->p_p_elements[i],
-                                   p_adder->qualifier);
-    }
-    return add_to_bucket(p_hash_table, p_adder->keys[i], p_adder->rows[i], p_adder->buckets[i],
-                         p_adder->p_hash_indexes[i], p_adder->p_p_elements[i], p_adder->qualifier);
-}
-
-// Fetches what the add of the key queued `age` pushes ago will read.
-void adder_fetch(const sr_i_hash_table_adder_t *p_adder, qx_uint32_t age, bool key) {
-    const qx_uint32_t i = adder_slot(p_adder, age);
-    const sr_hash_table_t *p_hash_table = p_adder->p_hash_table;
-    if (p_adder->buckets[i] >= p_hash_table->total_hash_buckets) return;
-    const sr_hash_table_element_t *p_head = p_hash_table->p_elements[p_adder->buckets[i]];
-    if (p_head == nullptr) return;
-    if (key) {
-        __builtin_prefetch(p_head->p_key_value);
-    } else {
-        __builtin_prefetch(p_head);
-    }
-}
-
-}  // namespace
-
-void sr_i_hash_table_adder_open(sr_i_hash_table_adder_t *p_adder, sr_hash_table_t *p_hash_table,
-                                sr_qualifier_t qualifier) {
-    p_adder->p_hash_table = p_hash_table;
-    p_adder->qualifier = qualifier;
-    p_adder->first = 0;
-    p_adder->total = 0;
-}
-
-qx_int32_t sr_i_hash_table_adder_push(sr_i_hash_table_adder_t *p_adder, char *p_key_value,
-                                      qx_uint32_t row_index, qx_uint32_t *p_hash_index,
-                                      sr_hash_table_element_t **p_p_hash_table_element) {
-    sr_hash_table_t *p_hash_table = p_adder->p_hash_table;
-    const qx_uint32_t i = (p_adder->first + p_adder->total) % kSrAdderDepth;
-    const qx_uint32_t bucket = p_hash_table->p_hash_function != nullptr
-                                   ? p_hash_table->p_hash_function(p_key_value)
-                                   : sr_i_default_hash(p_key_value);
-    if (bucket < p_hash_table->total_hash_buckets) {
-        __builtin_prefetch(&p_hash_table->p_elements[bucket], 1);
-    }
-    p_adder->keys[i] = p_key_value;
-    p_adder->rows[i] = row_index;
-    p_adder->buckets[i] = bucket;
-    p_adder->p_hash_indexes[i] = p_hash_index;
-    p_adder->p_p_elements[i] = p_p_hash_table_element;
-    ++p_adder->total;
-    if ((p_adder->qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
-        if (p_adder->total > kElementAge) adder_fetch(p_adder, kElementAge, false);
-        if (p_adder->total > kKeyAge) adder_fetch(p_adder, kKeyAge, true);
-    }
-    return p_adder->total == kSrAdderDepth ? adder_add_oldest(p_adder) : 0;
-}
-
-qx_int32_t sr_i_hash_table_adder_drain(sr_i_hash_table_adder_t *p_adder) {
-    if ((p_adder->qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
-        for (qx_uint32_t age = 0; age < p_adder->total && age < kElementAge; ++age) {
-            adder_fetch(p_adder, age, false);
-        }
-        for (qx_uint32_t age = 0; age < p_adder->total && age < kKeyAge; ++age) {
-            adder_fetch(p_adder, age, true);
-        }
-    }
-    while (p_adder->total != 0) {
-        qx_int32_t rc = adder_add_oldest(p_adder);
-        if (rc != 0) {
-            p_adder->total = 0;
-            return rc;
-        }
-    }
-    return 0;
-}
-
 qx_int32_t sr_i_hash_table_add_ordered(sr_hash_table_t *p_hash_table, char *p_key_value,
                                        qx_uint32_t row_index, qx_uint32_t *p_hash_index,
                                        sr_hash_table_element_t **p_p_hash_table_element,
@@ -361,23 +263,50 @@ qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint
     return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
 }
 
-qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
-                                     qx_uint32_t *row_index, char ***p_p_p_key_value) {
+namespace {
+
+// The lookup of both get_index calls.  A lookup is a chain of dependent cache
+// misses: bucket, element, the key inside its row record.  As each element
+// is reached, what the caller reads next, the row's slot, and the rest of the
+// record past its key are fetched ahead, so that their misses overlap the
+// key's instead of following it.
+qx_int32_t find_row(sr_hash_table_t *p_hash_table, const void *p_key_value, qx_uint32_t *row_index,
+                    char ***p_p_p_key_value, const char *p_slots, size_t slot_bytes,
+                    const char *p_function, int line) {
     if (p_hash_table == nullptr || p_key_value == nullptr || row_index == nullptr) {
-        return SR_ERROR(SR_E_NULL_POINTER);
+        return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_NULL_POINTER);
     }
     qx_uint32_t bucket = 0;
-    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, p_function, line);
     if (rc != 0) return rc;
     for (sr_hash_table_element_t *p = p_hash_table->p_elements[bucket]; p != nullptr;
          p = p->p_next) {
+        if (p_slots != nullptr) {
+            __builtin_prefetch(p_slots + static_cast<size_t>(p->row_index) * slot_bytes);
+            __builtin_prefetch(p->p_key_value + 64);
+        }
         if (keys_compare(p_hash_table, p_key_value, p->p_key_value) == 0) {
             *row_index = p->row_index;
             if (p_p_p_key_value != nullptr) *p_p_p_key_value = &p->p_key_value;
             return 0;
         }
     }
-    return SR_ERROR(SR_E_NO_ROW_FOR_KEY);
+    return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_NO_ROW_FOR_KEY);
+}
+
+}  // namespace
+
+qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
+                                     qx_uint32_t *row_index, char ***p_p_p_key_value) {
+    return find_row(p_hash_table, p_key_value, row_index, p_p_p_key_value, nullptr, 0, __func__,
+                    __LINE__);
+}
+
+qx_int32_t sr_i_hash_table_find_row(sr_hash_table_t *p_hash_table, const void *p_key_value,
+                                    qx_uint32_t *row_index, const void *p_slots,
+                                    size_t slot_bytes) {
+    return find_row(p_hash_table, p_key_value, row_index, nullptr,
+                    static_cast<const char *>(p_slots), slot_bytes, __func__, __LINE__);
 }
 
 void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table) {

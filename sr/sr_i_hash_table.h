@@ -51,30 +51,6 @@ qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
 /* Makes room for count more elements in one block, so that adding them
  * allocates nothing more.  12 on memory. */
 qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t count);
-/* Adds many keys in a row, with the results the same sr_i_hash_table_add
- * calls in the same order would have, each written where its push said;
- * the adds lag the pushes by up to SR_I_HASH_TABLE_ADDER_DEPTH - 1 keys, so
- * that what each add reads is fetched ahead.  A push returns the result of
- * the add it made, if any; drain makes the rest.  After a failure the keys
- * still queued are dropped (drain) or must be (the caller stops). */
-#define SR_I_HASH_TABLE_ADDER_DEPTH 32
-typedef struct sr_i_hash_table_adder_struct {
-    sr_hash_table_t *p_hash_table;
-    sr_qualifier_t qualifier;
-    qx_uint32_t first;
-    qx_uint32_t total;
-    char *keys[SR_I_HASH_TABLE_ADDER_DEPTH];
-    qx_uint32_t rows[SR_I_HASH_TABLE_ADDER_DEPTH];
-    qx_uint32_t buckets[SR_I_HASH_TABLE_ADDER_DEPTH];
-    qx_uint32_t *p_hash_indexes[SR_I_HASH_TABLE_ADDER_DEPTH];
-    sr_hash_table_element_t **p_p_elements[SR_I_HASH_TABLE_ADDER_DEPTH];
-} sr_i_hash_table_adder_t;
-void sr_i_hash_table_adder_open(sr_i_hash_table_adder_t *p_adder, sr_hash_table_t *p_hash_table,
-                                sr_qualifier_t qualifier);
-qx_int32_t sr_i_hash_table_adder_push(sr_i_hash_table_adder_t *p_adder, char *p_key_value,
-                                      qx_uint32_t row_index, qx_uint32_t *p_hash_index,
-                                      sr_hash_table_element_t **p_p_hash_table_element);
-qx_int32_t sr_i_hash_table_adder_drain(sr_i_hash_table_adder_t *p_adder);
 /* As sr_i_hash_table_add, but the element goes where adding the bucket's rows
  * in ascending row_index order would have put it: behind those of higher rows. */
 qx_int32_t sr_i_hash_table_add_ordered(sr_hash_table_t *p_hash_table, char *p_key_value,
@@ -92,6 +68,11 @@ qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint
  * element's p_key_value field; 202 if none. */
 qx_int32_t sr_i_hash_table_get_index(sr_hash_table_t *p_hash_table, const void *p_key_value,
                                      qx_uint32_t *row_index, char ***p_p_p_key_value);
+/* As sr_i_hash_table_get_index for a caller that reads the row's slot next:
+ * entry row_index of the array p_slots of slot_bytes-byte entries is fetched
+ * ahead while the keys are compared. */
+qx_int32_t sr_i_hash_table_find_row(sr_hash_table_t *p_hash_table, const void *p_key_value,
+                                    qx_uint32_t *row_index, const void *p_slots, size_t slot_bytes);
 /* Bucket lengths and totals on standard output. */
 void sr_i_hash_table_output_stats(sr_hash_table_t *p_hash_table);
 

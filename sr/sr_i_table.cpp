@@ -382,8 +382,6 @@ qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
     const bool pointer_key =
         p_table->total_columns != 0 && sr_i_is_pointer_type(p_table->p_columns[0].type);
     const qx_uint32_t total_columns = p_table->total_columns;
-    sr_i_hash_table_adder_t adder;
-    sr_i_hash_table_adder_open(&adder, p_hash_table, key_qualifier);
     for (qx_uint32_t f = 0; f < p_table->maximum_rows && seen < p_table->total_committed_rows;
          ++f) {
         sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[f];
@@ -399,12 +397,12 @@ qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
                 memcpy(&offset, p_key, sizeof offset);
                 p_key = sr_i_row_indirect_area(p_data, total_columns) + offset;
             }
-            qx_int32_t rc = sr_i_hash_table_adder_push(&adder, p_key, f, &p_entry->hash_index,
-                                                       &p_entry->p_hash_table_element);
+            qx_int32_t rc = sr_i_hash_table_add(p_hash_table, p_key, f, &p_entry->hash_index,
+                                                &p_entry->p_hash_table_element, key_qualifier);
             if (rc != 0) return rc;
         }
     }
-    return p_hash_table != nullptr ? sr_i_hash_table_adder_drain(&adder) : 0;
+    return 0;
 }
 
 void sr_i_remove_row_from_packed_index(sr_i_table_t *p_table, sr_i_index_entry_t *p_index_entry) {

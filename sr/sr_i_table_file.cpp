@@ -752,49 +752,39 @@ bool commit_record_follows(const char *p_image, qx_uint64_t offset, qx_uint64_t 
 // The hashed key index, built during the pass while each row's key is at
 // hand.  The index must come out as if the live rows had been added in fixed
 // index order once the pass is over: in each bucket, higher slots ahead of
-// lower ones.  A row taking the next unused slot goes ahead of every element
-// (batched, so that the cache misses of a batch overlap); a row taking a slot
-// freed earlier in the pass, or replacing a row, is put in its place.  Should
-// a checked key meet its equal (which a later record may still resolve) or
-// anything else fail, the index is given up here and built again after the
-// pass the way a single add per live row would, with that way's result.
+// lower ones.  A row taking the next unused slot goes ahead of every element;
+// a row taking a slot freed earlier in the pass, or replacing a row, is put
+// in its place.  Should a checked key meet its equal (which a later record
+// may still resolve) or anything else fail, the index is given up here and
+// built again after the pass the way a single add per live row would, with
+// that way's result.
 struct key_index_builder_t {
     key_index_builder_t(sr_hash_table_t *p_index, sr_i_index_entry_t *p_fixed,
                         sr_qualifier_t key_qualifier)
-        : p_hash_table(p_index), p_slots(p_fixed), given_up(p_index == nullptr) {
-        sr_i_hash_table_adder_open(&adder, p_index, key_qualifier);
-    }
+        : p_hash_table(p_index),
+          p_slots(p_fixed),
+          qualifier(key_qualifier),
+          given_up(p_index == nullptr) {}
 
     sr_hash_table_t *p_hash_table;
     sr_i_index_entry_t *p_slots;
+    sr_qualifier_t qualifier;
     bool given_up;
-    sr_i_hash_table_adder_t adder;
 
-    void drain() {
-        if (!given_up && sr_i_hash_table_adder_drain(&adder) != 0) given_up = true;
-    }
     // A row in slot f whose key is at p_key; `highest` when f is above
     // every slot holding a row.
     void add(qx_uint32_t f, char *p_key, bool highest) {
         if (given_up) return;
         sr_i_index_entry_t *p_entry = &p_slots[f];
-        if (highest) {
-            if (sr_i_hash_table_adder_push(&adder, p_key, f, &p_entry->hash_index,
-                                           &p_entry->p_hash_table_element) != 0) {
-                given_up = true;
-            }
-            return;
-        }
-        drain();
-        if (given_up) return;
-        if (sr_i_hash_table_add_ordered(p_hash_table, p_key, f, &p_entry->hash_index,
-                                        &p_entry->p_hash_table_element, adder.qualifier) != 0) {
-            given_up = true;
-        }
+        const qx_int32_t rc =
+            highest ? sr_i_hash_table_add(p_hash_table, p_key, f, &p_entry->hash_index,
+                                          &p_entry->p_hash_table_element, qualifier)
+                    : sr_i_hash_table_add_ordered(p_hash_table, p_key, f, &p_entry->hash_index,
+                                                  &p_entry->p_hash_table_element, qualifier);
+        if (rc != 0) given_up = true;
     }
     // The row in slot f is replaced or deleted.
     void remove(qx_uint32_t f) {
-        drain();
         if (given_up) return;
         if (sr_i_hash_table_remove_element(p_hash_table, p_slots[f].hash_index,
                                            p_slots[f].p_hash_table_element) != 0) {
@@ -929,7 +919,6 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 // after it become one free record of the pool.
                 sr_i_store_u32(p_record, static_cast<qx_uint32_t>(image_end - current));
                 sr_i_rb_free_record(p_pool, p_data);
-                if (indexed) p_builder->drain();
                 *p_used = used;
                 return 0;
             }
