@@ -380,6 +380,14 @@ void measure_floor(const std::string &dir, int rounds) {
         append / rounds * 1e6, overwrite / rounds * 1e6, (append + overwrite) / rounds * 1e6);
 }
 
+// Lets the writeback that the durable workloads left behind finish, so that
+// it does not compete with a read-only workload for the other core and the
+// memory bus: every library's timed reads start from the same quiet state.
+void settle() {
+    sync();
+    usleep(100000);
+}
+
 double sequential_read(const std::string &path) {
     // Cached read of the whole file: the floor of an open that reads it once.
     double best = 1e9;
@@ -460,70 +468,97 @@ int main(int argc, char **argv) {
         report("W1 durable single-row add (per commit)", "us", q, l, m);
     }
 
-    // W2: bulk load of n rows in one explicit transaction.
+    // W2: bulk load of n rows in one explicit transaction, best of three
+    // rounds for each library (each round a fresh table): on a shared
+    // virtual machine one round can lose a third to a neighbour.
+    constexpr int kRounds = 3;
     sr_opaque_handle_t main_table = nullptr;
     {
-        main_table = qx.create("w2", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, n);
-        const long faults = page_faults();
-        auto s = Clock::now();
-        for (std::uint32_t i = 0; i < n; ++i)
-            Qx::add(main_table, data.keys[i], data.vals[i], data.names[i]);
-        double adds = seconds_since(s);
-        auto s2 = Clock::now();
-        check(sr_apply_1(main_table, 0), "sr_apply_1");
-        check(sr_commit_1(main_table), "sr_commit_1");
-        double apply_commit = seconds_since(s2);
-        const long w2_faults = page_faults() - faults;
-        double q = (adds + apply_commit) * 1e3;
+        double adds = 1e9, apply_commit = 0, q = 1e9;
+        long w2_faults = 0;
+        for (int round = 0; round < kRounds; ++round) {
+            if (main_table != nullptr) check(sr_close_table_1(main_table), "sr_close_table_1");
+            main_table = qx.create("w2", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, n);
+            const long faults = page_faults();
+            auto s = Clock::now();
+            for (std::uint32_t i = 0; i < n; ++i)
+                Qx::add(main_table, data.keys[i], data.vals[i], data.names[i]);
+            const double a = seconds_since(s);
+            auto s2 = Clock::now();
+            check(sr_apply_1(main_table, 0), "sr_apply_1");
+            check(sr_commit_1(main_table), "sr_commit_1");
+            const double c = seconds_since(s2);
+            if ((a + c) * 1e3 < q) {
+                q = (a + c) * 1e3;
+                adds = a;
+                apply_commit = c;
+                w2_faults = page_faults() - faults;
+            }
+        }
         double l = -1, m = -1;
 #ifdef QX_PEER_SQLITE
-        {
+        l = 1e9;
+        for (int round = 0; round < kRounds; ++round) {
             Lite lite(dir + "/w2.sqlite", true);
-            s = Clock::now();
+            auto s = Clock::now();
             lite.load(data);
-            l = seconds_since(s) * 1e3;
+            l = std::min(l, seconds_since(s) * 1e3);
         }
 #endif
 #ifdef QX_PEER_LMDB
-        {
+        m = 1e9;
+        for (int round = 0; round < kRounds; ++round) {
             Lm lm(dir + "/w2.lmdb", true);
-            s = Clock::now();
+            auto s = Clock::now();
             lm.load(data);
-            m = seconds_since(s) * 1e3;
+            m = std::min(m, seconds_since(s) * 1e3);
         }
 #endif
         printf("  (qx_sr: adds %.1f ms, apply + commit %.1f ms, %ld page faults)\n", adds * 1e3,
                apply_commit * 1e3, w2_faults);
-        report("W2 bulk load, one transaction", "ms", q, l, m);
+        report("W2 bulk load, one transaction (best of 3)", "ms", q, l, m);
     }
 
-    // W3: 1M random lookups by key reading the string column.
+    // W3: 1M random lookups by key reading the string column, best of three
+    // passes for each library after a warming one.
     {
         auto keys = random_keys(n, 1000000, 3);
-        qx_lookups(main_table, keys);  // warm
-        auto s = Clock::now();
-        std::uint64_t sum = qx_lookups(main_table, keys);
-        double q = seconds_since(s) / keys.size() * 1e6;
+        settle();
+        const std::uint64_t sum = qx_lookups(main_table, keys);
+        double q = 1e9;
+        for (int round = 0; round < kRounds; ++round) {
+            auto s = Clock::now();
+            if (qx_lookups(main_table, keys) != sum) die("qx_sr checksum", 0);
+            q = std::min(q, seconds_since(s) / keys.size() * 1e6);
+        }
         double l = -1, m = -1;
 #ifdef QX_PEER_SQLITE
         {
             Lite lite(dir + "/w2.sqlite", false);
+            settle();
             lite.lookups(keys);
-            s = Clock::now();
-            if (lite.lookups(keys) != sum) die("sqlite checksum", 0);
-            l = seconds_since(s) / keys.size() * 1e6;
+            l = 1e9;
+            for (int round = 0; round < kRounds; ++round) {
+                auto s = Clock::now();
+                if (lite.lookups(keys) != sum) die("sqlite checksum", 0);
+                l = std::min(l, seconds_since(s) / keys.size() * 1e6);
+            }
         }
 #endif
 #ifdef QX_PEER_LMDB
         {
             Lm lm(dir + "/w2.lmdb", false);
+            settle();
             lm.lookups(keys);
-            s = Clock::now();
-            if (lm.lookups(keys) != sum) die("lmdb checksum", 0);
-            m = seconds_since(s) / keys.size() * 1e6;
+            m = 1e9;
+            for (int round = 0; round < kRounds; ++round) {
+                auto s = Clock::now();
+                if (lm.lookups(keys) != sum) die("lmdb checksum", 0);
+                m = std::min(m, seconds_since(s) / keys.size() * 1e6);
+            }
         }
 #endif
-        report("W3 random lookup by key (each)", "us", q, l, m);
+        report("W3 random lookup by key, each (best of 3)", "us", q, l, m);
     }
 
     // W6: 10k random updates of the int column by key in one transaction.
@@ -584,6 +619,7 @@ int main(int argc, char **argv) {
 
     // W5: close, open a tree, mount, open with the hashed index, read a row.
     {
+        settle();
         double file_read = sequential_read(dir + "/w2");
         check(sr_close_table_1(main_table), "sr_close_table_1");
         double best = 1e9;
@@ -637,29 +673,36 @@ int main(int argc, char **argv) {
         report("W5 reopen and read one row (best of 5)", "ms", best * 1e3, l, m);
     }
 
-    // W7: lookups from 1 and 2 threads of one process on one table.
+    // W7: lookups from 1 and 2 threads of one process on one table, best of
+    // three rounds each.
     {
         auto keys1 = random_keys(n, 2000000, 7);
         auto keys2 = random_keys(n, 2000000, 8);
+        settle();
         qx_lookups(main_table, keys1);
-        auto s = Clock::now();
-        qx_lookups(main_table, keys1);
-        double one = keys1.size() / seconds_since(s) / 1e6;
-        std::atomic<int> ready{0};
-        auto worker = [&](const std::vector<std::uint32_t> *keys) {
-            ready.fetch_add(1);
-            while (ready.load() < 2) {
-            }
-            qx_lookups(main_table, *keys);
-        };
-        s = Clock::now();
-        std::thread a(worker, &keys1);
-        std::thread b(worker, &keys2);
-        a.join();
-        b.join();
-        double two = (keys1.size() + keys2.size()) / seconds_since(s) / 1e6;
-        printf("%-44s %10.3f M/s  2 threads %.3f M/s (%.2fx)\n", "W7 lookups, 1 thread", one, two,
-               two / one);
+        double one = 0, two = 0;
+        for (int round = 0; round < kRounds; ++round) {
+            auto s = Clock::now();
+            qx_lookups(main_table, keys1);
+            one = std::max(one, keys1.size() / seconds_since(s) / 1e6);
+        }
+        for (int round = 0; round < kRounds; ++round) {
+            std::atomic<int> ready{0};
+            auto worker = [&](const std::vector<std::uint32_t> *keys) {
+                ready.fetch_add(1);
+                while (ready.load() < 2) {
+                }
+                qx_lookups(main_table, *keys);
+            };
+            auto s = Clock::now();
+            std::thread a(worker, &keys1);
+            std::thread b(worker, &keys2);
+            a.join();
+            b.join();
+            two = std::max(two, (keys1.size() + keys2.size()) / seconds_since(s) / 1e6);
+        }
+        printf("%-44s %10.3f M/s  2 threads %.3f M/s (%.2fx)\n", "W7 lookups, 1 thread (best of 3)",
+               one, two, two / one);
     }
     check(sr_close_table_1(main_table), "sr_close_table_1");
 
@@ -669,6 +712,7 @@ int main(int argc, char **argv) {
         Data bd(big, 4);
         sr_opaque_handle_t t = qx.create("w4", SR_MODE_WRITE | SR_MODE_EXPLICIT_CONTROL, big);
         Qx::load(t, bd);
+        settle();
         count_selected(t, "val > 500000");
         auto s = Clock::now();
         std::uint32_t c = count_selected(t, "val > 500000");
@@ -680,6 +724,7 @@ int main(int argc, char **argv) {
             Lite lite(dir + "/w4.sqlite", true);
             lite.load(bd);
             sqlite3_stmt *st = lite.prepare("SELECT count(*) FROM t WHERE val > 500000");
+            settle();
             for (int round = 0; round < 2; ++round) {
                 s = Clock::now();
                 if (sqlite3_step(st) != SQLITE_ROW) die("sqlite count", 0);
@@ -695,6 +740,7 @@ int main(int argc, char **argv) {
         {
             Lm lm(dir + "/w4.lmdb", true);
             lm.load(bd);
+            settle();
             for (int round = 0; round < 2; ++round) {
                 s = Clock::now();
                 MDB_txn *txn = nullptr;
