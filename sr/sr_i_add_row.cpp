@@ -32,10 +32,12 @@ inline cu_iconv_t *to_table_handle(const sr_i_table_t *p_table) {
                                       : nullptr;
 }
 
-// The first caller value named `p_name`, or -1.
+// The first caller value named `p_name`, or -1.  Most names differ from
+// the column's in their first byte, which is compared before the call.
 qx_int64_t find_name(qx_char_ptr_t *p_column_names, qx_uint32_t total_values, const char *p_name) {
     for (qx_uint32_t i = 0; i < total_values; ++i) {
-        if (std::strcmp(p_column_names[i], p_name) == 0) return i;
+        const char *p_given = p_column_names[i];
+        if (p_given[0] == p_name[0] && std::strcmp(p_given, p_name) == 0) return i;
     }
     return -1;
 }
