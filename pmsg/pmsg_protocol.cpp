@@ -247,8 +247,16 @@ int qx_pmsg_build_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
 
     Writer w{effective_handle(p_handle), nullptr};
     uint64_t length = 0;
-    int rc = form_of(w, static_cast<uint32_t>(type), *p_value, nullptr, 0, &length);
-    if (rc != QX_PMSG_OK) return rc;
+    /* Text that needs no conversion is its own form: measured once and
+     * copied, where any other value is walked twice, to measure and to write. */
+    const bool plain_text = kind == kString && w.p_handle == nullptr;
+    if (plain_text) {
+        if (p_value->ptr_char == nullptr) return QX_PMSG_E_INVAL;
+        length = uint64_t{strlen(p_value->ptr_char)} + 1;
+    } else {
+        int rc = form_of(w, static_cast<uint32_t>(type), *p_value, nullptr, 0, &length);
+        if (rc != QX_PMSG_OK) return rc;
+    }
     /* Forms lie end to end: a form starts where the previous one ended. */
     uint64_t start = *p_running_offset;
     uint64_t end = start + length;
@@ -257,11 +265,15 @@ int qx_pmsg_build_conv_protocol_value_1(cu_iconv_t *p_handle, qx_uint32_t flags,
     if (end > room) return QX_PMSG_E_ROOM;
 
     uint8_t *p_area = static_cast<uint8_t *>(p_indirect_area);
-    w.p_end = p_area + start + length;
-    uint64_t written = 0;
-    rc = form_of(w, static_cast<uint32_t>(type), *p_value, p_area + start, 0, &written);
-    if (rc != QX_PMSG_OK) return rc;
-    if (written != length) return QX_PMSG_E_CONVERT; /* the converter changed its mind */
+    if (plain_text) {
+        memcpy(p_area + start, p_value->ptr_char, static_cast<size_t>(length));
+    } else {
+        w.p_end = p_area + start + length;
+        uint64_t written = 0;
+        int rc = form_of(w, static_cast<uint32_t>(type), *p_value, p_area + start, 0, &written);
+        if (rc != QX_PMSG_OK) return rc;
+        if (written != length) return QX_PMSG_E_CONVERT; /* the converter changed its mind */
+    }
 
     /* The slot and the running offset change last, and only on success. */
     qx_pmsg_value_t slot;
