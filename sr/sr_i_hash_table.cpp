@@ -9,6 +9,7 @@
 // row, neighbouring rows' elements share cache lines, and closing frees the
 // slabs without walking the buckets.  Removed elements go on a free list and
 // are handed out again first.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -265,11 +266,13 @@ qx_int32_t sr_i_hash_table_remove_element(sr_hash_table_t *p_hash_table, qx_uint
 
 namespace {
 
-// The lookup of both get_index calls.  A lookup is a chain of dependent cache
-// misses: bucket, element, the key inside its row record.  As each element
-// is reached, what the caller reads next, the row's slot, and the rest of the
-// record past its key are fetched ahead, so that their misses overlap the
-// key's instead of following it.
+// The lookup of sr_i_hash_table_get_index and sr_i_hash_table_find_row.  A
+// lookup is a chain of dependent cache misses: bucket, element, the key
+// inside its row record.  As each element is reached, what the caller reads
+// next, the row's slot, and the rest of the record past its key are fetched
+// ahead, so that their misses overlap the key's instead of following it.
+// The record may end before those 64 bytes: a fetch is only a hint, and the
+// address is formed as a number, not as a pointer past the record.
 qx_int32_t find_row(sr_hash_table_t *p_hash_table, const void *p_key_value, qx_uint32_t *row_index,
                     char ***p_p_p_key_value, const char *p_slots, size_t slot_bytes,
                     const char *p_function, int line) {
@@ -283,7 +286,8 @@ qx_int32_t find_row(sr_hash_table_t *p_hash_table, const void *p_key_value, qx_u
          p = p->p_next) {
         if (p_slots != nullptr) {
             __builtin_prefetch(p_slots + static_cast<size_t>(p->row_index) * slot_bytes);
-            __builtin_prefetch(p->p_key_value + 64);
+            __builtin_prefetch(
+                reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(p->p_key_value) + 64));
         }
         if (keys_compare(p_hash_table, p_key_value, p->p_key_value) == 0) {
             *row_index = p->row_index;
