@@ -170,6 +170,39 @@ TEST_F(CreateOpenTest, HashedKeyIndexesOfCreatesAndOpens) {
     for (int i = 0; i < 2; ++i) ASSERT_EQ(sr_close_table_1(table), 0);
     EachAllocationFailure([&] { return open("/m/h", 1, 1024, &table); }, [] {});
     EXPECT_EQ(Val(table, 20, "c1").val_int64, 200);
+    ASSERT_EQ(sr_close_table_1(table), 0);
+    // Reopened with other functions: a checked key is compared with the rest of its bucket,
+    // one its compare finds equal is refused, and so is a hash outside the index.
+    static auto key = [](const void *p) {
+        qx_int64_t k;
+        std::memcpy(&k, p, sizeof k);
+        return k;
+    };
+    sr_hash_function_t *by_4 = [](const void *p) { return static_cast<qx_uint32_t>(key(p) % 4); };
+    sr_hash_keys_compare_function_t *same_bucket = [](const void *a, const void *b) {
+        return static_cast<qx_int32_t>(key(a) % 4 != key(b) % 4);
+    };
+    sr_hash_function_t *unbounded = [](const void *p) { return static_cast<qx_uint32_t>(key(p)); };
+    const struct {
+        sr_hash_function_t *p_hash;
+        sr_hash_keys_compare_function_t *p_compare;
+        qx_int32_t rc;
+    } reopens[] = {{by_4, CompareI64, 0},
+                   {by_4, same_bucket, SR_E_DUPLICATE_KEY},
+                   {unbounded, CompareI64, SR_E_INTERNAL}};
+    for (const auto &r : reopens) {
+        auto reopen = [&] {
+            return sr_open_hashed_key_table_1(tree_, Text("/m/h"), 1, 4, r.p_hash, r.p_compare,
+                                              &table);
+        };
+        if (r.rc != 0) {
+            EXPECT_EQ(reopen(), r.rc);
+            continue;
+        }
+        EachAllocationFailure(reopen, [] {});
+        for (int k = 1; k <= 20; ++k) EXPECT_EQ(Val(table, k, "c1").val_int64, k * 10);
+        ASSERT_EQ(sr_close_table_1(table), 0);
+    }
 }
 
 TEST_F(CreateOpenTest, ModesAreNormalisedAndWriteOpensMustAgreeOnControl) {
