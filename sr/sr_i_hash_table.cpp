@@ -41,13 +41,9 @@ namespace {
 // that is not the bucket array, and reported as an internal inconsistency.
 qx_int32_t bucket_of(const sr_hash_table_t *p_hash_table, const void *p_key_value,
                      qx_uint32_t *p_bucket, const char *p_function, int line) {
-    qx_uint32_t bucket = p_hash_table->p_hash_function != nullptr
-                             ? p_hash_table->p_hash_function(p_key_value)
-                             : sr_i_default_hash(p_key_value);
-    if (bucket >= p_hash_table->total_hash_buckets) {
+    if (!sr_i_hash_table_bucket(p_hash_table, p_key_value, p_bucket)) {
         return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_INTERNAL);
     }
-    *p_bucket = bucket;
     return 0;
 }
 
@@ -135,17 +131,46 @@ qx_int32_t sr_i_hash_table_close(sr_hash_table_t *p_hash_table) {
     return 0;
 }
 
-namespace {
+bool sr_i_hash_table_bucket(const sr_hash_table_t *p_hash_table, const void *p_key_value,
+                            qx_uint32_t *p_bucket) {
+    const qx_uint32_t bucket = p_hash_table->p_hash_function != nullptr
+                                   ? p_hash_table->p_hash_function(p_key_value)
+                                   : sr_i_default_hash(p_key_value);
+    *p_bucket = bucket;
+    return bucket < p_hash_table->total_hash_buckets;
+}
 
-// Adds a key to its bucket, known to be in range: at the head, or, when
-// `ordered`, ahead of the first element of a lower row index.
-qx_int32_t add_to_bucket(sr_hash_table_t *p_hash_table, char *p_key_value, qx_uint32_t row_index,
-                         qx_uint32_t bucket, qx_uint32_t *p_hash_index,
-                         sr_hash_table_element_t **p_p_hash_table_element, sr_qualifier_t qualifier,
-                         bool ordered = false) {
+sr_hash_table_element_t *sr_i_hash_table_link(sr_hash_table_t *p_hash_table, char *p_key_value,
+                                              qx_uint32_t row_index, qx_uint32_t bucket) {
+    sr_hash_table_element_t *p_element = new_element(p_hash_table);
+    if (p_element == nullptr) return nullptr;
     sr_hash_table_element_t **p_head = &p_hash_table->p_elements[bucket];
-    if (*p_head != nullptr && (qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
-        for (sr_hash_table_element_t *p = *p_head; p != nullptr; p = p->p_next) {
+    p_element->row_index = row_index;
+    p_element->p_key_value = p_key_value;
+    p_element->p_next = *p_head;
+    *p_head = p_element;
+    return p_element;
+}
+
+bool sr_i_hash_table_keys_equal(const sr_hash_table_t *p_hash_table, const void *p_key1,
+                                const void *p_key2) {
+    return keys_compare(p_hash_table, p_key1, p_key2) == 0;
+}
+
+qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
+                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
+                               sr_hash_table_element_t **p_p_hash_table_element,
+                               sr_qualifier_t qualifier) {
+    if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
+        p_p_hash_table_element == nullptr) {
+        return SR_ERROR(SR_E_NULL_POINTER);
+    }
+    qx_uint32_t bucket = 0;
+    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, __func__, __LINE__);
+    if (rc != 0) return rc;
+    if ((qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY) {
+        for (sr_hash_table_element_t *p = p_hash_table->p_elements[bucket]; p != nullptr;
+             p = p->p_next) {
             if (keys_compare(p_hash_table, p_key_value, p->p_key_value) == 0) {
                 // Not reported: the caller decides whether the existing row
                 // makes this a duplicate (it may be deleted and revivable).
@@ -155,43 +180,12 @@ qx_int32_t add_to_bucket(sr_hash_table_t *p_hash_table, char *p_key_value, qx_ui
             }
         }
     }
-    while (ordered && *p_head != nullptr && (*p_head)->row_index > row_index) {
-        p_head = &(*p_head)->p_next;
-    }
-    sr_hash_table_element_t *p_element = new_element(p_hash_table);
+    sr_hash_table_element_t *p_element =
+        sr_i_hash_table_link(p_hash_table, p_key_value, row_index, bucket);
     if (p_element == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
-    p_element->row_index = row_index;
-    p_element->p_key_value = p_key_value;
-    p_element->p_next = *p_head;
-    *p_head = p_element;
     *p_hash_index = bucket;
     *p_p_hash_table_element = p_element;
     return 0;
-}
-
-// Both adds: the arguments checked, the bucket found, the element linked.
-qx_int32_t checked_add(sr_hash_table_t *p_hash_table, char *p_key_value, qx_uint32_t row_index,
-                       qx_uint32_t *p_hash_index, sr_hash_table_element_t **p_p_hash_table_element,
-                       sr_qualifier_t qualifier, bool ordered, const char *p_function, int line) {
-    if (p_hash_table == nullptr || p_key_value == nullptr || p_hash_index == nullptr ||
-        p_p_hash_table_element == nullptr) {
-        return sr_i_set_error(sr_i_this_source, p_function, line, SR_E_NULL_POINTER);
-    }
-    qx_uint32_t bucket = 0;
-    qx_int32_t rc = bucket_of(p_hash_table, p_key_value, &bucket, p_function, line);
-    if (rc != 0) return rc;
-    return add_to_bucket(p_hash_table, p_key_value, row_index, bucket, p_hash_index,
-                         p_p_hash_table_element, qualifier, ordered);
-}
-
-}  // namespace
-
-qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
-                               qx_uint32_t row_index, qx_uint32_t *p_hash_index,
-                               sr_hash_table_element_t **p_p_hash_table_element,
-                               sr_qualifier_t qualifier) {
-    return checked_add(p_hash_table, p_key_value, row_index, p_hash_index, p_p_hash_table_element,
-                       qualifier, false, __func__, __LINE__);
 }
 
 qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t count) {
@@ -206,14 +200,6 @@ qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t co
     p_hash_table->slab_capacity = count + 1;
     p_hash_table->slab_used = 1;
     return 0;
-}
-
-qx_int32_t sr_i_hash_table_add_ordered(sr_hash_table_t *p_hash_table, char *p_key_value,
-                                       qx_uint32_t row_index, qx_uint32_t *p_hash_index,
-                                       sr_hash_table_element_t **p_p_hash_table_element,
-                                       sr_qualifier_t qualifier) {
-    return checked_add(p_hash_table, p_key_value, row_index, p_hash_index, p_p_hash_table_element,
-                       qualifier, true, __func__, __LINE__);
 }
 
 void sr_i_hash_table_clear(sr_hash_table_t *p_hash_table) {

@@ -51,12 +51,18 @@ qx_int32_t sr_i_hash_table_add(sr_hash_table_t *p_hash_table, char *p_key_value,
 /* Makes room for count more elements in one block, so that adding them
  * allocates nothing more.  12 on memory. */
 qx_int32_t sr_i_hash_table_reserve(sr_hash_table_t *p_hash_table, qx_uint32_t count);
-/* As sr_i_hash_table_add, but the element goes where adding the bucket's rows
- * in ascending row_index order would have put it: behind those of higher rows. */
-qx_int32_t sr_i_hash_table_add_ordered(sr_hash_table_t *p_hash_table, char *p_key_value,
-                                       qx_uint32_t row_index, qx_uint32_t *p_hash_index,
-                                       sr_hash_table_element_t **p_p_hash_table_element,
-                                       sr_qualifier_t qualifier);
+/* For building a whole index at once (sr_i_establish_secondary_row_access).
+ * The bucket of a key; false, with nothing reported, when the hash function
+ * gives one outside the index. */
+bool sr_i_hash_table_bucket(const sr_hash_table_t *p_hash_table, const void *p_key_value,
+                            qx_uint32_t *p_bucket);
+/* A new element for the key at the head of its bucket (in range), compared
+ * with nothing; NULL, unreported, when short of memory. */
+sr_hash_table_element_t *sr_i_hash_table_link(sr_hash_table_t *p_hash_table, char *p_key_value,
+                                              qx_uint32_t row_index, qx_uint32_t bucket);
+/* Whether the index's compare function finds two keys equal. */
+bool sr_i_hash_table_keys_equal(const sr_hash_table_t *p_hash_table, const void *p_key1,
+                                const void *p_key2);
 /* Removes every element; the buckets and functions stay.  NULL accepted. */
 void sr_i_hash_table_clear(sr_hash_table_t *p_hash_table);
 /* Removes the most recently added element with an equal key; 202 if none. */

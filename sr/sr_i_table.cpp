@@ -375,13 +375,93 @@ sr_i_index_entry_t *sr_i_rows_free_chain_remove(sr_i_table_t *p_table) {
     return p_entry;
 }
 
-qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
-    qx_uint32_t seen = 0;
-    qx_uint32_t key_qualifier = p_table->total_columns != 0 ? p_table->p_columns[0].qualifier : 0;
+namespace {
+
+// How far ahead of the row it links, or of the pair it compares, the index
+// build fetches what that row or pair will need.
+constexpr qx_uint32_t kBuildAhead = 16;
+
+// Two rows whose keys share a bucket: the later one and the bucket's head
+// when it was linked, which leads to every earlier row of the bucket.
+struct shared_bucket_t {
+    const sr_hash_table_element_t *p_later;
+    const sr_hash_table_element_t *p_earlier;
+};
+
+// The key index of `seen` live rows into an index that holds nothing yet,
+// each row's bucket already in its slot.  Rows are linked in fixed index
+// order, so every chain comes out as single adds in that order leave it;
+// the bucket of the row kBuildAhead places on is fetched while this one is
+// linked.  Single adds would compare a checked key with its bucket at once,
+// a chain of cache misses per row (head element, then its key); here the
+// rows that met an earlier one in their bucket are listed and compared
+// afterwards, the list telling the elements and keys to fetch ahead.
+// Returns 0, 12, or SR_E_DUPLICATE_KEY unreported when two rows share a
+// checked key: single adds must then give their own result.
+qx_int32_t build_key_index(sr_i_table_t *p_table, qx_uint32_t seen, bool checked) {
     sr_hash_table_t *const p_hash_table = p_table->p_rows_hash_table;
-    const bool pointer_key =
-        p_table->total_columns != 0 && sr_i_is_pointer_type(p_table->p_columns[0].type);
-    const qx_uint32_t total_columns = p_table->total_columns;
+    sr_i_index_entry_t *const p_slots = p_table->p_rows_fixed_index;
+    const qx_uint32_t *const p_live = p_table->p_rows_packed_index;
+    if (sr_i_hash_table_reserve(p_hash_table, seen) != 0) return SR_ERROR(SR_E_NO_MEMORY);
+    shared_bucket_t *p_shared = nullptr;
+    qx_uint32_t total_shared = 0;
+    qx_uint32_t room = 0;
+    qx_int32_t rc = 0;
+    for (qx_uint32_t i = 0; i < seen && rc == 0; ++i) {
+        if (i + kBuildAhead < seen) {
+            __builtin_prefetch(
+                &p_hash_table->p_elements[p_slots[p_live[i + kBuildAhead]].hash_index], 1);
+        }
+        sr_i_index_entry_t &slot = p_slots[p_live[i]];
+        const sr_hash_table_element_t *p_head = p_hash_table->p_elements[slot.hash_index];
+        slot.p_hash_table_element =
+            sr_i_hash_table_link(p_hash_table, sr_i_row_key_value(p_table, slot.p_committed),
+                                 p_live[i], slot.hash_index);
+        if (slot.p_hash_table_element == nullptr) {
+            rc = SR_ERROR(SR_E_NO_MEMORY);
+        } else if (checked && p_head != nullptr) {
+            if (total_shared == room) {
+                room = room == 0 ? 1024 : 2 * room;
+                auto *p_grown = static_cast<shared_bucket_t *>(
+                    sr_i_realloc(p_shared, sizeof(shared_bucket_t) * room));
+                if (p_grown == nullptr) {
+                    rc = SR_ERROR(SR_E_NO_MEMORY);
+                    break;
+                }
+                p_shared = p_grown;
+            }
+            p_shared[total_shared++] = {slot.p_hash_table_element, p_head};
+        }
+    }
+    for (qx_uint32_t k = 0; k < total_shared && rc == 0; ++k) {
+        if (k + 2 * kBuildAhead < total_shared) {
+            __builtin_prefetch(p_shared[k + 2 * kBuildAhead].p_earlier);
+        }
+        if (k + kBuildAhead < total_shared) {
+            __builtin_prefetch(p_shared[k + kBuildAhead].p_later->p_key_value);
+            __builtin_prefetch(p_shared[k + kBuildAhead].p_earlier->p_key_value);
+        }
+        const sr_hash_table_element_t *p_later = p_shared[k].p_later;
+        for (const sr_hash_table_element_t *p = p_shared[k].p_earlier; p != nullptr;
+             p = p->p_next) {
+            if (sr_i_hash_table_keys_equal(p_hash_table, p_later->p_key_value, p->p_key_value)) {
+                rc = SR_E_DUPLICATE_KEY;
+                break;
+            }
+        }
+    }
+    free(p_shared);
+    return rc;
+}
+
+}  // namespace
+
+qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
+    sr_hash_table_t *const p_hash_table = p_table->p_rows_hash_table;
+    // An index that holds nothing yet (a table being opened or copied) is
+    // built at once, unless a hash falls outside it.
+    bool at_once = p_hash_table != nullptr && p_hash_table->p_slabs == nullptr;
+    qx_uint32_t seen = 0;
     for (qx_uint32_t f = 0; f < p_table->maximum_rows && seen < p_table->total_committed_rows;
          ++f) {
         sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[f];
@@ -389,18 +469,29 @@ qx_int32_t sr_i_establish_secondary_row_access(sr_i_table_t *p_table) {
         p_table->p_rows_packed_index[seen] = f;
         p_entry->packed_index = seen;
         ++seen;
-        if (p_hash_table != nullptr) {
-            char *p_data = p_entry->p_committed;
-            char *p_key = sr_i_row_slot(p_data, 0);
-            if (pointer_key) {
-                qx_uint32_t offset;
-                memcpy(&offset, p_key, sizeof offset);
-                p_key = sr_i_row_indirect_area(p_data, total_columns) + offset;
-            }
-            qx_int32_t rc = sr_i_hash_table_add(p_hash_table, p_key, f, &p_entry->hash_index,
-                                                &p_entry->p_hash_table_element, key_qualifier);
-            if (rc != 0) return rc;
+        if (at_once) {
+            at_once = sr_i_hash_table_bucket(p_hash_table,
+                                             sr_i_row_key_value(p_table, p_entry->p_committed),
+                                             &p_entry->hash_index);
         }
+    }
+    if (p_hash_table == nullptr) return 0;
+    const qx_uint32_t key_qualifier = p_table->p_columns[0].qualifier;
+    if (at_once) {
+        const bool checked = (key_qualifier & SR_QUALIFIER_BASE_MASK) == SR_PRIMARY_KEY;
+        const qx_int32_t rc = build_key_index(p_table, seen, checked);
+        if (rc != SR_E_DUPLICATE_KEY) return rc;
+        sr_i_hash_table_clear(p_hash_table);
+    }
+    // One add per live row in fixed index order, whose first failure is the
+    // result.
+    for (qx_uint32_t i = 0; i < seen; ++i) {
+        const qx_uint32_t f = p_table->p_rows_packed_index[i];
+        sr_i_index_entry_t *p_entry = &p_table->p_rows_fixed_index[f];
+        qx_int32_t rc = sr_i_hash_table_add(
+            p_hash_table, sr_i_row_key_value(p_table, p_entry->p_committed), f,
+            &p_entry->hash_index, &p_entry->p_hash_table_element, key_qualifier);
+        if (rc != 0) return rc;
     }
     return 0;
 }

@@ -749,56 +749,11 @@ bool commit_record_follows(const char *p_image, qx_uint64_t offset, qx_uint64_t 
     return false;
 }
 
-// The hashed key index, built during the pass while each row's key is at
-// hand.  The index must come out as if the live rows had been added in fixed
-// index order once the pass is over: in each bucket, higher slots ahead of
-// lower ones.  A row taking the next unused slot goes ahead of every element;
-// a row taking a slot freed earlier in the pass, or replacing a row, is put
-// in its place.  Should a checked key meet its equal (which a later record
-// may still resolve) or anything else fail, the index is given up here and
-// built again after the pass the way a single add per live row would, with
-// that way's result.
-struct key_index_builder_t {
-    key_index_builder_t(sr_hash_table_t *p_index, sr_i_index_entry_t *p_fixed,
-                        sr_qualifier_t key_qualifier)
-        : p_hash_table(p_index),
-          p_slots(p_fixed),
-          qualifier(key_qualifier),
-          given_up(p_index == nullptr) {}
-
-    sr_hash_table_t *p_hash_table;
-    sr_i_index_entry_t *p_slots;
-    sr_qualifier_t qualifier;
-    bool given_up;
-
-    // A row in slot f whose key is at p_key; `highest` when f is above
-    // every slot holding a row.
-    void add(qx_uint32_t f, char *p_key, bool highest) {
-        if (given_up) return;
-        sr_i_index_entry_t *p_entry = &p_slots[f];
-        const qx_int32_t rc =
-            highest ? sr_i_hash_table_add(p_hash_table, p_key, f, &p_entry->hash_index,
-                                          &p_entry->p_hash_table_element, qualifier)
-                    : sr_i_hash_table_add_ordered(p_hash_table, p_key, f, &p_entry->hash_index,
-                                                  &p_entry->p_hash_table_element, qualifier);
-        if (rc != 0) given_up = true;
-    }
-    // The row in slot f is replaced or deleted.
-    void remove(qx_uint32_t f) {
-        if (given_up) return;
-        if (sr_i_hash_table_remove_element(p_hash_table, p_slots[f].hash_index,
-                                           p_slots[f].p_hash_table_element) != 0) {
-            given_up = true;
-        }
-    }
-};
-
 // The single pass over the records after the metadata record.  Slots are
 // handed out as the free chain of a fresh index would: the lowest one freed
 // by a deletion first, else the next never used; *p_used counts the latter.
 qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_read,
-                        qx_uint64_t image_end, qx_uint32_t *p_used,
-                        key_index_builder_t *p_builder) {
+                        qx_uint64_t image_end, qx_uint32_t *p_used) {
     const qx_uint64_t meta_length = rec_length(p_image);
     const qx_uint32_t total_columns = p_table->total_columns;
     const qx_uint32_t key_type =
@@ -806,7 +761,6 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
     const qx_uint64_t row_minimum = kHeader + 4 + 8 * static_cast<qx_uint64_t>(total_columns);
     sr_i_record_buffer_pool_t *p_pool = &p_table->record_buffer_pool;
     sr_i_index_entry_t *const p_slots = p_table->p_rows_fixed_index;
-    const bool indexed = !p_builder->given_up;
     const bool pointer_key = is_pointer_type(key_type);
     qx_uint32_t used = 0;
     qx_uint64_t current = meta_length;
@@ -856,7 +810,6 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                         return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     sr_i_rb_free_record(p_pool, p_entry->p_committed);
-                    if (indexed) p_builder->remove(fixed);
                 } else {
                     if (p_table->p_rows_free_chain != nullptr) {
                         p_entry = sr_i_rows_free_chain_remove(p_table);
@@ -875,14 +828,6 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                 // Right as it stands when every slot handed out stays live.
                 p_entry->packed_index = f;
                 sr_i_store_u32(p_data, f);
-                if (indexed) {
-                    char *p_key = sr_i_row_slot(p_data, 0);
-                    if (pointer_key) {
-                        p_key =
-                            sr_i_row_indirect_area(p_data, total_columns) + sr_i_load_u32(p_key);
-                    }
-                    p_builder->add(f, p_key, f + 1 == used && replaces == 0);
-                }
                 break;
             }
             case SR_I_RECORD_TYPE_DELETION: {
@@ -902,7 +847,6 @@ qx_int32_t load_records(sr_i_table_t *p_table, char *p_image, qx_uint64_t bytes_
                         return SR_ERROR(SR_E_TABLE_UNREADABLE);
                     }
                     sr_i_rb_free_record(p_pool, p_entry->p_committed);
-                    if (indexed) p_builder->remove(fixed);
                     sr_i_rows_free_chain_insert(p_table, p_entry);
                     --p_table->total_applied_rows;
                 }
@@ -1063,20 +1007,13 @@ qx_int32_t sr_i_open_persistent_table(sr_i_tree_t *p_tree, const char *p_name,
     }
     if (rc == 0) rc = sr_i_allocate_application_metadata_buffer(1, &p_new->p_application_metadata);
     qx_uint32_t used = 0;
-    key_index_builder_t builder{p_new->p_rows_hash_table, p_new->p_rows_fixed_index,
-                                p_new->p_columns != nullptr ? p_new->p_columns[0].qualifier : 0};
-    if (rc == 0 && !builder.given_up) {
-        // Every row record the file can hold, as for the row index.
-        rc = sr_i_hash_table_reserve(p_new->p_rows_hash_table, p_new->maximum_rows);
-    }
-    if (rc == 0) rc = load_records(p_new, p_image, bytes_read, image_end, &used, &builder);
+    if (rc == 0) rc = load_records(p_new, p_image, bytes_read, image_end, &used);
     if (rc == 0) rc = sr_i_complete_rows_index(p_new, used);
     if (rc == 0) {
         p_new->total_committed_rows = p_new->total_applied_rows;
-        if (builder.given_up && p_new->p_rows_hash_table != nullptr) {
-            sr_i_hash_table_clear(p_new->p_rows_hash_table);
-            rc = sr_i_establish_secondary_row_access(p_new);
-        }
+        // The key index once the pass has settled which rows live, as if
+        // they had been added in fixed index order.
+        if (p_new->p_rows_hash_table != nullptr) rc = sr_i_establish_secondary_row_access(p_new);
     }
     if (rc != 0) {
         sr_i_close_table(p_new);
