@@ -388,6 +388,30 @@ struct shared_bucket_t {
     const sr_hash_table_element_t *p_earlier;
 };
 
+// The list of such pairs, freed with the build.
+struct shared_buckets_t {
+    shared_bucket_t *p_pairs = nullptr;
+    qx_uint32_t total = 0;
+    qx_uint32_t room = 0;
+    shared_buckets_t() = default;
+    shared_buckets_t(const shared_buckets_t &) = delete;
+    shared_buckets_t &operator=(const shared_buckets_t &) = delete;
+    ~shared_buckets_t() { free(p_pairs); }
+    // False when short of memory.
+    bool push(const sr_hash_table_element_t *p_later, const sr_hash_table_element_t *p_earlier) {
+        if (total == room) {
+            const qx_uint32_t grown = room == 0 ? 1024 : 2 * room;
+            auto *p_grown = static_cast<shared_bucket_t *>(
+                sr_i_realloc(p_pairs, sizeof(shared_bucket_t) * grown));
+            if (p_grown == nullptr) return false;
+            p_pairs = p_grown;
+            room = grown;
+        }
+        p_pairs[total++] = {p_later, p_earlier};
+        return true;
+    }
+};
+
 // The key index of `seen` live rows into an index that holds nothing yet,
 // each row's bucket already in its slot.  Rows are linked in fixed index
 // order, so every chain comes out as single adds in that order leave it;
@@ -403,11 +427,8 @@ qx_int32_t build_key_index(sr_i_table_t *p_table, qx_uint32_t seen, bool checked
     sr_i_index_entry_t *const p_slots = p_table->p_rows_fixed_index;
     const qx_uint32_t *const p_live = p_table->p_rows_packed_index;
     if (sr_i_hash_table_reserve(p_hash_table, seen) != 0) return SR_ERROR(SR_E_NO_MEMORY);
-    shared_bucket_t *p_shared = nullptr;
-    qx_uint32_t total_shared = 0;
-    qx_uint32_t room = 0;
-    qx_int32_t rc = 0;
-    for (qx_uint32_t i = 0; i < seen && rc == 0; ++i) {
+    shared_buckets_t shared;
+    for (qx_uint32_t i = 0; i < seen; ++i) {
         if (i + kBuildAhead < seen) {
             __builtin_prefetch(
                 &p_hash_table->p_elements[p_slots[p_live[i + kBuildAhead]].hash_index], 1);
@@ -417,41 +438,28 @@ qx_int32_t build_key_index(sr_i_table_t *p_table, qx_uint32_t seen, bool checked
         slot.p_hash_table_element =
             sr_i_hash_table_link(p_hash_table, sr_i_row_key_value(p_table, slot.p_committed),
                                  p_live[i], slot.hash_index);
-        if (slot.p_hash_table_element == nullptr) {
-            rc = SR_ERROR(SR_E_NO_MEMORY);
-        } else if (checked && p_head != nullptr) {
-            if (total_shared == room) {
-                room = room == 0 ? 1024 : 2 * room;
-                auto *p_grown = static_cast<shared_bucket_t *>(
-                    sr_i_realloc(p_shared, sizeof(shared_bucket_t) * room));
-                if (p_grown == nullptr) {
-                    rc = SR_ERROR(SR_E_NO_MEMORY);
-                    break;
-                }
-                p_shared = p_grown;
-            }
-            p_shared[total_shared++] = {slot.p_hash_table_element, p_head};
+        if (slot.p_hash_table_element == nullptr) return SR_ERROR(SR_E_NO_MEMORY);
+        if (checked && p_head != nullptr && !shared.push(slot.p_hash_table_element, p_head)) {
+            return SR_ERROR(SR_E_NO_MEMORY);
         }
     }
-    for (qx_uint32_t k = 0; k < total_shared && rc == 0; ++k) {
-        if (k + 2 * kBuildAhead < total_shared) {
-            __builtin_prefetch(p_shared[k + 2 * kBuildAhead].p_earlier);
+    const shared_bucket_t *const p_pairs = shared.p_pairs;
+    for (qx_uint32_t k = 0; k < shared.total; ++k) {
+        if (k + 2 * kBuildAhead < shared.total) {
+            __builtin_prefetch(p_pairs[k + 2 * kBuildAhead].p_earlier);
         }
-        if (k + kBuildAhead < total_shared) {
-            __builtin_prefetch(p_shared[k + kBuildAhead].p_later->p_key_value);
-            __builtin_prefetch(p_shared[k + kBuildAhead].p_earlier->p_key_value);
+        if (k + kBuildAhead < shared.total) {
+            __builtin_prefetch(p_pairs[k + kBuildAhead].p_later->p_key_value);
+            __builtin_prefetch(p_pairs[k + kBuildAhead].p_earlier->p_key_value);
         }
-        const sr_hash_table_element_t *p_later = p_shared[k].p_later;
-        for (const sr_hash_table_element_t *p = p_shared[k].p_earlier; p != nullptr;
-             p = p->p_next) {
+        const sr_hash_table_element_t *p_later = p_pairs[k].p_later;
+        for (const sr_hash_table_element_t *p = p_pairs[k].p_earlier; p != nullptr; p = p->p_next) {
             if (sr_i_hash_table_keys_equal(p_hash_table, p_later->p_key_value, p->p_key_value)) {
-                rc = SR_E_DUPLICATE_KEY;
-                break;
+                return SR_E_DUPLICATE_KEY;
             }
         }
     }
-    free(p_shared);
-    return rc;
+    return 0;
 }
 
 }  // namespace
